@@ -1,0 +1,24 @@
+// Late-bound calls: a member reached by name, with arguments in declared order.
+#pragma once
+
+#include <array>
+#include <utility>
+
+#include "platform/failure.h"
+#include "platform/object.h"
+#include "platform/variant.h"
+
+namespace tabforge {
+
+// Calls `member` of `target`. An empty reference is "object variable not set". The call holds its
+// own reference for its whole length, so a nested call that empties the caller's field cannot
+// destroy the object under it.
+template <class... Args>
+Variant CallByName(Ref<Object> target, BstrView member, CallKind kind, Args&&... arguments) {
+  if (!target)
+    Raise(RunTimeError::kObjectNotSet);
+  std::array<Variant, sizeof...(Args)> list{Variant(std::forward<Args>(arguments))...};
+  return target->Invoke(member, kind, list);
+}
+
+}  // namespace tabforge

@@ -1,0 +1,104 @@
+#include "platform/portable/portable_platform.h"
+
+#include <fstream>
+
+#include "platform/failure.h"
+
+namespace tabforge {
+namespace {
+
+Bstr SettingKey(BstrView appName, BstrView section, BstrView key) {
+  Bstr k(appName);
+  k += u'/';
+  k += section;
+  k += u'/';
+  k += key;
+  return k;
+}
+
+}  // namespace
+
+Bstr PortableHost::GetSetting(BstrView appName, BstrView section, BstrView key,
+                              BstrView defaultValue) const {
+  auto it = settings_.find(SettingKey(appName, section, key));
+  return it == settings_.end() ? Bstr(defaultValue) : it->second;
+}
+
+void PortableHost::SetSetting(BstrView appName, BstrView section, BstrView key, Bstr value) {
+  settings_[SettingKey(appName, section, key)] = std::move(value);
+}
+
+bool PortableHost::LoadSettingsFile(const std::string& path) {
+  std::ifstream in(path);
+  if (!in)
+    return false;
+  std::string line;
+  while (std::getline(in, line)) {
+    if (!line.empty() && line.back() == '\r')
+      line.pop_back();
+    if (line.empty() || line[0] == '#')
+      continue;
+    const auto equals = line.find('=');
+    if (equals == std::string::npos)
+      continue;
+    settings_[FromUtf8(line.substr(0, equals))] = FromUtf8(line.substr(equals + 1));
+  }
+  return true;
+}
+
+Ref<Object> PortableObjectFactory::CreateObject(BstrView progId) {
+  auto it = creators_.find(progId);
+  if (it == creators_.end())
+    Raise(RunTimeError::kCannotCreateObject);
+  Ref<Object> created = it->second();
+  if (!created)
+    Raise(RunTimeError::kCannotCreateObject);
+  return created;
+}
+
+void PortableObjectFactory::Register(Bstr progId, Creator creator) {
+  creators_[std::move(progId)] = std::move(creator);
+}
+
+void PortableObjectFactory::Unregister(BstrView progId) {
+  if (auto it = creators_.find(progId); it != creators_.end())
+    creators_.erase(it);
+}
+
+void PortableMessageQueue::PumpOnce() {
+  ++passes_;
+  if (everyPass_)
+    everyPass_();
+  std::vector<std::function<void()>> work;
+  work.swap(pending_);
+  for (auto& item : work)
+    item();
+}
+
+std::int32_t PortableAccessibilityApi::AccessibleChildren(const Ref<Object>& container,
+                                                          std::int32_t firstChild,
+                                                          std::int32_t count, Variant* children,
+                                                          std::int32_t* obtained) {
+  constexpr std::int32_t kFailed = static_cast<std::int32_t>(0x80004005);  // unspecified failure
+  *obtained = 0;
+  if (!container || count <= 0 || firstChild < 0)
+    return kFailed;
+  try {
+    const Variant list = container->Invoke(kPortableChildrenMember, CallKind::kPropertyGet, {});
+    const ArrayRef& array = list.Value().Array();
+    if (!array)
+      return kFailed;
+    const auto* items = std::get_if<std::vector<Variant>>(&array->elements);
+    if (items == nullptr)
+      return kFailed;
+    for (std::size_t i = static_cast<std::size_t>(firstChild);
+         i < items->size() && *obtained < count; ++i) {
+      children[(*obtained)++] = (*items)[i];
+    }
+    return *obtained < count ? 1 : 0;  // 1: fewer children than asked for, as the platform says
+  } catch (const Failure&) {
+    return kFailed;
+  }
+}
+
+}  // namespace tabforge

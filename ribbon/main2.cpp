@@ -1,0 +1,112 @@
+#include "ribbon/main2.h"
+
+#include "platform/failure.h"
+#include "ribbon/procedures.h"
+#include "tracing/run.h"
+
+namespace tabforge {
+
+using namespace main2_procedures;
+using tracing::Body;
+using tracing::LocalReport;
+using tracing::ParameterText;
+using tracing::Run;
+
+Bstr IdText(std::int32_t id) {
+  return Bstr(kIdPrefix) + DecimalText(id);
+}
+
+Main2::Main2(VbwProtector& protector) : protector_(protector) {}
+
+tracing::Module Main2::Trace() const noexcept {
+  return tracing::Module(
+      protector_,
+      [](const void* self) { static_cast<const Main2*>(self)->vbwReportModuleVariables(); }, this);
+}
+
+void Main2::vbwReportModuleVariables() const {
+  protector_.vbwReportToFile(Bstr(kModuleBanner));
+  protector_.vbwReportVariable(u"mEnabled", mEnabled, 0);
+  protector_.vbwReportVariable(u"mQuickBookmarkEnabled", mQuickBookmarkEnabled, 0);
+  protector_.vbwReportVariable(u"mProductName", mProductName, 0);
+  protector_.vbwReportVariable(u"mLexoscopeOn", mLexoscopeOn, 0);
+  protector_.vbwReportVariable(u"mRibbon", Variant(Ref<Object>(mRibbon)), 0);
+  protector_.vbwReportVariable(u"mTransparentGifLoader", Variant(mTransparentGifLoader), 0);
+  protector_.vbwReportVariable(u"mEventSignaller", Variant(mEventSignaller), 0);
+  protector_.vbwReportVariable(u"mProductNameSensitiveControls",
+                               Variant(Ref<Object>(mProductNameSensitiveControls)), 0);
+}
+
+void Main2::Initialize(const Ref<Object>& eventSignaller, const Bstr& productName) {
+  Run(
+      Trace(), kInitialize,
+      [&](ParameterText& p) {
+        p.Add(u"eventSignaller", eventSignaller);
+        p.Add(u"productName", productName);
+      },
+      [&](LocalReport& l) {
+        l.Add(u"productName", productName);
+        l.Add(u"eventSignaller", eventSignaller);
+      },
+      [&](Body& body) {
+        TF_BEGIN(body)
+        TF_STEP(1) mProductName = productName;
+        TF_STEP(2) mEnabled = kTrue;
+        TF_STEP(3) mQuickBookmarkEnabled = kFalse;
+        TF_STEP(4) mTransparentGifLoader = nullptr;
+        TF_STEP(5) mEventSignaller = eventSignaller;
+        TF_STEP(6) mProductNameSensitiveControls = MakeRef<Dictionary>();
+        TF_STEP(7)
+        initProductNameSensitiveControl(kLabelTemplates[0].id,
+                                        Bstr(kLabelTemplates[0].labelTemplate));
+        TF_STEP(8)
+        initProductNameSensitiveControl(kLabelTemplates[1].id,
+                                        Bstr(kLabelTemplates[1].labelTemplate));
+        TF_STEP(9)
+        initProductNameSensitiveControl(kLabelTemplates[2].id,
+                                        Bstr(kLabelTemplates[2].labelTemplate));
+        TF_STEP(10)
+        initProductNameSensitiveControl(kLabelTemplates[3].id,
+                                        Bstr(kLabelTemplates[3].labelTemplate));
+        TF_END
+      });
+}
+
+void Main2::ribbon(const Ref<Object>& ribbon) {
+  Run(
+      Trace(), kRibbon, [&](ParameterText& p) { p.Add(u"ribbon", ribbon); },
+      [&](LocalReport& l) { l.Add(u"ribbon", ribbon); },
+      [&](Body& body) {
+        TF_BEGIN(body)
+        // Nothing empties the field; an object without the ribbon interface is a type mismatch
+        // and leaves the field as it was.
+        TF_STEP(1) {
+          Ref<RibbonUi> ribbonUi = ribbon ? ribbon->QueryRibbonUi() : nullptr;
+          if (ribbon && !ribbonUi)
+            Raise(RunTimeError::kTypeMismatch);
+          mRibbon = std::move(ribbonUi);
+        }
+        TF_END
+      });
+}
+
+void Main2::initProductNameSensitiveControl(std::int32_t id, const Bstr& labelTemplate) {
+  Run(
+      Trace(), kInitProductNameSensitiveControl,
+      [&](ParameterText& p) {
+        p.Add(u"id", id);
+        p.Add(u"labelTemplate", labelTemplate);
+      },
+      [&](LocalReport& l) {
+        l.Add(u"id", id);
+        l.Add(u"labelTemplate", labelTemplate);
+      },
+      [&](Body& body) {
+        TF_BEGIN(body)
+        TF_STEP(1) if (!mProductNameSensitiveControls) Raise(RunTimeError::kObjectNotSet);
+        mProductNameSensitiveControls->Add(id, labelTemplate);
+        TF_END
+      });
+}
+
+}  // namespace tabforge

@@ -1,0 +1,60 @@
+// Main2, the library's one public class: the state the add-in's ribbon depends on, and every
+// member that the add-in's template calls.
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "platform/bstr.h"
+#include "platform/object.h"
+#include "platform/variant_bool.h"
+#include "ribbon/control_ids.h"
+#include "ribbon/dictionary.h"
+#include "tracing/vbw_protector.h"
+
+namespace tabforge {
+
+class Main2 {
+ public:
+  // The instance belongs to the apartment whose tracing module `protector` is.
+  explicit Main2(VbwProtector& protector);
+  Main2(const Main2&) = delete;
+  Main2& operator=(const Main2&) = delete;
+
+  // --- The members of the public interface, in its order. No failure ever leaves one. ---------
+
+  void Initialize(const Ref<Object>& eventSignaller, const Bstr& productName);
+  // The write-only property: holds the object's ribbon interface.
+  void ribbon(const Ref<Object>& ribbon);
+
+  // --- State, for hosts and tests ----------------------------------------------------------------
+
+  VariantBool enabled() const { return mEnabled; }
+  VariantBool quickBookmarkEnabled() const { return mQuickBookmarkEnabled; }
+  const Bstr& productName() const { return mProductName; }
+  VariantBool lexoscopeOn() const { return mLexoscopeOn; }
+  const Ref<RibbonUi>& ribbonUi() const { return mRibbon; }
+  const Ref<Object>& eventSignaller() const { return mEventSignaller; }
+  const Ref<Dictionary>& productNameSensitiveControls() const {
+    return mProductNameSensitiveControls;
+  }
+
+ private:
+  void initProductNameSensitiveControl(std::int32_t id, const Bstr& labelTemplate);
+  void vbwReportModuleVariables() const;
+  tracing::Module Trace() const noexcept;
+
+  VbwProtector& protector_;
+
+  // Fields, in the order of the module report.
+  VariantBool mEnabled = kFalse;
+  VariantBool mQuickBookmarkEnabled = kFalse;
+  Bstr mProductName;
+  VariantBool mLexoscopeOn = kFalse;
+  Ref<RibbonUi> mRibbon;
+  Ref<Object> mTransparentGifLoader;
+  Ref<Object> mEventSignaller;
+  Ref<Dictionary> mProductNameSensitiveControls;
+};
+
+}  // namespace tabforge

@@ -1,0 +1,37 @@
+// The four text operations that the ribbon code calls.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "platform/bstr.h"
+#include "platform/variant_bool.h"
+
+namespace tabforge {
+
+struct StringExtensions {
+  // `text` with occurrences of `find` replaced, searched from `start` (1-based) in one pass, so a
+  // replacement is never searched again. `count` -1 replaces every occurrence; `compare` 0 is
+  // exact, 1 ignores the case of ASCII letters. As the run time's replace does, the result begins
+  // at `start`. An empty `find` replaces nothing.
+  static Bstr replaceText(BstrView text, BstrView find, BstrView replacement,
+                          std::int32_t start = 1, std::int32_t count = -1,
+                          std::int32_t compare = 0);
+
+  // Fills `array` with one element for each value, in order, lower bound 0.
+  template <class... Values>
+  static std::vector<Bstr>& stringArray(std::vector<Bstr>& array, const Values&... values) {
+    array.clear();
+    array.reserve(sizeof...(Values));
+    (array.emplace_back(values), ...);
+    return array;
+  }
+
+  static VariantBool endsWith(BstrView text, BstrView ending);
+
+  // Removes `prefix` from the start of `text` when it is there, and says whether it was. A text
+  // that does not begin with the prefix is left as it is.
+  static VariantBool stripPrefix(Bstr& text, BstrView prefix);
+};
+
+}  // namespace tabforge

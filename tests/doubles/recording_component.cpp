@@ -1,0 +1,90 @@
+#include "doubles/recording_component.h"
+
+#include "platform/failure.h"
+#include "tracing/vbw_protector.h"
+
+namespace tabforge::testing {
+
+std::string LogText(const Variant& value) {
+  std::string text = Describe(value.Value());
+  std::string escaped;
+  for (char c : text) {
+    switch (c) {
+      case '\0':
+        escaped += "\\0";
+        break;
+      case '\1':
+        escaped += "\\1";
+        break;
+      case '\r':
+        escaped += "\\r";
+        break;
+      case '\n':
+        escaped += "\\n";
+        break;
+      default:
+        escaped += c;
+    }
+  }
+  return escaped;
+}
+
+std::vector<std::string> ComponentScript::Members() const {
+  std::vector<std::string> members;
+  for (const auto& line : log)
+    members.push_back(line.substr(0, line.find('(')));
+  return members;
+}
+
+std::vector<std::string> ComponentScript::CallsTo(const std::string& member) const {
+  std::vector<std::string> calls;
+  for (const auto& line : log) {
+    if (line.rfind(member + "(", 0) == 0)
+      calls.push_back(line);
+  }
+  return calls;
+}
+
+Variant RecordingComponent::Invoke(BstrView member, CallKind, std::span<Variant> arguments) {
+  std::string line = ToUtf8(member) + "(";
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    if (i > 0)
+      line += ", ";
+    line += LogText(arguments[i]);
+  }
+  script_->log.push_back(line + ")");
+
+  if (member == u"vbwInitializeProtector") {
+    if (script_->failInitialize)
+      Raise(-2147467259, u"initialisation failed");
+    if (script_->onInitialize)
+      script_->onInitialize(arguments);
+    return {};
+  }
+  if (member == u"vbwErrorHandler") {
+    if (script_->onFailure)
+      script_->onFailure(arguments);
+    if (script_->answers.empty())
+      return script_->fallback;
+    Variant answer = script_->answers.front();
+    script_->answers.pop_front();
+    return answer;
+  }
+  if (member == u"vbwOpenDumpFile" && script_->failOpenDump) {
+    Raise(75, u"Path/File access error");
+  }
+  if (member == u"vbwReportParameter")
+    return Variant(u"<" + ToBstr(arguments[0]) + u">");
+  return {};
+}
+
+std::shared_ptr<ComponentScript> InstallRecordingComponent(PortableObjectFactory& factory) {
+  auto script = std::make_shared<ComponentScript>();
+  factory.Register(Bstr(kErrorComponentProgId), [script] {
+    ++script->created;
+    return Ref<Object>(MakeRef<RecordingComponent>(script));
+  });
+  return script;
+}
+
+}  // namespace tabforge::testing

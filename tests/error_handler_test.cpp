@@ -1,0 +1,287 @@
+// The failure handler, the error component's life, the dump sequence, and the bounds that keep a
+// misbehaving component from hanging the host.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "apartment.h"
+#include "tracing/run.h"
+
+namespace tabforge::testing {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::SizeIs;
+using tracing::Body;
+using tracing::DefineProcedure;
+using tracing::LocalReport;
+using tracing::Run;
+
+constexpr auto kGetChildren = DefineProcedure(u"Accessibility.GetChildren", 400);
+constexpr auto kOther = DefineProcedure(u"Accessibility.Other", 500);
+
+// A procedure shaped like the walker's child enumeration: its locals and an empty module report.
+struct Walker {
+  Apartment& apartment;
+  std::string trail;
+
+  tracing::Module Trace() {
+    return tracing::Module(
+        apartment.protector,
+        [](const void* self) {
+          static_cast<const Walker*>(self)->apartment.protector.vbwReportToFile(
+              Bstr(kModuleBanner));
+        },
+        this);
+  }
+
+  void GetChildren() {
+    std::int32_t NumChildren = 0;
+    std::int32_t NumReturned = 0;
+    std::vector<Variant> ChildrenArray;
+    Ref<Object> Element;
+    Run(
+        Trace(), kGetChildren, tracing::NoParameters,
+        [&](LocalReport& l) {
+          l.Add(u"NumChildren", NumChildren);
+          l.Add(u"NumReturned", NumReturned);
+          l.Add(u"ChildrenArray", ChildrenArray);
+          l.Add(u"Element", Element);
+        },
+        [&](Body& body) {
+          TF_BEGIN(body)
+          TF_STEP(1) trail += "1";
+          TF_STEP(2) trail += "2";
+          TF_END
+        });
+  }
+
+  void Other() {
+    Run(Trace(), kOther, tracing::NoParameters, tracing::NoLocals, [&](Body& body) {
+      TF_BEGIN(body)
+      TF_STEP(1) trail += "o";
+      TF_END
+    });
+  }
+};
+
+class Handler : public ::testing::Test {
+ protected:
+  Apartment apartment;
+  Walker walker{apartment, {}};
+  ComponentScript& script = *apartment.script;
+};
+
+std::string Banner(BstrView banner) {
+  return LogText(Variant(Bstr(banner)));
+}
+
+TEST_F(Handler, KeyHoldsModuleNumberAndLineBetweenControlCharacters) {
+  const Bstr key = apartment.protector.hash(u"Main2", -5, 240);
+  EXPECT_EQ(key, Bstr(u"\0Main2\1-5\1"
+                      u"240\0",
+                      14));
+  EXPECT_EQ(apartment.protector.hash(u"Main2", -5, 240), key);
+  EXPECT_FALSE(IsTrue(apartment.protector.alwaysIgnore(u"", key)));
+}
+
+TEST_F(Handler, DumpThenLeaveSendsTheWholeSequenceInOrder) {
+  apartment.faults.FailAt(u"Accessibility.GetChildren", 1, 1, 440);
+  script.answers = {std::int32_t{8}, std::int32_t{7}};
+  walker.GetChildren();
+
+  const std::string handler = R"(vbwErrorHandler(I4 440, BSTR "injected", BSTR "Tabforge", )"
+                              R"(BSTR "Accessibility", BSTR "GetChildren", I4 401, I2 1, )"
+                              R"(ARRAY(BSTR) 64))";
+  EXPECT_THAT(
+      script.log,
+      ElementsAre("vbwInitializeProtector(BOOL -1, BOOL 0, BOOL 0, BOOL -1, BOOL -1, BOOL -1)",
+                  handler, "vbwOpenDumpFile()", "vbwReportToFile(" + Banner(kLocalBanner) + ")",
+                  R"(vbwReportVariable(BSTR "NumChildren", I4 0, I4 0))",
+                  R"(vbwReportVariable(BSTR "NumReturned", I4 0, I4 0))",
+                  R"(vbwReportVariable(BSTR "ChildrenArray", ARRAY(VARIANT) undimensioned, I4 0))",
+                  R"(vbwReportVariable(BSTR "Element", DISPATCH nothing, I4 0))",
+                  "vbwReportToFile(" + Banner(kModuleBanner) + ")",
+                  "vbwReportToFile(" + Banner(kGlobalBanner) + ")",
+                  R"(vbwReportVariable(BSTR "vbwProtector.vbwTraceProc", BOOL -1, I4 0))",
+                  R"(vbwReportVariable(BSTR "vbwProtector.vbwTraceParameters", BOOL 0, I4 0))",
+                  R"(vbwReportObject(BSTR "VB.App", DISPATCH, I4 0))",
+                  R"(vbwReportObject(BSTR "Err", DISPATCH, I4 0))",
+                  R"(vbwReportObject(BSTR "VB.Screen", DISPATCH, I4 0))",
+                  R"(vbwReportObject(BSTR "VB.Printer", DISPATCH nothing, I4 0))",
+                  "vbwCloseDumpFile()",
+                  R"(vbwErrorHandler(I4 -1, BSTR "injected", BSTR "Tabforge", )"
+                  R"(BSTR "Accessibility", BSTR "GetChildren", I4 401, I2 1, ARRAY(BSTR) 64))"));
+  EXPECT_EQ(script.created, 1);
+  EXPECT_FALSE(apartment.protector.ErrorComponent());
+  EXPECT_EQ(walker.trail, "");
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
+TEST_F(Handler, BannersAreEightySixCharacters) {
+  for (BstrView banner : {kLocalBanner, kModuleBanner, kGlobalBanner}) {
+    EXPECT_EQ(banner.size(), 86u);
+    EXPECT_EQ(banner.substr(0, 2), u"\r\n");
+  }
+}
+
+TEST_F(Handler, IgnoreAlwaysIsRememberedByModuleNumberAndLine) {
+  apartment.faults.FailAt(u"Accessibility.GetChildren", 1, 2);
+  script.answers = {std::int32_t{6}};
+  walker.GetChildren();
+  EXPECT_EQ(walker.trail, "2");  // answered as ignore once
+  walker.GetChildren();          // the same failure again: not asked, goes on
+  EXPECT_EQ(walker.trail, "22");
+  EXPECT_THAT(script.CallsTo("vbwErrorHandler"), SizeIs(1));
+  EXPECT_FALSE(apartment.protector.ErrorComponent());
+
+  // Another line of the same module still reaches the component.
+  apartment.faults.FailAt(u"Accessibility.GetChildren", 2);
+  walker.GetChildren();
+  EXPECT_THAT(script.CallsTo("vbwErrorHandler"), SizeIs(2));
+}
+
+TEST_F(Handler, EndThreadKeepsTheComponentForExitThread) {
+  apartment.faults.FailAt(u"Accessibility.GetChildren", 1);
+  script.answers = {std::int32_t{3}};
+  walker.GetChildren();
+  EXPECT_THAT(script.Members(),
+              ElementsAre("vbwInitializeProtector", "vbwErrorHandler", "vbwExitThread"));
+  EXPECT_FALSE(apartment.protector.ErrorComponent());
+  EXPECT_EQ(walker.trail, "");
+}
+
+TEST_F(Handler, RetryEmptiesTheComponentAndAFreshOneAnswersTheNext) {
+  apartment.faults.FailAt(u"Accessibility.GetChildren", 1, 2);
+  script.answers = {std::int32_t{4}, std::int32_t{5}};
+  walker.GetChildren();
+  EXPECT_EQ(walker.trail, "2");
+  EXPECT_EQ(script.created, 2);
+  EXPECT_THAT(script.CallsTo("vbwInitializeProtector"), SizeIs(2));
+}
+
+TEST_F(Handler, UnknownAnswersAreReturnedAndEmptyTheComponent) {
+  for (std::int32_t answer : {1, 2, 9}) {
+    apartment.faults.FailAt(u"Accessibility.GetChildren", 1);
+    script.answers = {answer};
+    EXPECT_EQ(apartment.protector.vbwErrorHandler(answer * 100, u"d", u"Tabforge", u"M", u"P", 1),
+              answer);
+    EXPECT_FALSE(apartment.protector.ErrorComponent());
+  }
+}
+
+TEST_F(Handler, AnswerThatIsNoNumberCountsAsNoAnswer) {
+  script.answers = {Variant(u"seven")};
+  EXPECT_EQ(apartment.protector.vbwErrorHandler(5, u"d", u"Tabforge", u"M", u"P", 1), 0);
+  EXPECT_FALSE(apartment.protector.ErrorComponent());
+}
+
+TEST_F(Handler, NumberMinusOneKeepsThePreviousKey) {
+  apartment.protector.vbwErrorHandler(5, u"d", u"Tabforge", u"Main2", u"P", 12);
+  const Bstr key = apartment.protector.LastError();
+  apartment.protector.vbwErrorHandler(-1, u"d", u"Tabforge", u"Other", u"P", 99);
+  EXPECT_EQ(apartment.protector.LastError(), key);
+}
+
+TEST_F(Handler, WithoutComponentEveryFailureLeavesAndTriesCreationAgain) {
+  int attempts = 0;
+  apartment.platform.objects.Register(Bstr(kErrorComponentProgId), [&]() -> Ref<Object> {
+    ++attempts;
+    Raise(RunTimeError::kCannotCreateObject);
+  });
+  apartment.faults.FailAt(u"Accessibility.GetChildren", 1, 2);
+  walker.GetChildren();
+  walker.GetChildren();
+  EXPECT_EQ(attempts, 2);
+  EXPECT_EQ(walker.trail, "");
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
+TEST_F(Handler, FailingInitialisationIsNoAnswer) {
+  script.failInitialize = true;
+  EXPECT_EQ(apartment.protector.vbwErrorHandler(5, u"d", u"Tabforge", u"M", u"P", 1), 0);
+  EXPECT_FALSE(apartment.protector.ErrorComponent());
+  EXPECT_THAT(script.Members(), ElementsAre("vbwInitializeProtector"));
+}
+
+TEST_F(Handler, ComponentChangesSwitchesThroughTheirReferences) {
+  script.onInitialize = [](std::span<Variant> switches) {
+    AssignThrough(switches[0], Variant(kFalse));  // vbwCatchException
+    AssignThrough(switches[1], Variant(kTrue));   // vbwTraceLine
+  };
+  apartment.protector.vbwErrorHandler(5, u"d", u"Tabforge", u"M", u"P", 1);
+  EXPECT_EQ(apartment.protector.vbwCatchException, kFalse);
+  EXPECT_EQ(apartment.protector.vbwTraceLine, kTrue);
+}
+
+TEST_F(Handler, DumpForeverEndsAfterTheBound) {
+  apartment.faults.FailAt(u"Accessibility.GetChildren", 1);
+  script.fallback = std::int32_t{8};
+  walker.GetChildren();
+  EXPECT_THAT(script.CallsTo("vbwOpenDumpFile"),
+              SizeIs(apartment.protector.limits.maxDumpsPerFailure));
+  EXPECT_EQ(walker.trail, "");
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
+TEST_F(Handler, FailingDumpOpeningWithDumpForeverEnds) {
+  apartment.faults.FailAt(u"Accessibility.GetChildren", 1);
+  script.fallback = std::int32_t{8};
+  script.failOpenDump = true;
+  walker.GetChildren();
+  // Every opening fails and is answered with another dump; the nesting bound ends it.
+  EXPECT_GT(script.CallsTo("vbwOpenDumpFile").size(), 1u);
+  EXPECT_LT(script.log.size(), 1'000'000u);
+  EXPECT_EQ(script.CallsTo("vbwCloseDumpFile").size(), script.CallsTo("vbwOpenDumpFile").size());
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
+TEST_F(Handler, NestedFailureThatEmptiesTheComponentDoesNotBreakTheOuterCall) {
+  apartment.faults.FailAt(u"Accessibility.GetChildren", 1);
+  int nested = 0;
+  script.onFailure = [&](std::span<Variant>) {
+    if (nested++ > 0)
+      return;
+    apartment.faults.FailAt(u"Accessibility.Other", 1);
+    walker.Other();  // fails, is answered, and empties the shared field
+  };
+  script.answers = {std::int32_t{7}, std::int32_t{5}};
+  walker.GetChildren();
+  // The nested failure took answer 7 and the outer one got 5 from a component that the outer
+  // call still held.
+  EXPECT_EQ(walker.trail, "2");
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
+TEST_F(Handler, ErrObjectDescribesTheFailureBeingHandled) {
+  apartment.faults.FailAt(u"Accessibility.GetChildren", 2, 1, 91);
+  script.answers = {std::int32_t{8}, std::int32_t{7}};
+  Ref<Object> err;
+  // Catch the object as it is reported.
+  struct Catcher final : Object {
+    Ref<Object>* target;
+    Variant Invoke(BstrView member, CallKind, std::span<Variant> args) override {
+      if (member == u"vbwReportObject" && ToBstr(args[0]) == u"Err")
+        *target = ToObject(args[1]);
+      if (member == u"vbwErrorHandler")
+        return std::int32_t{calls++ == 0 ? 8 : 7};
+      return {};
+    }
+    int calls = 0;
+  };
+  apartment.platform.objects.Register(Bstr(kErrorComponentProgId), [&] {
+    auto catcher = MakeRef<Catcher>();
+    catcher->target = &err;
+    return Ref<Object>(catcher);
+  });
+  walker.GetChildren();
+  ASSERT_TRUE(err);
+  EXPECT_EQ(ToLong(err->Invoke(u"Number", CallKind::kPropertyGet, {})), 91);
+  EXPECT_EQ(ToLong(err->Invoke(u"Erl", CallKind::kPropertyGet, {})), 402);
+  EXPECT_EQ(ToBstr(err->Invoke(u"source", CallKind::kPropertyGet, {})), u"Tabforge");
+}
+
+}  // namespace
+}  // namespace tabforge::testing

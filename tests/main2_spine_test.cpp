@@ -1,0 +1,136 @@
+// Main2's state: initialisation, the ribbon property and the product-name-sensitive table.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "apartment.h"
+#include "doubles/recording_ribbon.h"
+#include "ribbon/main2.h"
+#include "ribbon/string_extensions.h"
+
+namespace tabforge::testing {
+namespace {
+
+using ::testing::ElementsAre;
+
+class Spine : public ::testing::Test {
+ protected:
+  Apartment apartment;
+  Main2 main2{apartment.protector};
+  std::vector<std::string> log;
+  Ref<Object> signaller = MakeRef<PlainObject>();
+};
+
+TEST_F(Spine, NewInstanceHoldsZeroes) {
+  EXPECT_EQ(main2.enabled(), kFalse);
+  EXPECT_EQ(main2.quickBookmarkEnabled(), kFalse);
+  EXPECT_EQ(main2.lexoscopeOn(), kFalse);
+  EXPECT_EQ(main2.productName(), u"");
+  EXPECT_FALSE(main2.ribbonUi());
+  EXPECT_FALSE(main2.eventSignaller());
+  EXPECT_FALSE(main2.productNameSensitiveControls());
+}
+
+TEST_F(Spine, InitializeSetsStateAndLabelTemplatesInOrder) {
+  main2.Initialize(signaller, u"Morvelin");
+  EXPECT_EQ(main2.productName(), u"Morvelin");
+  EXPECT_EQ(main2.enabled(), kTrue);
+  EXPECT_EQ(main2.quickBookmarkEnabled(), kFalse);
+  EXPECT_EQ(main2.eventSignaller(), signaller);
+  auto& table = *main2.productNameSensitiveControls();
+  EXPECT_THAT(table.Keys(), ElementsAre(0, 4, 1, 26));
+  EXPECT_EQ(table.Item(4), u"About PN / Login to PN");
+  EXPECT_EQ(table.Item(26), u"Use PN");
+  EXPECT_TRUE(apartment.script->log.empty());
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
+TEST_F(Spine, SecondInitializeResetsFlagsAndReplacesTheTable) {
+  main2.Initialize(signaller, u"Morvelin");
+  Ref<Dictionary> first = main2.productNameSensitiveControls();
+  first->Item(7);  // a read of a missing key adds it
+  main2.Initialize(nullptr, u"");
+  EXPECT_NE(main2.productNameSensitiveControls(), first);
+  EXPECT_THAT(main2.productNameSensitiveControls()->Keys(), ElementsAre(0, 4, 1, 26));
+  EXPECT_EQ(main2.productName(), u"");
+  EXPECT_FALSE(main2.eventSignaller());
+}
+
+TEST_F(Spine, RibbonSetTwiceKeepsTheSecondAndReleasesTheFirst) {
+  auto first = MakeRef<RecordingRibbon>(&log);
+  auto second = MakeRef<RecordingRibbon>(&log);
+  main2.ribbon(first);
+  main2.ribbon(second);
+  EXPECT_EQ(main2.ribbonUi(), Ref<RibbonUi>(second));
+  first.reset();  // only this test's reference was left, so the object is gone without a leak
+  EXPECT_TRUE(log.empty());  // setting the property invalidates nothing
+}
+
+TEST_F(Spine, ObjectWithoutRibbonInterfaceLeavesTheFieldAndEntersTheTail) {
+  auto ribbonObject = MakeRef<RecordingRibbon>(&log);
+  main2.ribbon(ribbonObject);
+  main2.ribbon(MakeRef<PlainObject>());
+  EXPECT_EQ(main2.ribbonUi(), Ref<RibbonUi>(ribbonObject));
+  ASSERT_EQ(apartment.script->CallsTo("vbwErrorHandler").size(), 1u);
+  EXPECT_THAT(apartment.script->CallsTo("vbwErrorHandler")[0],
+              ::testing::HasSubstr(R"(I4 13, BSTR "Type mismatch", BSTR "Tabforge", )"
+                                   R"(BSTR "Main2", BSTR "ribbon[Let]", I4 201, I2 1)"));
+}
+
+TEST_F(Spine, FailedTableCreationLeavesTheLaterStepsToTheirTails) {
+  main2.Initialize(signaller, u"Morvelin");
+  apartment.faults.FailAt(u"Main2.Initialize", 6);
+  apartment.script->answers = {std::int32_t{5}, std::int32_t{5}};
+  main2.Initialize(signaller, u"Quill");
+  // The old table stayed, so adding the first template again fails inside its own procedure.
+  EXPECT_EQ(main2.productName(), u"Quill");
+  const auto calls = apartment.script->CallsTo("vbwErrorHandler");
+  ASSERT_GE(calls.size(), 2u);
+  EXPECT_THAT(calls[1], ::testing::HasSubstr(R"(BSTR "initProductNameSensitiveControl", I4 1601)"));
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
+TEST_F(Spine, DumpOfInitializeListsLocalsThenFieldsInOrder) {
+  apartment.faults.FailAt(u"Main2.Initialize", 2);
+  apartment.script->answers = {std::int32_t{8}, std::int32_t{5}};
+  main2.Initialize(signaller, u"Morvelin");
+  std::vector<std::string> names;
+  for (const auto& line : apartment.script->CallsTo("vbwReportVariable")) {
+    names.push_back(line.substr(line.find('"') + 1, line.find("\", ") - line.find('"') - 1));
+  }
+  EXPECT_THAT(names,
+              ElementsAre("productName", "eventSignaller", "mEnabled", "mQuickBookmarkEnabled",
+                          "mProductName", "mLexoscopeOn", "mRibbon", "mTransparentGifLoader",
+                          "mEventSignaller", "mProductNameSensitiveControls",
+                          "vbwProtector.vbwTraceProc", "vbwProtector.vbwTraceParameters"));
+  // Continued behind the failed statement: it never ran, the ones after it did.
+  EXPECT_EQ(main2.enabled(), kFalse);
+  EXPECT_TRUE(main2.productNameSensitiveControls());
+}
+
+TEST(StringExtensionsTest, ReplaceTextIsOnePassAndExact) {
+  EXPECT_EQ(StringExtensions::replaceText(u"About PN / Login to PN", u"PN", u"Quill"),
+            u"About Quill / Login to Quill");
+  EXPECT_EQ(StringExtensions::replaceText(u"Apply PN", u"PN", u"PNPN"), u"Apply PNPN");
+  EXPECT_EQ(StringExtensions::replaceText(u"Apply pn", u"PN", u"X"), u"Apply pn");
+  EXPECT_EQ(StringExtensions::replaceText(u"Apply pn", u"PN", u"X", 1, -1, 1), u"Apply X");
+  EXPECT_EQ(StringExtensions::replaceText(u"PN PN PN", u"PN", u"x", 1, 2), u"x x PN");
+  EXPECT_EQ(StringExtensions::replaceText(u"Apply PN", u"PN", u""), u"Apply ");
+  EXPECT_EQ(StringExtensions::replaceText(u"abc", u"", u"x"), u"abc");
+}
+
+TEST(StringExtensionsTest, EndsWithAndStripPrefix) {
+  EXPECT_EQ(StringExtensions::endsWith(u"paper!", u"!"), kTrue);
+  EXPECT_EQ(StringExtensions::endsWith(u"", u"!"), kFalse);
+  Bstr id = u"MVN26";
+  EXPECT_EQ(StringExtensions::stripPrefix(id, u"MVN"), kTrue);
+  EXPECT_EQ(id, u"26");
+  Bstr plain = u"26";
+  EXPECT_EQ(StringExtensions::stripPrefix(plain, u"MVN"), kFalse);
+  EXPECT_EQ(plain, u"26");
+  std::vector<Bstr> array{u"old"};
+  StringExtensions::stringArray(array, u"<", Bstr(u"a"), u"/>");
+  EXPECT_THAT(array, ElementsAre(u"<", u"a", u"/>"));
+}
+
+}  // namespace
+}  // namespace tabforge::testing

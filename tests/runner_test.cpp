@@ -1,0 +1,294 @@
+// The statement runner: failure modes, retry and continue by statement, tracking and depth.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "apartment.h"
+#include "tracing/run.h"
+
+namespace tabforge::testing {
+namespace {
+
+using ::testing::ElementsAre;
+using tracing::Body;
+using tracing::DefineProcedure;
+using tracing::LocalReport;
+using tracing::ParameterText;
+using tracing::Run;
+
+constexpr auto kBranch = DefineProcedure(u"Probe.Branch", 100);
+constexpr auto kLoop = DefineProcedure(u"Probe.Loop", 200);
+constexpr auto kNest = DefineProcedure(u"Probe.Nest", 300);
+constexpr auto kEarly = DefineProcedure(u"Probe.Early", 400);
+constexpr auto kParams = DefineProcedure(u"Probe.Params", 500);
+
+// A module of probe procedures whose bodies log what they run.
+struct Probe {
+  Apartment& apartment;
+  std::string trail;
+
+  tracing::Module Trace() {
+    return tracing::Module(
+        apartment.protector, [](const void*) {}, this);
+  }
+
+  // 1: a; 2: if (condition) { 3: b }; 4: c. Optionally passes failures over from the start.
+  void Branch(bool condition, bool passOver = false) {
+    Run(Trace(), kBranch, tracing::NoParameters, tracing::NoLocals, [&](Body& body) {
+      if (passOver)
+        body.PassOver();
+      TF_BEGIN(body)
+      TF_STEP(1) trail += "a";
+      TF_STEP(2) if (condition) {
+        TF_STEP(3) trail += "b";
+      }
+      TF_STEP(4) trail += "c";
+      TF_END
+    });
+  }
+
+  // 1: x; 2: for i in 0..1 { 3: i }; 4: y. Exits on failure when asked to.
+  void Loop(bool exitOnFailure) {
+    int i = 0;
+    Run(Trace(), kLoop, tracing::NoParameters, tracing::NoLocals, [&](Body& body) {
+      if (exitOnFailure)
+        body.ExitOnFailure();
+      TF_BEGIN(body)
+      TF_STEP(1) trail += "x";
+      TF_STEP(2) for (i = 0; i < 2; ++i) {
+        TF_STEP(3) trail += std::to_string(i);
+      }
+      TF_STEP(4) trail += "y";
+      TF_END
+    });
+  }
+
+  // Recurses `levels` deep; the innermost call records the depth it sees.
+  void Nest(int levels, int& deepest) {
+    Run(Trace(), kNest, tracing::NoParameters, tracing::NoLocals, [&](Body& body) {
+      TF_BEGIN(body)
+      TF_STEP(1) if (levels > 1) {
+        TF_STEP(2) Nest(levels - 1, deepest);
+      }
+      TF_STEP(3) if (levels == 1) {
+        TF_STEP(4) deepest = apartment.protector.Depth();
+      }
+      TF_END
+    });
+  }
+
+  void Early() {
+    Run(Trace(), kEarly, tracing::NoParameters, tracing::NoLocals, [&](Body& body) {
+      TF_BEGIN(body)
+      TF_STEP(1) trail += "1";
+      TF_STEP(2) return;
+      TF_STEP(3) trail += "3";
+      TF_END
+    });
+  }
+
+  void Params(int count) {
+    std::int32_t first = 7;
+    Bstr second = u"two";
+    Run(
+        Trace(), kParams,
+        [&](ParameterText& p) {
+          if (count >= 1)
+            p.Add(u"first", first);
+          if (count >= 2)
+            p.Add(u"second", second);
+          if (count >= 3)
+            p.AddRecord(u"Info");
+        },
+        tracing::NoLocals,
+        [&](Body& body) {
+          TF_BEGIN(body)
+          TF_STEP(1) trail += "p";
+          TF_END
+        });
+  }
+};
+
+class Runner : public ::testing::Test {
+ protected:
+  Apartment apartment;
+  Probe probe{apartment, {}};
+};
+
+TEST_F(Runner, FailureFreeRunTouchesNoComponent) {
+  probe.Branch(true);
+  EXPECT_EQ(probe.trail, "abc");
+  EXPECT_TRUE(apartment.script->log.empty());
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
+TEST_F(Runner, ContinueAfterFailedConditionRunsTheTrueBranch) {
+  apartment.faults.FailAt(u"Probe.Branch", 2);
+  apartment.script->answers = {std::int32_t{5}};
+  probe.Branch(false);
+  EXPECT_EQ(probe.trail, "abc");
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
+TEST_F(Runner, PassOverAfterFailedConditionRunsTheTrueBranchWithoutHandler) {
+  apartment.faults.FailAt(u"Probe.Branch", 2);
+  probe.Branch(false, /*passOver=*/true);
+  EXPECT_EQ(probe.trail, "abc");
+  EXPECT_TRUE(apartment.script->log.empty());
+}
+
+TEST_F(Runner, RetryRunsTheFailingStatementAgain) {
+  apartment.faults.FailAt(u"Probe.Branch", 3, /*times=*/2);
+  apartment.script->answers = {std::int32_t{4}, std::int32_t{4}};
+  probe.Branch(true);
+  EXPECT_EQ(probe.trail, "abc");
+  EXPECT_EQ(apartment.faults.Visits(u"Probe.Branch", 3), 3);
+  EXPECT_EQ(apartment.script->CallsTo("vbwErrorHandler").size(), 2u);
+}
+
+TEST_F(Runner, RetryOfAStatementThatAlwaysFailsIsBounded) {
+  apartment.faults.FailAt(u"Probe.Branch", 1, /*times=*/1'000'000);
+  apartment.script->fallback = std::int32_t{4};
+  probe.Branch(true);
+  EXPECT_EQ(probe.trail, "");
+  EXPECT_EQ(apartment.faults.Visits(u"Probe.Branch", 1),
+            apartment.protector.limits.maxRetriesPerRun + 1);
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
+TEST_F(Runner, ContinueAfterFailedLoopHeadEntersTheBody) {
+  apartment.faults.FailAt(u"Probe.Loop", 2);
+  apartment.script->answers = {std::int32_t{5}};
+  probe.Loop(false);
+  // The head never ran, so the body runs with whatever the loop variable held, then the loop
+  // goes on by its own condition.
+  EXPECT_EQ(probe.trail, "x01y");
+}
+
+TEST_F(Runner, LeaveAnswersEndTheProcedureWithExitTracking) {
+  for (std::int32_t answer : {0, 1, 2, 6 + 1, 9, -3}) {
+    probe.trail.clear();
+    apartment.faults.FailAt(u"Probe.Branch", 3);
+    apartment.script->answers = {answer};
+    probe.Branch(true);
+    EXPECT_EQ(probe.trail, "a") << "answer " << answer;
+    EXPECT_EQ(apartment.protector.Depth(), 0) << "answer " << answer;
+  }
+}
+
+TEST_F(Runner, ExitOnFailureLeavesWithoutHandler) {
+  apartment.faults.FailAt(u"Probe.Loop", 3);
+  probe.Loop(/*exitOnFailure=*/true);
+  EXPECT_EQ(probe.trail, "x");
+  EXPECT_TRUE(apartment.script->log.empty());
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
+TEST_F(Runner, EarlyExitTracksOnce) {
+  probe.Early();
+  EXPECT_EQ(probe.trail, "1");
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
+TEST_F(Runner, DepthSixtyFourStoresTheLastSlot) {
+  int deepest = 0;
+  probe.Nest(64, deepest);
+  EXPECT_EQ(deepest, 64);
+  EXPECT_EQ(apartment.protector.StackSlot(64), u"Probe.Nest");
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
+TEST_F(Runner, DepthSixtyFiveCountsWithoutStoring) {
+  // Mark slot 1 with another name so that an overwrite would show.
+  probe.Early();
+  int deepest = 0;
+  probe.Nest(65, deepest);
+  EXPECT_EQ(deepest, 65);
+  EXPECT_EQ(apartment.protector.StackSlot(1), u"Probe.Nest");
+  EXPECT_EQ(apartment.protector.StackSlot(64), u"Probe.Nest");
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+  // Names above the depth are kept, not cleared.
+  EXPECT_EQ(apartment.protector.StackSlot(2), u"Probe.Nest");
+}
+
+TEST_F(Runner, ProcOutAtDepthZeroStaysAtZero) {
+  apartment.protector.vbwProcOut(u"Probe.Nest");
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
+TEST_F(Runner, WithoutTraceProcNothingIsTracked) {
+  apartment.protector.vbwTraceProc = kFalse;
+  int deepest = -1;
+  probe.Nest(3, deepest);
+  EXPECT_EQ(deepest, 0);
+}
+
+// The parameter text is seen only where it goes: the local report of vbwProcIn's own tail.
+class ParameterTexts : public Runner {
+ protected:
+  std::string TextFor(int count) {
+    apartment.protector.vbwTraceParameters = kTrue;
+    apartment.faults.FailAt(u"vbwProtector.vbwProcIn", 1);
+    apartment.script->answers = {std::int32_t{8}, std::int32_t{7}};
+    probe.Params(count);
+    for (const auto& line : apartment.script->CallsTo("vbwReportVariable")) {
+      if (line.find("\"lParameters\"") != std::string::npos)
+        return line;
+    }
+    return "none";
+  }
+};
+
+TEST_F(ParameterTexts, NoParametersGiveBareBrackets) {
+  EXPECT_EQ(TextFor(0), "vbwReportVariable(BSTR \"lParameters\", BSTR \"()\", I4 0)");
+}
+
+TEST_F(ParameterTexts, PiecesAreEmptyInAFailureFreeEntry) {
+  // The text is built at entry, before the failure: no component is alive to give the pieces.
+  EXPECT_EQ(TextFor(2), R"(vbwReportVariable(BSTR "lParameters", BSTR "(, ) ", I4 0))");
+}
+
+TEST_F(ParameterTexts, RecordsGiveAFixedPiece) {
+  EXPECT_EQ(TextFor(3), R"(vbwReportVariable(BSTR "lParameters", )"
+                        R"(BSTR "(, , Info = {User Defined Type}) ", I4 0))");
+}
+
+TEST_F(ParameterTexts, PiecesComeFromALiveComponent) {
+  apartment.protector.vbwTraceParameters = kTrue;
+  // Keep a component alive (an answer 8 does), then build a text while it is.
+  apartment.faults.FailAt(u"Probe.Branch", 1);
+  apartment.script->answers = {std::int32_t{8}};
+  Bstr text;
+  apartment.script->onFailure = [&](std::span<Variant>) {
+    if (!apartment.protector.ErrorComponent())
+      return;
+    tracing::ParameterText pieces(apartment.protector);
+    pieces.Add(u"first", std::int32_t{1});
+    text = std::move(pieces).Finish();
+  };
+  probe.Branch(true);
+  EXPECT_EQ(text, u"(<first>) ");
+}
+
+TEST_F(ParameterTexts, WithoutComponentPiecesAreEmpty) {
+  apartment.protector.vbwTraceParameters = kTrue;
+  tracing::ParameterText text(apartment.protector);
+  text.Add(u"a", std::int32_t{1});
+  text.Add(u"b", Bstr(u"x"));
+  EXPECT_EQ(std::move(text).Finish(), u"(, ) ");
+  tracing::ParameterText one(apartment.protector);
+  one.Add(u"a", std::int32_t{1});
+  EXPECT_EQ(std::move(one).Finish(), u"() ");
+  EXPECT_TRUE(apartment.script->log.empty());
+}
+
+TEST_F(ParameterTexts, NotBuiltWhenParameterTracingIsOff) {
+  apartment.protector.vbwTraceParameters = kFalse;
+  apartment.script->log.clear();
+  probe.Params(2);
+  EXPECT_EQ(apartment.script->created, 0);
+}
+
+}  // namespace
+}  // namespace tabforge::testing

@@ -1,0 +1,155 @@
+#include "tracing/run.h"
+
+#include <new>
+#include <utility>
+
+#include "tracing/vbw_protector.h"
+
+namespace tabforge::tracing {
+namespace {
+
+// The failure in flight, whatever was thrown: the core throws `Failure`, and anything else that
+// reaches the runner becomes a failure too, so that nothing leaves a procedure as an exception.
+Failure CurrentFailure() noexcept {
+  try {
+    throw;
+  } catch (const Failure& failure) {
+    return failure;
+  } catch (const std::bad_alloc&) {
+    return Failure{static_cast<std::int32_t>(RunTimeError::kOutOfMemory), {}};
+  } catch (...) {
+    return Failure{static_cast<std::int32_t>(RunTimeError::kInternalError), {}};
+  }
+}
+
+}  // namespace
+
+void ParameterText::Separate() {
+  text_ += any_ ? u", " : u"(";
+  any_ = true;
+}
+
+void ParameterText::AddPiece(BstrView name, const Variant& value) {
+  Separate();
+  text_ += protector_.vbwReportParameter(name, value);
+}
+
+void ParameterText::AddRecord(BstrView name) {
+  Separate();
+  text_ += name;
+  text_ += u" = {User Defined Type}";
+}
+
+Bstr ParameterText::Finish() && {
+  if (!any_)
+    return u"()";
+  text_ += u") ";
+  return std::move(text_);
+}
+
+void LocalReport::AddVariable(BstrView name, const Variant& value) {
+  protector_.vbwReportVariable(name, value, 0);
+}
+
+void LocalReport::AddText(BstrView text) {
+  protector_.vbwReportToFile(Bstr(text));
+}
+
+void Frame::EnterWithParameterText(ParameterList parameters) {
+  ParameterText text(protector_);
+  parameters(text);
+  protector_.vbwProcIn(info_.qualifiedName, std::move(text).Finish());
+}
+
+bool Frame::Recover(LocalList locals) noexcept {
+  const Failure failure = CurrentFailure();
+  switch (body_.mode_) {
+    case FailureMode::kPassOver:
+      body_.resume_ = body_.step_ + 1;
+      return true;
+    case FailureMode::kGoTo:
+      // A failure at or behind the target would come back to it for ever: leave instead.
+      body_.resume_ = body_.step_ < body_.target_ ? body_.target_ : kEndOfBody;
+      return true;
+    case FailureMode::kArmed:
+      break;
+  }
+  switch (Tail(failure, locals)) {
+    case Resolution::kRetry:
+      if (++retries_ > protector_.limits.maxRetriesPerRun)
+        return false;
+      body_.resume_ = body_.step_;
+      entered_ = body_.step_ != 0;  // a failed entry is entered again
+      return true;
+    case Resolution::kContinue:
+      body_.resume_ = body_.step_ + 1;
+      return true;
+    case Resolution::kLeave:
+      break;
+  }
+  return false;
+}
+
+Frame::Resolution Frame::Tail(const Failure& failure, LocalList locals) noexcept {
+  VbwProtector& protector = protector_;
+  VbwProtector::ActiveFailure active{failure.number, failure.description,
+                                     info_.firstLine + body_.step_};
+  VbwProtector::TailScope scope(protector, active);
+  try {
+    std::int32_t number = failure.number;
+    for (int dumps = 0;;) {
+      // A tail nested too deep gets no answer, as if no component could be created.
+      const std::int32_t result =
+          scope.TooDeep()
+              ? 0
+              : protector.vbwErrorHandler(number, failure.description, Bstr(kProjectName),
+                                          Bstr(info_.module), Bstr(info_.procedure), active.line);
+      switch (result) {
+        case kEndThread:
+          protector.vbwExitThread();
+          return Resolution::kLeave;
+        case kRetry:
+          return Resolution::kRetry;
+        case kIgnoreOnce:
+          return Resolution::kContinue;
+        case kWriteDump:
+          if (++dumps > protector.limits.maxDumpsPerFailure)
+            return Resolution::kLeave;
+          if (info_.form != Instrumentation::kUntrackedNoDump)
+            DumpStep(locals);
+          number = -1;
+          break;
+        default:
+          return Resolution::kLeave;
+      }
+    }
+  } catch (...) {
+    // Only running out of memory gets here; the procedure leaves as with no answer.
+    return Resolution::kLeave;
+  }
+}
+
+void Frame::DumpStep(LocalList locals) noexcept {
+  VbwProtector& protector = protector_;
+  protector.vbwOpenDumpFile();
+  protector.vbwReportToFile(Bstr(kLocalBanner));
+  // The reports of a section have no failure handling of their own. A failure in one (a platform
+  // object that the machine lacks, say) costs the rest of that section; the dump goes on with the
+  // next section and is always closed, so the component is never left with an open file.
+  try {
+    LocalReport report(protector);
+    locals(report);
+  } catch (...) {
+  }
+  try {
+    module_.ReportModuleVariables();
+  } catch (...) {
+  }
+  try {
+    protector.vbwReportGlobalVariables();
+  } catch (...) {
+  }
+  protector.vbwCloseDumpFile();
+}
+
+}  // namespace tabforge::tracing

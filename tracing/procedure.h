@@ -1,0 +1,197 @@
+// The pieces of the one mechanism that runs every instrumented procedure (tracing/run.h runs it):
+// entry and exit tracking, the three failure modes, statement-level retry and continue, and the
+// failure tail.
+//
+// A procedure body is written as its list of statements, each behind TF_STEP with its number in
+// text order. The body is a switch over the statement to start at, so that after a failure the
+// runner can start the body again at the failing statement (retry) or at the next one in text
+// order (continue, pass-over) - also when that statement sits inside a branch or a loop whose head
+// failed. Locals therefore live outside the body lambda, and every statement that leaves the
+// procedure (a `return`) is a statement of its own.
+//
+//   std::int16_t id = 0;
+//   VariantBool result = kFalse;
+//   tracing::Run(Trace(), kGetEnabled,
+//       [&](tracing::ParameterText& p) { p.Add(u"idStr", idStr); },
+//       [&](tracing::LocalReport& l) { l.Add(u"idStr", idStr); l.Add(u"id", id); },
+//       [&](tracing::Body& body) {
+//         TF_BEGIN(body)
+//         TF_STEP(1) id = ...;
+//         TF_STEP(2) if (id == 19) {
+//           TF_STEP(3) result = kTrue;
+//           TF_STEP(4) return;
+//         }
+//         TF_END
+//       });
+#pragma once
+
+#include <cstdint>
+#include <limits>
+
+#include "platform/bstr.h"
+#include "platform/failure.h"
+#include "tracing/function_ref.h"
+#include "tracing/report_values.h"
+
+namespace tabforge {
+class VbwProtector;
+}
+
+namespace tabforge::tracing {
+
+// How a procedure is instrumented.
+enum class Instrumentation : std::uint8_t {
+  // Entry and exit tracking, parameter text, the usual failure tail.
+  kTracked,
+  // The tracing module's own procedures: no tracking; the tail reports the tracing module.
+  kUntracked,
+  // As kUntracked, but an answer "write a dump" writes none (the report procedure that the dump
+  // itself is made of).
+  kUntrackedNoDump,
+};
+
+struct ProcedureInfo {
+  BstrView qualifiedName;  // module, point, procedure, as in "Main2.GetEnabled[Get]"
+  BstrView module;         // the half before the first point
+  BstrView procedure;      // the half behind it, with its accessor suffix
+  std::int32_t firstLine;  // a failing statement reports firstLine + its number
+  Instrumentation form;
+};
+
+constexpr ProcedureInfo DefineProcedure(BstrView qualifiedName, std::int32_t firstLine,
+                                        Instrumentation form = Instrumentation::kTracked) {
+  const auto point = qualifiedName.find(u'.');
+  return {qualifiedName, qualifiedName.substr(0, point), qualifiedName.substr(point + 1), firstLine,
+          form};
+}
+
+// Lets a test make any statement fail without touching the procedure.
+class FaultInjector {
+ public:
+  virtual ~FaultInjector() = default;
+  // Called before each statement runs; throws `Failure` to make that statement fail.
+  virtual void OnStatement(const ProcedureInfo& procedure, int step) = 0;
+};
+
+enum class FailureMode : std::uint8_t { kArmed, kPassOver, kGoTo };
+
+// The resume point that runs no statement: the body's end, where the last exit is.
+inline constexpr int kEndOfBody = std::numeric_limits<int>::max();
+
+// The running body's view of the runner: where to start, which statement runs, which mode holds.
+class Body {
+ public:
+  int Resume() const noexcept { return resume_; }
+
+  // Records that statement `step` starts. The fault injector may make it fail here.
+  void At(int step) {
+    step_ = step;
+    if (injector_ != nullptr) [[unlikely]] {
+      injector_->OnStatement(*info_, step);
+    }
+  }
+
+  // Failing statements are given up and the next statement in text order runs.
+  void PassOver() noexcept { mode_ = FailureMode::kPassOver; }
+  // A failing statement leaves through the last exit, without the tail.
+  void ExitOnFailure() noexcept { OnFailureGoTo(kEndOfBody); }
+  // A failing statement goes on at statement `step`, without the tail.
+  void OnFailureGoTo(int step) noexcept {
+    mode_ = FailureMode::kGoTo;
+    target_ = step;
+  }
+
+  FailureMode mode() const noexcept { return mode_; }
+  int step() const noexcept { return step_; }
+
+ private:
+  friend class Frame;
+  const ProcedureInfo* info_ = nullptr;
+  FaultInjector* injector_ = nullptr;
+  int resume_ = 0;
+  int step_ = 0;
+  int target_ = kEndOfBody;
+  FailureMode mode_ = FailureMode::kArmed;
+};
+
+// The tracing context of a module: its apartment's protector and its module-variable report.
+class Module {
+ public:
+  using Reporter = void (*)(const void* self);
+  Module(VbwProtector& protector, Reporter reportVariables, const void* self) noexcept
+      : protector_(&protector), report_(reportVariables), self_(self) {}
+
+  VbwProtector& protector() const noexcept { return *protector_; }
+  void ReportModuleVariables() const { report_(self_); }
+
+ private:
+  VbwProtector* protector_;
+  Reporter report_;
+  const void* self_;
+};
+
+// Builds a procedure's parameter text; only asked for when parameter tracing is on.
+class ParameterText {
+ public:
+  explicit ParameterText(VbwProtector& protector) noexcept : protector_(protector) {}
+
+  template <class T>
+  void Add(BstrView name, const T& value) {
+    AddPiece(name, ToVariant(value));
+  }
+  // A record contributes its name and a fixed text; no value is read.
+  void AddRecord(BstrView name);
+  // "()" without parameters, else "(" pieces joined by ", " and ") ".
+  Bstr Finish() &&;
+
+ private:
+  void AddPiece(BstrView name, const Variant& value);
+  void Separate();
+  VbwProtector& protector_;
+  Bstr text_;
+  bool any_ = false;
+};
+
+// Sends a procedure's local list to the dump.
+class LocalReport {
+ public:
+  explicit LocalReport(VbwProtector& protector) noexcept : protector_(protector) {}
+
+  template <class T>
+  void Add(BstrView name, const T& value) {
+    AddVariable(name, ToVariant(value));
+  }
+  // A record goes through its record type's own report procedure.
+  void AddRecord(FunctionRef<void()> reportRecord) { reportRecord(); }
+  // A fixed text, sent as it stands.
+  void AddText(BstrView text);
+
+ private:
+  void AddVariable(BstrView name, const Variant& value);
+  VbwProtector& protector_;
+};
+
+using ParameterList = FunctionRef<void(ParameterText&)>;
+using LocalList = FunctionRef<void(LocalReport&)>;
+
+// For procedures without parameters or locals.
+inline constexpr auto NoParameters = [](ParameterText&) {};
+inline constexpr auto NoLocals = [](LocalReport&) {};
+
+}  // namespace tabforge::tracing
+
+// The statement switch. TF_BEGIN opens it on the body's resume point, TF_STEP(n) marks statement n
+// (numbered from 1 in text order, without gaps), TF_END closes it.
+#define TF_BEGIN(body)                          \
+  ::tabforge::tracing::Body& tf_body_ = (body); \
+  switch (tf_body_.Resume()) {                  \
+    case 0:
+#define TF_STEP(n) \
+  [[fallthrough]]; \
+  case n:          \
+    tf_body_.At(n);
+#define TF_END     \
+  [[fallthrough]]; \
+  default:         \
+    break;         \
+    }

@@ -1,0 +1,82 @@
+// Runs instrumented procedures; see tracing/procedure.h for how a body is written.
+#pragma once
+
+#include "tracing/procedure.h"
+#include "tracing/vbw_protector.h"
+
+namespace tabforge::tracing {
+
+// Runner state of one run of one procedure.
+class Frame {
+ public:
+  Frame(const Module& module, const ProcedureInfo& info) noexcept
+      : module_(module), protector_(module.protector()), info_(info) {
+    body_.info_ = &info;
+    body_.injector_ = protector_.faultInjector();
+  }
+  Frame(const Frame&) = delete;
+  Frame& operator=(const Frame&) = delete;
+
+  Body& body() noexcept { return body_; }
+  bool entered() const noexcept { return entered_; }
+
+  // Entry: arms the tail, then tracks the entry behind the trace switches.
+  void Enter(ParameterList parameters) {
+    entered_ = true;
+    body_.mode_ = FailureMode::kArmed;
+    body_.step_ = 0;
+    if (info_.form != Instrumentation::kTracked || !IsTrue(protector_.vbwTraceProc))
+      return;
+    if (IsTrue(protector_.vbwTraceParameters)) [[unlikely]] {
+      EnterWithParameterText(parameters);
+    } else {
+      protector_.vbwProcIn(info_.qualifiedName, {});
+    }
+  }
+
+  // Deals with the failure in flight by the current mode; true when the body is to run again
+  // from `body().Resume()`, false when the procedure leaves.
+  bool Recover(LocalList locals) noexcept;
+
+  // The last exit: exit tracking behind the trace switch.
+  void Leave() noexcept {
+    if (info_.form == Instrumentation::kTracked && IsTrue(protector_.vbwTraceProc)) {
+      protector_.vbwProcOut(info_.qualifiedName);
+    }
+  }
+
+ private:
+  enum class Resolution { kRetry, kContinue, kLeave };
+  void EnterWithParameterText(ParameterList parameters);
+  Resolution Tail(const Failure& failure, LocalList locals) noexcept;
+  void DumpStep(LocalList locals) noexcept;
+
+  Module module_;
+  VbwProtector& protector_;
+  const ProcedureInfo& info_;
+  Body body_;
+  int retries_ = 0;
+  bool entered_ = false;
+};
+
+// Runs one instrumented procedure. `parameters` and `locals` are only called when parameter
+// tracing is on or a dump is written, so a failure-free run builds neither.
+template <class Parameters, class Locals, class Statements>
+void Run(const Module& module, const ProcedureInfo& info, Parameters&& parameters, Locals&& locals,
+         Statements&& statements) noexcept {
+  Frame frame(module, info);
+  for (;;) {
+    try {
+      if (!frame.entered())
+        frame.Enter(parameters);
+      statements(frame.body());
+      break;
+    } catch (...) {
+      if (!frame.Recover(locals))
+        break;
+    }
+  }
+  frame.Leave();
+}
+
+}  // namespace tabforge::tracing

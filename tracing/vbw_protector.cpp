@@ -1,0 +1,370 @@
+#include "tracing/vbw_protector.h"
+
+#include <limits>
+#include <vector>
+
+#include "platform/call_by_name.h"
+#include "tracing/run.h"
+#include "tracing/runtime_objects.h"
+
+namespace tabforge {
+namespace {
+
+using tracing::Body;
+using tracing::DefineProcedure;
+using tracing::Instrumentation;
+using tracing::LocalReport;
+using tracing::NoLocals;
+using tracing::NoParameters;
+using tracing::Run;
+
+constexpr auto kUntracked = Instrumentation::kUntracked;
+
+// Line numbers: a hundred per procedure, in the module's order, plus the statement's number.
+constexpr auto kInitializeProtector =
+    DefineProcedure(u"vbwProtector.vbwInitializeProtector", 100, kUntracked);
+constexpr auto kExitThread = DefineProcedure(u"vbwProtector.vbwExitThread", 200, kUntracked);
+constexpr auto kProcIn = DefineProcedure(u"vbwProtector.vbwProcIn", 300, kUntracked);
+constexpr auto kReportParameter =
+    DefineProcedure(u"vbwProtector.vbwReportParameter", 400, kUntracked);
+constexpr auto kErrorHandler = DefineProcedure(u"vbwProtector.vbwErrorHandler", 500, kUntracked);
+constexpr auto kHash = DefineProcedure(u"vbwProtector.hash", 600, kUntracked);
+constexpr auto kAlwaysIgnore = DefineProcedure(u"vbwProtector.alwaysIgnore", 700, kUntracked);
+constexpr auto kOpenDumpFile = DefineProcedure(u"vbwProtector.vbwOpenDumpFile", 800, kUntracked);
+constexpr auto kCloseDumpFile = DefineProcedure(u"vbwProtector.vbwCloseDumpFile", 900, kUntracked);
+constexpr auto kReportToFile =
+    DefineProcedure(u"vbwProtector.vbwReportToFile", 1000, Instrumentation::kUntrackedNoDump);
+constexpr auto kReportVariable =
+    DefineProcedure(u"vbwProtector.vbwReportVariable", 1100, kUntracked);
+constexpr auto kReportObject = DefineProcedure(u"vbwProtector.vbwReportObject", 1200, kUntracked);
+
+constexpr BstrView kTraceSwitch = u"/trace";
+
+}  // namespace
+
+VbwProtector::VbwProtector(const Platform& platform) : platform_(platform) {}
+
+VbwProtector::~VbwProtector() = default;
+
+tracing::Module VbwProtector::Trace() noexcept {
+  return tracing::Module(
+      *this,
+      [](const void* self) {
+        const_cast<VbwProtector*>(static_cast<const VbwProtector*>(self))
+            ->vbwReportModuleVariables();
+      },
+      this);
+}
+
+BstrView VbwProtector::StackSlot(int k) const noexcept {
+  return k >= 1 && k <= kStackSlots ? mStack[static_cast<std::size_t>(k - 1)] : BstrView{};
+}
+
+// --- Start-up and switches ----------------------------------------------------------------------
+
+bool VbwProtector::TracingRequested() {
+  if (platform_.host->CommandLine().find(kTraceSwitch) != Bstr::npos)
+    return true;
+  return platform_.host->GetSetting(kProjectName, u"Init", u"vbwTrace", u"") == u"1";
+}
+
+void VbwProtector::vbwInitializeProtector() {
+  Run(Trace(), kInitializeProtector, NoParameters, NoLocals, [&](Body& body) {
+    TF_BEGIN(body)
+    TF_STEP(1) vbwEmailRecipientAdress = Bstr(kSupportMailbox);
+    TF_STEP(2) vbwCatchException = kTrue;
+    TF_STEP(3) vbwTraceLine = ToVariantBool(TracingRequested());
+    TF_STEP(4) vbwTraceProc = ToVariantBool(TracingRequested());
+    TF_STEP(5) vbwTraceParameters = vbwTraceProc;
+    TF_STEP(6) vbwCallStack = kTrue;
+    TF_STEP(7) vbwSystemInfo = kTrue;
+    TF_STEP(8) vbwScreenshot = kTrue;
+    TF_STEP(9) mOldTraceProc = vbwTraceProc;
+    TF_STEP(10) if (IsTrue(vbwCallStack)) {
+      TF_STEP(11) vbwTraceProc = kTrue;
+    }
+    TF_STEP(12) mStack.fill(BstrView{});
+    mStackAllocated = true;
+    TF_END
+  });
+}
+
+void VbwProtector::vbwExitThread() {
+  Run(Trace(), kExitThread, NoParameters, NoLocals, [&](Body& body) {
+    body.PassOver();
+    TF_BEGIN(body)
+    TF_STEP(1) CallByName(mErrorParams, u"vbwExitThread", CallKind::kMethod);
+    TF_STEP(2) mErrorParams.reset();
+    TF_END
+  });
+}
+
+// --- Procedure tracking -------------------------------------------------------------------------
+
+void VbwProtector::InstrumentedProcIn(BstrView lProc, BstrView lParameters) {
+  Run(
+      Trace(), kProcIn, NoParameters,
+      [&](LocalReport& l) {
+        l.Add(u"lProc", lProc);
+        l.Add(u"lParameters", lParameters);
+      },
+      [&](Body& body) {
+        TF_BEGIN(body)
+        TF_STEP(1) if (mStackCalls == std::numeric_limits<std::int16_t>::max()) {
+          Raise(RunTimeError::kOverflow);
+        }
+        ++mStackCalls;
+        body.PassOver();
+        TF_STEP(2) if (!mStackAllocated || mStackCalls < 1 || mStackCalls > kStackSlots) {
+          Raise(RunTimeError::kSubscriptOutOfRange);
+        }
+        mStack[static_cast<std::size_t>(mStackCalls - 1)] = lProc;
+        TF_END
+      });
+}
+
+Bstr VbwProtector::vbwReportParameter(BstrView lName, const Variant& lValue) {
+  Bstr result;
+  Run(Trace(), kReportParameter, NoParameters, NoLocals, [&](Body& body) {
+    body.PassOver();
+    TF_BEGIN(body)
+    // Without a component the call would fail and be passed over; asking first is the same
+    // result without the cost of a failure for every parameter of every traced call.
+    TF_STEP(1) if (mErrorParams) {
+      Bstr name(lName);
+      Variant value = lValue;
+      result = ToBstr(CallByName(mErrorParams, u"vbwReportParameter", CallKind::kMethod,
+                                 Variant::ByRef(&name), Variant::ByRef(&value)));
+    }
+    TF_END
+  });
+  return result;
+}
+
+// --- Failure handling ---------------------------------------------------------------------------
+
+std::int32_t VbwProtector::vbwErrorHandler(std::int32_t errNumber, Bstr ErrDescription,
+                                           Bstr ErrProject, Bstr ErrSource, Bstr ErrProcedure,
+                                           std::int32_t errLine) {
+  std::int32_t result = 0;
+  Run(
+      Trace(), kErrorHandler, NoParameters,
+      [&](LocalReport& l) {
+        l.Add(u"errNumber", errNumber);
+        l.Add(u"ErrDescription", ErrDescription);
+        l.Add(u"ErrProject", ErrProject);
+        l.Add(u"ErrSource", ErrSource);
+        l.Add(u"ErrProcedure", ErrProcedure);
+        l.Add(u"errLine", errLine);
+        l.Add(u"StrRememberErrors", StrRememberErrors_);
+        l.Add(u"strLastError", strLastError_);
+      },
+      [&](Body& body) {
+        TF_BEGIN(body)
+        TF_STEP(1) if (errNumber != -1) {
+          TF_STEP(2) strLastError_ = hash(ErrSource, errNumber, errLine);
+        }
+        TF_STEP(3) if (IsTrue(alwaysIgnore(StrRememberErrors_, strLastError_))) {
+          TF_STEP(4) result = kIgnoreOnce;
+          TF_STEP(5) mErrorParams.reset();
+          TF_STEP(6) return;
+        }
+        // From here a failure goes straight to the release of the component.
+        body.OnFailureGoTo(14);
+        TF_STEP(7) if (!mErrorParams) {
+          TF_STEP(8) mErrorParams = platform_.objects->CreateObject(kErrorComponentProgId);
+          TF_STEP(9)
+          CallByName(mErrorParams, u"vbwInitializeProtector", CallKind::kMethod,
+                     Variant::ByRef(&vbwCatchException), Variant::ByRef(&vbwTraceLine),
+                     Variant::ByRef(&mOldTraceProc), Variant::ByRef(&vbwCallStack),
+                     Variant::ByRef(&vbwSystemInfo), Variant::ByRef(&vbwScreenshot));
+        }
+        TF_STEP(10) {
+          ArrayRef stack;
+          if (mStackAllocated) {
+            stack = MakeArray(std::vector<Bstr>(mStack.begin(), mStack.end()), 1);
+          }
+          result = ToLong(CallByName(
+              mErrorParams, u"vbwErrorHandler", CallKind::kMethod, Variant::ByRef(&errNumber),
+              Variant::ByRef(&ErrDescription), Variant::ByRef(&ErrProject),
+              Variant::ByRef(&ErrSource), Variant::ByRef(&ErrProcedure), Variant::ByRef(&errLine),
+              Variant::ByRef(&mStackCalls), Variant::ByRef(VarType::VT_BSTR, &stack)));
+        }
+        TF_STEP(11) if (result == kIgnoreAlways) {
+          TF_STEP(12) StrRememberErrors_ += strLastError_;
+          TF_STEP(13) result = kIgnoreOnce;
+        }
+        TF_STEP(14) if (result != kWriteDump && result != kEndThread) {
+          TF_STEP(15) mErrorParams.reset();
+        }
+        TF_END
+      });
+  return result;
+}
+
+Bstr VbwProtector::hash(const Bstr& ErrSource, std::int32_t errNumber, std::int32_t errLine) {
+  Bstr key;
+  Run(
+      Trace(), kHash, NoParameters,
+      [&](LocalReport& l) {
+        l.Add(u"ErrSource", ErrSource);
+        l.Add(u"errNumber", errNumber);
+        l.Add(u"errLine", errLine);
+      },
+      [&](Body& body) {
+        TF_BEGIN(body)
+        TF_STEP(1)
+        key = Bstr(1, u'\0') + ErrSource + u'\1' + DecimalText(errNumber) + u'\1' +
+              DecimalText(errLine) + u'\0';
+        TF_END
+      });
+  return key;
+}
+
+VariantBool VbwProtector::alwaysIgnore(const Bstr& StrRememberErrors, const Bstr& strLastError) {
+  VariantBool result = kFalse;
+  Run(
+      Trace(), kAlwaysIgnore, NoParameters,
+      [&](LocalReport& l) {
+        l.Add(u"StrRememberErrors", StrRememberErrors);
+        l.Add(u"strLastError", strLastError);
+      },
+      [&](Body& body) {
+        TF_BEGIN(body)
+        // No key is empty, so an empty one (a first failure numbered -1) is never remembered.
+        TF_STEP(1)
+        result = ToVariantBool(!strLastError.empty() &&
+                               StrRememberErrors.find(strLastError) != Bstr::npos);
+        TF_END
+      });
+  return result;
+}
+
+// --- Dump reports -------------------------------------------------------------------------------
+
+void VbwProtector::vbwOpenDumpFile() {
+  Run(Trace(), kOpenDumpFile, NoParameters, NoLocals, [&](Body& body) {
+    TF_BEGIN(body)
+    TF_STEP(1) CallByName(mErrorParams, u"vbwOpenDumpFile", CallKind::kMethod);
+    TF_END
+  });
+}
+
+void VbwProtector::vbwCloseDumpFile() {
+  Run(Trace(), kCloseDumpFile, NoParameters, NoLocals, [&](Body& body) {
+    TF_BEGIN(body)
+    TF_STEP(1) CallByName(mErrorParams, u"vbwCloseDumpFile", CallKind::kMethod);
+    TF_END
+  });
+}
+
+void VbwProtector::vbwReportToFile(const Bstr& lText) {
+  Run(Trace(), kReportToFile, NoParameters, NoLocals, [&](Body& body) {
+    TF_BEGIN(body)
+    TF_STEP(1) {
+      Bstr text = lText;
+      CallByName(mErrorParams, u"vbwReportToFile", CallKind::kMethod, Variant::ByRef(&text));
+    }
+    TF_END
+  });
+}
+
+void VbwProtector::vbwReportVariable(BstrView lName, const Variant& lValue, std::int32_t lTab) {
+  Run(Trace(), kReportVariable, NoParameters, NoLocals, [&](Body& body) {
+    body.PassOver();
+    TF_BEGIN(body)
+    TF_STEP(1) if (mErrorParams) {
+      Bstr name(lName);
+      Variant value = lValue;
+      std::int32_t tab = lTab;
+      CallByName(mErrorParams, u"vbwReportVariable", CallKind::kMethod, Variant::ByRef(&name),
+                 Variant::ByRef(&value), Variant::ByRef(&tab));
+    }
+    TF_END
+  });
+}
+
+void VbwProtector::vbwReportObject(const Bstr& lName, const Ref<Object>& lObject,
+                                   std::int32_t lTab) {
+  Run(
+      Trace(), kReportObject, NoParameters,
+      [&](LocalReport& l) {
+        l.Add(u"lName", lName);
+        l.Add(u"lTab", lTab);
+        l.Add(u"lObject", lObject);
+      },
+      [&](Body& body) {
+        TF_BEGIN(body)
+        TF_STEP(1) {
+          Bstr name = lName;
+          Ref<Object> object = lObject;
+          std::int32_t tab = lTab;
+          CallByName(mErrorParams, u"vbwReportObject", CallKind::kMethod, Variant::ByRef(&name),
+                     Variant::ByRef(&object), Variant::ByRef(&tab));
+        }
+        TF_END
+      });
+}
+
+void VbwProtector::vbwReportModuleVariables() {
+  vbwReportToFile(Bstr(kModuleBanner));
+  vbwReportVariable(u"mOldTraceProc", mOldTraceProc, 0);
+  vbwReportVariable(u"vbwEmailRecipientAdress", vbwEmailRecipientAdress, 0);
+  vbwReportVariable(u"vbwCatchException", vbwCatchException, 0);
+  vbwReportVariable(u"vbwTraceLine", vbwTraceLine, 0);
+  vbwReportVariable(u"vbwCallStack", vbwCallStack, 0);
+  vbwReportVariable(u"vbwSystemInfo", vbwSystemInfo, 0);
+  vbwReportVariable(u"vbwScreenshot", vbwScreenshot, 0);
+  vbwReportVariable(u"mStackCalls", mStackCalls, 0);
+  vbwReportVariable(
+      u"mStack",
+      Variant(VarType::VT_BSTR, mStackAllocated
+                                    ? MakeArray(std::vector<Bstr>(mStack.begin(), mStack.end()), 1)
+                                    : nullptr),
+      0);
+  vbwReportVariable(u"mErrorParams", Variant(mErrorParams), 0);
+}
+
+void VbwProtector::vbwReportGlobalVariables() {
+  vbwReportToFile(Bstr(kGlobalBanner));
+  vbwReportVariable(u"vbwProtector.vbwTraceProc", vbwTraceProc, 0);
+  vbwReportVariable(u"vbwProtector.vbwTraceParameters", vbwTraceParameters, 0);
+  vbwReportObject(u"VB.App", RuntimeObject(u"App"), 0);
+  vbwReportObject(u"Err", RuntimeObject(u"Err"), 0);
+  vbwReportObject(u"VB.Screen", RuntimeObject(u"Screen"), 0);
+  vbwReportObject(u"VB.Printer", RuntimeObject(u"Printer"), 0);
+}
+
+Ref<Object> VbwProtector::RuntimeObject(BstrView name) {
+  if (name == u"App")
+    return MakeAppObject();
+  if (name == u"Err") {
+    return currentFailure_ == nullptr
+               ? MakeErrObject(0, {}, 0)
+               : MakeErrObject(currentFailure_->number, currentFailure_->description,
+                               currentFailure_->line);
+  }
+  if (name == u"Screen")
+    return MakeScreenObject(*platform_.system);
+  return MakePrinterObject(*platform_.system);
+}
+
+// --- Tail bookkeeping ---------------------------------------------------------------------------
+
+VbwProtector::TailScope::TailScope(VbwProtector& protector, ActiveFailure& failure) noexcept
+    : protector_(protector), failure_(failure) {
+  failure_.outer = protector_.currentFailure_;
+  protector_.currentFailure_ = &failure_;
+  ++protector_.activeTails_;
+}
+
+VbwProtector::TailScope::~TailScope() {
+  --protector_.activeTails_;
+  protector_.currentFailure_ = failure_.outer;
+}
+
+bool VbwProtector::TailScope::TooDeep() const noexcept {
+  return protector_.activeTails_ > protector_.limits.maxNestedTails;
+}
+
+}  // namespace tabforge

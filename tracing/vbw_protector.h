@@ -1,0 +1,179 @@
+// The tracing module of one apartment: trace switches, the procedure stack, the failure handler
+// with its error component, and the reports that make up a dump. One instance exists per
+// apartment; every object created in that apartment holds a reference to it.
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "platform/bstr.h"
+#include "platform/object.h"
+#include "platform/platform.h"
+#include "platform/variant.h"
+#include "platform/variant_bool.h"
+#include "tracing/procedure.h"
+
+namespace tabforge {
+
+inline constexpr BstrView kProjectName = u"Tabforge";
+inline constexpr BstrView kErrorComponentProgId = u"MorvelinError.Main2";
+inline constexpr BstrView kSupportMailbox = u"support@morvelin.com";
+
+// Banners of the three dump sections, each with its own line ends.
+inline constexpr BstrView kLocalBanner =
+    u"\r\n**************************\r\n* LOCAL LEVEL VARIABLES  *\r\n"
+    u"**************************\r\n";
+inline constexpr BstrView kModuleBanner =
+    u"\r\n**************************\r\n* MODULE LEVEL VARIABLES *\r\n"
+    u"**************************\r\n";
+inline constexpr BstrView kGlobalBanner =
+    u"\r\n**************************\r\n* GLOBAL LEVEL VARIABLES *\r\n"
+    u"**************************\r\n";
+
+// Handler results and what a failure tail does with them.
+enum HandlerResult : std::int32_t {
+  kEndThread = 3,
+  kRetry = 4,
+  kIgnoreOnce = 5,
+  kIgnoreAlways = 6,
+  kLeave = 7,
+  kWriteDump = 8,
+};
+
+// Bounds that keep a misbehaving error component from hanging or overflowing the host.
+struct ProtectorLimits {
+  // Tails active at once on the thread (a failure while a failure is handled, and so on). A tail
+  // deeper than this does not ask the handler and leaves its procedure, as with no answer.
+  int maxNestedTails = 3;
+  // Answers "write a dump" within one failure; past this the tail leaves its procedure.
+  int maxDumpsPerFailure = 4;
+  // Answers "retry" within one run of a procedure; past this the procedure leaves.
+  int maxRetriesPerRun = 256;
+};
+
+class VbwProtector {
+ public:
+  static constexpr int kStackSlots = 64;
+
+  explicit VbwProtector(const Platform& platform);
+  ~VbwProtector();
+  VbwProtector(const VbwProtector&) = delete;
+  VbwProtector& operator=(const VbwProtector&) = delete;
+
+  const Platform& platform() const noexcept { return platform_; }
+
+  // --- Start-up and switches -------------------------------------------------------------------
+
+  // Sets the switches from the tracing request and allocates the stack. Runs once per apartment,
+  // before the first object of the library exists there.
+  void vbwInitializeProtector();
+  // Asks the error component to end the thread, then lets go of it.
+  void vbwExitThread();
+  // True when "/trace" is on the command line or the settings say "1".
+  bool TracingRequested();
+
+  // The switches are module variables; the error component receives them by reference and may
+  // change them.
+  VariantBool vbwTraceProc = kFalse;
+  VariantBool vbwTraceParameters = kFalse;
+  VariantBool mOldTraceProc = kFalse;
+  VariantBool vbwTraceLine = kFalse;
+  VariantBool vbwCatchException = kFalse;
+  VariantBool vbwCallStack = kFalse;
+  VariantBool vbwSystemInfo = kFalse;
+  VariantBool vbwScreenshot = kFalse;
+  Bstr vbwEmailRecipientAdress;
+
+  // --- Procedure tracking ----------------------------------------------------------------------
+
+  // Tracking a call copies no text and allocates nothing: the stack keeps a view of the caller's
+  // name, which is one of the procedures' own constants.
+  void vbwProcIn(BstrView lProc, BstrView lParameters) {
+    if (injector_ == nullptr && mStackAllocated && mStackCalls >= 0 && mStackCalls < kStackSlots)
+        [[likely]] {
+      mStack[static_cast<std::size_t>(mStackCalls++)] = lProc;
+      return;
+    }
+    InstrumentedProcIn(lProc, lParameters);
+  }
+  void vbwProcOut(BstrView) noexcept {
+    if (mStackCalls > 0)
+      --mStackCalls;
+  }
+  Bstr vbwReportParameter(BstrView lName, const Variant& lValue);
+
+  std::int16_t Depth() const noexcept { return mStackCalls; }
+  bool StackAllocated() const noexcept { return mStackAllocated; }
+  // The name in slot `k`, 1 to 64; empty for a slot never written.
+  BstrView StackSlot(int k) const noexcept;
+
+  // --- Failure handling ------------------------------------------------------------------------
+
+  std::int32_t vbwErrorHandler(std::int32_t errNumber, Bstr ErrDescription, Bstr ErrProject,
+                               Bstr ErrSource, Bstr ErrProcedure, std::int32_t errLine);
+  Bstr hash(const Bstr& ErrSource, std::int32_t errNumber, std::int32_t errLine);
+  VariantBool alwaysIgnore(const Bstr& StrRememberErrors, const Bstr& strLastError);
+
+  const Ref<Object>& ErrorComponent() const noexcept { return mErrorParams; }
+  const Bstr& RememberedErrors() const noexcept { return StrRememberErrors_; }
+  const Bstr& LastError() const noexcept { return strLastError_; }
+
+  // --- Dump reports ----------------------------------------------------------------------------
+
+  void vbwOpenDumpFile();
+  void vbwCloseDumpFile();
+  void vbwReportToFile(const Bstr& lText);
+  void vbwReportVariable(BstrView lName, const Variant& lValue, std::int32_t lTab);
+  void vbwReportObject(const Bstr& lName, const Ref<Object>& lObject, std::int32_t lTab);
+  void vbwReportModuleVariables();
+  void vbwReportGlobalVariables();
+
+  // --- For the runner and the tests ------------------------------------------------------------
+
+  tracing::Module Trace() noexcept;
+  void SetFaultInjector(tracing::FaultInjector* injector) noexcept { injector_ = injector; }
+  tracing::FaultInjector* faultInjector() const noexcept { return injector_; }
+  ProtectorLimits limits;
+
+  // The failure that the innermost active tail handles; the dump's "Err" object describes it.
+  struct ActiveFailure {
+    std::int32_t number = 0;
+    BstrView description;
+    std::int32_t line = 0;
+    const ActiveFailure* outer = nullptr;
+  };
+  // Tail bookkeeping; a tail opens a scope for the failure it handles.
+  class TailScope {
+   public:
+    TailScope(VbwProtector& protector, ActiveFailure& failure) noexcept;
+    ~TailScope();
+    TailScope(const TailScope&) = delete;
+    TailScope& operator=(const TailScope&) = delete;
+    bool TooDeep() const noexcept;
+
+   private:
+    VbwProtector& protector_;
+    ActiveFailure& failure_;
+  };
+
+ private:
+  // vbwProcIn in full, with its failure tail: for the cases where a statement can fail.
+  void InstrumentedProcIn(BstrView lProc, BstrView lParameters);
+  Ref<Object> RuntimeObject(BstrView name);
+
+  const Platform platform_;
+  std::int16_t mStackCalls = 0;
+  std::array<BstrView, kStackSlots> mStack{};
+  bool mStackAllocated = false;
+
+  // The handler's own variables, kept between its calls.
+  Bstr StrRememberErrors_;
+  Bstr strLastError_;
+  Ref<Object> mErrorParams;
+
+  tracing::FaultInjector* injector_ = nullptr;
+  int activeTails_ = 0;
+  const ActiveFailure* currentFailure_ = nullptr;
+};
+
+}  // namespace tabforge
