@@ -1,6 +1,8 @@
 #include "ribbon/main2.h"
 
 #include "platform/failure.h"
+#include "platform/variant.h"
+#include "ribbon/string_extensions.h"
 #include "ribbon/procedures.h"
 #include "tracing/run.h"
 
@@ -107,6 +109,20 @@ void Main2::initProductNameSensitiveControl(std::int32_t id, const Bstr& labelTe
         mProductNameSensitiveControls->Add(id, labelTemplate);
         TF_END
       });
+}
+
+std::int32_t Main2::convertToId(Bstr idStr) {
+  std::int32_t result = 0;
+  Run(
+      Trace(), kConvertToId, [&](ParameterText& p) { p.Add(u"idStr", idStr); },
+      [&](LocalReport& l) { l.Add(u"idStr", idStr); },
+      [&](Body& body) {
+        TF_BEGIN(body)
+        TF_STEP(1) StringExtensions::stripPrefix(idStr, kIdPrefix);
+        TF_STEP(2) result = ParseInteger(idStr);
+        TF_END
+      });
+  return result;
 }
 
 }  // namespace tabforge

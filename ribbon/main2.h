@@ -26,6 +26,20 @@ class Main2 {
   void Initialize(const Ref<Object>& eventSignaller, const Bstr& productName);
   // The write-only property: holds the object's ribbon interface.
   void ribbon(const Ref<Object>& ribbon);
+  Bstr GetRibbonXML();
+  void productNameChanged(const Bstr& productName);
+  Bstr GetLabel(const Bstr& idStr);
+  VariantBool GetEnabled(const Bstr& idStr);
+  VariantBool GetPressed(const Bstr& idStr);
+  Bstr GetScreentip(const Bstr& idStr);
+  // A picture, or nothing for a control without one.
+  Ref<Object> GetImage(const Bstr& idStr);
+  Ref<Object> LoadImage(const Bstr& id);
+  void RibbonCallback(const Bstr& idStr, VariantBool isOn);
+  void EnableGotoQuickBookmark(VariantBool value);
+  void UpdateLexoscopeIcon(VariantBool enable);
+  void EnableToolbar(VariantBool value);
+  void activateMorvelinTab(const Ref<Object>& RibbonCommandBar);
 
   // --- State, for hosts and tests ----------------------------------------------------------------
 
@@ -41,6 +55,13 @@ class Main2 {
 
  private:
   void initProductNameSensitiveControl(std::int32_t id, const Bstr& labelTemplate);
+  Bstr AddButton(const Bstr& id);
+  Bstr AddButtonImpl(const Bstr& id, const Bstr& label, Bstr& tooltip, const Bstr& shortCutKey,
+                     const Bstr& size, VariantBool showLabel, const Bstr& imageMso,
+                     const Bstr& buttonType);
+  std::int16_t getApplyMorvelinImageIndex();
+  std::int32_t convertToId(Bstr idStr);
+  void InvalidateRibbonControl(std::int32_t id);
   void vbwReportModuleVariables() const;
   tracing::Module Trace() const noexcept;
 
@@ -55,6 +76,10 @@ class Main2 {
   Ref<Object> mTransparentGifLoader;
   Ref<Object> mEventSignaller;
   Ref<Dictionary> mProductNameSensitiveControls;
+
+  // Per-control tables, filled on first use; an empty slot 0 says the table is not filled yet.
+  std::array<std::int16_t, kControlSlots> imageIndex_{};
+  std::array<Bstr, kControlSlots> macroIndex_{};
 };
 
 }  // namespace tabforge
