@@ -21,4 +21,12 @@ Variant CallByName(Ref<Object> target, BstrView member, CallKind kind, Args&&...
   return target->Invoke(member, kind, list);
 }
 
+// The object behind a reference that a statement needs: an empty one is "object variable not set".
+template <class T>
+T& Required(const Ref<T>& reference) {
+  if (!reference)
+    Raise(RunTimeError::kObjectNotSet);
+  return *reference;
+}
+
 }  // namespace tabforge

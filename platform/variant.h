@@ -72,14 +72,14 @@ class Variant {
   static Variant Unknown(Ref<Object> value);
 
   // References to the caller's variables. The variable must outlive the call it is passed to.
-  static Variant ByRef(std::int16_t* target) { return {VarType::VT_I2, target}; }
-  static Variant ByRef(std::int32_t* target) { return {VarType::VT_I4, target}; }
-  static Variant ByRef(VariantBool* target) { return {VarType::VT_BOOL, target}; }
-  static Variant ByRef(Bstr* target) { return {VarType::VT_BSTR, target}; }
-  static Variant ByRef(Ref<Object>* target) { return {VarType::VT_DISPATCH, target}; }
-  static Variant ByRef(Variant* target) { return {VarType::VT_VARIANT, target}; }
+  static Variant ByRef(std::int16_t* target) { return {VarType::VT_I2, target, ByRefTag{}}; }
+  static Variant ByRef(std::int32_t* target) { return {VarType::VT_I4, target, ByRefTag{}}; }
+  static Variant ByRef(VariantBool* target) { return {VarType::VT_BOOL, target, ByRefTag{}}; }
+  static Variant ByRef(Bstr* target) { return {VarType::VT_BSTR, target, ByRefTag{}}; }
+  static Variant ByRef(Ref<Object>* target) { return {VarType::VT_DISPATCH, target, ByRefTag{}}; }
+  static Variant ByRef(Variant* target) { return {VarType::VT_VARIANT, target, ByRefTag{}}; }
   static Variant ByRef(VarType elementType, ArrayRef* target) {
-    return {VarType::VT_ARRAY | elementType, target};
+    return {VarType::VT_ARRAY | elementType, target, ByRefTag{}};
   }
 
   VarType type() const { return type_; }
@@ -109,7 +109,9 @@ class Variant {
   friend bool operator==(const Variant& a, const Variant& b);
 
  private:
-  Variant(VarType target, void* pointer) : type_(target | VarType::VT_BYREF), value_(pointer) {}
+  struct ByRefTag {};
+  Variant(VarType target, void* pointer, ByRefTag)
+      : type_(target | VarType::VT_BYREF), value_(pointer) {}
   template <class T>
   T* Target(VarType base) const {
     return type_ == (base | VarType::VT_BYREF) ? static_cast<T*>(std::get<void*>(value_)) : nullptr;

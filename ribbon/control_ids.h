@@ -68,4 +68,35 @@ inline constexpr std::array<LabelTemplate, 4> kLabelTemplates{{
     {ToNumber(ControlId::UseMorvelin), u"Use PN"},
 }};
 
+// The macro that each control starts, by control id; 3 is assigned to no control.
+inline constexpr std::array<BstrView, kControlSlots> kMacroNames{
+    u"ApplyMorvelin",
+    u"ConfigureMorvelin",
+    u"SubmitPaperForEditing",
+    u"",
+    u"ShowAbout",
+    u"InsertReference",
+    u"ToolbarPasteReference",
+    u"Tomeseek",
+    u"StartNewChapter",
+    u"ApplyHeading1Format",
+    u"ApplyHeading2Format",
+    u"ApplyHeading3Format",
+    u"ApplyHeading4Format",
+    u"ApplyParagraphFormat",
+    u"ApplyQuotationFormat",
+    u"UpdateFrontMatter",
+    u"GoToQuickBookmark",
+    u"SetQuickBookmark",
+    u"GotoPage",
+    u"OpenUserManual",
+    u"InsertTable",
+    u"InsertFigure",
+    u"InsertCrossReference",
+    u"ToggleLexoscope",
+    u"BrowseHelpdock",
+    u"DeleteEditingHints",
+    u"UseMorvelin",
+};
+
 }  // namespace tabforge

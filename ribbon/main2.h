@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <vector>
 
 #include "platform/bstr.h"
 #include "platform/object.h"
@@ -79,7 +80,7 @@ class Main2 {
 
   // Per-control tables, filled on first use; an empty slot 0 says the table is not filled yet.
   std::array<std::int16_t, kControlSlots> imageIndex_{};
-  std::array<Bstr, kControlSlots> macroIndex_{};
+  std::vector<Bstr> macroIndex_ = std::vector<Bstr>(kControlSlots);
 };
 
 }  // namespace tabforge

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <vector>
 
 #include "platform/bstr.h"
@@ -18,12 +19,11 @@ struct StringExtensions {
                           std::int32_t start = 1, std::int32_t count = -1,
                           std::int32_t compare = 0);
 
-  // Fills `array` with one element for each value, in order, lower bound 0.
-  template <class... Values>
-  static std::vector<Bstr>& stringArray(std::vector<Bstr>& array, const Values&... values) {
-    array.clear();
-    array.reserve(sizeof...(Values));
-    (array.emplace_back(values), ...);
+  // Fills `array` with one element for each value, in order, lower bound 0. The values come as a
+  // braced list, which C++ evaluates left to right: the pieces are made in the order they stand.
+  static std::vector<Bstr>& stringArray(std::vector<Bstr>& array,
+                                        std::initializer_list<Bstr> values) {
+    array.assign(values.begin(), values.end());
     return array;
   }
 

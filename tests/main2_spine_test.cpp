@@ -128,7 +128,7 @@ TEST(StringExtensionsTest, EndsWithAndStripPrefix) {
   EXPECT_EQ(StringExtensions::stripPrefix(plain, u"MVN"), kFalse);
   EXPECT_EQ(plain, u"26");
   std::vector<Bstr> array{u"old"};
-  StringExtensions::stringArray(array, u"<", Bstr(u"a"), u"/>");
+  StringExtensions::stringArray(array, {u"<", u"a", u"/>"});
   EXPECT_THAT(array, ElementsAre(u"<", u"a", u"/>"));
 }
 

@@ -1,0 +1,99 @@
+// The ribbon's hot members beside their floors: the document beside copying the finished text,
+// the callbacks beside a plain map look-up.
+#include <benchmark/benchmark.h>
+
+#include <map>
+
+#include "allocation_counter.h"
+#include "platform/failure.h"
+#include "platform/portable/portable_platform.h"
+#include "ribbon/main2.h"
+
+namespace tabforge {
+namespace {
+
+// A signalling object whose macros do nothing, so that a press measures the library alone.
+class QuietSignaller final : public Object {
+ public:
+  Variant Invoke(BstrView member, CallKind, std::span<Variant>) override {
+    if (member == u"Run")
+      return {};
+    Raise(RunTimeError::kMemberNotFound);
+  }
+};
+
+struct Host {
+  PortablePlatform platform;
+  VbwProtector protector{platform.View()};
+  Main2 main2{protector};
+  Host() {
+    protector.vbwInitializeProtector();
+    main2.Initialize(MakeRef<QuietSignaller>(), u"Morvelin");
+  }
+};
+
+std::map<std::int32_t, Bstr> PlainMap() {
+  std::map<std::int32_t, Bstr> map;
+  for (std::int32_t id = 0; id < 27; ++id)
+    map[id] = u"label " + DecimalText(id);
+  return map;
+}
+
+void GetRibbonXml(benchmark::State& state) {
+  Host host;
+  for (auto _ : state)
+    benchmark::DoNotOptimize(host.main2.GetRibbonXML());
+}
+BENCHMARK(GetRibbonXml)->Name("Op/GetRibbonXML");
+
+void CopyDocument(benchmark::State& state) {
+  Host host;
+  const Bstr document = host.main2.GetRibbonXML();
+  for (auto _ : state) {
+    Bstr copy = document;
+    benchmark::DoNotOptimize(copy.data());
+  }
+}
+BENCHMARK(CopyDocument)->Name("Floor/GetRibbonXML");
+
+void MapLookUp(benchmark::State& state) {
+  const auto map = PlainMap();
+  std::int32_t id = 0;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(map.find(id)->second.data());
+    id = (id + 5) % 27;
+  }
+}
+BENCHMARK(MapLookUp)->Name("Floor/GetLabel");
+BENCHMARK(MapLookUp)->Name("Floor/GetEnabled");
+BENCHMARK(MapLookUp)->Name("Floor/RibbonCallback");
+
+void GetLabel(benchmark::State& state) {
+  Host host;
+  const Bstr id = u"MVN4";
+  for (auto _ : state)
+    benchmark::DoNotOptimize(host.main2.GetLabel(id));
+}
+BENCHMARK(GetLabel)->Name("Op/GetLabel");
+
+void GetEnabled(benchmark::State& state) {
+  Host host;
+  const Bstr id = u"MVN16";
+  const auto before = bench::Allocations();
+  for (auto _ : state)
+    benchmark::DoNotOptimize(host.main2.GetEnabled(id));
+  state.counters["allocs/call"] = benchmark::Counter(
+      static_cast<double>(bench::Allocations() - before), benchmark::Counter::kAvgIterations);
+}
+BENCHMARK(GetEnabled)->Name("Op/GetEnabled");
+
+void RibbonCallback(benchmark::State& state) {
+  Host host;
+  const Bstr id = u"MVN5";
+  for (auto _ : state)
+    host.main2.RibbonCallback(id, kFalse);
+}
+BENCHMARK(RibbonCallback)->Name("Op/RibbonCallback");
+
+}  // namespace
+}  // namespace tabforge

@@ -1,0 +1,253 @@
+// The ribbon's questions and the template's reports of change: labels, screentips, enabled and
+// pressed states, invalidation, and the press of a control.
+#include "platform/call_by_name.h"
+#include "platform/failure.h"
+#include "ribbon/main2.h"
+#include "ribbon/procedures.h"
+#include "ribbon/string_extensions.h"
+#include "tracing/run.h"
+
+namespace tabforge {
+
+using namespace main2_procedures;
+using tracing::Body;
+using tracing::LocalReport;
+using tracing::ParameterText;
+using tracing::Run;
+
+namespace {
+
+constexpr std::int16_t Id(ControlId id) {
+  return static_cast<std::int16_t>(id);
+}
+
+// A control id narrowed to 16 bits, as most callers hold it.
+std::int16_t Narrow(std::int32_t id) {
+  if (id < -32768 || id > 32767)
+    Raise(RunTimeError::kOverflow);
+  return static_cast<std::int16_t>(id);
+}
+
+template <class Table>
+auto& Slot(Table& table, std::int32_t index) {
+  if (index < 0 || static_cast<std::size_t>(index) >= table.size()) {
+    Raise(RunTimeError::kSubscriptOutOfRange);
+  }
+  return table[static_cast<std::size_t>(index)];
+}
+
+}  // namespace
+
+Bstr Main2::GetLabel(const Bstr& idStr) {
+  Bstr result;
+  std::int32_t id = 0;
+  Run(
+      Trace(), kGetLabel, [&](ParameterText& p) { p.Add(u"idStr", idStr); },
+      [&](LocalReport& l) {
+        l.Add(u"idStr", idStr);
+        l.Add(u"id", id);
+      },
+      [&](Body& body) {
+        TF_BEGIN(body)
+        TF_STEP(1) id = convertToId(idStr);
+        // Reading a missing key adds it with an empty template, so the next rename invalidates
+        // that control too.
+        TF_STEP(2)
+        result = StringExtensions::replaceText(Required(mProductNameSensitiveControls).Item(id),
+                                               kProductNameToken, mProductName, 1, -1, 0);
+        TF_END
+      });
+  return result;
+}
+
+Bstr Main2::GetScreentip(const Bstr& idStr) {
+  Bstr result;
+  std::int16_t id = 0;
+  Bstr isOn;
+  Run(
+      Trace(), kGetScreentip, [&](ParameterText& p) { p.Add(u"idStr", idStr); },
+      [&](LocalReport& l) {
+        l.Add(u"idStr", idStr);
+        l.Add(u"id", id);
+        l.Add(u"isOn", isOn);
+      },
+      [&](Body& body) {
+        TF_BEGIN(body)
+        TF_STEP(1) id = Narrow(convertToId(idStr));
+        TF_STEP(2) if (id != Id(ControlId::ToggleLexoscope)) {
+          TF_STEP(3) return;
+        }
+        // The tip names what a press would do next.
+        TF_STEP(4) isOn = IsTrue(mLexoscopeOn) ? u"off" : u"on";
+        TF_STEP(5) result = u"Turn Lexoscope " + isOn;
+        TF_END
+      });
+  return result;
+}
+
+void Main2::productNameChanged(const Bstr& productName) {
+  std::vector<std::int32_t> keys;
+  std::size_t ndx = 0;
+  Variant id;
+  Run(
+      Trace(), kProductNameChanged, [&](ParameterText& p) { p.Add(u"productName", productName); },
+      [&](LocalReport& l) {
+        l.Add(u"productName", productName);
+        l.Add(u"id", id);
+      },
+      [&](Body& body) {
+        TF_BEGIN(body)
+        // The name is stored before the first invalidation, so every question that an
+        // invalidation brings about already finds it.
+        TF_STEP(1) mProductName = productName;
+        TF_STEP(2) keys = Required(mProductNameSensitiveControls).Keys();
+        TF_STEP(3) for (ndx = 0; ndx < keys.size(); ++ndx) {
+          TF_STEP(4) id = keys[ndx];
+          TF_STEP(5) InvalidateRibbonControl(ToInteger(id));
+        }
+        TF_END
+      });
+}
+
+VariantBool Main2::GetEnabled(const Bstr& idStr) {
+  VariantBool result = kFalse;
+  std::int16_t id = 0;
+  Run(
+      Trace(), kGetEnabled, [&](ParameterText& p) { p.Add(u"idStr", idStr); },
+      [&](LocalReport& l) {
+        l.Add(u"idStr", idStr);
+        l.Add(u"id", id);
+      },
+      [&](Body& body) {
+        TF_BEGIN(body)
+        TF_STEP(1) id = Narrow(convertToId(idStr));
+        TF_STEP(2) if (id == Id(ControlId::OpenUserManual)) {
+          TF_STEP(3) result = kTrue;
+          TF_STEP(4) return;
+        }
+        TF_STEP(5) result = mEnabled;
+        TF_STEP(6) if (id == Id(ControlId::GoToQuickBookmark)) {
+          TF_STEP(7) result = ToVariantBool(IsTrue(mEnabled) && IsTrue(mQuickBookmarkEnabled));
+        }
+        TF_END
+      });
+  return result;
+}
+
+VariantBool Main2::GetPressed(const Bstr& idStr) {
+  VariantBool result = kFalse;
+  std::int16_t id = 0;
+  Run(
+      Trace(), kGetPressed, [&](ParameterText& p) { p.Add(u"idStr", idStr); },
+      [&](LocalReport& l) {
+        l.Add(u"idStr", idStr);
+        l.Add(u"id", id);
+      },
+      [&](Body& body) {
+        TF_BEGIN(body)
+        TF_STEP(1) id = Narrow(convertToId(idStr));
+        TF_STEP(2) if (id == Id(ControlId::ToggleLexoscope)) {
+          TF_STEP(3) result = mLexoscopeOn;
+        }
+        TF_END
+      });
+  return result;
+}
+
+void Main2::EnableToolbar(VariantBool value) {
+  Run(
+      Trace(), kEnableToolbar, [&](ParameterText& p) { p.Add(u"value", value); },
+      [&](LocalReport& l) { l.Add(u"value", value); },
+      [&](Body& body) {
+        TF_BEGIN(body)
+        TF_STEP(1) if (value == mEnabled) {
+          TF_STEP(2) return;
+        }
+        TF_STEP(3) mEnabled = value;
+        TF_STEP(4) if (!mRibbon) {
+          TF_STEP(5) return;
+        }
+        // The ribbon's refusal is nobody's concern: the flag has changed, and the ribbon reads
+        // it when it next asks.
+        body.PassOver();
+        // Held for the call: the ribbon may set a new ribbon object while it invalidates.
+        TF_STEP(6) Ref<RibbonUi>(mRibbon)->Invalidate();
+        TF_END
+      });
+}
+
+void Main2::EnableGotoQuickBookmark(VariantBool value) {
+  Run(
+      Trace(), kEnableGotoQuickBookmark, [&](ParameterText& p) { p.Add(u"value", value); },
+      [&](LocalReport& l) { l.Add(u"value", value); },
+      [&](Body& body) {
+        TF_BEGIN(body)
+        TF_STEP(1) if (value == mQuickBookmarkEnabled) {
+          TF_STEP(2) return;
+        }
+        TF_STEP(3) mQuickBookmarkEnabled = value;
+        TF_STEP(4) InvalidateRibbonControl(ToNumber(ControlId::GoToQuickBookmark));
+        TF_END
+      });
+}
+
+void Main2::UpdateLexoscopeIcon(VariantBool enable) {
+  Run(
+      Trace(), kUpdateLexoscopeIcon, [&](ParameterText& p) { p.Add(u"enable", enable); },
+      [&](LocalReport& l) { l.Add(u"enable", enable); },
+      [&](Body& body) {
+        TF_BEGIN(body)
+        TF_STEP(1) mLexoscopeOn = enable;
+        TF_STEP(2) InvalidateRibbonControl(ToNumber(ControlId::ToggleLexoscope));
+        TF_END
+      });
+}
+
+void Main2::InvalidateRibbonControl(std::int32_t id) {
+  Bstr idText;
+  Run(
+      Trace(), kInvalidateRibbonControl, [&](ParameterText& p) { p.Add(u"id", id); },
+      [&](LocalReport& l) { l.Add(u"id", id); },
+      [&](Body& body) {
+        TF_BEGIN(body)
+        TF_STEP(1) if (!mRibbon) {
+          TF_STEP(2) return;
+        }
+        body.PassOver();
+        TF_STEP(3) idText = IdText(id);
+        TF_STEP(4) Ref<RibbonUi>(mRibbon)->InvalidateControl(idText);
+        TF_END
+      });
+}
+
+void Main2::RibbonCallback(const Bstr& idStr, VariantBool isOn) {
+  std::int16_t id = 0;
+  Run(
+      Trace(), kRibbonCallback,
+      [&](ParameterText& p) {
+        p.Add(u"idStr", idStr);
+        p.Add(u"isOn", isOn);
+      },
+      [&](LocalReport& l) {
+        l.Add(u"idStr", idStr);
+        l.Add(u"isOn", isOn);
+        l.Add(u"index", macroIndex_);
+        l.Add(u"id", id);
+      },
+      [&](Body& body) {
+        TF_BEGIN(body)
+        TF_STEP(1) if (macroIndex_[0].empty()) {
+          TF_STEP(2) macroIndex_.assign(kMacroNames.begin(), kMacroNames.end());
+        }
+        TF_STEP(3) id = Narrow(convertToId(idStr));
+        // Neither the id nor isOn goes to the macro; the toggle's state comes back through
+        // UpdateLexoscopeIcon.
+        TF_STEP(4) {
+          Bstr macro = Slot(macroIndex_, id);
+          CallByName(mEventSignaller, u"Run", CallKind::kMethod, Variant::ByRef(&macro));
+        }
+        TF_END
+      });
+}
+
+}  // namespace tabforge

@@ -1,0 +1,203 @@
+// The ribbon's questions and the template's reports: answers, invalidation order, and presses.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "apartment.h"
+#include "doubles/recording_ribbon.h"
+#include "ribbon/main2.h"
+
+namespace tabforge::testing {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class Callbacks : public ::testing::Test {
+ protected:
+  Callbacks() {
+    main2.Initialize(signaller, u"Morvelin");
+    main2.ribbon(ribbon);
+  }
+  std::vector<std::string> Take() { return std::exchange(log, {}); }
+  std::size_t HandlerCalls() const { return apartment.script->CallsTo("vbwErrorHandler").size(); }
+
+  Apartment apartment;
+  std::vector<std::string> log;
+  Ref<RecordingRibbon> ribbon = MakeRef<RecordingRibbon>(&log);
+  Ref<RecordingSignaller> signaller = MakeRef<RecordingSignaller>(&log);
+  Main2 main2{apartment.protector};
+};
+
+TEST_F(Callbacks, LabelsFillEveryTokenWithTheProductName) {
+  EXPECT_EQ(main2.GetLabel(u"MVN4"), u"About Morvelin / Login to Morvelin");
+  EXPECT_EQ(main2.GetLabel(u"MVN26"), u"Use Morvelin");
+  main2.productNameChanged(u"PN Writer");
+  EXPECT_EQ(main2.GetLabel(u"MVN0"), u"Apply PN Writer");  // the name is not searched again
+  main2.productNameChanged(u"");
+  EXPECT_EQ(main2.GetLabel(u"MVN0"), u"Apply ");
+  EXPECT_EQ(main2.GetLabel(u"MVN4"), u"About  / Login to ");
+  EXPECT_EQ(HandlerCalls(), 0u);
+}
+
+TEST_F(Callbacks, LabelWithoutTemplateIsEmptyAndJoinsTheRenamedControls) {
+  EXPECT_EQ(main2.GetLabel(u"MVN5"), u"");
+  Take();
+  main2.productNameChanged(u"Morvelin");
+  EXPECT_THAT(Take(), ElementsAre("ribbon.InvalidateControl MVN0", "ribbon.InvalidateControl MVN4",
+                                  "ribbon.InvalidateControl MVN1", "ribbon.InvalidateControl MVN26",
+                                  "ribbon.InvalidateControl MVN5"));
+}
+
+TEST_F(Callbacks, RenameWithoutRibbonStoresTheName) {
+  Main2 fresh(apartment.protector);
+  fresh.Initialize(signaller, u"Morvelin");
+  fresh.productNameChanged(u"Quill");
+  EXPECT_EQ(fresh.GetLabel(u"MVN1"), u"Configure Quill");
+  EXPECT_THAT(Take(), IsEmpty());
+}
+
+TEST_F(Callbacks, ScreentipNamesWhatAPressWouldDo) {
+  EXPECT_EQ(main2.GetScreentip(u"MVN23"), u"Turn Lexoscope on");
+  main2.UpdateLexoscopeIcon(kTrue);
+  EXPECT_EQ(main2.GetScreentip(u"MVN23"), u"Turn Lexoscope off");
+  EXPECT_EQ(main2.GetScreentip(u"MVN5"), u"");
+  EXPECT_EQ(main2.GetPressed(u"MVN23"), kTrue);
+  EXPECT_EQ(main2.GetPressed(u"MVN5"), kFalse);
+}
+
+TEST_F(Callbacks, EnabledStatesFollowTheirRules) {
+  EXPECT_EQ(main2.GetEnabled(u"MVN16"), kFalse);
+  EXPECT_EQ(main2.GetEnabled(u"MVN5"), kTrue);
+  main2.EnableGotoQuickBookmark(kTrue);
+  EXPECT_THAT(Take(), ElementsAre("ribbon.InvalidateControl MVN16"));
+  EXPECT_EQ(main2.GetEnabled(u"MVN16"), kTrue);
+  main2.EnableToolbar(kFalse);
+  EXPECT_EQ(main2.GetEnabled(u"MVN16"), kFalse);
+  EXPECT_EQ(main2.GetEnabled(u"MVN5"), kFalse);
+  EXPECT_EQ(main2.GetEnabled(u"MVN19"), kTrue);
+  main2.EnableToolbar(kTrue);
+  EXPECT_EQ(main2.GetEnabled(u"MVN16"), kTrue);
+}
+
+TEST_F(Callbacks, ChangesInvalidateOnlyWhenTheyChangeSomething) {
+  main2.EnableToolbar(kFalse);
+  main2.EnableToolbar(kFalse);
+  main2.EnableGotoQuickBookmark(kTrue);
+  main2.EnableGotoQuickBookmark(kTrue);
+  main2.UpdateLexoscopeIcon(kTrue);
+  main2.UpdateLexoscopeIcon(kTrue);
+  EXPECT_THAT(Take(),
+              ElementsAre("ribbon.Invalidate", "ribbon.InvalidateControl MVN16",
+                          "ribbon.InvalidateControl MVN23", "ribbon.InvalidateControl MVN23"));
+}
+
+TEST_F(Callbacks, NothingReachesARibbonNotYetGiven) {
+  Main2 fresh(apartment.protector);
+  fresh.Initialize(signaller, u"Morvelin");
+  fresh.EnableToolbar(kFalse);
+  fresh.UpdateLexoscopeIcon(kTrue);
+  fresh.ribbon(ribbon);
+  EXPECT_THAT(Take(), IsEmpty());
+  EXPECT_EQ(fresh.enabled(), kFalse);
+}
+
+TEST_F(Callbacks, RibbonRefusalIsPassedOverAndTheStateStays) {
+  ribbon->fail = true;
+  main2.UpdateLexoscopeIcon(kTrue);
+  main2.EnableToolbar(kFalse);
+  EXPECT_EQ(main2.lexoscopeOn(), kTrue);
+  EXPECT_EQ(main2.enabled(), kFalse);
+  EXPECT_EQ(HandlerCalls(), 0u);
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
+TEST_F(Callbacks, EveryControlRunsExactlyItsMacro) {
+  const char* names[] = {"ApplyMorvelin",
+                         "ConfigureMorvelin",
+                         "SubmitPaperForEditing",
+                         nullptr,
+                         "ShowAbout",
+                         "InsertReference",
+                         "ToolbarPasteReference",
+                         "Tomeseek",
+                         "StartNewChapter",
+                         "ApplyHeading1Format",
+                         "ApplyHeading2Format",
+                         "ApplyHeading3Format",
+                         "ApplyHeading4Format",
+                         "ApplyParagraphFormat",
+                         "ApplyQuotationFormat",
+                         "UpdateFrontMatter",
+                         "GoToQuickBookmark",
+                         "SetQuickBookmark",
+                         "GotoPage",
+                         "OpenUserManual",
+                         "InsertTable",
+                         "InsertFigure",
+                         "InsertCrossReference",
+                         "ToggleLexoscope",
+                         "BrowseHelpdock",
+                         "DeleteEditingHints",
+                         "UseMorvelin"};
+  for (int id = 0; id <= 26; ++id) {
+    if (names[id] == nullptr)
+      continue;
+    main2.RibbonCallback(u"MVN" + DecimalText(id), kFalse);
+    EXPECT_THAT(Take(), ElementsAre(std::string("signaller.Run ") + names[id]));
+  }
+  EXPECT_EQ(HandlerCalls(), 0u);
+}
+
+TEST_F(Callbacks, ToggleLeavesThePressedStateToTheTemplate) {
+  main2.RibbonCallback(u"MVN23", kTrue);
+  main2.RibbonCallback(u"MVN23", kFalse);
+  EXPECT_THAT(Take(),
+              ElementsAre("signaller.Run ToggleLexoscope", "signaller.Run ToggleLexoscope"));
+  EXPECT_EQ(main2.lexoscopeOn(), kFalse);
+}
+
+TEST_F(Callbacks, UnreadableIdCountsAsControlZero) {
+  main2.RibbonCallback(u"MVNx", kFalse);
+  EXPECT_THAT(Take(), ElementsAre("signaller.Run ApplyMorvelin"));
+  EXPECT_EQ(main2.GetEnabled(u"MVN99999"), kTrue);  // overflow: as control 0
+  EXPECT_EQ(HandlerCalls(), 2u);
+  EXPECT_THAT(apartment.script->CallsTo("vbwErrorHandler")[0],
+              ::testing::HasSubstr(R"(BSTR "Main2", BSTR "convertToId", I4 2002)"));
+}
+
+TEST_F(Callbacks, IdPastTheTableRunsNothing) {
+  main2.RibbonCallback(u"MVN27", kFalse);
+  main2.RibbonCallback(u"MVN3", kFalse);  // no control: an empty macro name reaches Run
+  EXPECT_THAT(Take(), ElementsAre("signaller.Run "));
+  ASSERT_EQ(HandlerCalls(), 1u);
+  EXPECT_THAT(apartment.script->CallsTo("vbwErrorHandler")[0],
+              ::testing::HasSubstr(R"(I4 9, BSTR "Subscript out of range")"));
+}
+
+TEST_F(Callbacks, MacroThatCallsBackFindsTheLibraryWorking) {
+  signaller->onRun = [&](const Bstr& macro) {
+    if (macro != u"ApplyMorvelin") return;
+    main2.EnableToolbar(kFalse);
+    main2.UpdateLexoscopeIcon(kTrue);
+    main2.RibbonCallback(u"MVN5", kFalse);
+  };
+  main2.RibbonCallback(u"MVN0", kFalse);
+  signaller->onRun = nullptr;
+  EXPECT_THAT(Take(),
+              ElementsAre("signaller.Run ApplyMorvelin", "ribbon.Invalidate",
+                          "ribbon.InvalidateControl MVN23", "signaller.Run InsertReference"));
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
+TEST_F(Callbacks, BeforeInitializeQuestionsFailQuietly) {
+  Main2 fresh(apartment.protector);
+  EXPECT_EQ(fresh.GetLabel(u"MVN0"), u"");
+  fresh.productNameChanged(u"Quill");
+  EXPECT_EQ(fresh.productName(), u"Quill");
+  fresh.RibbonCallback(u"MVN5", kFalse);
+  EXPECT_EQ(HandlerCalls(), 3u);
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
+}  // namespace
+}  // namespace tabforge::testing

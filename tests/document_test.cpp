@@ -1,0 +1,131 @@
+// The ribbon document: exact elements and structure, checked with a real XML parser.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <libxml/parser.h>
+#include <libxml/tree.h>
+
+#include <map>
+#include <set>
+#include <string>
+
+#include "apartment.h"
+#include "ribbon/main2.h"
+
+namespace tabforge::testing {
+namespace {
+
+std::string Document(BstrView productName, bool initialize = true) {
+  Apartment apartment;
+  Main2 main2(apartment.protector);
+  if (initialize)
+    main2.Initialize(nullptr, Bstr(productName));
+  return ToUtf8(main2.GetRibbonXML());
+}
+
+TEST(Document, WritesEachKindOfElementExactly) {
+  const std::string xml = Document(u"Morvelin");
+  for (
+      const char* element : {
+          R"(<button id="MVN0" description="Apply a formatting template to this document." supertip="Apply a formatting template to this document." getEnabled="GetEnabled" getImage="GetImage" getLabel="GetLabel" onAction="RibbonCallback"/>)",
+          R"(<button id="MVN5" description="Insert a reference and/or bibliography entry into your document (Ctrl+Shift+F)." supertip="Insert a reference and/or bibliography entry into your document (Ctrl+Shift+F)." getEnabled="GetEnabled" size="large" image="5" label="Insert Reference" keytip="I" onAction="RibbonCallback"/>)",
+          R"(<button id="MVN9" description="Format the text at the cursor as a level 1 heading (Ctrl+1)." supertip="Format the text at the cursor as a level 1 heading (Ctrl+1)." getEnabled="GetEnabled" showLabel="false" image="9" label="Set as Heading Level 1" keytip="1" onAction="RibbonCallback"/>)",
+          R"(<toggleButton id="MVN23" description="Show synonyms and dictionary definitions of any word in your document (Ctrl+Shift+X)." supertip="Show synonyms and dictionary definitions of any word in your document (Ctrl+Shift+X)." getEnabled="GetEnabled" size="large" image="23" label="Lexoscope" keytip="Y" onAction="RibbonCallbackToggleButton" getPressed="GetPressed" getScreentip="GetScreenTip"/>)",
+          R"(<button id="MVN16" description="Go to the quick bookmark you have previously set in the document (F2)." supertip="Go to the quick bookmark you have previously set in the document (F2)." getEnabled="GetEnabled" size="large" imageMso="BookmarkInsert" label="Go to Quick Bookmark" keytip="B" onAction="RibbonCallback"/>)",
+          R"(description="Deletes any remaining Hints from Professor Quillon.  Make sure you do this before handing in your paper!" )",
+          R"(description="Open the user manual." )",
+      }) {
+    EXPECT_NE(xml.find(element), std::string::npos) << element;
+  }
+}
+
+TEST(Document, OpensAndClosesAsComposed) {
+  const std::string xml = Document(u"Morvelin");
+  EXPECT_EQ(
+      xml.rfind(
+          R"(<customUI xmlns="http://schemas.microsoft.com/office/2006/01/customui" onLoad="ribbonLoaded" loadImage="loadImage"><ribbon><tabs><tab idMso="TabReferences"><group id="GroupRedirectMorvelin" insertAfterMso="GroupCitationsAndBibliography" label="Morvelin"><button id="MVN26" )",
+          0),
+      0u);
+  EXPECT_NE(
+      xml.find(
+          R"(</group></tab><tab id="Morvelin" label="Morvelin" keytip="Z"><group id="GroupMorvelin" label="Morvelin Core Features"><splitButton id="SplitApplyMorvelin" size="large"><menu id="SplitMenuApplyMorvelin" itemSize="large"><button id="MVN0" description=)"),
+      std::string::npos);
+  const std::string tail = R"(</group></tab></tabs></ribbon></customUI>)";
+  EXPECT_EQ(xml.substr(xml.size() - tail.size()), tail);
+  EXPECT_EQ(xml.find('\n'), std::string::npos);
+  EXPECT_EQ(xml.find("> <"), std::string::npos);
+}
+
+TEST(Document, FollowsTheProductNameInThreePlacesOnly) {
+  const std::string empty = Document(u"", /*initialize=*/false);
+  EXPECT_NE(empty.find(R"(<tab id="Morvelin" label="" keytip="Z">)"), std::string::npos);
+  EXPECT_NE(empty.find(R"(label=" Core Features")"), std::string::npos);
+  EXPECT_EQ(Document(u"", true), empty);
+  const std::string quill = Document(u"Quill PN");
+  EXPECT_NE(quill.find(R"(label="Quill PN Core Features")"), std::string::npos);
+  std::size_t count = 0;
+  for (auto at = quill.find("Quill PN"); at != std::string::npos;
+       at = quill.find("Quill PN", at + 1)) {
+    ++count;
+  }
+  EXPECT_EQ(count, 3u);
+  EXPECT_EQ(Document(u"Morvelin"), Document(u"Morvelin"));
+}
+
+// Structure, read back through libxml2.
+struct Elements {
+  std::map<std::string, int> counts;
+  std::vector<std::string> problems;
+  std::set<std::string> ids;
+  std::vector<std::string> order;  // control ids in document order
+};
+
+void Walk(xmlNode* node, Elements& out) {
+  for (; node != nullptr; node = node->next) {
+    if (node->type != XML_ELEMENT_NODE)
+      continue;
+    const std::string name = reinterpret_cast<const char*>(node->name);
+    ++out.counts[name];
+    auto has = [&](const char* attribute) {
+      return xmlHasProp(node, reinterpret_cast<const xmlChar*>(attribute)) != nullptr;
+    };
+    if (xmlChar* id = xmlGetProp(node, reinterpret_cast<const xmlChar*>("id"))) {
+      const std::string text = reinterpret_cast<const char*>(id);
+      if (!out.ids.insert(text).second)
+        out.problems.push_back("repeated id " + text);
+      if (text.rfind("MVN", 0) == 0)
+        out.order.push_back(text);
+      xmlFree(id);
+    }
+    if (has("label") && has("getLabel"))
+      out.problems.push_back(name + " has label and getLabel");
+    if (has("image") + has("imageMso") + has("getImage") > 1) {
+      out.problems.push_back(name + " has more than one image attribute");
+    }
+    Walk(node->children, out);
+  }
+}
+
+TEST(Document, IsWellFormedWithTwentySixUniqueControls) {
+  for (BstrView name : {u"Morvelin", u"Quill Pro", u"A"}) {
+    const std::string xml = Document(name);
+    xmlDoc* doc = xmlReadMemory(xml.data(), static_cast<int>(xml.size()), "ribbon.xml", nullptr,
+                                XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+    ASSERT_NE(doc, nullptr) << "not well-formed";
+    Elements elements;
+    Walk(xmlDocGetRootElement(doc), elements);
+    xmlFreeDoc(doc);
+    EXPECT_EQ(elements.counts["button"], 25);
+    EXPECT_EQ(elements.counts["toggleButton"], 1);
+    EXPECT_EQ(elements.counts["tab"], 2);
+    EXPECT_EQ(elements.counts["group"], 6);
+    EXPECT_TRUE(elements.problems.empty()) << elements.problems.front();
+    EXPECT_THAT(elements.order,
+                ::testing::ElementsAre("MVN26", "MVN0", "MVN1", "MVN2", "MVN4", "MVN24", "MVN25",
+                                       "MVN5", "MVN6", "MVN7", "MVN15", "MVN13", "MVN14", "MVN8",
+                                       "MVN9", "MVN10", "MVN11", "MVN12", "MVN16", "MVN17", "MVN18",
+                                       "MVN19", "MVN20", "MVN21", "MVN22", "MVN23"));
+  }
+}
+
+}  // namespace
+}  // namespace tabforge::testing
