@@ -2,6 +2,8 @@
 // Windows implementations live in server/, portable ones in platform/portable/.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 
@@ -59,6 +61,66 @@ class AccessibilityApi {
                                           std::int32_t* obtained) = 0;
 };
 
+// The graphics, memory and OLE calls that turn a picture file's bytes into a picture object. Each
+// member stands for one platform function, with its arguments and results, so that the Windows
+// side is a thin wrapper; handles are opaque numbers and 0 is "no handle". Statuses follow GDI+
+// (0 is Ok). Only OleCreatePictureIndirect throws: the loader treats its failing status as a
+// failure of the statement.
+class PictureApi {
+ public:
+  struct GdiplusStartupInput {
+    std::uint32_t GdiplusVersion = 0;
+    std::uintptr_t DebugEventCallback = 0;
+    std::int32_t SuppressBackgroundThread = 0;
+    std::int32_t SuppressExternalCodecs = 0;
+  };
+  struct PictureDescription {
+    std::uint32_t cbSizeofstruct = 0;
+    std::uint32_t picType = 0;
+    std::uintptr_t hbitmap = 0;
+    std::uintptr_t hpal = 0;
+  };
+  struct Guid {
+    std::uint32_t Data1 = 0;
+    std::uint16_t Data2 = 0;
+    std::uint16_t Data3 = 0;
+    std::array<std::uint8_t, 8> Data4{};
+    friend bool operator==(const Guid&, const Guid&) = default;
+  };
+
+  virtual ~PictureApi() = default;
+
+  virtual std::int32_t GdiplusStartup(std::uintptr_t* token, const GdiplusStartupInput& input) = 0;
+  virtual void GdiplusShutdown(std::uintptr_t token) = 0;
+
+  // A block of `size` bytes, or 0. A moveable block of 0 bytes has no memory behind it, so it
+  // locks to null.
+  virtual std::uintptr_t GlobalAlloc(std::uint32_t flags, std::size_t size) = 0;
+  virtual void* GlobalLock(std::uintptr_t block) = 0;
+  virtual void GlobalUnlock(std::uintptr_t block) = 0;
+  // 0 when the block was released, else the handle itself.
+  virtual std::uintptr_t GlobalFree(std::uintptr_t block) = 0;
+
+  // A stream over the block's bytes, or nothing. With `deleteOnRelease` the stream owns the block
+  // and releases it with its last reference.
+  virtual Ref<Object> CreateStreamOnHGlobal(std::uintptr_t block, bool deleteOnRelease) = 0;
+
+  // A failing status leaves `*bitmap` 0.
+  virtual std::int32_t GdipCreateBitmapFromStream(const Ref<Object>& stream,
+                                                  std::uintptr_t* bitmap) = 0;
+  // The bitmap composited over `background` (ARGB); a failing status leaves `*hbitmap` 0.
+  virtual std::int32_t GdipCreateHBITMAPFromBitmap(std::uintptr_t bitmap, std::uintptr_t* hbitmap,
+                                                   std::uint32_t background) = 0;
+  virtual std::int32_t GdipDisposeImage(std::uintptr_t bitmap) = 0;
+  // Releases a bitmap handle; false when there was none.
+  virtual bool DeleteObject(std::uintptr_t hbitmap) = 0;
+
+  // A picture object over `description.hbitmap`; with `own` the picture deletes the handle when
+  // it goes. A failing status throws `Failure` with that status as the number.
+  virtual Ref<Object> OleCreatePictureIndirect(const PictureDescription& description,
+                                               const Guid& iid, bool own) = 0;
+};
+
 // What one apartment is given of the platform. The pointers are not owned and outlive every
 // object of the apartment.
 struct Platform {
@@ -67,6 +129,7 @@ struct Platform {
   SystemFacts* system = nullptr;
   MessageQueue* messages = nullptr;
   AccessibilityApi* accessibility = nullptr;
+  PictureApi* pictures = nullptr;
 };
 
 }  // namespace tabforge

@@ -1,5 +1,6 @@
 #include "ribbon/main2.h"
 
+#include "pictures/transparent_gif_loader.h"
 #include "platform/failure.h"
 #include "platform/variant.h"
 #include "ribbon/procedures.h"
@@ -55,7 +56,8 @@ void Main2::Initialize(const Ref<Object>& eventSignaller, const Bstr& productNam
         TF_STEP(1) mProductName = productName;
         TF_STEP(2) mEnabled = kTrue;
         TF_STEP(3) mQuickBookmarkEnabled = kFalse;
-        TF_STEP(4) mTransparentGifLoader = nullptr;
+        // The new loader starts before the old one lets go, so GDI+ never stops in between.
+        TF_STEP(4) mTransparentGifLoader = MakeRef<TransparentGifLoader>(protector_);
         TF_STEP(5) mEventSignaller = eventSignaller;
         TF_STEP(6) mProductNameSensitiveControls = MakeRef<Dictionary>();
         TF_STEP(7)

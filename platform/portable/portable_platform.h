@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/platform.h"
+#include "platform/portable/portable_pictures.h"
 
 namespace tabforge {
 
@@ -88,8 +89,9 @@ class PortablePlatform {
   PortableSystemFacts system;
   PortableMessageQueue messages;
   PortableAccessibilityApi accessibility;
+  PortablePictureApi pictures;
 
-  Platform View() { return {&host, &objects, &system, &messages, &accessibility}; }
+  Platform View() { return {&host, &objects, &system, &messages, &accessibility, &pictures}; }
 };
 
 }  // namespace tabforge

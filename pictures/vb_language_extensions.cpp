@@ -1,0 +1,45 @@
+#include "pictures/vb_language_extensions.h"
+
+#include "tracing/run.h"
+
+namespace tabforge::vb_language_extensions {
+namespace {
+
+constexpr auto kIsEmptyArrayByte =
+    tracing::DefineProcedure(u"VBLanguageExtensions.isEmptyArrayByte", 100);
+
+// The library never runs inside a development environment, so the module's one variable is a
+// constant.
+constexpr VariantBool mInIDE = kFalse;
+
+tracing::Module Trace(VbwProtector& protector) noexcept {
+  return tracing::Module(
+      protector,
+      [](const void* self) {
+        vbwReportModuleVariables(*static_cast<VbwProtector*>(const_cast<void*>(self)));
+      },
+      &protector);
+}
+
+}  // namespace
+
+VariantBool isEmptyArrayByte(VbwProtector& protector, const ArrayRef& testArray) {
+  VariantBool result = kFalse;
+  tracing::Run(
+      Trace(protector), kIsEmptyArrayByte,
+      [&](tracing::ParameterText& p) { p.Add(u"testArray", Variant(VarType::VT_UI1, testArray)); },
+      [&](tracing::LocalReport& l) { l.Add(u"testArray", Variant(VarType::VT_UI1, testArray)); },
+      [&](tracing::Body& body) {
+        TF_BEGIN(body)
+        TF_STEP(1) result = testArray == nullptr ? kTrue : kFalse;
+        TF_END
+      });
+  return result;
+}
+
+void vbwReportModuleVariables(VbwProtector& protector) {
+  protector.vbwReportToFile(Bstr(kModuleBanner));
+  protector.vbwReportVariable(u"mInIDE", mInIDE, 0);
+}
+
+}  // namespace tabforge::vb_language_extensions

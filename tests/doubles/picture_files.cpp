@@ -1,0 +1,107 @@
+#include "doubles/picture_files.h"
+
+#include <array>
+#include <string_view>
+
+namespace tabforge::testing {
+namespace {
+
+std::uint32_t Crc32(const std::uint8_t* data, std::size_t size) {
+  std::uint32_t crc = 0xFFFFFFFFu;
+  for (std::size_t i = 0; i < size; ++i) {
+    crc ^= data[i];
+    for (int bit = 0; bit < 8; ++bit)
+      crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+  }
+  return ~crc;
+}
+
+std::uint32_t Adler32(const std::vector<std::uint8_t>& data) {
+  std::uint32_t a = 1;
+  std::uint32_t b = 0;
+  for (std::uint8_t byte : data) {
+    a = (a + byte) % 65521;
+    b = (b + a) % 65521;
+  }
+  return b << 16 | a;
+}
+
+void PutBigEndian(std::vector<std::uint8_t>& out, std::uint32_t value) {
+  for (int shift = 24; shift >= 0; shift -= 8)
+    out.push_back(static_cast<std::uint8_t>(value >> shift));
+}
+
+void PutChunk(std::vector<std::uint8_t>& out, std::string_view type,
+              const std::vector<std::uint8_t>& data) {
+  PutBigEndian(out, static_cast<std::uint32_t>(data.size()));
+  const std::size_t start = out.size();
+  out.insert(out.end(), type.begin(), type.end());
+  out.insert(out.end(), data.begin(), data.end());
+  PutBigEndian(out, Crc32(out.data() + start, out.size() - start));
+}
+
+// A zlib stream of stored (uncompressed) deflate blocks.
+std::vector<std::uint8_t> Stored(const std::vector<std::uint8_t>& raw) {
+  std::vector<std::uint8_t> out{0x78, 0x01};
+  std::size_t at = 0;
+  do {
+    const std::size_t length = std::min<std::size_t>(raw.size() - at, 65535);
+    const bool last = at + length == raw.size();
+    out.push_back(last ? 1 : 0);
+    out.push_back(static_cast<std::uint8_t>(length));
+    out.push_back(static_cast<std::uint8_t>(length >> 8));
+    out.push_back(static_cast<std::uint8_t>(~length));
+    out.push_back(static_cast<std::uint8_t>(~length >> 8));
+    out.insert(out.end(), raw.begin() + static_cast<std::ptrdiff_t>(at),
+               raw.begin() + static_cast<std::ptrdiff_t>(at + length));
+    at += length;
+  } while (at < raw.size());
+  PutBigEndian(out, Adler32(raw));
+  return out;
+}
+
+std::vector<std::uint8_t> Png(std::uint32_t width, std::uint32_t height, std::uint8_t colourType,
+                              std::size_t bytesPerPixel, const std::vector<std::uint8_t>& pixels) {
+  std::vector<std::uint8_t> out{0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
+  std::vector<std::uint8_t> header;
+  PutBigEndian(header, width);
+  PutBigEndian(header, height);
+  header.insert(header.end(), {8, colourType, 0, 0, 0});
+  PutChunk(out, "IHDR", header);
+  std::vector<std::uint8_t> raw;
+  const std::size_t row = width * bytesPerPixel;
+  for (std::uint32_t y = 0; y < height; ++y) {
+    raw.push_back(0);  // filter: none
+    raw.insert(raw.end(), pixels.begin() + static_cast<std::ptrdiff_t>(y * row),
+               pixels.begin() + static_cast<std::ptrdiff_t>((y + 1) * row));
+  }
+  PutChunk(out, "IDAT", Stored(raw));
+  PutChunk(out, "IEND", {});
+  return out;
+}
+
+}  // namespace
+
+std::vector<std::uint8_t> RgbaPng(std::uint32_t width, std::uint32_t height,
+                                  const std::vector<std::uint8_t>& rgba) {
+  return Png(width, height, 6, 4, rgba);
+}
+
+std::vector<std::uint8_t> RgbPng(std::uint32_t width, std::uint32_t height,
+                                 const std::vector<std::uint8_t>& rgb) {
+  return Png(width, height, 2, 3, rgb);
+}
+
+std::vector<std::uint8_t> TransparentGif() {
+  return {
+      'G',  'I',  'F',  '8',  '9',  'a',  2, 0, 1, 0,  // screen 2x1
+      0x80, 0,    0,                                   // global palette of 2 entries
+      0x00, 0x00, 0x00, 0xFF, 0x00, 0x00,              // black, red
+      0x21, 0xF9, 4,    0x01, 0,    0,    0, 0,        // control extension: entry 0 is transparent
+      0x2C, 0,    0,    0,    0,    2,    0, 1, 0, 0,  // image 2x1 at 0,0
+      2,    2,    0x44, 0x0A, 0,                       // LZW: clear, 0, 1, end
+      0x3B,
+  };
+}
+
+}  // namespace tabforge::testing

@@ -1,0 +1,140 @@
+// Main2's control images: which number each control asks the template for, and what the ribbon
+// gets back in the cases that are no picture.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "apartment.h"
+#include "doubles/picture_files.h"
+#include "doubles/recording_signaller.h"
+#include "ribbon/main2.h"
+
+namespace tabforge::testing {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+class Images : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const Variant picture(VarType::VT_UI1, MakeArray(RgbaPng(1, 1, {0, 0, 255, 255})));
+    for (std::int16_t number : {102, 318, 303, 314, 204})
+      signaller->answers[number] = picture;
+    main2.Initialize(signaller, u"Morvelin");
+  }
+  std::vector<std::string> HandlerCalls() { return apartment.script->CallsTo("vbwErrorHandler"); }
+
+  Apartment apartment;
+  Main2 main2{apartment.protector};
+  Ref<RecordingSignaller> signaller = MakeRef<RecordingSignaller>();
+};
+
+TEST_F(Images, GetImageAsksTheApplyNumberForControls0And26Only) {
+  EXPECT_TRUE(main2.GetImage(u"MVN0"));
+  EXPECT_TRUE(main2.GetImage(u"MVN26"));
+  EXPECT_FALSE(main2.GetImage(u"MVN1"));
+  EXPECT_FALSE(main2.GetImage(u"MVN4"));
+  EXPECT_THAT(signaller->asked, ElementsAre(102, 102));
+  EXPECT_THAT(HandlerCalls(), IsEmpty());
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
+TEST_F(Images, ApplyNumberFollowsTheExactProductName) {
+  // productNameChanged lives on another branch; a further Initialize renames the same way.
+  main2.Initialize(signaller, u"Tabula");
+  main2.GetImage(u"MVN0");
+  main2.Initialize(signaller, u"morvelin");
+  main2.GetImage(u"MVN26");
+  main2.Initialize(signaller, u"");
+  main2.GetImage(u"MVN0");
+  main2.Initialize(signaller, u"Morvelin");
+  main2.GetImage(u"MVN0");
+  EXPECT_THAT(signaller->asked, ElementsAre(318, 318, 318, 102));
+}
+
+TEST_F(Images, LoadImageAsksTheTableNumberOfItsSlot) {
+  EXPECT_TRUE(main2.LoadImage(u"5"));
+  EXPECT_TRUE(main2.LoadImage(u"23"));
+  main2.LoadImage(u"13");
+  main2.LoadImage(u"15");
+  main2.LoadImage(u"19");
+  EXPECT_THAT(signaller->asked, ElementsAre(303, 314, 212, 211, 215));
+  EXPECT_THAT(HandlerCalls(), IsEmpty());
+}
+
+TEST_F(Images, LoadImageOfASlotWithoutPictureFillsTheTableWithoutACall) {
+  EXPECT_FALSE(main2.LoadImage(u"2"));
+  for (const char16_t* empty : {u"1", u"3", u"4", u"16", u"20", u"24", u"25"})
+    EXPECT_FALSE(main2.LoadImage(empty));
+  EXPECT_THAT(signaller->asked, IsEmpty());
+  EXPECT_THAT(HandlerCalls(), IsEmpty());
+  EXPECT_TRUE(main2.LoadImage(u"6"));  // filled by the first call above
+  EXPECT_THAT(signaller->asked, ElementsAre(204));
+}
+
+TEST_F(Images, SlotsOfTheApplyNumberKeepTheFirstFill) {
+  main2.LoadImage(u"0");
+  main2.Initialize(signaller, u"Tabula");  // a further Initialize leaves the table alone too
+  main2.LoadImage(u"0");
+  main2.LoadImage(u"26");
+  main2.GetImage(u"MVN0");  // GetImage is free of the table
+  EXPECT_THAT(signaller->asked, ElementsAre(102, 102, 102, 318));
+}
+
+TEST_F(Images, PrefixedOrOutOfRangeIdsFailIntoTheTail) {
+  EXPECT_FALSE(main2.LoadImage(u"MVN5"));
+  EXPECT_FALSE(main2.LoadImage(u"27"));
+  EXPECT_FALSE(main2.LoadImage(u"-1"));
+  const auto calls = HandlerCalls();
+  ASSERT_EQ(calls.size(), 3u);
+  EXPECT_THAT(calls[0], HasSubstr(R"(I4 13, BSTR "Type mismatch")"));
+  EXPECT_THAT(calls[0], HasSubstr(R"(BSTR "Main2", BSTR "LoadImage", I4 1005)"));
+  EXPECT_THAT(calls[1], HasSubstr(R"(I4 9, BSTR "Subscript out of range")"));
+  EXPECT_THAT(calls[2], HasSubstr(R"(I4 9, BSTR "Subscript out of range")"));
+  EXPECT_THAT(signaller->asked, IsEmpty());
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
+TEST_F(Images, UndecodableOrMissingBytesAreNoFailure) {
+  signaller->answers[303] = Variant(VarType::VT_UI1, MakeArray(std::vector<std::uint8_t>{1, 2}));
+  EXPECT_FALSE(main2.LoadImage(u"5"));
+  EXPECT_FALSE(main2.LoadImage(u"7"));  // 205 is not set: never dimensioned
+  EXPECT_THAT(signaller->asked, ElementsAre(303, 205));
+  EXPECT_THAT(HandlerCalls(), IsEmpty());
+}
+
+TEST_F(Images, NoByteArrayFailingTemplateOrMissingInitializeEnterTheTail) {
+  signaller->answers[303] = Variant(u"303.png");
+  EXPECT_FALSE(main2.LoadImage(u"5"));
+  signaller->fail = true;
+  EXPECT_FALSE(main2.GetImage(u"MVN0"));
+  ASSERT_EQ(HandlerCalls().size(), 2u);
+  EXPECT_THAT(HandlerCalls()[0], HasSubstr(R"(I4 13, BSTR "Type mismatch")"));
+  EXPECT_THAT(HandlerCalls()[0], HasSubstr(R"(BSTR "LoadImage", I4 1007)"));
+  EXPECT_THAT(HandlerCalls()[1], HasSubstr(R"(BSTR "GetImage[Get]", I4 905)"));
+
+  Main2 fresh{apartment.protector};
+  EXPECT_FALSE(fresh.GetImage(u"MVN0"));
+  EXPECT_THAT(HandlerCalls().back(), HasSubstr(R"(I4 91, )"));
+}
+
+TEST_F(Images, EveryQuestionMakesANewPicture) {
+  Ref<Object> first = main2.LoadImage(u"5");
+  Ref<Object> second = main2.LoadImage(u"5");
+  ASSERT_TRUE(first && second);
+  EXPECT_NE(first, second);
+  EXPECT_EQ(apartment.platform.pictures.liveHandles(), 2u);
+}
+
+TEST_F(Images, InitializeStartsANewLoaderBeforeTheOldStops) {
+  auto& api = apartment.platform.pictures;
+  EXPECT_EQ(api.liveStarts(), 1u);
+  main2.Initialize(signaller, u"Morvelin");
+  EXPECT_EQ(api.liveStarts(), 1u);
+  EXPECT_EQ(api.startups, 2);
+  EXPECT_EQ(api.shutdowns, 1);
+}
+
+}  // namespace
+}  // namespace tabforge::testing

@@ -1,0 +1,258 @@
+// The picture loader: GDI+'s life, the composited pixels, the empty results, who owns what, the
+// call by name, and what a dump of the loader holds.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "apartment.h"
+#include "doubles/picture_files.h"
+#include "pictures/transparent_gif_loader.h"
+#include "pictures/vb_language_extensions.h"
+#include "platform/call_by_name.h"
+
+namespace tabforge::testing {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+// 2x2: opaque red, fully transparent, half green, a quarter of a dark blue-grey.
+const std::vector<std::uint8_t> kTransparentPixels{255, 0,   0, 255, 0,  0,  0,  0,
+                                                   0,   255, 0, 128, 10, 20, 30, 64};
+
+ArrayRef Bytes(std::vector<std::uint8_t> bytes) {
+  return MakeArray(std::move(bytes));
+}
+
+class Loader : public ::testing::Test {
+ protected:
+  const PortableBitmap& Pixels(const Ref<Object>& picture) {
+    auto* portable = dynamic_cast<PortablePicture*>(picture.get());
+    if (portable == nullptr)
+      throw std::runtime_error("no picture");
+    return portable->bitmap();
+  }
+  std::vector<std::string> HandlerCalls() { return apartment.script->CallsTo("vbwErrorHandler"); }
+
+  Apartment apartment;
+  PortablePictureApi& api = apartment.platform.pictures;
+  Ref<TransparentGifLoader> loader = MakeRef<TransparentGifLoader>(apartment.protector);
+};
+
+TEST_F(Loader, ConstructionFillsTheRecordsAndStartsGdiplusUntilDestruction) {
+  EXPECT_EQ(loader->iguid(), TransparentGifLoader::kIPicture);
+  EXPECT_EQ(loader->iguid().Data1, 0x7BF80980u);  // IPicture, not IPictureDisp (…81)
+  EXPECT_EQ(loader->picConv().cbSizeofstruct, 20u);
+  EXPECT_EQ(loader->picConv().picType, 1u);
+  EXPECT_EQ(loader->picConv().hbitmap, 0u);
+  EXPECT_NE(loader->token(), 0);
+  EXPECT_EQ(api.liveStarts(), 1u);
+  loader.reset();
+  EXPECT_EQ(api.liveStarts(), 0u);
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+  EXPECT_TRUE(apartment.script->log.empty());
+}
+
+TEST_F(Loader, FailedStartGivesNothingWithoutFailureAndNoShutdownOfTokenZero) {
+  api.failStartup = true;
+  auto unstarted = MakeRef<TransparentGifLoader>(apartment.protector);
+  EXPECT_EQ(unstarted->token(), 0);
+  ArrayRef bytes = Bytes(RgbaPng(2, 2, kTransparentPixels));
+  loader.reset();  // no GDI+ started anywhere now
+  const int shutdowns = api.shutdowns;
+  EXPECT_FALSE(unstarted->LoadTransparentGif(bytes));
+  EXPECT_EQ(api.liveBlocks(), 0u);
+  unstarted.reset();
+  EXPECT_EQ(api.shutdowns, shutdowns);
+  EXPECT_TRUE(HandlerCalls().empty());
+}
+
+TEST_F(Loader, TransparentPngIsCompositedOverBlueWithAlphaKept) {
+  ArrayRef bytes = Bytes(RgbaPng(2, 2, kTransparentPixels));
+  Ref<Object> picture = loader->LoadTransparentGif(bytes);
+  ASSERT_TRUE(picture);
+  const PortableBitmap& bitmap = Pixels(picture);
+  ASSERT_EQ(bitmap.width, 2);
+  ASSERT_EQ(bitmap.height, 2);
+  EXPECT_EQ(bitmap.Pixel(0, 0), 0xFFFF0000u);  // opaque: unchanged
+  EXPECT_EQ(bitmap.Pixel(1, 0), 0x000000FFu);  // transparent: blue 255, alpha 0
+  EXPECT_EQ(bitmap.Pixel(0, 1), 0x8000807Fu);  // half green over blue
+  EXPECT_EQ(bitmap.Pixel(1, 1), 0x400305C7u);  // (10,20,30) at 64 over blue
+  EXPECT_EQ(loader->picConv().hbitmap, dynamic_cast<PortablePicture&>(*picture).handle());
+}
+
+TEST_F(Loader, OpaquePngKeepsItsColoursAndGifTransparencyReadsBlue) {
+  ArrayRef opaque = Bytes(RgbPng(3, 1, {1, 2, 3, 200, 100, 50, 0, 0, 0}));
+  Ref<Object> first = loader->LoadTransparentGif(opaque);
+  ASSERT_TRUE(first);
+  EXPECT_EQ(Pixels(first).Pixel(0, 0), 0xFF010203u);
+  EXPECT_EQ(Pixels(first).Pixel(1, 0), 0xFFC86432u);
+  EXPECT_EQ(Pixels(first).Pixel(2, 0), 0xFF000000u);
+
+  ArrayRef gif = Bytes(TransparentGif());
+  Ref<Object> second = loader->LoadTransparentGif(gif);
+  ASSERT_TRUE(second);
+  EXPECT_EQ(Pixels(second).Pixel(0, 0), 0x000000FFu);
+  EXPECT_EQ(Pixels(second).Pixel(1, 0), 0xFFFF0000u);
+}
+
+TEST_F(Loader, PictureAnswersItsMembersByName) {
+  ArrayRef bytes = Bytes(RgbaPng(2, 2, kTransparentPixels));
+  Ref<Object> picture = loader->LoadTransparentGif(bytes);
+  ASSERT_TRUE(picture);
+  EXPECT_EQ(ToLong(CallByName(picture, u"Type", CallKind::kPropertyGet)), 1);
+  EXPECT_EQ(ToLong(CallByName(picture, u"Width", CallKind::kPropertyGet)), 53);  // 2 px, HIMETRIC
+  EXPECT_EQ(ToLong(CallByName(picture, u"Height", CallKind::kPropertyGet)), 53);
+  EXPECT_EQ(
+      static_cast<std::uintptr_t>(ToLong(CallByName(picture, u"Handle", CallKind::kPropertyGet))),
+      dynamic_cast<PortablePicture&>(*picture).handle());
+}
+
+TEST_F(Loader, NeverDimensionedArrayGivesNothingWithoutAllocation) {
+  ArrayRef never;
+  EXPECT_FALSE(loader->LoadTransparentGif(never));
+  EXPECT_EQ(api.allocations, 0);
+  EXPECT_TRUE(HandlerCalls().empty());
+}
+
+TEST_F(Loader, EmptyArrayAllocatesZeroBytesFailsTheLockAndReleasesTheBlock) {
+  ArrayRef empty = Bytes({});
+  EXPECT_FALSE(loader->LoadTransparentGif(empty));
+  EXPECT_EQ(api.allocations, 1);
+  EXPECT_EQ(api.liveBlocks(), 0u);
+  EXPECT_TRUE(HandlerCalls().empty());
+}
+
+TEST_F(Loader, GarbageGivesNothingWithoutFailureAndLeavesNothingBehind) {
+  ArrayRef garbage = Bytes({'n', 'o', 't', ' ', 'a', ' ', 'p', 'i', 'c', 't', 'u', 'r', 'e'});
+  EXPECT_FALSE(loader->LoadTransparentGif(garbage));
+  EXPECT_EQ(api.allocations, 1);
+  EXPECT_EQ(api.liveBlocks(), 0u);  // the stream took the block and released it
+  EXPECT_EQ(api.liveBitmaps(), 0u);
+  EXPECT_EQ(api.liveHandles(), 0u);
+  EXPECT_TRUE(HandlerCalls().empty());
+}
+
+TEST_F(Loader, PlatformRefusalsEndInNothingAndReleaseWhatWasMade) {
+  ArrayRef bytes = Bytes(RgbaPng(2, 2, kTransparentPixels));
+  api.failAllocations = true;
+  EXPECT_FALSE(loader->LoadTransparentGif(bytes));
+  api.failAllocations = false;
+
+  api.failStreams = true;
+  EXPECT_FALSE(loader->LoadTransparentGif(bytes));
+  EXPECT_EQ(api.liveBlocks(), 0u);  // a block that never became a stream is freed
+  api.failStreams = false;
+  EXPECT_TRUE(HandlerCalls().empty());
+}
+
+TEST_F(Loader, RefusedPictureEntersTheTailOfBitmapToPictureAndDeletesTheHandle) {
+  ArrayRef bytes = Bytes(RgbaPng(2, 2, kTransparentPixels));
+  api.refusePictures = true;
+  EXPECT_FALSE(loader->LoadTransparentGif(bytes));
+  ASSERT_EQ(HandlerCalls().size(), 1u);
+  EXPECT_THAT(HandlerCalls()[0],
+              HasSubstr(R"(BSTR "TransparentGifLoader", BSTR "BitmapToPicture", )"
+                        R"(I4 404)"));
+  EXPECT_EQ(api.liveHandles(), 0u);
+  EXPECT_EQ(api.liveBitmaps(), 0u);
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
+TEST_F(Loader, EachLoadIsItsOwnPictureThatOutlivesTheLoader) {
+  ArrayRef bytes = Bytes(RgbaPng(2, 2, kTransparentPixels));
+  Ref<Object> first = loader->LoadTransparentGif(bytes);
+  Ref<Object> second = loader->LoadTransparentGif(bytes);
+  ASSERT_TRUE(first && second);
+  EXPECT_NE(first, second);
+  EXPECT_NE(dynamic_cast<PortablePicture&>(*first).handle(),
+            dynamic_cast<PortablePicture&>(*second).handle());
+  EXPECT_EQ(api.liveHandles(), 2u);
+  EXPECT_EQ(api.liveBitmaps(), 0u);  // GDI+ bitmaps go as soon as the handle exists
+  EXPECT_EQ(api.liveBlocks(), 0u);   // and the stream with its block when the load leaves
+
+  loader.reset();
+  EXPECT_EQ(Pixels(first).Pixel(1, 0), 0x000000FFu);
+  first.reset();
+  EXPECT_EQ(api.liveHandles(), 1u);  // the picture owned its handle
+  second.reset();
+  EXPECT_EQ(api.liveHandles(), 0u);
+}
+
+TEST_F(Loader, ArrayWithoutElementZeroIsABoundFailureOfTheCopy) {
+  ArrayRef shifted = MakeArray(RgbaPng(2, 2, kTransparentPixels), 1);
+  EXPECT_FALSE(loader->LoadTransparentGif(shifted));
+  ASSERT_EQ(HandlerCalls().size(), 1u);
+  EXPECT_THAT(HandlerCalls()[0], HasSubstr(R"(I4 9, BSTR "Subscript out of range")"));
+  EXPECT_THAT(HandlerCalls()[0], HasSubstr(R"(BSTR "LoadResourceAsStream", I4 310)"));
+  EXPECT_EQ(api.liveBlocks(), 0u);
+}
+
+TEST_F(Loader, ByNameTakesAByteArrayByValueOrReferenceAndNothingElse) {
+  ArrayRef bytes = Bytes(RgbaPng(2, 2, kTransparentPixels));
+  Ref<Object> asObject(loader);
+  EXPECT_TRUE(ToObject(CallByName(asObject, u"LoadTransparentGif", CallKind::kMethod,
+                                  Variant(VarType::VT_UI1, bytes))));
+  EXPECT_TRUE(ToObject(CallByName(asObject, u"LoadTransparentGif", CallKind::kMethod,
+                                  Variant::ByRef(VarType::VT_UI1, &bytes))));
+  EXPECT_FALSE(ToObject(CallByName(asObject, u"LoadTransparentGif", CallKind::kMethod,
+                                   Variant(VarType::VT_UI1, ArrayRef()))));
+  try {
+    CallByName(asObject, u"LoadTransparentGif", CallKind::kMethod, Variant(u"bytes"));
+    ADD_FAILURE() << "a string is no byte array";
+  } catch (const Failure& failure) {
+    EXPECT_EQ(failure.number, 13);
+  }
+  try {
+    CallByName(asObject, u"BitmapToPicture", CallKind::kMethod, std::int32_t{1});
+    ADD_FAILURE() << "only LoadTransparentGif is public";
+  } catch (const Failure& failure) {
+    EXPECT_EQ(failure.number, 438);
+  }
+}
+
+TEST_F(Loader, DumpOfTheLoaderReportsTheGuidFieldsThenTheToken) {
+  ArrayRef bytes = Bytes(RgbaPng(2, 2, kTransparentPixels));
+  api.refusePictures = true;
+  apartment.script->answers = {std::int32_t{8}, std::int32_t{7}};
+  EXPECT_FALSE(loader->LoadTransparentGif(bytes));
+  const auto& log = apartment.script->log;
+  const auto from = std::find(log.begin(), log.end(), "vbwOpenDumpFile()");
+  ASSERT_NE(from, log.end());
+  const std::vector<std::string> dump(from + 2, from + 10);
+  EXPECT_THAT(dump[0], HasSubstr(R"(BSTR "hBmp", I4 )"));
+  EXPECT_EQ(dump[1], R"(vbwReportToFile(BSTR "oNewPic = {Unknown Type}"))");
+  EXPECT_THAT(dump[2], HasSubstr("MODULE LEVEL"));
+  EXPECT_EQ(dump[3], R"(vbwReportVariable(BSTR "mIguid.Data1", I4 2079852928, I4 0))");
+  EXPECT_EQ(dump[4], R"(vbwReportVariable(BSTR "mIguid.Data2", I2 -16590, I4 0))");
+  EXPECT_EQ(dump[5], R"(vbwReportVariable(BSTR "mIguid.Data3", I2 4122, I4 0))");
+  EXPECT_EQ(dump[6], R"(vbwReportVariable(BSTR "mIguid.Data4", ARRAY(UI1) 8, I4 0))");
+  EXPECT_THAT(dump[7], HasSubstr(R"(BSTR "mToken", I4 )"));
+}
+
+TEST(VbLanguageExtensions, OnlyAnArrayWithoutStorageIsEmpty) {
+  Apartment apartment;
+  EXPECT_EQ(vb_language_extensions::isEmptyArrayByte(apartment.protector, nullptr), kTrue);
+  EXPECT_EQ(vb_language_extensions::isEmptyArrayByte(apartment.protector, Bytes({})), kFalse);
+  EXPECT_EQ(vb_language_extensions::isEmptyArrayByte(apartment.protector, Bytes({0})), kFalse);
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+  EXPECT_TRUE(apartment.script->log.empty());
+}
+
+TEST(VbLanguageExtensions, DumpReportsItsOneModuleVariable) {
+  Apartment apartment;
+  apartment.faults.FailAt(u"VBLanguageExtensions.isEmptyArrayByte", 1);
+  apartment.script->answers = {std::int32_t{8}, std::int32_t{7}};
+  vb_language_extensions::isEmptyArrayByte(apartment.protector, nullptr);
+  const auto& log = apartment.script->log;
+  const auto banner = std::find_if(log.begin(), log.end(), [](const std::string& line) {
+    return line.find("MODULE LEVEL") != std::string::npos;
+  });
+  ASSERT_NE(banner, log.end());
+  ASSERT_NE(banner + 1, log.end());
+  EXPECT_EQ(*(banner + 1), R"(vbwReportVariable(BSTR "mInIDE", BOOL 0, I4 0))");
+  EXPECT_EQ(*(banner - 1),
+            R"(vbwReportVariable(BSTR "testArray", ARRAY(UI1) undimensioned, I4 0))");
+}
+
+}  // namespace
+}  // namespace tabforge::testing
