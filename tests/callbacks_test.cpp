@@ -24,7 +24,7 @@ class Callbacks : public ::testing::Test {
   Apartment apartment;
   std::vector<std::string> log;
   Ref<RecordingRibbon> ribbon = MakeRef<RecordingRibbon>(&log);
-  Ref<RecordingSignaller> signaller = MakeRef<RecordingSignaller>(&log);
+  Ref<MacroSignaller> signaller = MakeRef<MacroSignaller>(&log);
   Main2 main2{apartment.protector};
 };
 
@@ -176,7 +176,8 @@ TEST_F(Callbacks, IdPastTheTableRunsNothing) {
 
 TEST_F(Callbacks, MacroThatCallsBackFindsTheLibraryWorking) {
   signaller->onRun = [&](const Bstr& macro) {
-    if (macro != u"ApplyMorvelin") return;
+    if (macro != u"ApplyMorvelin")
+      return;
     main2.EnableToolbar(kFalse);
     main2.UpdateLexoscopeIcon(kTrue);
     main2.RibbonCallback(u"MVN5", kFalse);

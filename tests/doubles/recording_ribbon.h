@@ -33,10 +33,11 @@ class RecordingRibbon final : public RibbonUi {
   std::vector<std::string>* log_;
 };
 
-// The template's signalling object: records Run, and can call back into the library from a macro.
-class RecordingSignaller final : public Object {
+// The template's signalling object as far as presses go: records Run, and can call back into the
+// library from a macro.
+class MacroSignaller final : public Object {
  public:
-  explicit RecordingSignaller(std::vector<std::string>* log) : log_(log) {}
+  explicit MacroSignaller(std::vector<std::string>* log) : log_(log) {}
   Variant Invoke(BstrView member, CallKind, std::span<Variant> arguments) override {
     if (member == u"Run" && arguments.size() == 1) {
       log_->push_back("signaller.Run " + ToUtf8(ToBstr(arguments[0])));
