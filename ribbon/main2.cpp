@@ -2,8 +2,8 @@
 
 #include "platform/failure.h"
 #include "platform/variant.h"
-#include "ribbon/string_extensions.h"
 #include "ribbon/procedures.h"
+#include "ribbon/string_extensions.h"
 #include "tracing/run.h"
 
 namespace tabforge {
