@@ -3,9 +3,11 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <vector>
 
+#include "accessibility/accessibility.h"
 #include "platform/bstr.h"
 #include "platform/object.h"
 #include "platform/variant_bool.h"
@@ -14,6 +16,18 @@
 #include "tracing/vbw_protector.h"
 
 namespace tabforge {
+
+// Bounds of the search for the add-in's tab. The word processor's ribbon builds its tree while it
+// starts up, so the search waits for each stage; these bounds keep a tab that never appears from
+// holding the word processor's thread. When one is hit the search ends quietly and nothing is
+// pressed. The time budget covers all stages of one search together; the attempt cap applies to
+// each stage on its own, with one message pass between attempts.
+struct TabSearchLimits {
+  std::chrono::steady_clock::duration timeBudget = std::chrono::seconds(3);
+  int maxAttemptsPerStage = 200;
+  // Bounds of every tree walk of the search (see accessibility/accessibility.h).
+  WalkLimits walk;
+};
 
 class Main2 {
  public:
@@ -42,6 +56,9 @@ class Main2 {
   void EnableToolbar(VariantBool value);
   void activateMorvelinTab(const Ref<Object>& RibbonCommandBar);
 
+  void SetTabSearchLimits(const TabSearchLimits& limits);
+  const TabSearchLimits& tabSearchLimits() const { return tabSearchLimits_; }
+
   // --- State, for hosts and tests ----------------------------------------------------------------
 
   VariantBool enabled() const { return mEnabled; }
@@ -63,10 +80,15 @@ class Main2 {
   std::int16_t getApplyMorvelinImageIndex();
   std::int32_t convertToId(Bstr idStr);
   void InvalidateRibbonControl(std::int32_t id);
+  Ref<Object> getMorvelinTab(const Ref<Object>& RibbonCommandBar);
+  std::int16_t TabIndex(const ChildList& Info, const Bstr& tabName);
+  void clickWidget(const Ref<Object>& widget);
   void vbwReportModuleVariables() const;
   tracing::Module Trace() const noexcept;
 
   VbwProtector& protector_;
+  Accessibility accessibility_{protector_};
+  TabSearchLimits tabSearchLimits_;
 
   // Fields, in the order of the module report.
   VariantBool mEnabled = kFalse;
