@@ -1,0 +1,51 @@
+// Values across the automation boundary: strings, truth values, variants and objects, both ways.
+#pragma once
+
+#include <windows.h>
+
+#include <oleauto.h>
+
+#include "platform/bstr.h"
+#include "platform/object.h"
+#include "platform/variant.h"
+#include "platform/variant_bool.h"
+#include "server/com_ptr.h"
+
+namespace tabforge::com {
+
+// wchar_t is 16 bits on this target, so a BSTR's units are the core's units.
+static_assert(sizeof(wchar_t) == sizeof(char16_t));
+
+// A null BSTR is the empty string.
+Bstr FromBstr(BSTR s);
+UniqueBstr MakeBstr(BstrView text);
+
+inline VariantBool FromVariantBool(VARIANT_BOOL b) {
+  return static_cast<VariantBool>(b);
+}
+inline VARIANT_BOOL ToVariantBoolValue(VariantBool b) {
+  return static_cast<VARIANT_BOOL>(b);
+}
+
+// An object handed in by a caller, as the core holds it; nothing for a null pointer.
+Ref<Object> WrapDispatch(IDispatch* dispatch);
+Ref<Object> WrapUnknown(IUnknown* unknown);
+// A core object for a caller: the caller's own interface when the object came from outside,
+// otherwise an adapter that lets the caller reach its members by name.
+ComPtr<IDispatch> ToDispatch(const Ref<Object>& object);
+ComPtr<IUnknown> ToUnknown(const Ref<Object>& object);
+
+// A VARIANT as a core value; references are followed. Throws `Failure` (type mismatch) for a
+// type the core does not know.
+Variant FromVariant(const VARIANT& value);
+// A core value as an owned VARIANT; references are followed. Throws `Failure` for what has no
+// automation form.
+UniqueVariant ToVariant(const Variant& value);
+
+// The automation status that stands for a failure number: HRESULTs pass as they are, run-time
+// numbers get the run time's facility.
+HRESULT ScodeOf(std::int32_t number);
+// The failure number for an automation status, the reverse of `ScodeOf`.
+std::int32_t NumberOf(HRESULT scode);
+
+}  // namespace tabforge::com

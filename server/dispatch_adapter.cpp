@@ -1,0 +1,159 @@
+#include "server/dispatch_adapter.h"
+
+#include <algorithm>
+#include <cwctype>
+#include <new>
+
+#include "platform/failure.h"
+#include "platform/variant.h"
+#include "server/conversions.h"
+
+namespace tabforge::com {
+
+namespace {
+
+// Identifies our own adapters behind an IDispatch; answered only by DispatchAdapter.
+// {6A3D8F0E-52B1-4C77-9E4B-1F0C2D7A9B31}
+constexpr IID kIidDispatchAdapter = {
+    0x6a3d8f0e, 0x52b1, 0x4c77, {0x9e, 0x4b, 0x1f, 0x0c, 0x2d, 0x7a, 0x9b, 0x31}};
+
+// Member names compare without regard to case, as everywhere in automation.
+bool SameName(BstrView a, BstrView b) {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char16_t x, char16_t y) {
+    return std::towlower(static_cast<wint_t>(x)) == std::towlower(static_cast<wint_t>(y));
+  });
+}
+
+}  // namespace
+
+DispatchAdapter::DispatchAdapter(Ref<Object> object) : object_(std::move(object)) {}
+DispatchAdapter::~DispatchAdapter() = default;
+
+ComPtr<IDispatch> DispatchAdapter::Create(Ref<Object> object) {
+  auto* adapter = new (std::nothrow) DispatchAdapter(std::move(object));
+  if (adapter == nullptr)
+    Raise(RunTimeError::kOutOfMemory);
+  return ComPtr<IDispatch>::Attach(adapter);
+}
+
+Ref<Object> DispatchAdapter::Unwrap(IDispatch* dispatch) {
+  void* raw = nullptr;
+  if (dispatch == nullptr || FAILED(dispatch->QueryInterface(kIidDispatchAdapter, &raw)))
+    return nullptr;
+  // The query handed out no reference; see QueryInterface.
+  return static_cast<DispatchAdapter*>(raw)->object_;
+}
+
+HRESULT DispatchAdapter::QueryInterface(REFIID riid, void** out) {
+  if (out == nullptr)
+    return E_POINTER;
+  if (IsEqualIID(riid, kIidDispatchAdapter)) {
+    *out = this;  // an internal identity check, not a reference
+    return S_OK;
+  }
+  if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IDispatch)) {
+    *out = static_cast<IDispatch*>(this);
+    AddRef();
+    return S_OK;
+  }
+  *out = nullptr;
+  return E_NOINTERFACE;
+}
+
+ULONG DispatchAdapter::AddRef() {
+  return ++references_;
+}
+
+ULONG DispatchAdapter::Release() {
+  const ULONG left = --references_;
+  if (left == 0)
+    delete this;
+  return left;
+}
+
+HRESULT DispatchAdapter::GetTypeInfoCount(UINT* count) {
+  if (count == nullptr)
+    return E_POINTER;
+  *count = 0;
+  return S_OK;
+}
+
+HRESULT DispatchAdapter::GetTypeInfo(UINT, LCID, ITypeInfo** out) {
+  if (out != nullptr)
+    *out = nullptr;
+  return DISP_E_BADINDEX;
+}
+
+HRESULT DispatchAdapter::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DISPID* ids) {
+  if (names == nullptr || ids == nullptr)
+    return E_POINTER;
+  try {
+    // The member name gets an id; named arguments are not supported.
+    for (UINT i = 1; i < count; ++i)
+      ids[i] = DISPID_UNKNOWN;
+    const Bstr name(reinterpret_cast<const char16_t*>(names[0]));
+    auto found = std::find_if(names_.begin(), names_.end(),
+                              [&](const Bstr& known) { return SameName(known, name); });
+    if (found == names_.end()) {
+      names_.push_back(name);
+      found = names_.end() - 1;
+    }
+    ids[0] = static_cast<DISPID>(found - names_.begin()) + 1;
+    return count > 1 ? DISP_E_UNKNOWNNAME : S_OK;
+  } catch (...) {
+    return E_OUTOFMEMORY;
+  }
+}
+
+HRESULT DispatchAdapter::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* params,
+                                VARIANT* result, EXCEPINFO* exception, UINT*) {
+  if (id < 1 || static_cast<std::size_t>(id) > names_.size())
+    return DISP_E_MEMBERNOTFOUND;
+  const Bstr member = names_[static_cast<std::size_t>(id) - 1];
+  try {
+    const UINT count = params != nullptr ? params->cArgs : 0;
+    // Arguments in declared order; a VARIANT passed by reference is written back after the call.
+    std::vector<Variant> values(count);
+    std::vector<Variant> arguments(count);
+    for (UINT i = 0; i < count; ++i) {
+      const VARIANT& raw = params->rgvarg[count - 1 - i];
+      values[i] = FromVariant(raw);
+      arguments[i] = V_VT(&raw) == (VT_BYREF | VT_VARIANT) ? Variant::ByRef(&values[i]) : values[i];
+    }
+    CallKind kind = CallKind::kMethod;
+    if ((flags & DISPATCH_PROPERTYPUTREF) != 0)
+      kind = CallKind::kPropertyPutRef;
+    else if ((flags & DISPATCH_PROPERTYPUT) != 0)
+      kind = CallKind::kPropertyPut;
+    else if ((flags & DISPATCH_METHOD) == 0)
+      kind = CallKind::kPropertyGet;
+    Variant answer = object_->Invoke(member, kind, arguments);
+    for (UINT i = 0; i < count; ++i) {
+      VARIANT& raw = params->rgvarg[count - 1 - i];
+      if (V_VT(&raw) == (VT_BYREF | VT_VARIANT) && V_VARIANTREF(&raw) != nullptr) {
+        UniqueVariant written = ToVariant(values[i]);
+        ClearVariant(V_VARIANTREF(&raw));
+        written.DetachTo(V_VARIANTREF(&raw));
+      }
+    }
+    if (result != nullptr) {
+      UniqueVariant out = ToVariant(answer);
+      out.DetachTo(result);
+    }
+    return S_OK;
+  } catch (const Failure& failure) {
+    if (failure.number == static_cast<std::int32_t>(RunTimeError::kMemberNotFound))
+      return DISP_E_MEMBERNOTFOUND;
+    if (exception != nullptr) {
+      *exception = EXCEPINFO{};
+      exception->scode = ScodeOf(failure.number);
+      exception->bstrSource = MakeBstr(u"Tabforge").Detach();
+      exception->bstrDescription = MakeBstr(failure.description).Detach();
+    }
+    return DISP_E_EXCEPTION;
+  } catch (...) {
+    return E_UNEXPECTED;
+  }
+}
+
+}  // namespace tabforge::com

@@ -1,0 +1,48 @@
+// Any core object as an IDispatch: its members get dispatch ids by name on first request and are
+// invoked by name. The error component reaches the dump's objects this way.
+#pragma once
+
+#include <windows.h>
+
+#include <oaidl.h>
+
+#include <vector>
+
+#include "platform/bstr.h"
+#include "platform/object.h"
+#include "server/com_ptr.h"
+
+namespace tabforge::com {
+
+// COM interfaces have no virtual destructor by design; objects delete themselves in Release.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
+class DispatchAdapter final : public IDispatch {
+ public:
+  static ComPtr<IDispatch> Create(Ref<Object> object);
+  // The core object behind `dispatch` when it is one of these adapters, else nothing.
+  static Ref<Object> Unwrap(IDispatch* dispatch);
+
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override;
+  ULONG STDMETHODCALLTYPE AddRef() override;
+  ULONG STDMETHODCALLTYPE Release() override;
+  HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override;
+  HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT index, LCID locale, ITypeInfo** out) override;
+  HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID riid, LPOLESTR* names, UINT count, LCID locale,
+                                          DISPID* ids) override;
+  HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID riid, LCID locale, WORD flags,
+                                   DISPPARAMS* params, VARIANT* result, EXCEPINFO* exception,
+                                   UINT* argumentError) override;
+
+ private:
+  explicit DispatchAdapter(Ref<Object> object);
+  ~DispatchAdapter();
+
+  ULONG references_ = 1;
+  Ref<Object> object_;
+  // Names in the order they were asked for; a member's id is its index plus one.
+  std::vector<Bstr> names_;
+};
+#pragma GCC diagnostic pop
+
+}  // namespace tabforge::com

@@ -1,0 +1,77 @@
+// The COM object of class Main2: the _Main2 interface over the core's Main2.
+#pragma once
+
+#include <windows.h>
+
+#include <ole2.h>
+#include <olectl.h>
+// <windows.h> names LoadImageW as LoadImage; the member of _Main2 keeps its own name.
+#undef LoadImage
+
+#include "Tabforge_h.h"
+#include "ribbon/main2.h"
+#include "server/com_ptr.h"
+
+namespace tabforge::com {
+
+// Live objects and server locks of the module; DllCanUnloadNow answers from them. Only the
+// apartment's thread touches an object, but creation can happen in any apartment.
+void ModuleAddRef();
+void ModuleRelease();
+bool ModuleInUse();
+
+// The type information of the _Main2 interface in the library's own type library.
+ComPtr<ITypeInfo> LoadMain2TypeInfo();
+
+// COM interfaces have no virtual destructor by design; objects delete themselves in Release.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
+class Main2Object final : public _Main2 {
+ public:
+  static HRESULT Create(REFIID riid, void** out);
+
+  // IUnknown
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override;
+  ULONG STDMETHODCALLTYPE AddRef() override;
+  ULONG STDMETHODCALLTYPE Release() override;
+
+  // IDispatch, through the type library
+  HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override;
+  HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT index, LCID locale, ITypeInfo** out) override;
+  HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID riid, LPOLESTR* names, UINT count, LCID locale,
+                                          DISPID* ids) override;
+  HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID riid, LCID locale, WORD flags,
+                                   DISPPARAMS* params, VARIANT* result, EXCEPINFO* exception,
+                                   UINT* argumentError) override;
+
+  // _Main2
+  HRESULT STDMETHODCALLTYPE Initialize(IDispatch** eventSignaller, BSTR* productName) override;
+  HRESULT STDMETHODCALLTYPE putref_ribbon(IDispatch** value) override;
+  HRESULT STDMETHODCALLTYPE GetRibbonXML(BSTR* result) override;
+  HRESULT STDMETHODCALLTYPE productNameChanged(BSTR* productName) override;
+  HRESULT STDMETHODCALLTYPE get_GetLabel(BSTR* idStr, BSTR* result) override;
+  HRESULT STDMETHODCALLTYPE get_GetEnabled(BSTR* idStr, VARIANT_BOOL* result) override;
+  HRESULT STDMETHODCALLTYPE get_GetPressed(BSTR* idStr, VARIANT_BOOL* result) override;
+  HRESULT STDMETHODCALLTYPE get_GetScreentip(BSTR* idStr, BSTR* result) override;
+  HRESULT STDMETHODCALLTYPE get_GetImage(BSTR* idStr, IPictureDisp** result) override;
+  HRESULT STDMETHODCALLTYPE LoadImage(BSTR* id, IPictureDisp** result) override;
+  HRESULT STDMETHODCALLTYPE RibbonCallback(BSTR* idStr, VARIANT_BOOL* isOn) override;
+  HRESULT STDMETHODCALLTYPE EnableGotoQuickBookmark(VARIANT_BOOL* value) override;
+  HRESULT STDMETHODCALLTYPE UpdateLexoscopeIcon(VARIANT_BOOL* enable) override;
+  HRESULT STDMETHODCALLTYPE EnableToolbar(VARIANT_BOOL* value) override;
+  HRESULT STDMETHODCALLTYPE activateMorvelinTab(IDispatch** RibbonCommandBar) override;
+
+  // The core object, for tests in the same process.
+  Main2& core() { return core_; }
+
+ private:
+  Main2Object(VbwProtector& protector, ComPtr<ITypeInfo> typeInfo);
+  ~Main2Object();
+
+  ULONG references_ = 1;
+  ComPtr<ITypeInfo> typeInfo_;
+  Main2 core_;
+};
+#pragma GCC diagnostic pop
+
+}  // namespace tabforge::com

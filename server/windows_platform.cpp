@@ -1,0 +1,253 @@
+#include "server/windows_platform.h"
+
+#include <windows.h>
+
+#include <dispex.h>
+#include <oleacc.h>
+#include <winspool.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/failure.h"
+#include "server/conversions.h"
+
+namespace tabforge::com {
+
+namespace {
+
+std::wstring Wide(BstrView text) {
+  return std::wstring(reinterpret_cast<const wchar_t*>(text.data()), text.size());
+}
+
+Bstr FromWide(const wchar_t* text, std::size_t length) {
+  return Bstr(reinterpret_cast<const char16_t*>(text), length);
+}
+
+// An argument slot and, for a reference, the temporary the callee writes into.
+struct Argument {
+  UniqueVariant value;      // what the callee sees for a by-value argument, or the temporary
+  VARIANT* slot = nullptr;  // where in DISPPARAMS this argument sits
+};
+
+// Points `slot` at the value inside `temporary`, with the reference form of its type; a variable
+// of the caller's own variant type gets a reference to the whole VARIANT.
+void PointAt(VARIANT* slot, VARIANT* temporary, bool wholeVariant) {
+  if (wholeVariant || V_VT(temporary) == VT_EMPTY || V_VT(temporary) == VT_NULL) {
+    V_VT(slot) = VT_BYREF | VT_VARIANT;
+    V_VARIANTREF(slot) = temporary;
+    return;
+  }
+  V_VT(slot) = static_cast<VARTYPE>(VT_BYREF | V_VT(temporary));
+  // Every member of the value union starts at the same address.
+  V_BYREF(slot) = &V_UI1(temporary);
+}
+
+}  // namespace
+
+void ThrowIfFailed(HRESULT hr, EXCEPINFO* exception) {
+  if (SUCCEEDED(hr))
+    return;
+  if (hr == DISP_E_EXCEPTION && exception != nullptr) {
+    if (exception->pfnDeferredFillIn != nullptr)
+      exception->pfnDeferredFillIn(exception);
+    UniqueBstr description(exception->bstrDescription);
+    UniqueBstr source(exception->bstrSource);
+    UniqueBstr helpFile(exception->bstrHelpFile);
+    exception->bstrDescription = exception->bstrSource = exception->bstrHelpFile = nullptr;
+    const std::int32_t number =
+        exception->scode != 0 ? NumberOf(exception->scode) : std::int32_t{exception->wCode};
+    Raise(number, FromBstr(description.get()));
+  }
+  const std::int32_t number = NumberOf(hr);
+  if (number >= 0 && number <= 0xFFFF)
+    Raise(number, DescribeRunTimeError(static_cast<RunTimeError>(number)));
+  Raise(number, u"Automation error");
+}
+
+// --- WindowsObject ------------------------------------------------------------------------------
+
+WindowsObject::WindowsObject(ComPtr<IUnknown> unknown)
+    : unknown_(std::move(unknown)), dispatch_(unknown_.As<IDispatch>()) {}
+
+DISPID WindowsObject::FindMember(BstrView member) {
+  if (!dispatch_)
+    Raise(RunTimeError::kObjectRequired);
+  std::wstring name = Wide(member);
+  LPOLESTR names[] = {name.data()};
+  DISPID id = DISPID_UNKNOWN;
+  HRESULT hr = dispatch_->GetIDsOfNames(IID_NULL, names, 1, LOCALE_USER_DEFAULT, &id);
+  if (hr == E_NOTIMPL) {
+    // Script objects may only know names through IDispatchEx.
+    if (ComPtr<IDispatchEx> ex = dispatch_.As<IDispatchEx>()) {
+      UniqueBstr bstrName = MakeBstr(member);
+      hr = ex->GetDispID(bstrName.get(), fdexNameCaseInsensitive, &id);
+    }
+  }
+  if (FAILED(hr))
+    Raise(RunTimeError::kMemberNotFound);
+  return id;
+}
+
+Variant WindowsObject::Invoke(BstrView member, CallKind kind, std::span<Variant> arguments) {
+  const DISPID id = FindMember(member);
+  const std::size_t count = arguments.size();
+
+  // DISPPARAMS lists the arguments last first.
+  std::vector<VARIANT> slots(count);
+  std::vector<UniqueVariant> temporaries(count);
+  for (std::size_t i = 0; i < count; ++i) {
+    VARIANT* slot = &slots[count - 1 - i];
+    ::VariantInit(slot);
+    const Variant& argument = arguments[i];
+    temporaries[i] = ToVariant(argument);
+    if (argument.IsByRef())
+      PointAt(slot, temporaries[i].get(), argument.RefVariant() != nullptr);
+    else
+      *slot = *temporaries[i].get();  // a shallow view; the temporary keeps ownership
+  }
+
+  DISPID putId = DISPID_PROPERTYPUT;
+  const bool isPut = kind == CallKind::kPropertyPut || kind == CallKind::kPropertyPutRef;
+  DISPPARAMS params{slots.data(), isPut ? &putId : nullptr, static_cast<UINT>(count),
+                    isPut ? 1u : 0u};
+  UniqueVariant result;
+  EXCEPINFO exception{};
+  UINT argumentError = 0;
+  WORD flags = static_cast<WORD>(kind);
+  // A method may also be read as a property, the way late-bound callers reach it.
+  if (kind == CallKind::kMethod)
+    flags |= DISPATCH_PROPERTYGET;
+  HRESULT hr = dispatch_->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, flags, &params,
+                                 isPut ? nullptr : result.get(), &exception, &argumentError);
+  ThrowIfFailed(hr, &exception);
+
+  // Write back what the callee left in the temporaries of references.
+  for (std::size_t i = 0; i < count; ++i) {
+    if (arguments[i].IsByRef())
+      AssignThrough(arguments[i], FromVariant(*temporaries[i].get()));
+  }
+  return FromVariant(*result.get());
+}
+
+Ref<RibbonUi> WindowsObject::QueryRibbonUi() {
+  ComPtr<IRibbonUI> ribbon = unknown_.As<IRibbonUI>();
+  if (!ribbon)
+    return nullptr;
+  return MakeRef<WindowsRibbonUi>(Ref<WindowsObject>(this), std::move(ribbon));
+}
+
+// --- WindowsRibbonUi ----------------------------------------------------------------------------
+
+WindowsRibbonUi::WindowsRibbonUi(Ref<WindowsObject> object, ComPtr<IRibbonUI> ribbon)
+    : object_(std::move(object)), ribbon_(std::move(ribbon)) {}
+
+Variant WindowsRibbonUi::Invoke(BstrView member, CallKind kind, std::span<Variant> arguments) {
+  return object_->Invoke(member, kind, arguments);
+}
+
+void WindowsRibbonUi::Invalidate() {
+  ThrowIfFailed(ribbon_->Invalidate());
+}
+
+void WindowsRibbonUi::InvalidateControl(const Bstr& controlId) {
+  UniqueBstr id = MakeBstr(controlId);
+  ThrowIfFailed(ribbon_->InvalidateControl(id.get()));
+}
+
+// --- Host ---------------------------------------------------------------------------------------
+
+Bstr WindowsHost::CommandLine() const {
+  const wchar_t* line = ::GetCommandLineW();
+  return line != nullptr ? FromWide(line, std::wcslen(line)) : Bstr();
+}
+
+Bstr WindowsHost::GetSetting(BstrView appName, BstrView section, BstrView key,
+                             BstrView defaultValue) const {
+  const std::wstring path =
+      L"Software\\VB and VBA Program Settings\\" + Wide(appName) + L"\\" + Wide(section);
+  const std::wstring name = Wide(key);
+  DWORD type = 0;
+  DWORD bytes = 0;
+  if (::RegGetValueW(HKEY_CURRENT_USER, path.c_str(), name.c_str(), RRF_RT_REG_SZ, &type, nullptr,
+                     &bytes) != ERROR_SUCCESS)
+    return Bstr(defaultValue);
+  std::vector<wchar_t> buffer(bytes / sizeof(wchar_t) + 1);
+  bytes = static_cast<DWORD>(buffer.size() * sizeof(wchar_t));
+  if (::RegGetValueW(HKEY_CURRENT_USER, path.c_str(), name.c_str(), RRF_RT_REG_SZ, &type,
+                     buffer.data(), &bytes) != ERROR_SUCCESS)
+    return Bstr(defaultValue);
+  return FromWide(buffer.data(), std::wcslen(buffer.data()));
+}
+
+// --- Object factory -----------------------------------------------------------------------------
+
+Ref<Object> WindowsObjectFactory::CreateObject(BstrView progId) {
+  const std::wstring name = Wide(progId);
+  CLSID clsid{};
+  ComPtr<IUnknown> unknown;
+  if (FAILED(::CLSIDFromProgID(name.c_str(), &clsid)) ||
+      FAILED(::CoCreateInstance(clsid, nullptr, CLSCTX_ALL, IID_IUnknown, unknown.PutVoid())))
+    Raise(RunTimeError::kCannotCreateObject);
+  return WrapUnknown(unknown.get());
+}
+
+// --- System facts -------------------------------------------------------------------------------
+
+SystemFacts::ScreenSize WindowsSystemFacts::Screen() const {
+  return {::GetSystemMetrics(SM_CXSCREEN), ::GetSystemMetrics(SM_CYSCREEN)};
+}
+
+std::optional<Bstr> WindowsSystemFacts::DefaultPrinter() const {
+  DWORD length = 0;
+  ::GetDefaultPrinterW(nullptr, &length);
+  if (length == 0)
+    return std::nullopt;
+  std::vector<wchar_t> name(length);
+  if (!::GetDefaultPrinterW(name.data(), &length))
+    return std::nullopt;
+  return FromWide(name.data(), std::wcslen(name.data()));
+}
+
+// --- Message queue ------------------------------------------------------------------------------
+
+void WindowsMessageQueue::PumpOnce() {
+  MSG message;
+  while (::PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) {
+    ::TranslateMessage(&message);
+    ::DispatchMessageW(&message);
+  }
+}
+
+// --- Accessibility ------------------------------------------------------------------------------
+
+std::int32_t WindowsAccessibility::AccessibleChildren(const Ref<Object>& container,
+                                                      std::int32_t firstChild, std::int32_t count,
+                                                      Variant* children, std::int32_t* obtained) {
+  if (obtained != nullptr)
+    *obtained = 0;
+  try {
+    ComPtr<IDispatch> dispatch = ToDispatch(container);
+    ComPtr<IAccessible> accessible = dispatch.As<IAccessible>();
+    if (!accessible || count <= 0)
+      return E_INVALIDARG;
+    std::vector<UniqueVariant> raw(static_cast<std::size_t>(count));
+    std::vector<VARIANT> list(static_cast<std::size_t>(count));
+    for (VARIANT& v : list)
+      ::VariantInit(&v);
+    LONG got = 0;
+    const HRESULT hr = ::AccessibleChildren(accessible.get(), firstChild, count, list.data(), &got);
+    // Hand every returned VARIANT to an owner before converting, so nothing leaks on a throw.
+    for (LONG i = 0; i < got && i < count; ++i)
+      *raw[static_cast<std::size_t>(i)].get() = list[static_cast<std::size_t>(i)];
+    for (LONG i = 0; i < got && i < count; ++i)
+      children[i] = FromVariant(*raw[static_cast<std::size_t>(i)].get());
+    if (obtained != nullptr)
+      *obtained = got;
+    return hr;
+  } catch (...) {
+    return E_FAIL;
+  }
+}
+
+}  // namespace tabforge::com

@@ -1,0 +1,109 @@
+// The platform seam on Windows: objects reached through IDispatch, the ribbon's IRibbonUI, and
+// the host, object factory, system facts, message queue and accessibility of the platform.
+#pragma once
+
+#include <windows.h>
+
+#include <oaidl.h>
+
+#include "platform/object.h"
+#include "platform/platform.h"
+#include "platform/variant.h"
+#include "server/com_ptr.h"
+
+// The word processor's ribbon interface. Only the first two of its members are called here;
+// the ones after them are left undeclared.
+// COM interfaces have no virtual destructor by design; objects delete themselves in Release.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
+MIDL_INTERFACE("000C03A7-0000-0000-C000-000000000046")
+IRibbonUI : public IDispatch {
+ public:
+  virtual HRESULT STDMETHODCALLTYPE Invalidate() = 0;
+  virtual HRESULT STDMETHODCALLTYPE InvalidateControl(BSTR controlId) = 0;
+};
+#ifdef __CRT_UUID_DECL
+__CRT_UUID_DECL(IRibbonUI, 0x000C03A7, 0x0000, 0x0000, 0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+                0x46)
+#endif
+#pragma GCC diagnostic pop
+
+namespace tabforge::com {
+
+// An object from outside, called by member name through its IDispatch.
+class WindowsObject : public Object {
+ public:
+  explicit WindowsObject(ComPtr<IUnknown> unknown);
+
+  Variant Invoke(BstrView member, CallKind kind, std::span<Variant> arguments) override;
+  Ref<RibbonUi> QueryRibbonUi() override;
+
+  const ComPtr<IDispatch>& Dispatch() const { return dispatch_; }
+  const ComPtr<IUnknown>& Unknown() const { return unknown_; }
+
+ private:
+  DISPID FindMember(BstrView member);
+
+  ComPtr<IUnknown> unknown_;
+  ComPtr<IDispatch> dispatch_;
+};
+
+// The same object through its IRibbonUI.
+class WindowsRibbonUi final : public RibbonUi {
+ public:
+  WindowsRibbonUi(Ref<WindowsObject> object, ComPtr<IRibbonUI> ribbon);
+
+  Variant Invoke(BstrView member, CallKind kind, std::span<Variant> arguments) override;
+  void Invalidate() override;
+  void InvalidateControl(const Bstr& controlId) override;
+
+ private:
+  Ref<WindowsObject> object_;
+  ComPtr<IRibbonUI> ribbon_;
+};
+
+// Throws `Failure` for a failed status; a dispatch exception carries its own number and text.
+void ThrowIfFailed(HRESULT hr, EXCEPINFO* exception = nullptr);
+
+class WindowsHost final : public HostEnvironment {
+ public:
+  Bstr CommandLine() const override;
+  Bstr GetSetting(BstrView appName, BstrView section, BstrView key,
+                  BstrView defaultValue) const override;
+};
+
+class WindowsObjectFactory final : public ObjectFactory {
+ public:
+  Ref<Object> CreateObject(BstrView progId) override;
+};
+
+class WindowsSystemFacts final : public SystemFacts {
+ public:
+  ScreenSize Screen() const override;
+  std::optional<Bstr> DefaultPrinter() const override;
+};
+
+class WindowsMessageQueue final : public MessageQueue {
+ public:
+  void PumpOnce() override;
+};
+
+class WindowsAccessibility final : public AccessibilityApi {
+ public:
+  std::int32_t AccessibleChildren(const Ref<Object>& container, std::int32_t firstChild,
+                                  std::int32_t count, Variant* children,
+                                  std::int32_t* obtained) override;
+};
+
+// Every service of one apartment, in one place.
+struct WindowsPlatform {
+  WindowsHost host;
+  WindowsObjectFactory objects;
+  WindowsSystemFacts system;
+  WindowsMessageQueue messages;
+  WindowsAccessibility accessibility;
+
+  Platform Services() { return Platform{&host, &objects, &system, &messages, &accessibility}; }
+};
+
+}  // namespace tabforge::com
