@@ -74,6 +74,15 @@ class AccessibleElement final : public Object {
 
   // The first element, depth-first from here, with that name; null if none. Links are not followed.
   AccessibleElement* Find(BstrView name);
+  // Calls `visit` on this element and every element below it, depth-first; links not followed.
+  template <class Visit>
+  void VisitAll(Visit&& visit) {
+    visit(*this);
+    for (auto& entry : children_) {
+      if (auto* child = std::get_if<Ref<AccessibleElement>>(&entry))
+        (*child)->VisitAll(visit);
+    }
+  }
   // Entries below this element: objects, links and simple children.
   std::size_t EntryCount() const { return children_.size(); }
   // Elements from here, links and simple children not counted.

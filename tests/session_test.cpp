@@ -1,6 +1,7 @@
 // The tabforge session command: transcripts of host sessions replayed against Main2.
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <sstream>
 
 #include "tools/session.h"
@@ -75,6 +76,20 @@ TEST(Session, LastTextArgumentTakesTheRestOfTheLine) {
   const auto t =
       Replay("Initialize Morvelin Pro Edition\nGetLabel MVN0\nInitialize\nGetLabel MVN1\n");
   EXPECT_EQ(t.out, "= ok\n= \"Apply Morvelin Pro Edition\"\n= ok\n= \"Configure \"\n");
+}
+
+TEST(Session, ActivatesTheTabOfATreeFile) {
+  const std::string path = ::testing::TempDir() + "tabforge-ribbon.tree";
+  {
+    std::ofstream tree(path);
+    tree << "22 \"Ribbon\"\n  38 \"Ribbon\"\n    60 \"Ribbon Tabs\"\n      10 \"\"\n"
+            "        37 \"Home\"\n        37 \"Quill\"\n";
+  }
+  const auto t = Replay("Initialize Quill\nactivateMorvelinTab " + path + "\n");
+  EXPECT_EQ(t.out, "= ok\n  tree.accDoDefaultAction \"Quill\"\n= ok\n");
+  const auto missing = Replay("activateMorvelinTab " + path + ".missing\n");
+  EXPECT_EQ(missing.status, 2);
+  EXPECT_NE(missing.errors.find("line 1:"), std::string::npos);
 }
 
 TEST(Session, QuotesEscapeQuotesBackslashesAndControlCharacters) {

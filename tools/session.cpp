@@ -1,12 +1,15 @@
 #include "tools/session.h"
 
 #include <cstdio>
+#include <fstream>
 #include <functional>
 #include <istream>
 #include <map>
 #include <ostream>
+#include <sstream>
 #include <string_view>
 
+#include "accessibility/accessible_tree.h"
 #include "platform/call_by_name.h"
 #include "platform/portable/portable_platform.h"
 #include "ribbon/main2.h"
@@ -45,21 +48,45 @@ bool ParseBool(const std::string& text, VariantBool& value) {
   return true;
 }
 
+// Pictures answer their size in HIMETRIC, as automation pictures do; the transcript shows pixels
+// at 96 dots per inch.
 std::string PictureResult(const Ref<Object>& picture) {
-  if (!picture)
-    return "nothing";
-  std::string size = "picture";
+  if (!picture) return "nothing";
+  std::string text = "picture";
   try {
-    const auto width = ToLong(CallByName(picture, u"Width", CallKind::kPropertyGet));
-    const auto height = ToLong(CallByName(picture, u"Height", CallKind::kPropertyGet));
-    size += " " + std::to_string(width) + "x" + std::to_string(height);
+    auto pixels = [&](BstrView member) {
+      const std::int64_t himetric = ToLong(CallByName(picture, member, CallKind::kPropertyGet));
+      return std::to_string((himetric * 96 + 1270) / 2540);
+    };
+    text += " " + pixels(u"Width") + "x" + pixels(u"Height");
   } catch (const Failure&) {
   }
-  return size;
+  return text;
 }
 
 std::string BoolResult(VariantBool value) {
   return IsTrue(value) ? "true" : "false";
+}
+
+// Builds the accessible tree of `path`, hands it to activateMorvelinTab as the command bar, and
+// logs every element that was pressed.
+std::string ActivateTab(Session& s, const std::string& path) {
+  std::ifstream in(path);
+  if (!in)
+    return "!cannot read the tree file '" + path + "'";
+  std::stringstream text;
+  text << in.rdbuf();
+  ParsedTree tree = ParseAccessibleTree(text.str());
+  if (!tree.root) {
+    return "!" + path + ":" + std::to_string(tree.errorLine) + ": " + tree.error;
+  }
+  s.main2.activateMorvelinTab(tree.root);
+  tree.root->VisitAll([&](AccessibleElement& element) {
+    for (int i = 0; i < element.presses(); ++i) {
+      s.log.push_back("  tree.accDoDefaultAction " + Quote(element.name()));
+    }
+  });
+  return "ok";
 }
 
 // Runs one command; returns its result text, or an error message behind "!" for a bad line.
@@ -102,6 +129,8 @@ std::string RunCommand(Session& s, const std::string& member, const std::string&
     s.main2.RibbonCallback(FromUtf8(rest.substr(0, blank)), isOn);
     return "ok";
   }
+  if (member == "activateMorvelinTab")
+    return ActivateTab(s, rest);
   using Setter = void (Main2::*)(VariantBool);
   static const std::map<std::string, Setter, std::less<>> kSetters{
       {"EnableToolbar", &Main2::EnableToolbar},

@@ -40,11 +40,13 @@ constexpr const char* kSessionUsage =
     "  ribbon                   GetScreentip ID    productNameChanged NAME\n"
     "  GetRibbonXML             GetEnabled ID      EnableToolbar BOOL\n"
     "  GetImage ID              GetPressed ID      EnableGotoQuickBookmark BOOL\n"
-    "  LoadImage ID                                UpdateLexoscopeIcon BOOL\n"
+    "  LoadImage ID             activateMorvelinTab TREEFILE\n"
+    "                                              UpdateLexoscopeIcon BOOL\n"
     "\n"
     "For each command it prints the calls the library made on the session's objects, indented\n"
     "by two blanks, then one result line. Icons come from DIR/N.png or DIR/N.gif (default: the\n"
-    "project's icons).\n";
+    "project's icons). activateMorvelinTab builds an accessibility tree from TREEFILE, passes it\n"
+    "as the ribbon's command bar, and prints each element pressed; README.md gives the format.\n";
 
 bool WantsHelp(const std::vector<std::string>& args) {
   for (const auto& a : args) {
