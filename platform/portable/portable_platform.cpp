@@ -85,7 +85,7 @@ std::int32_t PortableAccessibilityApi::AccessibleChildren(const Ref<Object>& con
     return kFailed;
   try {
     const Variant list = container->Invoke(kPortableChildrenMember, CallKind::kPropertyGet, {});
-    const ArrayRef& array = list.Value().Array();
+    const ArrayRef array = list.Value().Array();
     if (!array)
       return kFailed;
     const auto* items = std::get_if<std::vector<Variant>>(&array->elements);
