@@ -51,7 +51,8 @@ bool ParseBool(const std::string& text, VariantBool& value) {
 // Pictures answer their size in HIMETRIC, as automation pictures do; the transcript shows pixels
 // at 96 dots per inch.
 std::string PictureResult(const Ref<Object>& picture) {
-  if (!picture) return "nothing";
+  if (!picture)
+    return "nothing";
   std::string text = "picture";
   try {
     auto pixels = [&](BstrView member) {
