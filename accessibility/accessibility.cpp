@@ -4,6 +4,7 @@
 #include <unordered_map>
 
 #include "platform/call_by_name.h"
+#include "platform/checked_access.h"
 #include "platform/failure.h"
 #include "tracing/run.h"
 
@@ -141,7 +142,11 @@ std::vector<Variant> Accessibility::GetChildren(const Ref<Object>& Element) {
         TF_STEP(2) if (NumChildren > 0) {
           TF_STEP(3) ChildrenArray.assign(static_cast<std::size_t>(NumChildren), Variant());
           // The status and the count are not looked at: entries not filled stay empty.
-          TF_STEP(4)
+          // The array is handed over by its entry 0 with room for every child; an array that was
+          // never made has no entry 0.
+          TF_STEP(4) if (ChildrenArray.size() < static_cast<std::size_t>(NumChildren)) {
+            Raise(RunTimeError::kSubscriptOutOfRange);
+          }
           protector_.platform().accessibility->AccessibleChildren(
               Element, 0, NumChildren, ChildrenArray.data(), &NumReturned);
         }
@@ -190,8 +195,8 @@ Ref<Object> Accessibility::GetAccessible(const Ref<Object>& Element, std::int32_
             TF_STEP(5)
             for (ndxChild = 0, highestChild = HighestIndex(ChildrenArray.size());
                  ndxChild <= highestChild; ++ndxChild) {
-              TF_STEP(6) if (HoldsObject(ChildrenArray[static_cast<std::size_t>(ndxChild)])) {
-                TF_STEP(7) Child = ToObject(ChildrenArray[static_cast<std::size_t>(ndxChild)]);
+              TF_STEP(6) if (HoldsObject(At(ChildrenArray, ndxChild))) {
+                TF_STEP(7) Child = ToObject(At(ChildrenArray, ndxChild));
                 TF_STEP(8) ReturnElement = GetAccessible(Child, RoleWanted, NameWanted, kFalse);
                 TF_STEP(9) if (ReturnElement) {
                   TF_STEP(10) break;
@@ -256,7 +261,7 @@ ChildList Accessibility::GetListOfChildren(const Ref<Object>& Parent, VariantBoo
           TF_STEP(3)
           for (ndxChild = 0, highestChild = HighestIndex(LocalChildren.size());
                ndxChild <= highestChild; ++ndxChild) {
-            TF_STEP(4) Child = ToObject(LocalChildren[static_cast<std::size_t>(ndxChild)]);
+            TF_STEP(4) Child = ToObject(At(LocalChildren, ndxChild));
             TF_STEP(5) if (NeitherGraphicNorText(Child)) {
               TF_STEP(6) if ((State(Child) & kStateHidden) == 0) {
                 TF_STEP(7) if (ListedItself(GetDescendents, Child)) {
@@ -273,11 +278,11 @@ ChildList Accessibility::GetListOfChildren(const Ref<Object>& Parent, VariantBoo
                         highestGrandChild = HighestIndex(GrandChildInfo.Children.size());
                          ndxGrandChild <= highestGrandChild; ++ndxGrandChild) {
                       TF_STEP(12)
-                      GrandChild = GrandChildInfo.Children[static_cast<std::size_t>(ndxGrandChild)];
+                      GrandChild = At(GrandChildInfo.Children, ndxGrandChild);
                       TF_STEP(13) AddChildToList(GrandChild, ChildInfo);
                       TF_STEP(14)
-                      ChildInfo.Levels.back() = CheckedIncrement(
-                          GrandChildInfo.Levels[static_cast<std::size_t>(ndxGrandChild)]);
+                      Last(ChildInfo.Levels) =
+                          CheckedIncrement(At(GrandChildInfo.Levels, ndxGrandChild));
                     }
                   }
                 }
@@ -313,7 +318,7 @@ void Accessibility::AddChildToList(const Ref<Object>& Child, ChildList& ChildInf
           TF_STEP(4) ChildInfo.Children.emplace_back();
           TF_STEP(5) ChildInfo.Levels.resize(ChildInfo.Children.size(), 0);
         }
-        TF_STEP(6) ChildInfo.Children.back() = Child;
+        TF_STEP(6) Last(ChildInfo.Children) = Child;
         TF_STEP(7) if ((State(Child) & kStateSystemSelected) == kStateSystemSelected) {
           TF_STEP(8) ChildInfo.SelectedChild = HighestIndex(ChildInfo.Children.size());
         }

@@ -40,6 +40,8 @@ Variant ByteArray(const ArrayRef& array) {
 
 // Upper bound + 1: the block size and copy length for an array whose first byte is element 0.
 std::size_t ByteCount(const ArrayRef& bArr) {
+  if (!bArr)
+    Raise(RunTimeError::kSubscriptOutOfRange);
   const std::int64_t count = bArr->UpperBound() + 1;
   if (count < 0)
     Raise(RunTimeError::kSubscriptOutOfRange);
@@ -48,6 +50,8 @@ std::size_t ByteCount(const ArrayRef& bArr) {
 
 // RtlMoveMemory from element 0 of the array; an array without element 0 is out of bounds.
 void CopyFromElementZero(void* target, const ArrayRef& bArr) {
+  if (!bArr || target == nullptr)
+    Raise(RunTimeError::kSubscriptOutOfRange);
   const auto* bytes = std::get_if<std::vector<std::uint8_t>>(&bArr->elements);
   if (bytes == nullptr)
     Raise(RunTimeError::kTypeMismatch);

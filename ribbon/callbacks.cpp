@@ -1,6 +1,7 @@
 // The ribbon's questions and the template's reports of change: labels, screentips, enabled and
 // pressed states, invalidation, and the press of a control.
 #include "platform/call_by_name.h"
+#include "platform/checked_access.h"
 #include "platform/failure.h"
 #include "ribbon/main2.h"
 #include "ribbon/procedures.h"
@@ -26,14 +27,6 @@ std::int16_t Narrow(std::int32_t id) {
   if (id < -32768 || id > 32767)
     Raise(RunTimeError::kOverflow);
   return static_cast<std::int16_t>(id);
-}
-
-template <class Table>
-auto& Slot(Table& table, std::int32_t index) {
-  if (index < 0 || static_cast<std::size_t>(index) >= table.size()) {
-    Raise(RunTimeError::kSubscriptOutOfRange);
-  }
-  return table[static_cast<std::size_t>(index)];
 }
 
 }  // namespace
@@ -102,7 +95,7 @@ void Main2::productNameChanged(const Bstr& productName) {
         TF_STEP(1) mProductName = productName;
         TF_STEP(2) keys = Required(mProductNameSensitiveControls).Keys();
         TF_STEP(3) for (ndx = 0; ndx < keys.size(); ++ndx) {
-          TF_STEP(4) id = keys[ndx];
+          TF_STEP(4) id = At(keys, static_cast<std::int64_t>(ndx));
           TF_STEP(5) InvalidateRibbonControl(ToInteger(id));
         }
         TF_END
@@ -171,7 +164,7 @@ void Main2::EnableToolbar(VariantBool value) {
         // it when it next asks.
         body.PassOver();
         // Held for the call: the ribbon may set a new ribbon object while it invalidates.
-        TF_STEP(6) Ref<RibbonUi>(mRibbon)->Invalidate();
+        TF_STEP(6) Required(Ref<RibbonUi>(mRibbon)).Invalidate();
         TF_END
       });
 }
@@ -215,7 +208,7 @@ void Main2::InvalidateRibbonControl(std::int32_t id) {
         }
         body.PassOver();
         TF_STEP(3) idText = IdText(id);
-        TF_STEP(4) Ref<RibbonUi>(mRibbon)->InvalidateControl(idText);
+        TF_STEP(4) Required(Ref<RibbonUi>(mRibbon)).InvalidateControl(idText);
         TF_END
       });
 }
@@ -236,14 +229,14 @@ void Main2::RibbonCallback(const Bstr& idStr, VariantBool isOn) {
       },
       [&](Body& body) {
         TF_BEGIN(body)
-        TF_STEP(1) if (macroIndex_[0].empty()) {
+        TF_STEP(1) if (At(macroIndex_, 0).empty()) {
           TF_STEP(2) macroIndex_.assign(kMacroNames.begin(), kMacroNames.end());
         }
         TF_STEP(3) id = Narrow(convertToId(idStr));
         // Neither the id nor isOn goes to the macro; the toggle's state comes back through
         // UpdateLexoscopeIcon.
         TF_STEP(4) {
-          Bstr macro = Slot(macroIndex_, id);
+          Bstr macro = At(macroIndex_, id);
           CallByName(mEventSignaller, u"Run", CallKind::kMethod, Variant::ByRef(&macro));
         }
         TF_END

@@ -26,20 +26,38 @@ Bstr StringExtensions::replaceText(BstrView text, BstrView find, BstrView replac
   const BstrView rest = text.substr(from);
   if (find.empty() || count == 0)
     return Bstr(rest);
-  Bstr result;
-  result.reserve(rest.size());
-  std::size_t i = 0;
-  std::int32_t replaced = 0;
-  while (i + find.size() <= rest.size() && (count < 0 || replaced < count)) {
-    if (MatchesAt(rest, i, find, compare != 0)) {
-      result += replacement;
-      i += find.size();
-      ++replaced;
-    } else {
-      result.push_back(rest[i++]);
+  const bool ignoreCase = compare != 0;
+  // The next occurrence at or behind `at`, or npos.
+  auto next = [&](std::size_t at) -> std::size_t {
+    if (!ignoreCase)
+      return rest.find(find, at);
+    for (; at + find.size() <= rest.size(); ++at) {
+      if (MatchesAt(rest, at, find, true))
+        return at;
     }
+    return BstrView::npos;
+  };
+  auto wanted = [&](std::int32_t replaced) { return count < 0 || replaced < count; };
+  // Measure first, so that the result is allocated once.
+  std::size_t length = rest.size();
+  std::int32_t replaced = 0;
+  for (std::size_t at = next(0); at != BstrView::npos && wanted(replaced);
+       at = next(at + find.size())) {
+    length = length - find.size() + replacement.size();
+    ++replaced;
   }
-  result.append(rest.substr(i));
+  Bstr result;
+  result.reserve(length);
+  std::size_t copied = 0;
+  replaced = 0;
+  for (std::size_t at = next(0); at != BstrView::npos && wanted(replaced);
+       at = next(at + find.size())) {
+    result.append(rest.substr(copied, at - copied));
+    result.append(replacement);
+    copied = at + find.size();
+    ++replaced;
+  }
+  result.append(rest.substr(copied));
   return result;
 }
 

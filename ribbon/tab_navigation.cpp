@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "platform/call_by_name.h"
+#include "platform/checked_access.h"
 #include "platform/failure.h"
 #include "ribbon/main2.h"
 #include "ribbon/procedures.h"
@@ -41,13 +42,6 @@ class WaitBudget {
   int maxAttempts_;
   int attempts_ = 0;
 };
-
-template <class T>
-const T& Entry(const std::vector<T>& entries, std::int64_t index) {
-  if (index < 0 || index >= static_cast<std::int64_t>(entries.size()))
-    Raise(RunTimeError::kSubscriptOutOfRange);
-  return entries[static_cast<std::size_t>(index)];
-}
 
 // A listing's lowest index; a listing without entries has none.
 std::int16_t LowestIndex(const ChildList& info) {
@@ -221,7 +215,7 @@ Ref<Object> Main2::getMorvelinTab(const Ref<Object>& RibbonCommandBar) {
         }
         while (MorvelinTabIndex == -1)
           ;
-        TF_STEP(29) result = Entry(tabInfo.Children, MorvelinTabIndex);
+        TF_STEP(29) result = At(tabInfo.Children, MorvelinTabIndex);
         TF_END
       });
   return result;
@@ -257,15 +251,14 @@ std::int16_t Main2::TabIndex(const ChildList& Info, const Bstr& tabName) {
         TF_STEP(3)
         for (ndxObject = LowestIndex(Info), highestObject = HighestIndex(Info);
              ndxObject <= highestObject; ndxObject = CheckedIncrement(ndxObject)) {
-          TF_STEP(4) Ancestry.assign(AncestryLength(Entry(Info.Levels, ndxObject)), nullptr);
-          TF_STEP(5) Ancestry[0] = Entry(Info.Children, ndxObject);
+          TF_STEP(4) Ancestry.assign(AncestryLength(At(Info.Levels, ndxObject)), nullptr);
+          TF_STEP(5) At(Ancestry, 0) = At(Info.Children, ndxObject);
           TF_STEP(6)
           for (ndxAncestry = 1, highestAncestry = static_cast<std::int32_t>(Ancestry.size()) - 1;
                ndxAncestry <= highestAncestry; ++ndxAncestry) {
             TF_STEP(7)
-            Ancestry[static_cast<std::size_t>(ndxAncestry)] =
-                ToObject(CallByName(Ancestry[static_cast<std::size_t>(ndxAncestry) - 1],
-                                    u"accParent", CallKind::kPropertyGet));
+            At(Ancestry, ndxAncestry) = ToObject(
+                CallByName(At(Ancestry, ndxAncestry - 1), u"accParent", CallKind::kPropertyGet));
           }
           // From the oldest ancestor down: the first element in the chain that carries the tab's
           // name, and not merely the name of the element above it, decides.
@@ -273,11 +266,10 @@ std::int16_t Main2::TabIndex(const ChildList& Info, const Bstr& tabName) {
             TF_STEP(9) AncestralName = Bstr();
             TF_STEP(10) if (ndxAncestry < highestAncestry) {
               TF_STEP(11)
-              AncestralName = ToBstr(AccName(Ancestry[static_cast<std::size_t>(ndxAncestry) + 1]));
+              AncestralName = ToBstr(AccName(At(Ancestry, ndxAncestry + 1)));
             }
             TF_STEP(12)
-            if (NamedAfterItselfOnly(Ancestry[static_cast<std::size_t>(ndxAncestry)], AncestralName,
-                                     tabName)) {
+            if (NamedAfterItselfOnly(At(Ancestry, ndxAncestry), AncestralName, tabName)) {
               TF_STEP(13) result = ndxObject;
               TF_STEP(14) return;
             }

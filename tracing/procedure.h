@@ -65,15 +65,16 @@ constexpr ProcedureInfo DefineProcedure(BstrView qualifiedName, std::int32_t fir
           form};
 }
 
+enum class FailureMode : std::uint8_t { kArmed, kPassOver, kGoTo };
+
 // Lets a test make any statement fail without touching the procedure.
 class FaultInjector {
  public:
   virtual ~FaultInjector() = default;
-  // Called before each statement runs; throws `Failure` to make that statement fail.
-  virtual void OnStatement(const ProcedureInfo& procedure, int step) = 0;
+  // Called before each statement runs, with the failure mode that will deal with a failure of it;
+  // throws `Failure` to make that statement fail.
+  virtual void OnStatement(const ProcedureInfo& procedure, int step, FailureMode mode) = 0;
 };
-
-enum class FailureMode : std::uint8_t { kArmed, kPassOver, kGoTo };
 
 // The resume point that runs no statement: the body's end, where the last exit is.
 inline constexpr int kEndOfBody = std::numeric_limits<int>::max();
@@ -87,7 +88,7 @@ class Body {
   void At(int step) {
     step_ = step;
     if (injector_ != nullptr) [[unlikely]] {
-      injector_->OnStatement(*info_, step);
+      injector_->OnStatement(*info_, step, mode_);
     }
   }
 

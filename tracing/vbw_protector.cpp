@@ -90,11 +90,15 @@ void VbwProtector::vbwInitializeProtector() {
 }
 
 void VbwProtector::vbwExitThread() {
+  // The component is let go however the call ends, also when it failed to end the thread.
+  struct Release {
+    Ref<Object>& component;
+    ~Release() { component.reset(); }
+  } release{mErrorParams};
   Run(Trace(), kExitThread, NoParameters, NoLocals, [&](Body& body) {
     body.PassOver();
     TF_BEGIN(body)
     TF_STEP(1) CallByName(mErrorParams, u"vbwExitThread", CallKind::kMethod);
-    TF_STEP(2) mErrorParams.reset();
     TF_END
   });
 }
@@ -147,6 +151,15 @@ std::int32_t VbwProtector::vbwErrorHandler(std::int32_t errNumber, Bstr ErrDescr
                                            Bstr ErrProject, Bstr ErrSource, Bstr ErrProcedure,
                                            std::int32_t errLine) {
   std::int32_t result = 0;
+  // However the handler leaves, a component that is not kept for a dump or for the end of the
+  // thread is let go: no component lives on between failures.
+  struct Release {
+    Ref<Object>& component;
+    const std::int32_t& result;
+    ~Release() {
+      if (result != kWriteDump && result != kEndThread) component.reset();
+    }
+  } release{mErrorParams, result};
   Run(
       Trace(), kErrorHandler, NoParameters,
       [&](LocalReport& l) {
@@ -170,7 +183,7 @@ std::int32_t VbwProtector::vbwErrorHandler(std::int32_t errNumber, Bstr ErrDescr
           TF_STEP(6) return;
         }
         // From here a failure goes straight to the release of the component.
-        body.OnFailureGoTo(14);
+        body.ExitOnFailure();
         TF_STEP(7) if (!mErrorParams) {
           TF_STEP(8) mErrorParams = platform_.objects->CreateObject(kErrorComponentProgId);
           TF_STEP(9)
@@ -193,9 +206,6 @@ std::int32_t VbwProtector::vbwErrorHandler(std::int32_t errNumber, Bstr ErrDescr
         TF_STEP(11) if (result == kIgnoreAlways) {
           TF_STEP(12) StrRememberErrors_ += strLastError_;
           TF_STEP(13) result = kIgnoreOnce;
-        }
-        TF_STEP(14) if (result != kWriteDump && result != kEndThread) {
-          TF_STEP(15) mErrorParams.reset();
         }
         TF_END
       });

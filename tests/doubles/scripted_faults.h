@@ -18,12 +18,14 @@ class ScriptedFaults final : public tracing::FaultInjector {
     faults_[{std::move(qualifiedName), step}] = {times, number};
   }
 
-  void OnStatement(const tracing::ProcedureInfo& procedure, int step) override {
+  void OnStatement(const tracing::ProcedureInfo& procedure, int step,
+                   tracing::FailureMode mode) override {
     visits.emplace_back(procedure.qualifiedName, step);
     auto it = faults_.find({std::u16string(procedure.qualifiedName), step});
     if (it == faults_.end() || it->second.first == 0)
       return;
     --it->second.first;
+    injectedModes.push_back(mode);
     Raise(it->second.second, u"injected");
   }
 
@@ -36,6 +38,8 @@ class ScriptedFaults final : public tracing::FaultInjector {
   }
 
   std::vector<std::pair<std::u16string_view, int>> visits;
+  // The failure mode in force at each failure made, in order.
+  std::vector<tracing::FailureMode> injectedModes;
 
  private:
   std::map<std::pair<std::u16string, int>, std::pair<int, std::int32_t>> faults_;

@@ -1,0 +1,369 @@
+// Every public member of Main2, in each of its usual states, with each statement it runs made to
+// fail in turn and answered with each handler result in turn. Whatever happens, the member returns,
+// the depth is back where it was, no component outlives the failure, and the component saw the
+// calls that its answers prescribe. The suite prints how many statements it reached of those that
+// exist; a statement it could not reach is listed as a finding.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include "accessibility/accessible_tree.h"
+#include "apartment.h"
+#include "doubles/picture_files.h"
+#include "doubles/recording_ribbon.h"
+#include "doubles/recording_signaller.h"
+#include "platform/call_by_name.h"
+#include "ribbon/main2.h"
+
+namespace tabforge::testing {
+namespace {
+
+using Statement = std::pair<std::u16string, int>;
+
+// --- The statements that exist: every TF_STEP of every instrumented procedure
+// ---------------------
+
+std::string ReadSource(const std::string& relative) {
+  std::ifstream in(std::string(TABFORGE_SOURCE_DIR) + "/" + relative);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+std::set<Statement> StatementsThatExist() {
+  const std::vector<std::string> files = {"ribbon/procedures.h",
+                                          "ribbon/main2.cpp",
+                                          "ribbon/callbacks.cpp",
+                                          "ribbon/document.cpp",
+                                          "ribbon/images.cpp",
+                                          "ribbon/tab_navigation.cpp",
+                                          "accessibility/accessibility.h",
+                                          "accessibility/accessibility.cpp",
+                                          "pictures/transparent_gif_loader.cpp",
+                                          "pictures/vb_language_extensions.cpp",
+                                          "tracing/vbw_protector.cpp"};
+  std::map<std::string, std::u16string> names;  // constant -> qualified name
+  std::string all;
+  for (const auto& file : files)
+    all += ReadSource(file) + "\n";
+  const std::regex definition(R"((k\w+)\s*=\s*(?:tracing::)?DefineProcedure\(\s*u"([^"]+)\")");
+  for (std::sregex_iterator it(all.begin(), all.end(), definition), end; it != end; ++it) {
+    names[(*it)[1]] = FromUtf8((*it)[2].str());
+  }
+  std::set<Statement> statements;
+  const std::regex run(R"(Run\(\s*\w+\(\),\s*(k\w+),)");
+  const std::regex step(R"(TF_STEP\((\d+)\))");
+  for (std::sregex_iterator it(all.begin(), all.end(), run), end; it != end; ++it) {
+    const auto begin = all.find("TF_BEGIN", static_cast<std::size_t>(it->position()));
+    const auto finish = all.find("TF_END", begin);
+    const std::string body = all.substr(begin, finish - begin);
+    for (std::sregex_iterator s(body.begin(), body.end(), step); s != end; ++s) {
+      statements.emplace(names[(*it)[1]], std::stoi((*s)[1]));
+    }
+  }
+  return statements;
+}
+
+// --- The members and their states ----------------------------------------------------------------
+
+enum class State { kNew, kInitialized, kConnected };
+
+struct Host {
+  Apartment apartment;
+  std::vector<std::string> log;
+  Ref<RecordingRibbon> ribbon = MakeRef<RecordingRibbon>(&log);
+  Ref<RecordingSignaller> signaller = MakeRef<RecordingSignaller>();
+  Main2 main2{apartment.protector};
+
+  explicit Host(State state) {
+    signaller->fallback = Variant(VarType::VT_UI1, MakeArray(RgbPng(2, 1, {1, 2, 3, 4, 5, 6})));
+    TabSearchLimits limits;
+    limits.timeBudget = std::chrono::milliseconds(200);
+    limits.maxAttemptsPerStage = 3;
+    main2.SetTabSearchLimits(limits);
+    if (state != State::kNew)
+      main2.Initialize(signaller, u"Morvelin");
+    if (state == State::kConnected)
+      main2.ribbon(ribbon);
+    apartment.faults.visits.clear();
+    apartment.script->log.clear();
+  }
+};
+
+struct Member {
+  const char* name;
+  // Calls the member and checks that its result is one the member can give.
+  std::function<void(Host&)> call;
+};
+
+void ExpectTruth(VariantBool value) {
+  EXPECT_TRUE(value == kTrue || value == kFalse) << static_cast<int>(value);
+}
+
+void ExpectPictureOrNothing(const Ref<Object>& picture) {
+  if (picture) {
+    EXPECT_EQ(ToLong(CallByName(picture, u"Type", CallKind::kPropertyGet)), 1);
+  }
+}
+
+const std::vector<Member>& Members() {
+  static const std::vector<Member> members = {
+      {"Initialize", [](Host& h) { h.main2.Initialize(h.signaller, u"Quill"); }},
+      {"ribbon", [](Host& h) { h.main2.ribbon(h.ribbon); }},
+      {"GetRibbonXML", [](Host& h) { h.main2.GetRibbonXML(); }},
+      {"productNameChanged", [](Host& h) { h.main2.productNameChanged(u"Quill"); }},
+      {"GetLabel", [](Host& h) { h.main2.GetLabel(u"MVN4"); }},
+      {"GetEnabled", [](Host& h) { ExpectTruth(h.main2.GetEnabled(u"MVN16")); }},
+      {"GetPressed", [](Host& h) { ExpectTruth(h.main2.GetPressed(u"MVN23")); }},
+      {"GetScreentip", [](Host& h) { h.main2.GetScreentip(u"MVN23"); }},
+      {"GetImage", [](Host& h) { ExpectPictureOrNothing(h.main2.GetImage(u"MVN0")); }},
+      {"LoadImage", [](Host& h) { ExpectPictureOrNothing(h.main2.LoadImage(u"5")); }},
+      {"RibbonCallback", [](Host& h) { h.main2.RibbonCallback(u"MVN5", kFalse); }},
+      {"EnableGotoQuickBookmark", [](Host& h) { h.main2.EnableGotoQuickBookmark(kTrue); }},
+      {"UpdateLexoscopeIcon", [](Host& h) { h.main2.UpdateLexoscopeIcon(kTrue); }},
+      {"EnableToolbar", [](Host& h) { h.main2.EnableToolbar(kFalse); }},
+      {"activateMorvelinTab",
+       [](Host& h) {
+         ParsedTree tree = ParseAccessibleTree(SampleRibbonText(u"Morvelin"));
+         h.main2.activateMorvelinTab(tree.root);
+       }},
+      // Variants that take the other branches.
+      {"GetEnabled of the manual", [](Host& h) { ExpectTruth(h.main2.GetEnabled(u"MVN19")); }},
+      {"GetImage without picture",
+       [](Host& h) { ExpectPictureOrNothing(h.main2.GetImage(u"MVN1")); }},
+      {"GetScreentip of a plain button", [](Host& h) { h.main2.GetScreentip(u"MVN5"); }},
+      {"LoadImage without picture",
+       [](Host& h) { ExpectPictureOrNothing(h.main2.LoadImage(u"2")); }},
+      {"LoadImage of an empty array",
+       [](Host& h) {
+         h.signaller->fallback = Variant(VarType::VT_UI1, MakeArray(std::vector<std::uint8_t>{}));
+         ExpectPictureOrNothing(h.main2.LoadImage(u"5"));
+       }},
+      {"EnableGotoQuickBookmark unchanged",
+       [](Host& h) { h.main2.EnableGotoQuickBookmark(kFalse); }},
+      {"GetLabel traced",
+       [](Host& h) {
+         h.apartment.protector.vbwTraceParameters = kTrue;
+         h.main2.GetLabel(u"MVN0");
+       }},
+      {"activateMorvelinTab below a grouping",
+       [](Host& h) {
+         ParsedTree tree = ParseAccessibleTree(
+             "22 \"Ribbon\"\n  38 \"Ribbon\"\n    60 \"Ribbon Tabs\"\n      10 \"\"\n"
+             "        20 \"Morvelin\"\n          37 \"\"\n        37 \"Home\"\n");
+         h.main2.activateMorvelinTab(tree.root);
+       }},
+      {"activateMorvelinTab without the tab",
+       [](Host& h) {
+         ParsedTree tree = ParseAccessibleTree(SampleRibbonText(u"Quill"));
+         h.main2.activateMorvelinTab(tree.root);
+       }},
+      {"LoadImage of bytes that are no picture",
+       [](Host& h) {
+         h.signaller->fallback = Variant(VarType::VT_UI1, MakeArray(std::vector<std::uint8_t>{7}));
+         ExpectPictureOrNothing(h.main2.LoadImage(u"5"));
+       }},
+      {"LoadImage without bytes",
+       [](Host& h) {
+         h.signaller->fallback = Variant(VarType::VT_UI1, ArrayRef());
+         ExpectPictureOrNothing(h.main2.LoadImage(u"5"));
+       }},
+      {"LoadImage without memory",
+       [](Host& h) {
+         h.apartment.platform.pictures.failAllocations = true;
+         ExpectPictureOrNothing(h.main2.LoadImage(u"5"));
+       }},
+      {"activateMorvelinTab on a ribbon that is not there yet",
+       [](Host& h) {
+         for (const char* text : {"22 \"Ribbon\"\n  20 \"Other\"\n",
+                                  "22 \"Ribbon\"\n  38 \"Ribbon\"\n    20 \"Other\"\n",
+                                  "22 \"Ribbon\"\n  38 \"Ribbon\"\n    60 \"Ribbon Tabs\"\n"
+                                  "      10 \"\"\n        37 \"Home\"\n        37 \"\" simple\n"}) {
+           ParsedTree tree = ParseAccessibleTree(text);
+           h.main2.activateMorvelinTab(tree.root);
+         }
+       }},
+      {"start-up of the tracing module",
+       [](Host& h) { h.apartment.protector.vbwInitializeProtector(); }},
+  };
+  return members;
+}
+
+// --- The answers ---------------------------------------------------------------------------------
+
+struct Answers {
+  const char* name;
+  bool component;  // false: no component can be created
+  std::vector<std::int32_t> answers;
+};
+
+const std::vector<Answers> kAnswers = {
+    {"none", false, {}},   {"0", true, {0}},      {"3", true, {3}},
+    {"4,5", true, {4, 5}}, {"5", true, {5}},      {"6", true, {6}},
+    {"7", true, {7}},      {"8,7", true, {8, 7}}, {"8,8,5", true, {8, 8, 5}},
+};
+
+// What the component must have seen for the injected failure, given its answers.
+void ExpectConversation(const ComponentScript& script, const Answers& answers,
+                        const std::string& where) {
+  const auto& log = script.log;
+  // Find the handler call for the injected failure; nested natural failures may follow.
+  auto first = std::find_if(log.begin(), log.end(), [](const std::string& line) {
+    return line.rfind("vbwErrorHandler(", 0) == 0 && line.find("\"injected\"") != std::string::npos;
+  });
+  if (!answers.component) {
+    EXPECT_EQ(script.created, 0) << where;
+    return;
+  }
+  ASSERT_NE(first, log.end()) << where;
+  const auto next = first + 1;
+  switch (answers.answers.front()) {
+    case 3:
+      ASSERT_NE(next, log.end()) << where;
+      EXPECT_EQ(*next, "vbwExitThread()") << where;
+      break;
+    case 8: {
+      ASSERT_NE(next, log.end()) << where;
+      EXPECT_EQ(*next, "vbwOpenDumpFile()") << where;
+      const auto close = std::find(next, log.end(), "vbwCloseDumpFile()");
+      ASSERT_NE(close, log.end()) << where;
+      ASSERT_NE(close + 1, log.end()) << where;
+      EXPECT_EQ((close + 1)->rfind("vbwErrorHandler(I4 -1,", 0), 0u) << where;
+      break;
+    }
+    default:
+      break;
+  }
+}
+
+// --- The suite -----------------------------------------------------------------------------------
+
+TEST(FaultInjection, EveryStatementOfEveryMemberFailsWithEveryAnswer) {
+  const std::set<Statement> existing = StatementsThatExist();
+  ASSERT_GT(existing.size(), 200u) << "the source scan found too few statements";
+  std::set<Statement> covered;   // made to fail at least once
+  std::set<Statement> handling;  // run at all, in any of the runs
+  int runs = 0;
+
+  for (State state : {State::kNew, State::kInitialized, State::kConnected}) {
+    for (const Member& member : Members()) {
+      // Which statements does the member run, failure-free, in this state?
+      std::vector<Statement> reached;
+      {
+        Host host(state);
+        member.call(host);
+        for (const auto& [name, step] : host.apartment.faults.visits) {
+          Statement statement{std::u16string(name), step};
+          if (std::find(reached.begin(), reached.end(), statement) == reached.end()) {
+            reached.push_back(statement);
+          }
+        }
+      }
+      for (const Statement& target : reached) {
+        for (const Answers& answers : kAnswers) {
+          Host host(state);
+          if (!answers.component) {
+            host.apartment.platform.objects.Unregister(kErrorComponentProgId);
+          }
+          for (std::int32_t answer : answers.answers)
+            host.apartment.script->answers.push_back(answer);
+          host.apartment.faults.FailAt(target.first, target.second);
+          const std::int16_t depth = host.apartment.protector.Depth();
+          member.call(host);
+          ++runs;
+          const std::string where = std::string(member.name) + " state " +
+                                    std::to_string(static_cast<int>(state)) + " failing " +
+                                    ToUtf8(target.first) + " step " +
+                                    std::to_string(target.second) + " answers " + answers.name;
+          EXPECT_EQ(host.apartment.protector.Depth(), depth) << where;
+          EXPECT_FALSE(host.apartment.protector.ErrorComponent()) << where;
+          // Only a failure in armed mode goes to the handler; the others are passed over or leave.
+          const bool armed =
+              !host.apartment.faults.injectedModes.empty() &&
+              host.apartment.faults.injectedModes.front() == tracing::FailureMode::kArmed;
+          if (armed)
+            ExpectConversation(*host.apartment.script, answers, where);
+          if (armed && answers.component && answers.answers.front() == kIgnoreAlways) {
+            EXPECT_FALSE(host.apartment.protector.RememberedErrors().empty()) << where;
+          }
+          covered.insert(target);
+          for (const auto& [name, step] : host.apartment.faults.visits) {
+            handling.insert({std::u16string(name), step});
+          }
+        }
+        if (::testing::Test::HasFailure())
+          return;  // one broken statement is enough to read
+      }
+    }
+  }
+
+  // Statements that run only while a failure is handled (the handler, the dump's reports) fail
+  // in a second round, each during the handling of a failure of the first statement of GetEnabled.
+  const Statement trigger{u"Main2.GetEnabled[Get]", 1};
+  for (const Statement& target : handling) {
+    if (covered.count(target))
+      continue;
+    for (const Answers& answers : kAnswers) {
+      if (!answers.component)
+        continue;
+      Host host(State::kConnected);
+      for (std::int32_t answer : answers.answers)
+        host.apartment.script->answers.push_back(answer);
+      host.apartment.faults.FailAt(trigger.first, trigger.second);
+      host.apartment.faults.FailAt(target.first, target.second);
+      ExpectTruth(host.main2.GetEnabled(u"MVN16"));
+      ++runs;
+      const std::string where = "GetEnabled failing " + ToUtf8(target.first) + " step " +
+                                std::to_string(target.second) + " while handling, answers " +
+                                answers.name;
+      EXPECT_EQ(host.apartment.protector.Depth(), 0) << where;
+      EXPECT_FALSE(host.apartment.protector.ErrorComponent()) << where;
+      if (host.apartment.faults.Visits(target.first, target.second) > 0)
+        covered.insert(target);
+    }
+    if (::testing::Test::HasFailure())
+      return;
+  }
+
+  // What is left runs only when a failure comes back after the answer "ignore always": the same
+  // failure twice, with the target failing on its first run in the second.
+  for (const Statement& target : existing) {
+    if (covered.count(target))
+      continue;
+    Host host(State::kConnected);
+    host.apartment.script->answers = {std::int32_t{kIgnoreAlways}};
+    host.apartment.faults.FailAt(trigger.first, trigger.second, /*times=*/2);
+    ExpectTruth(host.main2.GetEnabled(u"MVN16"));
+    host.apartment.faults.FailAt(target.first, target.second);
+    ExpectTruth(host.main2.GetEnabled(u"MVN16"));
+    runs += 2;
+    EXPECT_EQ(host.apartment.protector.Depth(), 0) << ToUtf8(target.first) << " " << target.second;
+    EXPECT_FALSE(host.apartment.protector.ErrorComponent());
+    if (host.apartment.faults.injectedModes.size() == 3)
+      covered.insert(target);
+  }
+
+  std::vector<std::string> unreached;
+  int reachedThatExist = 0;
+  for (const auto& statement : existing) {
+    if (covered.count(statement)) {
+      ++reachedThatExist;
+    } else {
+      unreached.push_back(ToUtf8(statement.first) + " step " + std::to_string(statement.second));
+    }
+  }
+  std::printf("fault injection: %d runs; %d of %zu statements made to fail\n", runs,
+              reachedThatExist, existing.size());
+  for (const auto& finding : unreached)
+    std::printf("  finding, never failed: %s\n", finding.c_str());
+}
+
+}  // namespace
+}  // namespace tabforge::testing
