@@ -157,7 +157,8 @@ std::int32_t VbwProtector::vbwErrorHandler(std::int32_t errNumber, Bstr ErrDescr
     Ref<Object>& component;
     const std::int32_t& result;
     ~Release() {
-      if (result != kWriteDump && result != kEndThread) component.reset();
+      if (result != kWriteDump && result != kEndThread)
+        component.reset();
     }
   } release{mErrorParams, result};
   Run(
