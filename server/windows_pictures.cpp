@@ -122,8 +122,8 @@ Ref<Object> WindowsPictureApi::OleCreatePictureIndirect(const PictureDescription
   picture.bmp.hpal = FromNumber<HPALETTE>(description.hpal);
   const GUID interfaceId = ToGuid(iid);
   ComPtr<IUnknown> created;
-  ThrowIfFailed(::OleCreatePictureIndirect(&picture, interfaceId, own ? TRUE : FALSE,
-                                           created.PutVoid()));
+  ThrowIfFailed(
+      ::OleCreatePictureIndirect(&picture, interfaceId, own ? TRUE : FALSE, created.PutVoid()));
   ComPtr<IPictureDisp> dispatch = created.As<IPictureDisp>();
   if (!dispatch)
     ThrowIfFailed(E_NOINTERFACE);
