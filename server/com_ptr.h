@@ -95,6 +95,8 @@ class UniqueBstr {
     Reset();
     return &s_;
   }
+  // For [in, out] parameters: the callee reads the string and may replace it.
+  BSTR* InOut() noexcept { return &s_; }
   BSTR get() const noexcept { return s_; }
   UINT Length() const noexcept { return ::SysStringLen(s_); }
 
