@@ -1,10 +1,16 @@
-// Owners of COM resources: interface references, strings and variants. Nothing else in the
-// server calls Release, SysFreeString or VariantClear.
+// Owners of COM and graphics resources: interface references, strings, variants, memory blocks,
+// bitmap handles and GDI+ bitmaps. Nothing else in the server calls Release, SysFreeString,
+// VariantClear, GlobalFree, DeleteObject or GdipDisposeImage.
 #pragma once
 
 #include <windows.h>
 
+#include <objidl.h>
 #include <oleauto.h>
+#include <propidl.h>
+
+// GDI+ needs the property ids of <propidl.h>, which WIN32_LEAN_AND_MEAN leaves out.
+#include <gdiplus.h>
 
 #include <cstddef>
 #include <utility>
@@ -89,6 +95,8 @@ class UniqueBstr {
     Reset();
     return &s_;
   }
+  // For [in, out] parameters: the callee reads the string and may replace it.
+  BSTR* InOut() noexcept { return &s_; }
   BSTR get() const noexcept { return s_; }
   UINT Length() const noexcept { return ::SysStringLen(s_); }
 
@@ -139,5 +147,55 @@ class UniqueVariant {
 inline void ClearVariant(VARIANT* v) noexcept {
   ::VariantClear(v);
 }
+
+// Handles that the core holds as numbers come back here to be released, so that each release
+// function has exactly one caller. Each answers as the function it wraps.
+inline HGLOBAL FreeGlobal(HGLOBAL block) noexcept {
+  return ::GlobalFree(block);
+}
+inline bool DeleteBitmap(HBITMAP bitmap) noexcept {
+  return ::DeleteObject(bitmap) != FALSE;
+}
+inline Gdiplus::GpStatus DisposeGdiplusImage(Gdiplus::GpImage* image) noexcept {
+  return Gdiplus::DllExports::GdipDisposeImage(image);
+}
+
+// An owned handle of one of the kinds above, released unless it is handed on with Detach.
+template <class Handle, auto release>
+class UniqueHandle {
+ public:
+  UniqueHandle() = default;
+  explicit UniqueHandle(Handle h) noexcept : h_(h) {}
+  UniqueHandle(UniqueHandle&& other) noexcept : h_(std::exchange(other.h_, nullptr)) {}
+  UniqueHandle& operator=(UniqueHandle&& other) noexcept {
+    if (this != &other)
+      Reset(std::exchange(other.h_, nullptr));
+    return *this;
+  }
+  UniqueHandle(const UniqueHandle&) = delete;
+  UniqueHandle& operator=(const UniqueHandle&) = delete;
+  ~UniqueHandle() { Reset(); }
+
+  void Reset(Handle h = nullptr) noexcept {
+    if (Handle old = std::exchange(h_, h))
+      release(old);
+  }
+  [[nodiscard]] Handle Detach() noexcept { return std::exchange(h_, nullptr); }
+  Handle* Put() noexcept {
+    Reset();
+    return &h_;
+  }
+  Handle get() const noexcept { return h_; }
+  explicit operator bool() const noexcept { return h_ != nullptr; }
+
+ private:
+  Handle h_ = nullptr;
+};
+
+using UniqueGlobal = UniqueHandle<HGLOBAL, FreeGlobal>;
+using UniqueHBitmap = UniqueHandle<HBITMAP, DeleteBitmap>;
+using UniqueGdiplusBitmap = UniqueHandle<Gdiplus::GpBitmap*, [](Gdiplus::GpBitmap* bitmap) {
+  DisposeGdiplusImage(bitmap);
+}>;
 
 }  // namespace tabforge::com

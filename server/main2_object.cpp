@@ -46,7 +46,6 @@ void ClearResult(VARIANT_BOOL* result) {
     *result = VARIANT_FALSE;
 }
 
-#if TABFORGE_SERVER_ALL_MEMBERS
 void SetResult(BSTR* result, const Bstr& value) {
   if (result != nullptr)
     *result = MakeBstr(value).Detach();
@@ -59,7 +58,6 @@ void SetResult(IPictureDisp** result, const Ref<Object>& picture) {
   if (result != nullptr)
     *result = ToDispatch(picture).As<IPictureDisp>().Detach();
 }
-#endif
 
 HMODULE ThisModule() {
   HMODULE module = nullptr;
@@ -221,107 +219,63 @@ HRESULT Main2Object::putref_ribbon(IDispatch** value) {
   return Boundary([&] { core_.ribbon(InObject(value)); });
 }
 
-// Members whose core bodies have not landed on this branch yet answer with their zero result.
-#if TABFORGE_SERVER_ALL_MEMBERS
-#define TF_CORE(statement) statement
-#else
-#define TF_CORE(statement)
-#endif
-
 HRESULT Main2Object::GetRibbonXML(BSTR* result) {
   ClearResult(result);
-  return Boundary([&] { TF_CORE(SetResult(result, core_.GetRibbonXML())); });
+  return Boundary([&] { SetResult(result, core_.GetRibbonXML()); });
 }
 
 HRESULT Main2Object::productNameChanged(BSTR* productName) {
-  return Boundary([&] {
-    [[maybe_unused]] const Bstr name = InString(productName);
-    TF_CORE(core_.productNameChanged(name));
-  });
+  return Boundary([&] { core_.productNameChanged(InString(productName)); });
 }
 
 HRESULT Main2Object::get_GetLabel(BSTR* idStr, BSTR* result) {
   ClearResult(result);
-  return Boundary([&] {
-    [[maybe_unused]] const Bstr id = InString(idStr);
-    TF_CORE(SetResult(result, core_.GetLabel(id)));
-  });
+  return Boundary([&] { SetResult(result, core_.GetLabel(InString(idStr))); });
 }
 
 HRESULT Main2Object::get_GetEnabled(BSTR* idStr, VARIANT_BOOL* result) {
   ClearResult(result);
-  return Boundary([&] {
-    [[maybe_unused]] const Bstr id = InString(idStr);
-    TF_CORE(SetResult(result, core_.GetEnabled(id)));
-  });
+  return Boundary([&] { SetResult(result, core_.GetEnabled(InString(idStr))); });
 }
 
 HRESULT Main2Object::get_GetPressed(BSTR* idStr, VARIANT_BOOL* result) {
   ClearResult(result);
-  return Boundary([&] {
-    [[maybe_unused]] const Bstr id = InString(idStr);
-    TF_CORE(SetResult(result, core_.GetPressed(id)));
-  });
+  return Boundary([&] { SetResult(result, core_.GetPressed(InString(idStr))); });
 }
 
 HRESULT Main2Object::get_GetScreentip(BSTR* idStr, BSTR* result) {
   ClearResult(result);
-  return Boundary([&] {
-    [[maybe_unused]] const Bstr id = InString(idStr);
-    TF_CORE(SetResult(result, core_.GetScreentip(id)));
-  });
+  return Boundary([&] { SetResult(result, core_.GetScreentip(InString(idStr))); });
 }
 
 HRESULT Main2Object::get_GetImage(BSTR* idStr, IPictureDisp** result) {
   ClearResult(result);
-  return Boundary([&] {
-    [[maybe_unused]] const Bstr id = InString(idStr);
-    TF_CORE(SetResult(result, core_.GetImage(id)));
-  });
+  return Boundary([&] { SetResult(result, core_.GetImage(InString(idStr))); });
 }
 
 HRESULT Main2Object::LoadImage(BSTR* id, IPictureDisp** result) {
   ClearResult(result);
-  return Boundary([&] {
-    [[maybe_unused]] const Bstr text = InString(id);
-    TF_CORE(SetResult(result, core_.LoadImage(text)));
-  });
+  return Boundary([&] { SetResult(result, core_.LoadImage(InString(id))); });
 }
 
 HRESULT Main2Object::RibbonCallback(BSTR* idStr, VARIANT_BOOL* isOn) {
-  return Boundary([&] {
-    [[maybe_unused]] const Bstr id = InString(idStr);
-    [[maybe_unused]] const VariantBool on = InBool(isOn);
-    TF_CORE(core_.RibbonCallback(id, on));
-  });
+  return Boundary([&] { core_.RibbonCallback(InString(idStr), InBool(isOn)); });
 }
 
 HRESULT Main2Object::EnableGotoQuickBookmark(VARIANT_BOOL* value) {
-  return Boundary([&] {
-    [[maybe_unused]] const VariantBool on = InBool(value);
-    TF_CORE(core_.EnableGotoQuickBookmark(on));
-  });
+  return Boundary([&] { core_.EnableGotoQuickBookmark(InBool(value)); });
 }
 
 HRESULT Main2Object::UpdateLexoscopeIcon(VARIANT_BOOL* enable) {
-  return Boundary([&] {
-    [[maybe_unused]] const VariantBool on = InBool(enable);
-    TF_CORE(core_.UpdateLexoscopeIcon(on));
-  });
+  return Boundary([&] { core_.UpdateLexoscopeIcon(InBool(enable)); });
 }
 
 HRESULT Main2Object::EnableToolbar(VARIANT_BOOL* value) {
-  return Boundary([&] {
-    [[maybe_unused]] const VariantBool on = InBool(value);
-    TF_CORE(core_.EnableToolbar(on));
-  });
+  return Boundary([&] { core_.EnableToolbar(InBool(value)); });
 }
 
 HRESULT Main2Object::activateMorvelinTab(IDispatch** RibbonCommandBar) {
-  return Boundary([&] {
-    [[maybe_unused]] const Ref<Object> commandBar = InObject(RibbonCommandBar);
-    TF_CORE(core_.activateMorvelinTab(commandBar));
-  });
+  return Boundary([&] { core_.activateMorvelinTab(InObject(RibbonCommandBar)); });
 }
 
 }  // namespace tabforge::com

@@ -1,5 +1,6 @@
 // The platform seam on Windows: objects reached through IDispatch, the ribbon's IRibbonUI, and
-// the host, object factory, system facts, message queue and accessibility of the platform.
+// the host, object factory, system facts, message queue, accessibility and pictures of the
+// platform.
 #pragma once
 
 #include <windows.h>
@@ -10,6 +11,7 @@
 #include "platform/platform.h"
 #include "platform/variant.h"
 #include "server/com_ptr.h"
+#include "server/windows_pictures.h"
 
 // The word processor's ribbon interface. Only the first two of its members are called here;
 // the ones after them are left undeclared.
@@ -102,8 +104,11 @@ struct WindowsPlatform {
   WindowsSystemFacts system;
   WindowsMessageQueue messages;
   WindowsAccessibility accessibility;
+  WindowsPictureApi pictures;
 
-  Platform Services() { return Platform{&host, &objects, &system, &messages, &accessibility}; }
+  Platform Services() {
+    return Platform{&host, &objects, &system, &messages, &accessibility, &pictures};
+  }
 };
 
 }  // namespace tabforge::com

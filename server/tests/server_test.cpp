@@ -4,12 +4,16 @@
 #include <windows.h>
 
 #include <ole2.h>
+#include <oleacc.h>
 #include <olectl.h>
 #undef LoadImage
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Tabforge_h.h"
@@ -55,12 +59,14 @@ class Counted : public IDispatch {
     ids[0] = static_cast<DISPID>(calls.size());
     return S_OK;
   }
-  HRESULT STDMETHODCALLTYPE Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS* params, VARIANT* result,
-                                   EXCEPINFO*, UINT*) override {
+  HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* params,
+                                   VARIANT* result, EXCEPINFO*, UINT*) override {
     arguments.push_back(params != nullptr ? params->cArgs : 0);
-    return OnInvoke(params, result);
+    if (id < 1 || static_cast<std::size_t>(id) > calls.size())
+      return DISP_E_MEMBERNOTFOUND;
+    return OnInvoke(calls[static_cast<std::size_t>(id) - 1], params, result);
   }
-  virtual HRESULT OnInvoke(DISPPARAMS*, VARIANT*) { return S_OK; }
+  virtual HRESULT OnInvoke(const std::wstring&, DISPPARAMS*, VARIANT*) { return S_OK; }
 
   ULONG references = 1;  // the test's own
   std::vector<std::wstring> calls;
@@ -97,24 +103,25 @@ class FakeRibbon final : public IRibbonUI {
     return DISP_E_MEMBERNOTFOUND;
   }
   HRESULT STDMETHODCALLTYPE Invalidate() override {
-    ++invalidated;
+    invalidated.emplace_back(L"Invalidate");
     return S_OK;
   }
-  HRESULT STDMETHODCALLTYPE InvalidateControl(BSTR) override {
-    ++invalidated;
+  HRESULT STDMETHODCALLTYPE InvalidateControl(BSTR id) override {
+    invalidated.push_back(L"InvalidateControl " + std::wstring(id, ::SysStringLen(id)));
     return S_OK;
   }
+  std::vector<std::wstring> Take() { return std::exchange(invalidated, {}); }
 
   ULONG references = 1;
   int ribbonQueries = 0;
-  int invalidated = 0;
+  std::vector<std::wstring> invalidated;
 };
 
 // The error component: records every member called and answers the handler with "leave".
 class Recorder final : public Counted {
  public:
-  HRESULT OnInvoke(DISPPARAMS* params, VARIANT* result) override {
-    if (calls.back() == L"vbwErrorHandler" && params != nullptr && params->cArgs > 0) {
+  HRESULT OnInvoke(const std::wstring& member, DISPPARAMS* params, VARIANT* result) override {
+    if (member == L"vbwErrorHandler" && params != nullptr && params->cArgs > 0) {
       // The failure number is the first argument, the last in DISPPARAMS, by reference.
       const VARIANT& number = params->rgvarg[params->cArgs - 1];
       if ((V_VT(&number) & VT_BYREF) != 0 && (V_VT(&number) & VT_TYPEMASK) == VT_I4)
@@ -151,6 +158,200 @@ class RecorderFactory final : public IClassFactory {
 
  private:
   Recorder& recorder_;
+};
+
+// A 96 x 48 PNG of one translucent colour: 96 pixels are 2540 HIMETRIC at 96 dots an inch.
+constexpr unsigned char kIconPng[] = {
+    0x89, 0x50, 0x4E, 0x47, 0x0D, 0x0A, 0x1A, 0x0A, 0x00, 0x00, 0x00, 0x0D, 0x49, 0x48, 0x44, 0x52,
+    0x00, 0x00, 0x00, 0x60, 0x00, 0x00, 0x00, 0x30, 0x08, 0x06, 0x00, 0x00, 0x00, 0xEE, 0x16, 0x7F,
+    0xCF, 0x00, 0x00, 0x00, 0x5F, 0x49, 0x44, 0x41, 0x54, 0x78, 0xDA, 0xED, 0xD1, 0x31, 0x01, 0x00,
+    0x00, 0x04, 0x00, 0x41, 0x51, 0x44, 0x15, 0x4D, 0x33, 0x22, 0x18, 0x2D, 0x37, 0x7C, 0x81, 0xBF,
+    0xC8, 0xEA, 0xD1, 0x5F, 0x61, 0x02, 0x00, 0x00, 0x02, 0x00, 0x40, 0x00, 0x00, 0x08, 0x00, 0x00,
+    0x01, 0x00, 0x20, 0x00, 0x00, 0x04, 0x00, 0x80, 0x00, 0x00, 0x10, 0x00, 0x00, 0x02, 0x00, 0x40,
+    0x00, 0x00, 0x08, 0x00, 0x00, 0x01, 0x00, 0x20, 0x00, 0x00, 0x04, 0x00, 0x80, 0x00, 0x00, 0x10,
+    0x00, 0x00, 0x02, 0x00, 0x40, 0x00, 0x00, 0x08, 0x00, 0x00, 0x01, 0x00, 0x20, 0x00, 0x00, 0x04,
+    0x00, 0x80, 0xEE, 0x16, 0x1A, 0x07, 0xB0, 0x77, 0xCB, 0x4D, 0x63, 0xD8, 0x00, 0x00, 0x00, 0x00,
+    0x49, 0x45, 0x4E, 0x44, 0xAE, 0x42, 0x60, 0x82};
+
+// The template's signalling object: records the macros it is asked to run and hands out the
+// same icon for every image number it is asked for.
+class Signaller final : public Counted {
+ public:
+  HRESULT OnInvoke(const std::wstring& member, DISPPARAMS* params, VARIANT* result) override {
+    if (params == nullptr || params->cArgs != 1)
+      return DISP_E_BADPARAMCOUNT;
+    UniqueVariant argument;
+    if (FAILED(::VariantCopyInd(argument.get(), &params->rgvarg[0])))
+      return DISP_E_TYPEMISMATCH;
+    if (member == L"Run" && V_VT(argument.get()) == VT_BSTR) {
+      macros.emplace_back(V_BSTR(argument.get()), ::SysStringLen(V_BSTR(argument.get())));
+      return S_OK;
+    }
+    if (member == L"getToolbarIconBits" && V_VT(argument.get()) == VT_I2) {
+      images.push_back(V_I2(argument.get()));
+      SAFEARRAY* bytes = ::SafeArrayCreateVector(VT_UI1, 0, sizeof kIconPng);
+      void* data = nullptr;
+      ::SafeArrayAccessData(bytes, &data);
+      std::memcpy(data, kIconPng, sizeof kIconPng);
+      ::SafeArrayUnaccessData(bytes);
+      V_VT(result) = VT_ARRAY | VT_UI1;
+      V_ARRAY(result) = bytes;
+      return S_OK;
+    }
+    return DISP_E_MEMBERNOTFOUND;
+  }
+  std::vector<std::wstring> macros;
+  std::vector<int> images;
+};
+
+// One element of a small accessibility tree, reachable through IAccessible and by name through
+// IDispatch, as the word processor's own elements are.
+class Element final : public IAccessible {
+ public:
+  Element(LONG role, std::wstring name) : role_(role), name_(std::move(name)) {}
+  Element& Add(LONG role, std::wstring name) {
+    children_.push_back(std::make_unique<Element>(role, std::move(name)));
+    children_.back()->parent_ = this;
+    return *children_.back();
+  }
+  int presses = 0;
+
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
+    if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IDispatch) ||
+        IsEqualIID(riid, IID_IAccessible)) {
+      *out = static_cast<IAccessible*>(this);
+      AddRef();
+      return S_OK;
+    }
+    *out = nullptr;
+    return E_NOINTERFACE;
+  }
+  ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
+  ULONG STDMETHODCALLTYPE Release() override { return 1; }
+
+  HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override {
+    *count = 0;
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT, LCID,
+                                          DISPID* ids) override {
+    static const std::pair<const wchar_t*, DISPID> kMembers[] = {
+        {L"accParent", DISPID_ACC_PARENT},     {L"accChildCount", DISPID_ACC_CHILDCOUNT},
+        {L"accChild", DISPID_ACC_CHILD},       {L"accName", DISPID_ACC_NAME},
+        {L"accRole", DISPID_ACC_ROLE},         {L"accState", DISPID_ACC_STATE},
+        {L"accNavigate", DISPID_ACC_NAVIGATE}, {L"accDoDefaultAction", DISPID_ACC_DODEFAULTACTION},
+    };
+    for (const auto& [name, id] : kMembers) {
+      if (::lstrcmpiW(names[0], name) == 0) {
+        ids[0] = id;
+        return S_OK;
+      }
+    }
+    return DISP_E_UNKNOWNNAME;
+  }
+  HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* params,
+                                   VARIANT* result, EXCEPINFO*, UINT*) override {
+    // Every member used here takes the child id last, or nothing.
+    UniqueVariant child;
+    V_VT(child.get()) = VT_I4;
+    if (params != nullptr && params->cArgs > 0)
+      ::VariantCopyInd(child.get(), &params->rgvarg[0]);
+    UniqueVariant ignored;
+    VARIANT* out = result != nullptr ? result : ignored.get();
+    switch (id) {
+      case DISPID_ACC_PARENT:
+        V_VT(out) = VT_DISPATCH;
+        return get_accParent(&V_DISPATCH(out));
+      case DISPID_ACC_CHILDCOUNT:
+        V_VT(out) = VT_I4;
+        return get_accChildCount(&V_I4(out));
+      case DISPID_ACC_CHILD:
+        V_VT(out) = VT_DISPATCH;
+        return get_accChild(*child.get(), &V_DISPATCH(out));
+      case DISPID_ACC_NAME:
+        V_VT(out) = VT_BSTR;
+        return get_accName(*child.get(), &V_BSTR(out));
+      case DISPID_ACC_ROLE:
+        return get_accRole(*child.get(), out);
+      case DISPID_ACC_STATE:
+        return get_accState(*child.get(), out);
+      case DISPID_ACC_NAVIGATE: {
+        UniqueVariant direction;
+        ::VariantCopyInd(direction.get(), &params->rgvarg[params->cArgs - 1]);
+        ::VariantChangeType(direction.get(), direction.get(), 0, VT_I4);
+        return accNavigate(V_I4(direction.get()), *child.get(), out);
+      }
+      case DISPID_ACC_DODEFAULTACTION:
+        return accDoDefaultAction(*child.get());
+      default:
+        return DISP_E_MEMBERNOTFOUND;
+    }
+  }
+
+  HRESULT STDMETHODCALLTYPE get_accParent(IDispatch** out) override {
+    *out = parent_ != nullptr ? ComPtr<IDispatch>(parent_).Detach() : nullptr;
+    return parent_ != nullptr ? S_OK : S_FALSE;
+  }
+  HRESULT STDMETHODCALLTYPE get_accChildCount(LONG* count) override {
+    *count = static_cast<LONG>(children_.size());
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE get_accChild(VARIANT child, IDispatch** out) override {
+    *out = nullptr;
+    if (V_VT(&child) != VT_I4 || V_I4(&child) < 1 ||
+        static_cast<std::size_t>(V_I4(&child)) > children_.size())
+      return E_INVALIDARG;
+    *out = ComPtr<IDispatch>(children_[static_cast<std::size_t>(V_I4(&child)) - 1].get()).Detach();
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE get_accName(VARIANT, BSTR* name) override {
+    *name = ::SysAllocStringLen(name_.data(), static_cast<UINT>(name_.size()));
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE get_accValue(VARIANT, BSTR*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE get_accDescription(VARIANT, BSTR*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE get_accRole(VARIANT, VARIANT* role) override {
+    V_VT(role) = VT_I4;
+    V_I4(role) = role_;
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE get_accState(VARIANT, VARIANT* state) override {
+    V_VT(state) = VT_I4;
+    V_I4(state) = 0;
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE get_accHelp(VARIANT, BSTR*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE get_accHelpTopic(BSTR*, VARIANT, LONG*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE get_accKeyboardShortcut(VARIANT, BSTR*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE get_accFocus(VARIANT*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE get_accSelection(VARIANT*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE get_accDefaultAction(VARIANT, BSTR*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE accSelect(LONG, VARIANT) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE accLocation(LONG*, LONG*, LONG*, LONG*, VARIANT) override {
+    return E_NOTIMPL;
+  }
+  HRESULT STDMETHODCALLTYPE accNavigate(LONG direction, VARIANT, VARIANT* out) override {
+    V_VT(out) = VT_EMPTY;
+    if (direction != NAVDIR_FIRSTCHILD || children_.empty())
+      return S_FALSE;
+    V_VT(out) = VT_DISPATCH;
+    V_DISPATCH(out) = ComPtr<IDispatch>(children_.front().get()).Detach();
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE accHitTest(LONG, LONG, VARIANT*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE accDoDefaultAction(VARIANT) override {
+    ++presses;
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE put_accName(VARIANT, BSTR) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE put_accValue(VARIANT, BSTR) override { return E_NOTIMPL; }
+
+ private:
+  LONG role_;
+  std::wstring name_;
+  Element* parent_ = nullptr;
+  std::vector<std::unique_ptr<Element>> children_;
 };
 
 #pragma GCC diagnostic pop
@@ -304,33 +505,381 @@ TEST_F(Registered, InitializeAndRibbonByDispatchWithScriptStyleArguments) {
   EXPECT_EQ(ribbon.references, 1u);
 }
 
+// Registers `recorder` as the error component "MorvelinError.Main2" for the life of the object.
+class RecorderRegistration {
+ public:
+  explicit RecorderRegistration(Recorder& recorder) : factory_(recorder) {
+    EXPECT_EQ(::CoRegisterClassObject(kClsidRecorder, &factory_, CLSCTX_INPROC_SERVER,
+                                      REGCLS_MULTIPLEUSE, &cookie_),
+              S_OK);
+    HKEY key = nullptr;
+    EXPECT_EQ(::RegCreateKeyExW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2\\CLSID", 0, nullptr, 0,
+                                KEY_WRITE, nullptr, &key, nullptr),
+              ERROR_SUCCESS);
+    const std::wstring clsid = GuidText(kClsidRecorder);
+    ::RegSetValueExW(key, nullptr, 0, REG_SZ, reinterpret_cast<const BYTE*>(clsid.c_str()),
+                     static_cast<DWORD>((clsid.size() + 1) * sizeof(wchar_t)));
+    ::RegCloseKey(key);
+  }
+  ~RecorderRegistration() {
+    ::CoRevokeClassObject(cookie_);
+    ::RegDeleteTreeW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2");
+    ::RegDeleteKeyW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2");
+  }
+  int created() const { return factory_.created; }
+
+ private:
+  RecorderFactory factory_;
+  DWORD cookie_ = 0;
+};
+
+// Every member of an initialised Main2 with a ribbon, as the template and the ribbon call them.
+class Members : public Registered {
+ protected:
+  void SetUp() override {
+    Registered::SetUp();
+    registration_ = std::make_unique<RecorderRegistration>(recorder);
+    main = Create();
+    ASSERT_TRUE(main);
+    IDispatch* signallerArgument = &signaller;
+    UniqueBstr name(::SysAllocString(L"Morvelin"));
+    BSTR nameArgument = name.get();
+    ASSERT_EQ(main->Initialize(&signallerArgument, &nameArgument), S_OK);
+    IDispatch* ribbonArgument = &ribbon;
+    ASSERT_EQ(main->putref_ribbon(&ribbonArgument), S_OK);
+  }
+  void TearDown() override {
+    main.reset();
+    registration_.reset();
+    Registered::TearDown();
+  }
+
+  static UniqueBstr Bstr(const wchar_t* text) { return UniqueBstr(::SysAllocString(text)); }
+  static std::wstring Text(const UniqueBstr& s) { return std::wstring(s.get(), s.Length()); }
+  std::wstring Label(const wchar_t* id) {
+    UniqueBstr idStr = Bstr(id);
+    UniqueBstr result;
+    EXPECT_EQ(main->get_GetLabel(idStr.InOut(), result.Put()), S_OK);
+    return Text(result);
+  }
+  bool Enabled(const wchar_t* id) {
+    UniqueBstr idStr = Bstr(id);
+    VARIANT_BOOL result = 1;
+    EXPECT_EQ(main->get_GetEnabled(idStr.InOut(), &result), S_OK);
+    EXPECT_TRUE(result == VARIANT_TRUE || result == VARIANT_FALSE);
+    return result == VARIANT_TRUE;
+  }
+
+  // Calls a member by name the way a late-bound caller does: every argument a variable passed
+  // by reference, the result in a VARIANT.
+  HRESULT CallByName(const wchar_t* member, WORD flags, std::vector<VARIANT*> variables,
+                     VARIANT* result) {
+    std::wstring name = member;
+    LPOLESTR names[] = {name.data()};
+    DISPID id = 0;
+    const HRESULT found = main->GetIDsOfNames(IID_NULL, names, 1, 0, &id);
+    if (FAILED(found))
+      return found;
+    return CallById(id, flags, std::move(variables), result);
+  }
+  HRESULT CallById(DISPID id, WORD flags, std::vector<VARIANT*> variables, VARIANT* result) {
+    std::vector<VARIANT> arguments(variables.size());
+    for (std::size_t i = 0; i < variables.size(); ++i) {
+      VARIANT& slot = arguments[variables.size() - 1 - i];
+      V_VT(&slot) = VT_BYREF | VT_VARIANT;
+      V_VARIANTREF(&slot) = variables[i];
+    }
+    DISPPARAMS params{arguments.data(), nullptr, static_cast<UINT>(arguments.size()), 0};
+    return main->Invoke(id, IID_NULL, 0, flags, &params, result, nullptr, nullptr);
+  }
+  static UniqueVariant Str(const wchar_t* text) {
+    UniqueVariant v;
+    V_VT(v.get()) = VT_BSTR;
+    V_BSTR(v.get()) = ::SysAllocString(text);
+    return v;
+  }
+  static UniqueVariant Bool(bool value) {
+    UniqueVariant v;
+    V_VT(v.get()) = VT_BOOL;
+    V_BOOL(v.get()) = value ? VARIANT_TRUE : VARIANT_FALSE;
+    return v;
+  }
+
+  Signaller signaller;
+  FakeRibbon ribbon;
+  Recorder recorder;
+  ComPtr<_Main2> main;
+
+ private:
+  std::unique_ptr<RecorderRegistration> registration_;
+};
+
+constexpr wchar_t kCustomUiStart[] =
+    L"<customUI xmlns=\"http://schemas.microsoft.com/office/2006/01/customui\"";
+
+std::size_t Count(const std::wstring& text, const std::wstring& part) {
+  std::size_t n = 0;
+  for (auto at = text.find(part); at != std::wstring::npos; at = text.find(part, at + 1))
+    ++n;
+  return n;
+}
+
+// The word processor's ribbon down to its tabs, the product's tab last.
+struct RibbonTree {
+  explicit RibbonTree(const wchar_t* name = L"Morvelin") : productName(name) {}
+  const wchar_t* productName;
+  Element root{22, L"Ribbon"};
+  Element& client = root.Add(38, L"Ribbon").Add(60, L"Ribbon Tabs").Add(10, L"");
+  Element& home = client.Add(37, L"Home");
+  Element& view = client.Add(37, L"View");
+  Element& product = client.Add(37, productName);
+};
+
+TEST_F(Members, DocumentAndAnswersThroughTheInterface) {
+  UniqueBstr xml;
+  ASSERT_EQ(main->GetRibbonXML(xml.Put()), S_OK);
+  const std::wstring document = Text(xml);
+  EXPECT_EQ(document.rfind(kCustomUiStart, 0), 0u) << document.substr(0, 80);
+  EXPECT_EQ(Count(document, L" id=\"MVN"), 26u);
+
+  EXPECT_EQ(Label(L"MVN4"), L"About Morvelin / Login to Morvelin");
+  EXPECT_EQ(Label(L"MVN26"), L"Use Morvelin");
+  EXPECT_EQ(Label(L"MVN5"), L"");
+  EXPECT_FALSE(Enabled(L"MVN16"));
+  EXPECT_TRUE(Enabled(L"MVN5"));
+
+  UniqueBstr id = Bstr(L"MVN23");
+  VARIANT_BOOL pressed = VARIANT_TRUE;
+  EXPECT_EQ(main->get_GetPressed(id.InOut(), &pressed), S_OK);
+  EXPECT_EQ(pressed, VARIANT_FALSE);
+  UniqueBstr tip;
+  EXPECT_EQ(main->get_GetScreentip(id.InOut(), tip.Put()), S_OK);
+  EXPECT_EQ(Text(tip), L"Turn Lexoscope on");
+  EXPECT_EQ(Text(id), L"MVN23") << "the caller's variable keeps its text";
+  EXPECT_TRUE(recorder.errorNumbers.empty());
+}
+
+TEST_F(Members, ChangesInvalidateOnlyWhatTheyChange) {
+  VARIANT_BOOL off = VARIANT_FALSE;
+  VARIANT_BOOL on = VARIANT_TRUE;
+  EXPECT_EQ(main->EnableToolbar(&off), S_OK);
+  EXPECT_EQ(main->EnableToolbar(&off), S_OK);
+  EXPECT_EQ(main->EnableGotoQuickBookmark(&on), S_OK);
+  EXPECT_EQ(main->EnableGotoQuickBookmark(&on), S_OK);
+  EXPECT_EQ(main->UpdateLexoscopeIcon(&on), S_OK);
+  EXPECT_EQ(main->UpdateLexoscopeIcon(&on), S_OK);
+  EXPECT_EQ(ribbon.Take(),
+            (std::vector<std::wstring>{L"Invalidate", L"InvalidateControl MVN16",
+                                       L"InvalidateControl MVN23", L"InvalidateControl MVN23"}));
+  EXPECT_FALSE(Enabled(L"MVN5"));
+
+  UniqueBstr name = Bstr(L"Morvelin Pro");
+  EXPECT_EQ(main->productNameChanged(name.InOut()), S_OK);
+  EXPECT_EQ(ribbon.Take(),
+            (std::vector<std::wstring>{L"InvalidateControl MVN0", L"InvalidateControl MVN4",
+                                       L"InvalidateControl MVN1", L"InvalidateControl MVN26"}));
+  EXPECT_EQ(Label(L"MVN0"), L"Apply Morvelin Pro");
+  EXPECT_TRUE(recorder.errorNumbers.empty());
+}
+
+TEST_F(Members, RibbonCallbackRunsTheControlsMacro) {
+  UniqueBstr reference = Bstr(L"MVN5");
+  UniqueBstr toggle = Bstr(L"MVN23");
+  VARIANT_BOOL off = VARIANT_FALSE;
+  VARIANT_BOOL on = VARIANT_TRUE;
+  EXPECT_EQ(main->RibbonCallback(reference.InOut(), &off), S_OK);
+  EXPECT_EQ(main->RibbonCallback(toggle.InOut(), &on), S_OK);
+  EXPECT_EQ(signaller.macros, (std::vector<std::wstring>{L"InsertReference", L"ToggleLexoscope"}));
+}
+
+TEST_F(Members, ImagesAreRealPicturesOfTheTemplatesBytes) {
+  UniqueBstr apply = Bstr(L"MVN0");
+  ComPtr<IPictureDisp> image;
+  ASSERT_EQ(main->get_GetImage(apply.InOut(), image.Put()), S_OK);
+  ASSERT_TRUE(image);
+  ComPtr<IPicture> picture = image.As<IPicture>();
+  ASSERT_TRUE(picture);
+  SHORT type = 0;
+  OLE_XSIZE_HIMETRIC width = 0;
+  OLE_YSIZE_HIMETRIC height = 0;
+  EXPECT_EQ(picture->get_Type(&type), S_OK);
+  EXPECT_EQ(type, PICTYPE_BITMAP);
+  EXPECT_EQ(picture->get_Width(&width), S_OK);
+  EXPECT_EQ(picture->get_Height(&height), S_OK);
+  EXPECT_EQ(width, 2540);
+  EXPECT_EQ(height, 1270);
+  EXPECT_EQ(signaller.images, std::vector<int>{102});
+
+  // Two loads of the same bytes are two pictures.
+  UniqueBstr five = Bstr(L"5");
+  ComPtr<IPictureDisp> first;
+  ComPtr<IPictureDisp> second;
+  EXPECT_EQ(main->LoadImage(five.InOut(), first.Put()), S_OK);
+  EXPECT_EQ(main->LoadImage(five.InOut(), second.Put()), S_OK);
+  ASSERT_TRUE(first && second);
+  EXPECT_NE(first.get(), second.get());
+  EXPECT_EQ(signaller.images, (std::vector<int>{102, 303, 303}));
+
+  // Slot 2 has no picture: nothing is fetched and the answer is null.
+  UniqueBstr none = Bstr(L"2");
+  ComPtr<IPictureDisp> nothing;
+  EXPECT_EQ(main->LoadImage(none.InOut(), nothing.Put()), S_OK);
+  EXPECT_FALSE(nothing);
+  EXPECT_EQ(signaller.images.size(), 3u);
+  EXPECT_TRUE(recorder.errorNumbers.empty());
+}
+
+TEST_F(Members, AFailureInsideReachesTheErrorComponentAndTheCallSucceeds) {
+  UniqueBstr pastTheTable = Bstr(L"27");
+  ComPtr<IPictureDisp> nothing;
+  EXPECT_EQ(main->LoadImage(pastTheTable.InOut(), nothing.Put()), S_OK);
+  EXPECT_FALSE(nothing);
+  EXPECT_EQ(recorder.errorNumbers, std::vector<LONG>{9});
+}
+
+TEST_F(Members, ActivateTabPressesTheProductsTab) {
+  RibbonTree tree;
+  IDispatch* commandBar = &tree.root;
+  EXPECT_EQ(main->activateMorvelinTab(&commandBar), S_OK);
+  EXPECT_EQ(tree.product.presses, 1);
+  EXPECT_EQ(tree.home.presses + tree.view.presses, 0);
+  EXPECT_TRUE(recorder.errorNumbers.empty());
+}
+
+// The same members as a late-bound caller reaches them, once by dispatch id and once by name.
+TEST_F(Members, EveryMemberByDispatchIdAndByName) {
+  const struct {
+    const wchar_t* name;
+    DISPID id;
+  } kMembers[] = {
+      {L"GetRibbonXML", 0x60030009},
+      {L"productNameChanged", 0x6003000C},
+      {L"GetLabel", 0x68030005},
+      {L"GetEnabled", 0x68030004},
+      {L"GetPressed", 0x68030003},
+      {L"GetScreentip", 0x68030002},
+      {L"GetImage", 0x68030000},
+      {L"LoadImage", 0x6003000D},
+      {L"RibbonCallback", 0x6003000F},
+      {L"EnableGotoQuickBookmark", 0x60030010},
+      {L"UpdateLexoscopeIcon", 0x60030011},
+      {L"EnableToolbar", 0x60030013},
+      {L"activateMorvelinTab", 0x60030014},
+  };
+  for (const bool byName : {false, true}) {
+    SCOPED_TRACE(byName ? "by name" : "by dispatch id");
+    // A fresh object, so that each route starts from the same state.
+    ASSERT_TRUE(main = Create());
+    UniqueVariant signallerVariable;
+    V_VT(signallerVariable.get()) = VT_DISPATCH;
+    V_DISPATCH(signallerVariable.get()) = ComPtr<IDispatch>(&signaller).Detach();
+    UniqueVariant product = Str(L"Morvelin");
+    ASSERT_EQ(
+        CallById(0x60030007, DISPATCH_METHOD, {signallerVariable.get(), product.get()}, nullptr),
+        S_OK);
+    VARIANT ribbonValue;
+    V_VT(&ribbonValue) = VT_DISPATCH;
+    V_DISPATCH(&ribbonValue) = &ribbon;
+    DISPID put = DISPID_PROPERTYPUT;
+    DISPPARAMS putParams{&ribbonValue, &put, 1, 1};
+    ASSERT_EQ(main->Invoke(0x68030006, IID_NULL, 0, DISPATCH_PROPERTYPUTREF, &putParams, nullptr,
+                           nullptr, nullptr),
+              S_OK);
+    signaller.macros.clear();
+    signaller.images.clear();
+    ribbon.Take();
+
+    auto call = [&](const wchar_t* member, WORD flags, std::vector<VARIANT*> variables) {
+      UniqueVariant result;
+      for (const auto& m : kMembers) {
+        if (std::wstring(m.name) != member)
+          continue;
+        const HRESULT hr = byName ? CallByName(member, flags, std::move(variables), result.get())
+                                  : CallById(m.id, flags, std::move(variables), result.get());
+        EXPECT_EQ(hr, S_OK) << member;
+        return result;
+      }
+      ADD_FAILURE() << "no such member " << member;
+      return result;
+    };
+    auto text = [](const UniqueVariant& v) {
+      return V_VT(v.get()) == VT_BSTR
+                 ? std::wstring(V_BSTR(v.get()), ::SysStringLen(V_BSTR(v.get())))
+                 : std::wstring(L"<not a string>");
+    };
+
+    UniqueVariant xml = call(L"GetRibbonXML", DISPATCH_METHOD, {});
+    EXPECT_EQ(text(xml).rfind(kCustomUiStart, 0), 0u);
+
+    UniqueVariant about = Str(L"MVN4");
+    EXPECT_EQ(text(call(L"GetLabel", DISPATCH_PROPERTYGET, {about.get()})),
+              L"About Morvelin / Login to Morvelin");
+    EXPECT_EQ(text(about), L"MVN4");
+    UniqueVariant toggle = Str(L"MVN23");
+    EXPECT_EQ(text(call(L"GetScreentip", DISPATCH_PROPERTYGET, {toggle.get()})),
+              L"Turn Lexoscope on");
+    UniqueVariant enabled = call(L"GetEnabled", DISPATCH_PROPERTYGET, {about.get()});
+    EXPECT_EQ(V_VT(enabled.get()), VT_BOOL);
+    EXPECT_EQ(V_BOOL(enabled.get()), VARIANT_TRUE);
+    UniqueVariant pressed = call(L"GetPressed", DISPATCH_PROPERTYGET, {toggle.get()});
+    EXPECT_EQ(V_VT(pressed.get()), VT_BOOL);
+    EXPECT_EQ(V_BOOL(pressed.get()), VARIANT_FALSE);
+
+    UniqueVariant apply = Str(L"MVN0");
+    UniqueVariant image = call(L"GetImage", DISPATCH_PROPERTYGET, {apply.get()});
+    ASSERT_EQ(V_VT(image.get()), VT_DISPATCH);
+    ASSERT_NE(V_DISPATCH(image.get()), nullptr);
+    EXPECT_TRUE(ComPtr<IDispatch>(V_DISPATCH(image.get())).As<IPicture>());
+    UniqueVariant slotTwo = Str(L"2");
+    UniqueVariant none = call(L"LoadImage", DISPATCH_METHOD, {slotTwo.get()});
+    EXPECT_TRUE(V_VT(none.get()) == VT_EMPTY ||
+                (V_VT(none.get()) == VT_DISPATCH && V_DISPATCH(none.get()) == nullptr));
+    EXPECT_EQ(signaller.images, std::vector<int>{102});
+
+    UniqueVariant reference = Str(L"MVN5");
+    UniqueVariant off = Bool(false);
+    UniqueVariant on = Bool(true);
+    call(L"RibbonCallback", DISPATCH_METHOD, {reference.get(), off.get()});
+    EXPECT_EQ(signaller.macros, std::vector<std::wstring>{L"InsertReference"});
+
+    call(L"EnableToolbar", DISPATCH_METHOD, {off.get()});
+    call(L"EnableGotoQuickBookmark", DISPATCH_METHOD, {on.get()});
+    call(L"UpdateLexoscopeIcon", DISPATCH_METHOD, {on.get()});
+    UniqueVariant renamed = Str(L"Quill");
+    call(L"productNameChanged", DISPATCH_METHOD, {renamed.get()});
+    EXPECT_EQ(ribbon.Take(),
+              (std::vector<std::wstring>{L"Invalidate", L"InvalidateControl MVN16",
+                                         L"InvalidateControl MVN23", L"InvalidateControl MVN0",
+                                         L"InvalidateControl MVN4", L"InvalidateControl MVN1",
+                                         L"InvalidateControl MVN26"}));
+
+    // The tab is found by the name the product has now.
+    RibbonTree tree(L"Quill");
+    UniqueVariant commandBar;
+    V_VT(commandBar.get()) = VT_DISPATCH;
+    V_DISPATCH(commandBar.get()) = ComPtr<IDispatch>(&tree.root).Detach();
+    call(L"activateMorvelinTab", DISPATCH_METHOD, {commandBar.get()});
+    EXPECT_EQ(tree.product.presses, 1);
+    EXPECT_TRUE(recorder.errorNumbers.empty());
+  }
+}
+
 TEST_F(Registered, AFailureReachesTheErrorComponentAndNeverTheCaller) {
   Recorder recorder;
-  RecorderFactory factory(recorder);
-  DWORD cookie = 0;
-  ASSERT_EQ(::CoRegisterClassObject(kClsidRecorder, &factory, CLSCTX_INPROC_SERVER,
-                                    REGCLS_MULTIPLEUSE, &cookie),
-            S_OK);
-  HKEY key = nullptr;
-  ASSERT_EQ(::RegCreateKeyExW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2\\CLSID", 0, nullptr, 0,
-                              KEY_WRITE, nullptr, &key, nullptr),
-            ERROR_SUCCESS);
-  const std::wstring clsid = GuidText(kClsidRecorder);
-  ::RegSetValueExW(key, nullptr, 0, REG_SZ, reinterpret_cast<const BYTE*>(clsid.c_str()),
-                   static_cast<DWORD>((clsid.size() + 1) * sizeof(wchar_t)));
-  ::RegCloseKey(key);
+  int created = 0;
   {
-    ComPtr<_Main2> main = Create();
-    ASSERT_TRUE(main);
-    // An object without the ribbon interface is a type mismatch inside `ribbon`.
-    Counted notARibbon;
-    IDispatch* argument = &notARibbon;
-    EXPECT_EQ(main->putref_ribbon(&argument), S_OK);
+    RecorderRegistration registration(recorder);
+    {
+      ComPtr<_Main2> main = Create();
+      ASSERT_TRUE(main);
+      // An object without the ribbon interface is a type mismatch inside `ribbon`.
+      Counted notARibbon;
+      IDispatch* argument = &notARibbon;
+      EXPECT_EQ(main->putref_ribbon(&argument), S_OK);
+    }
+    created = registration.created();
   }
-  ::CoRevokeClassObject(cookie);
-  ::RegDeleteTreeW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2");
-  ::RegDeleteKeyW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2");
-  EXPECT_EQ(factory.created, 1);
+  EXPECT_EQ(created, 1);
   ASSERT_FALSE(recorder.errorNumbers.empty());
   EXPECT_EQ(recorder.errorNumbers.front(), 13);
 }
