@@ -176,6 +176,11 @@ std::string Quote(const std::u16string& text) {
 
 int ReplaySession(std::istream& in, std::ostream& out, std::ostream& errors,
                   const SessionOptions& options) {
+  return ReplaySession(in, out, errors, options, nullptr);
+}
+
+int ReplaySession(std::istream& in, std::ostream& out, std::ostream& errors,
+                  const SessionOptions& options, const std::function<void(Main2&)>& inspect) {
   Session session(options);
   std::string line;
   for (int number = 1; std::getline(in, line); ++number) {
@@ -198,6 +203,8 @@ int ReplaySession(std::istream& in, std::ostream& out, std::ostream& errors,
       out << call << "\n";
     out << "= " << result << "\n";
   }
+  if (inspect)
+    inspect(session.main2);
   return 0;
 }
 

@@ -1,8 +1,13 @@
 // Replays a host session against a new Main2 and writes its transcript.
 #pragma once
 
+#include <functional>
 #include <iosfwd>
 #include <string>
+
+namespace tabforge {
+class Main2;
+}
 
 namespace tabforge::cli {
 
@@ -15,6 +20,11 @@ struct SessionOptions {
 // result line. Returns 0, or 2 after naming the first line that is no command on `errors`.
 int ReplaySession(std::istream& in, std::ostream& out, std::ostream& errors,
                   const SessionOptions& options);
+
+// Replays as above, then hands the session's Main2 to `inspect` while the session's objects are
+// still alive; not called when the replay stops at a bad line.
+int ReplaySession(std::istream& in, std::ostream& out, std::ostream& errors,
+                  const SessionOptions& options, const std::function<void(Main2&)>& inspect);
 
 // A text as a result line shows it: in double quotes, with \", \\ and \uXXXX for control
 // characters, UTF-8 otherwise.

@@ -2,11 +2,14 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "platform/portable/portable_platform.h"
 #include "ribbon/main2.h"
+#include "tools/custom_ui_check.h"
+#include "tools/preview.h"
 #include "tools/session.h"
 
 using namespace tabforge;
@@ -17,16 +20,29 @@ constexpr const char* kUsage =
     "usage: tabforge <command> [options]\n"
     "\n"
     "commands:\n"
-    "  ribbon-xml [--product-name NAME]   print the custom-UI document\n"
+    "  ribbon-xml [--product-name NAME] [--check]\n"
+    "                                     print the custom-UI document\n"
+    "  check [FILE]                       tell why the word processor would refuse a document\n"
+    "  preview [--product-name NAME] [--icons DIR] [--session FILE] [-o FILE]\n"
+    "                                     draw the ribbon as an HTML page\n"
     "  session [--icons DIR] [FILE]       replay a host session from FILE or standard input\n"
     "\n"
     "Run 'tabforge <command> --help' for a command's options.\n";
 
 constexpr const char* kRibbonXmlUsage =
-    "usage: tabforge ribbon-xml [--product-name NAME]\n"
+    "usage: tabforge ribbon-xml [--product-name NAME] [--check]\n"
     "\n"
     "Prints the custom-UI document that Main2 gives after Initialize with NAME (default\n"
-    "\"Morvelin\"), followed by one newline.\n";
+    "\"Morvelin\"), followed by one newline. With --check, also checks the document as\n"
+    "'tabforge check' does, lists the findings on standard error and exits with 1 when the\n"
+    "word processor would refuse it.\n";
+
+constexpr const char* kCheckUsage =
+    "usage: tabforge check [FILE]\n"
+    "\n"
+    "Checks the custom-UI document in FILE (or standard input) and prints one line per way in\n"
+    "which the word processor would refuse it, LINE:COLUMN: message. Exit status 0 when the\n"
+    "document would be taken, 1 when not, 2 on bad usage.\n";
 
 constexpr const char* kSessionUsage =
     "usage: tabforge session [--icons DIR] [FILE]\n"
@@ -48,6 +64,15 @@ constexpr const char* kSessionUsage =
     "project's icons). activateMorvelinTab builds an accessibility tree from TREEFILE, passes it\n"
     "as the ribbon's command bar, and prints each element pressed; README.md gives the format.\n";
 
+constexpr const char* kPreviewUsage =
+    "usage: tabforge preview [--product-name NAME] [--icons DIR] [--session FILE] [-o FILE]\n"
+    "\n"
+    "Writes one self-contained HTML page (to FILE, or standard output) that draws the add-in's\n"
+    "tab and its button on the References tab as the word processor lays them out: labels,\n"
+    "tips, enabled and pressed states and pictures as Main2 answers them. Without --session,\n"
+    "Main2 is initialized with NAME (default \"Morvelin\"); with it, the page shows the state\n"
+    "after replaying FILE as 'tabforge session' does, renamed to NAME when one is given.\n";
+
 bool WantsHelp(const std::vector<std::string>& args) {
   for (const auto& a : args) {
     if (a == "--help" || a == "-h")
@@ -62,9 +87,12 @@ int RibbonXml(const std::vector<std::string>& args) {
     return 0;
   }
   std::string name = "Morvelin";
+  bool check = false;
   for (std::size_t i = 0; i < args.size(); ++i) {
     if (args[i] == "--product-name" && i + 1 < args.size()) {
       name = args[++i];
+    } else if (args[i] == "--check") {
+      check = true;
     } else {
       std::cerr << "tabforge ribbon-xml: unexpected argument '" << args[i] << "'\n"
                 << kRibbonXmlUsage;
@@ -80,8 +108,40 @@ int RibbonXml(const std::vector<std::string>& args) {
   protector.vbwInitializeProtector();
   Main2 main2(protector);
   main2.Initialize(nullptr, FromUtf8(name));
-  std::cout << ToUtf8(main2.GetRibbonXML()) << "\n";
-  return 0;
+  const std::string document = ToUtf8(main2.GetRibbonXML());
+  std::cout << document << "\n";
+  if (!check)
+    return 0;
+  const auto findings = cli::CheckCustomUi(document);
+  for (const auto& finding : findings)
+    std::cerr << cli::FormatFinding(finding) << "\n";
+  return findings.empty() ? 0 : 1;
+}
+
+int Check(const std::vector<std::string>& args) {
+  if (WantsHelp(args)) {
+    std::cout << kCheckUsage;
+    return 0;
+  }
+  if (args.size() > 1 || (args.size() == 1 && args[0].rfind("--", 0) == 0)) {
+    std::cerr << "tabforge check: unexpected argument '" << args.back() << "'\n" << kCheckUsage;
+    return 2;
+  }
+  std::stringstream text;
+  if (args.empty() || args[0] == "-") {
+    text << std::cin.rdbuf();
+  } else {
+    std::ifstream in(args[0], std::ios::binary);
+    if (!in) {
+      std::cerr << "tabforge check: cannot read '" << args[0] << "'\n";
+      return 2;
+    }
+    text << in.rdbuf();
+  }
+  const auto findings = cli::CheckCustomUi(text.str());
+  for (const auto& finding : findings)
+    std::cout << cli::FormatFinding(finding) << "\n";
+  return findings.empty() ? 0 : 1;
 }
 
 int Session(const std::vector<std::string>& args) {
@@ -112,6 +172,46 @@ int Session(const std::vector<std::string>& args) {
   return cli::ReplaySession(in, std::cout, std::cerr, options);
 }
 
+int Preview(const std::vector<std::string>& args) {
+  if (WantsHelp(args)) {
+    std::cout << kPreviewUsage;
+    return 0;
+  }
+  cli::PreviewOptions options;
+  options.iconDirectory = TABFORGE_DEFAULT_ICONS;
+  std::string output;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    const bool hasValue = i + 1 < args.size();
+    if (args[i] == "--product-name" && hasValue) {
+      options.productName = args[++i];
+      options.productNameGiven = true;
+    } else if (args[i] == "--icons" && hasValue) {
+      options.iconDirectory = args[++i];
+    } else if (args[i] == "--session" && hasValue) {
+      options.sessionFile = args[++i];
+    } else if (args[i] == "-o" && hasValue) {
+      output = args[++i];
+    } else {
+      std::cerr << "tabforge preview: unexpected argument '" << args[i] << "'\n" << kPreviewUsage;
+      return 2;
+    }
+  }
+  std::ostringstream page;
+  const int status = cli::WritePreview(page, std::cerr, options);
+  if (status != 0)
+    return status;
+  if (output.empty() || output == "-") {
+    std::cout << page.str();
+    return 0;
+  }
+  std::ofstream out(output, std::ios::binary);
+  if (!(out << page.str())) {
+    std::cerr << "tabforge preview: cannot write '" << output << "'\n";
+    return 2;
+  }
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -125,6 +225,10 @@ int main(int argc, char** argv) {
     return RibbonXml(args);
   if (command == "session")
     return Session(args);
+  if (command == "check")
+    return Check(args);
+  if (command == "preview")
+    return Preview(args);
   std::cerr << "tabforge: unknown command '" << command << "'\n" << kUsage;
   return 2;
 }

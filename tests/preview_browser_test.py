@@ -1,0 +1,241 @@
+#!/usr/bin/env python3
+"""The ribbon preview in a real browser: headless Chromium draws the page and dumps its DOM.
+
+usage: preview_browser_test.py TABFORGE SOURCE_DIR WORK_DIR
+
+Leaves WORK_DIR/preview.html and WORK_DIR/preview.png (the picture in docs/). Exits 77 (skipped)
+when Chromium is not installed.
+"""
+import base64
+import html.parser
+import os
+import shutil
+import struct
+import subprocess
+import sys
+import tempfile
+import xml.etree.ElementTree as ET
+import zlib
+
+WIDTH, HEIGHT = 1400, 400
+NS = "{http://schemas.microsoft.com/office/2006/01/customui}"
+
+failures = []
+
+
+def fail(message):
+    failures.append(message)
+    print("FAIL: " + message)
+
+
+def run(args, **kwargs):
+    return subprocess.run(args, check=True, capture_output=True, text=True, timeout=120, **kwargs)
+
+
+def chromium(browser, *args):
+    profile = tempfile.mkdtemp(prefix="tabforge-chromium-")
+    try:
+        return run([browser, "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic",
+                    "--no-first-run", "--disable-background-networking",
+                    "--disable-component-update", "--disable-sync",
+                    "--user-data-dir=" + profile, *args]).stdout
+    finally:
+        shutil.rmtree(profile, ignore_errors=True)
+
+
+def png_pixels(data):
+    """Width, height and the rows of an 8-bit PNG without interlacing, unfiltered."""
+    if data[:8] != b"\x89PNG\r\n\x1a\n":
+        raise ValueError("not a PNG")
+    pos, idat, header = 8, b"", None
+    while pos < len(data):
+        length, kind = struct.unpack(">I4s", data[pos:pos + 8])
+        body = data[pos + 8:pos + 8 + length]
+        if kind == b"IHDR":
+            header = struct.unpack(">IIBBBBB", body)
+        elif kind == b"IDAT":
+            idat += body
+        pos += 12 + length
+    width, height, depth, colour, _, _, interlace = header
+    if depth != 8 or interlace != 0:
+        raise ValueError("unexpected PNG format")
+    channels = {0: 1, 2: 3, 4: 2, 6: 4}[colour]
+    raw = zlib.decompress(idat)
+    stride = width * channels
+    rows, previous = [], bytearray(stride)
+    for y in range(height):
+        line = raw[y * (stride + 1):(y + 1) * (stride + 1)]
+        kind, row = line[0], bytearray(line[1:])
+        for x in range(stride):
+            a = row[x - channels] if x >= channels else 0
+            b = previous[x]
+            c = previous[x - channels] if x >= channels else 0
+            if kind == 1:
+                row[x] = (row[x] + a) & 255
+            elif kind == 2:
+                row[x] = (row[x] + b) & 255
+            elif kind == 3:
+                row[x] = (row[x] + (a + b) // 2) & 255
+            elif kind == 4:
+                p = a + b - c
+                pa, pb, pc = abs(p - a), abs(p - b), abs(p - c)
+                row[x] = (row[x] + (a if pa <= pb and pa <= pc else b if pb <= pc else c)) & 255
+        rows.append(bytes(row))
+        previous = row
+    return width, height, channels, rows
+
+
+class Dom(html.parser.HTMLParser):
+    """Elements with their attributes, and the text each one holds directly."""
+
+    def __init__(self):
+        super().__init__()
+        self.elements, self.stack = [], []
+
+    def handle_starttag(self, tag, attrs):
+        element = {"tag": tag, "attrs": dict(attrs), "text": ""}
+        self.elements.append(element)
+        if tag not in ("img", "meta", "br"):
+            self.stack.append(element)
+
+    def handle_endtag(self, tag):
+        while self.stack and self.stack.pop()["tag"] != tag:
+            pass
+
+    def handle_data(self, data):
+        if self.stack:
+            self.stack[-1]["text"] += data
+
+
+def parse(text):
+    dom = Dom()
+    dom.feed(text)
+    return dom.elements
+
+
+def expectations(tabforge, cwd, session):
+    """What Main2 answers for each control, asked through the session command."""
+    commands = [l for l in session.splitlines() if l.strip() and not l.startswith("#")]
+    document = ET.fromstring(run([tabforge, "ribbon-xml"]).stdout)
+    controls = [e for e in document.iter() if e.tag in (NS + "button", NS + "toggleButton")]
+    questions = ""
+    for c in controls:
+        questions += "GetLabel {0}\nGetEnabled {0}\nGetPressed {0}\n".format(c.get("id"))
+    answers = [line[2:] for line in
+               run([tabforge, "session"], input=session + questions, cwd=cwd).stdout.splitlines()
+               if line.startswith("= ")][len(commands):]
+    expected = {}
+    for i, c in enumerate(controls):
+        label, enabled, pressed = answers[3 * i:3 * i + 3]
+        expected[c.get("id")] = {
+            "label": c.get("label") or label.strip('"'),
+            "shown": c.get("showLabel") != "false",
+            "enabled": enabled == "true",
+            "pressed": c.tag == NS + "toggleButton" and pressed == "true",
+        }
+    groups = [g.get("label") for g in document.iter(NS + "group")]
+    return expected, groups
+
+
+def check_page(page):
+    """Every picture is a PNG of the size it claims, inlined; nothing is fetched."""
+    elements = parse(page)
+    images = [e for e in elements if e["tag"] == "img"]
+    if len(images) < 10:
+        fail("only %d pictures on the page" % len(images))
+    for image in images:
+        src = image["attrs"].get("src", "")
+        prefix = "data:image/png;base64,"
+        if not src.startswith(prefix):
+            fail("a picture is not an inline PNG: " + src[:40])
+            continue
+        width, height, _, _ = png_pixels(base64.b64decode(src[len(prefix):]))
+        claimed = (int(image["attrs"]["data-width"]), int(image["attrs"]["data-height"]))
+        if (width, height) != claimed or width == 0:
+            fail("picture is %dx%d, claims %dx%d" % (width, height, *claimed))
+    for needle in ("http://", "https://", "<script", "<link"):
+        if needle in page:
+            fail("the page holds " + needle)
+
+
+def check_dom(dom, expected, groups):
+    elements = parse(dom)
+    by_id = {}
+    for e in elements:
+        if e["tag"] == "button" and "data-id" in e["attrs"]:
+            by_id.setdefault(e["attrs"]["data-id"], []).append(e)
+    texts = {e["text"].strip() for e in elements}
+    for group in groups:
+        if group not in texts:
+            fail("group label %r is not drawn" % group)
+    for control_id, want in expected.items():
+        drawn = by_id.get(control_id)
+        if not drawn:
+            fail(control_id + " is not drawn")
+            continue
+        for e in drawn:
+            if want["shown"] and want["label"] not in texts:
+                fail("%s: label %r is not drawn" % (control_id, want["label"]))
+            if e["attrs"].get("aria-label") != want["label"]:
+                fail("%s: aria-label %r" % (control_id, e["attrs"].get("aria-label")))
+            if ("disabled" in e["attrs"]) == want["enabled"]:
+                fail("%s: enabled is %s, the page says otherwise" % (control_id, want["enabled"]))
+            if (e["attrs"].get("aria-pressed") == "true") != want["pressed"]:
+                fail("%s: pressed should be %s" % (control_id, want["pressed"]))
+    if not any(not w["enabled"] for w in expected.values()):
+        fail("the session leaves no control disabled, so the check proves nothing")
+    if not any(w["pressed"] for w in expected.values()):
+        fail("the session leaves no control pressed, so the check proves nothing")
+    for e in elements:
+        if e["tag"] == "img" and e["attrs"].get("data-natural", "0x0").startswith("0x"):
+            fail("the browser could not decode a picture of " + e["attrs"].get("alt", "?"))
+
+
+def check_screenshot(path):
+    with open(path, "rb") as f:
+        width, height, channels, rows = png_pixels(f.read())
+    if (width, height) != (WIDTH, HEIGHT):
+        fail("screenshot is %dx%d" % (width, height))
+    colours = set()
+    for row in rows[::4]:
+        for x in range(0, len(row), channels * 4):
+            colours.add(row[x:x + channels])
+    if len(colours) < 16:
+        fail("screenshot has only %d colours" % len(colours))
+
+
+def main():
+    tabforge, source, work = sys.argv[1:4]
+    browser = shutil.which("chromium") or shutil.which("chromium-browser")
+    if browser is None:
+        print("SKIP: chromium is not installed (scripts/install-linux-deps.sh installs it)")
+        return 77
+    os.makedirs(work, exist_ok=True)
+    session = os.path.join(source, "examples", "preview.session")
+    with open(session) as f:
+        session_text = f.read()
+    page_path = os.path.join(work, "preview.html")
+    run([tabforge, "preview", "--session", session, "-o", page_path], cwd=source)
+    with open(page_path) as f:
+        page = f.read()
+    check_page(page)
+
+    # The page needs no script; only this copy gets one, to read what the browser decoded.
+    probe = os.path.join(work, "probe.html")
+    with open(probe, "w") as f:
+        f.write(page.replace("</body>", "<script>addEventListener('load', () => { for (const i of "
+                             "document.images) i.dataset.natural = i.naturalWidth + 'x' + "
+                             "i.naturalHeight; });</script></body>"))
+    expected, groups = expectations(tabforge, source, session_text)
+    check_dom(chromium(browser, "--dump-dom", "file://" + probe), expected, groups)
+
+    shot = os.path.join(work, "preview.png")
+    chromium(browser, "--screenshot=" + shot, "--window-size=%d,%d" % (WIDTH, HEIGHT),
+             "--hide-scrollbars", "file://" + page_path)
+    check_screenshot(shot)
+    print("%d controls checked; screenshot %s" % (len(expected), shot))
+    return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
