@@ -235,10 +235,10 @@ void Main2::RibbonCallback(const Bstr& idStr, VariantBool isOn) {
         TF_STEP(3) id = Narrow(convertToId(idStr));
         // Neither the id nor isOn goes to the macro; the toggle's state comes back through
         // UpdateLexoscopeIcon.
-        TF_STEP(4) {
-          Bstr macro = At(macroIndex_, id);
-          CallByName(mEventSignaller, u"Run", CallKind::kMethod, Variant::ByRef(&macro));
-        }
+        // The table's slot goes by reference, as an element of an array does.
+        TF_STEP(4)
+        CallByName(mEventSignaller, u"Run", CallKind::kMethod,
+                   Variant::ByRef(&At(macroIndex_, id)));
         TF_END
       });
 }
