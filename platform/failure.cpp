@@ -14,6 +14,8 @@ Bstr DescribeRunTimeError(RunTimeError error) {
       return u"Out of memory";
     case RunTimeError::kSubscriptOutOfRange:
       return u"Subscript out of range";
+    case RunTimeError::kOutOfStackSpace:
+      return u"Out of stack space";
     case RunTimeError::kTypeMismatch:
       return u"Type mismatch";
     case RunTimeError::kInternalError:

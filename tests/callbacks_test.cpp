@@ -190,6 +190,21 @@ TEST_F(Callbacks, MacroThatCallsBackFindsTheLibraryWorking) {
   EXPECT_EQ(apartment.protector.Depth(), 0);
 }
 
+TEST_F(Callbacks, MacroThatPressesItsOwnButtonForEverEnds) {
+  int presses = 0;
+  signaller->onRun = [&](const Bstr&) {
+    ++presses;
+    main2.RibbonCallback(u"MVN5", kFalse);
+  };
+  main2.RibbonCallback(u"MVN5", kFalse);
+  signaller->onRun = nullptr;
+  EXPECT_GT(presses, 10);
+  EXPECT_LE(presses, apartment.protector.limits.maxNestedProcedures);
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+  EXPECT_THAT(apartment.script->CallsTo("vbwErrorHandler").back(),
+              ::testing::HasSubstr(R"(I4 28, BSTR "Out of stack space")"));
+}
+
 TEST_F(Callbacks, BeforeInitializeQuestionsFailQuietly) {
   Main2 fresh(apartment.protector);
   EXPECT_EQ(fresh.GetLabel(u"MVN0"), u"");

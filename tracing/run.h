@@ -32,6 +32,10 @@ class Frame {
     } else {
       protector_.vbwProcIn(info_.qualifiedName, {});
     }
+    // Checked once the entry is counted, so that the exit that follows the failure balances it.
+    if (protector_.Depth() > protector_.limits.maxNestedProcedures) [[unlikely]] {
+      Raise(RunTimeError::kOutOfStackSpace);
+    }
   }
 
   // Deals with the failure in flight by the current mode; true when the body is to run again

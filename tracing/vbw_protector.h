@@ -49,6 +49,11 @@ struct ProtectorLimits {
   int maxDumpsPerFailure = 4;
   // Answers "retry" within one run of a procedure; past this the procedure leaves.
   int maxRetriesPerRun = 256;
+  // Tracked procedures active at once. A call back into the library that never stops (a macro
+  // that presses its own button) would otherwise end in a stack overflow; a procedure entered
+  // deeper than this fails at entry with "Out of stack space", as the run time would, and that
+  // failure goes through the procedure's tail like any other.
+  int maxNestedProcedures = 512;
 };
 
 class VbwProtector {
@@ -89,9 +94,12 @@ class VbwProtector {
   // Tracking a call copies no text and allocates nothing: the stack keeps a view of the caller's
   // name, which is one of the procedures' own constants.
   void vbwProcIn(BstrView lProc, BstrView lParameters) {
-    if (injector_ == nullptr && mStackAllocated && mStackCalls >= 0 && mStackCalls < kStackSlots)
-        [[likely]] {
-      mStack[static_cast<std::size_t>(mStackCalls++)] = lProc;
+    if (injector_ == nullptr && mStackCalls >= 0 && mStackCalls < 32767) [[likely]] {
+      // Depths past the last slot are counted without a name, as a failed store passed over.
+      if (mStackAllocated && mStackCalls < kStackSlots) {
+        mStack[static_cast<std::size_t>(mStackCalls)] = lProc;
+      }
+      ++mStackCalls;
       return;
     }
     InstrumentedProcIn(lProc, lParameters);
