@@ -39,8 +39,7 @@ std::string WithoutTabSearches(std::string_view text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  std::istringstream in(
-      WithoutTabSearches({reinterpret_cast<const char*>(data), size}));
+  std::istringstream in(WithoutTabSearches({reinterpret_cast<const char*>(data), size}));
   std::ostringstream out;
   std::ostringstream errors;
   const int status =

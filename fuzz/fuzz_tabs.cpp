@@ -25,12 +25,12 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr BstrView kMembers[] = {u"accRole",   u"accName",     u"accState",
-                                 u"accChildCount", u"accChildren", u"accParent",
+constexpr BstrView kMembers[] = {u"accRole",       u"accName",           u"accState",
+                                 u"accChildCount", u"accChildren",       u"accParent",
                                  u"accNavigate",   u"accDoDefaultAction"};
 constexpr BstrView kNames[] = {u"Morvelin", u"Ribbon", u"Ribbon Tabs", u"", u"Home", u"morvelin"};
-constexpr std::int32_t kRoles[] = {kRolePropertyPage, kRolePageTab, kRolePageTabList, kRoleClient,
-                                   kRoleToolBar,      kRoleGrouping, kRolePushButton, 0};
+constexpr std::int32_t kRoles[] = {kRolePropertyPage, kRolePageTab,  kRolePageTabList, kRoleClient,
+                                   kRoleToolBar,      kRoleGrouping, kRolePushButton,  0};
 constexpr std::int32_t kAnswers[] = {3, 4, 5, 6, 7, 8, 0, 9};
 constexpr std::size_t kMaxOperations = 64;
 
@@ -98,18 +98,20 @@ void RunOne(std::string_view data) {
 
   Main2 main2(protector);
   main2.Initialize(nullptr, u"Morvelin");
-  main2.SetTabSearchLimits(
-      {.timeBudget = 20ms, .maxAttemptsPerStage = 5, .walk = {.maxDepth = 32, .maxElements = 2000}});
+  main2.SetTabSearchLimits({.timeBudget = 20ms,
+                            .maxAttemptsPerStage = 5,
+                            .walk = {.maxDepth = 32, .maxElements = 2000}});
   main2.activateMorvelinTab(Ref<Object>(tree.root));
   if (protector.Depth() != 0) {
     std::fprintf(stderr, "activateMorvelinTab left depth %d\n", protector.Depth());
     std::abort();
   }
-  int presses = 0;
-  for (AccessibleElement* element : elements)
-    presses += element->presses();
-  if (presses > 1) {
-    std::fprintf(stderr, "activateMorvelinTab pressed %d elements\n", presses);
+  // A press that failed may be tried again; it is still the one element.
+  const auto pressed =
+      std::count_if(elements.begin(), elements.end(),
+                    [](AccessibleElement* element) { return element->presses() > 0; });
+  if (pressed > 1) {
+    std::fprintf(stderr, "activateMorvelinTab pressed %d elements\n", static_cast<int>(pressed));
     std::abort();
   }
 }
