@@ -152,7 +152,9 @@ std::int32_t PortablePictureApi::GdipCreateBitmapFromStream(const Ref<Object>& s
       stbi_load_from_memory(bytes->data(), static_cast<int>(bytes->size()), &width, &height,
                             &channels, 4),
       stbi_image_free);
-  if (!pixels)
+  // stb_image hands back a buffer for a file that declares no pixels at all (a bitmap 0 wide);
+  // GDI+ refuses such a file, and so do we.
+  if (!pixels || width <= 0 || height <= 0)
     return kInvalidParameter;
   DecodedImage image{width, height, {}};
   image.rgba.assign(pixels.get(), pixels.get() + static_cast<std::size_t>(width) *
