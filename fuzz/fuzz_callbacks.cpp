@@ -69,6 +69,10 @@ class VisitFaults final : public tracing::FaultInjector {
   std::uint32_t visits = 0;
 };
 
+// At most this many id texts an input. A component that answers "retry" for ever costs 256 runs of
+// every failing statement, which is the library's bound; more ids would only make inputs slower.
+constexpr std::size_t kMaxIds = 16;
+
 // Answers a failure handler can give; anything else is worth a try too.
 constexpr std::int32_t kAnswers[] = {3, 4, 5, 6, 7, 8, 0, 9};
 
@@ -86,7 +90,7 @@ std::vector<Bstr> IdTexts(InputBytes& input, bool utf16) {
   for (;;) {
     const std::size_t end = all.find(u'\n', start);
     ids.push_back(all.substr(start, end - start));
-    if (end == Bstr::npos || ids.size() == 64)
+    if (end == Bstr::npos || ids.size() == kMaxIds)
       break;
     start = end + 1;
   }
