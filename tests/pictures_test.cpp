@@ -147,6 +147,21 @@ TEST_F(Loader, BitmapFileWithoutPixelsGivesNothingAndLeavesNothingBehind) {
   EXPECT_TRUE(HandlerCalls().empty());
 }
 
+TEST_F(Loader, PictureThatDeclaresTooManyPixelsIsRefusedBeforeDecoding) {
+  // The transparent GIF with its logical screen made 8192 by 4096: 2^25 pixels, over the bound.
+  std::vector<std::uint8_t> gif = TransparentGif();
+  gif[6] = 0x00;
+  gif[7] = 0x20;
+  gif[8] = 0x00;
+  gif[9] = 0x10;
+  ArrayRef bytes = Bytes(gif);
+  EXPECT_FALSE(loader->LoadTransparentGif(bytes));
+  EXPECT_EQ(api.liveBlocks(), 0u);
+  EXPECT_EQ(api.liveBitmaps(), 0u);
+  EXPECT_EQ(api.liveHandles(), 0u);
+  EXPECT_TRUE(HandlerCalls().empty());
+}
+
 TEST_F(Loader, PlatformRefusalsEndInNothingAndReleaseWhatWasMade) {
   ArrayRef bytes = Bytes(RgbaPng(2, 2, kTransparentPixels));
   api.failAllocations = true;
