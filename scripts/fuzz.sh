@@ -39,7 +39,7 @@ for target in fuzz_callbacks fuzz_pictures fuzz_session fuzz_tabs; do
     failed+=("$target")
     tail -n 60 "$build/$target.log"
   fi
-  grep -E '^(#[0-9]+ +DONE|stat::number_of_executed_units|stat::average_exec_per_sec)' \
+  grep -E '^(#[0-9]+[[:space:]]+DONE|stat::number_of_executed_units|stat::average_exec_per_sec)' \
     "$build/$target.log" || true
 done
 if ((${#failed[@]})); then
