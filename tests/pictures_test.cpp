@@ -132,6 +132,36 @@ TEST_F(Loader, GarbageGivesNothingWithoutFailureAndLeavesNothingBehind) {
   EXPECT_TRUE(HandlerCalls().empty());
 }
 
+TEST_F(Loader, BitmapFileWithoutPixelsGivesNothingAndLeavesNothingBehind) {
+  // A 32-bit BMP that declares a width of 0 and a height of 1, with one pixel's bytes behind it.
+  std::vector<std::uint8_t> bmp{
+      'B', 'M', 58, 0, 0, 0, 0, 0, 0,    0,    54,  0,  0,    0,            // file header
+      40,  0,   0,  0, 0, 0, 0, 0, 1,    0,    0,   0,  1,    0,    32, 0,  // size, 0x1
+      0,   0,   0,  0, 4, 0, 0, 0, 0x13, 0x0B, 0,   0,  0x13, 0x0B, 0,  0,
+      0,   0,   0,  0, 0, 0, 0, 0, 0,    0,    255, 255};
+  ArrayRef bytes = Bytes(bmp);
+  EXPECT_FALSE(loader->LoadTransparentGif(bytes));
+  EXPECT_EQ(api.liveBlocks(), 0u);
+  EXPECT_EQ(api.liveBitmaps(), 0u);
+  EXPECT_EQ(api.liveHandles(), 0u);
+  EXPECT_TRUE(HandlerCalls().empty());
+}
+
+TEST_F(Loader, PictureThatDeclaresTooManyPixelsIsRefusedBeforeDecoding) {
+  // The transparent GIF with its logical screen made 8192 by 4096: 2^25 pixels, over the bound.
+  std::vector<std::uint8_t> gif = TransparentGif();
+  gif[6] = 0x00;
+  gif[7] = 0x20;
+  gif[8] = 0x00;
+  gif[9] = 0x10;
+  ArrayRef bytes = Bytes(gif);
+  EXPECT_FALSE(loader->LoadTransparentGif(bytes));
+  EXPECT_EQ(api.liveBlocks(), 0u);
+  EXPECT_EQ(api.liveBitmaps(), 0u);
+  EXPECT_EQ(api.liveHandles(), 0u);
+  EXPECT_TRUE(HandlerCalls().empty());
+}
+
 TEST_F(Loader, PlatformRefusalsEndInNothingAndReleaseWhatWasMade) {
   ArrayRef bytes = Bytes(RgbaPng(2, 2, kTransparentPixels));
   api.failAllocations = true;

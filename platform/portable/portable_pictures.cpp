@@ -148,11 +148,15 @@ std::int32_t PortablePictureApi::GdipCreateBitmapFromStream(const Ref<Object>& s
   int width = 0;
   int height = 0;
   int channels = 0;
+  const int length = static_cast<int>(bytes->size());
+  if (stbi_info_from_memory(bytes->data(), length, &width, &height, &channels) == 0 || width <= 0 ||
+      height <= 0 || std::int64_t{width} * std::int64_t{height} > maxPixels)
+    return kInvalidParameter;
   std::unique_ptr<stbi_uc, void (*)(void*)> pixels(
-      stbi_load_from_memory(bytes->data(), static_cast<int>(bytes->size()), &width, &height,
-                            &channels, 4),
-      stbi_image_free);
-  if (!pixels)
+      stbi_load_from_memory(bytes->data(), length, &width, &height, &channels, 4), stbi_image_free);
+  // stb_image hands back a buffer for a file that declares no pixels at all (a bitmap 0 wide);
+  // GDI+ refuses such a file, and so do we.
+  if (!pixels || width <= 0 || height <= 0)
     return kInvalidParameter;
   DecodedImage image{width, height, {}};
   image.rgba.assign(pixels.get(), pixels.get() + static_cast<std::size_t>(width) *

@@ -82,6 +82,9 @@ class PortablePictureApi final : public PictureApi {
   bool failAllocations = false;
   bool failStreams = false;
   bool refusePictures = false;
+  // The most pixels a picture file may declare; a larger one is refused before it is decoded, so
+  // that a few bytes of header cannot make the decoder ask for gigabytes. Icons are 32 by 32.
+  std::int64_t maxPixels = std::int64_t{1} << 24;
 
   int allocations = 0;
   int startups = 0;

@@ -1,0 +1,194 @@
+// Every ribbon callback of an initialised, connected Main2 with id texts from the input. Whatever
+// the texts, the error component's answers or the failing statements, every call returns and
+// leaves no tracked procedure on the stack.
+//
+// Input, front to back: the mode byte; with a scripted component the number of answers, the answers
+// and the fallback answer (one byte each), and for a faulty one a byte of flags; with injected
+// faults their number, the statement positions (two bytes each) and the failure; the length of
+// the icon bytes (two bytes) and the icon bytes; the rest is id texts, one a line, in UTF-8 or as
+// raw UTF-16 units.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "doubles/recording_component.h"
+#include "doubles/recording_ribbon.h"
+#include "fuzz/input_bytes.h"
+#include "platform/failure.h"
+#include "platform/portable/portable_platform.h"
+#include "ribbon/main2.h"
+#include "tracing/procedure.h"
+#include "tracing/vbw_protector.h"
+
+namespace tabforge::fuzzing {
+namespace {
+
+// The mode byte.
+constexpr std::uint8_t kComponentMask = 0x03;  // 0 none, 1 answers 7, 2 scripted, 3 scripted+faulty
+constexpr std::uint8_t kTracing = 0x04;
+constexpr std::uint8_t kRibbonFails = 0x08;
+constexpr std::uint8_t kSignallerFails = 0x10;
+constexpr std::uint8_t kInjectFaults = 0x20;
+constexpr std::uint8_t kUtf16 = 0x40;
+constexpr std::uint8_t kToggles = 0x80;
+
+// The template's signalling object: presses do nothing, every icon number gets the same bytes.
+class FuzzSignaller final : public Object {
+ public:
+  explicit FuzzSignaller(std::vector<std::uint8_t> iconBits) : iconBits_(std::move(iconBits)) {}
+  Variant Invoke(BstrView member, CallKind, std::span<Variant> arguments) override {
+    if (fail)
+      Raise(5, u"template failed");
+    if (member == u"Run" && arguments.size() == 1)
+      return {};
+    if (member == u"getToolbarIconBits" && arguments.size() == 1) {
+      if (iconBits_.empty())
+        return Variant(VarType::VT_UI1, ArrayRef());
+      return Variant(VarType::VT_UI1, MakeArray(iconBits_));
+    }
+    Raise(RunTimeError::kMemberNotFound);
+  }
+  bool fail = false;
+
+ private:
+  std::vector<std::uint8_t> iconBits_;
+};
+
+// Fails the statements at the chosen positions in the order statements start.
+class VisitFaults final : public tracing::FaultInjector {
+ public:
+  void OnStatement(const tracing::ProcedureInfo&, int) override {
+    if (failAt.count(visits++) != 0)
+      Raise(number, u"injected");
+  }
+  std::set<std::uint32_t> failAt;
+  std::int32_t number = 5;
+  std::uint32_t visits = 0;
+};
+
+// At most this many id texts an input. A component that answers "retry" for ever costs 256 runs of
+// every failing statement, which is the library's bound; more ids would only make inputs slower.
+constexpr std::size_t kMaxIds = 16;
+
+// Answers a failure handler can give; anything else is worth a try too.
+constexpr std::int32_t kAnswers[] = {3, 4, 5, 6, 7, 8, 0, 9};
+
+std::vector<Bstr> IdTexts(InputBytes& input, bool utf16) {
+  const std::vector<std::uint8_t> bytes = input.Rest();
+  Bstr all;
+  if (utf16) {
+    for (std::size_t i = 0; i + 1 < bytes.size(); i += 2)
+      all.push_back(static_cast<char16_t>(bytes[i] | (bytes[i + 1] << 8)));
+  } else {
+    all = FromUtf8(std::string(bytes.begin(), bytes.end()));
+  }
+  std::vector<Bstr> ids;
+  std::size_t start = 0;
+  for (;;) {
+    const std::size_t end = all.find(u'\n', start);
+    ids.push_back(all.substr(start, end - start));
+    if (end == Bstr::npos || ids.size() == kMaxIds)
+      break;
+    start = end + 1;
+  }
+  return ids;
+}
+
+void RunOne(InputBytes& input) {
+  const std::uint8_t mode = input.Byte();
+
+  PortablePlatform platform;
+  if ((mode & kTracing) != 0)
+    platform.host.SetSetting(kProjectName, u"Init", u"vbwTrace", u"1");
+  std::shared_ptr<testing::ComponentScript> script;
+  if ((mode & kComponentMask) != 0) {
+    script = testing::InstallRecordingComponent(platform.objects);
+    if ((mode & kComponentMask) >= 2) {
+      const int count = input.Below(13);
+      for (int i = 0; i < count; ++i)
+        script->answers.emplace_back(kAnswers[input.Below(8)]);
+      script->fallback = kAnswers[input.Below(8)];
+    }
+    if ((mode & kComponentMask) == 3) {
+      const std::uint8_t flags = input.Byte();
+      script->failOpenDump = (flags & 1) != 0;
+      script->failInitialize = (flags & 2) != 0;
+    }
+  }
+  VbwProtector protector(platform.View());
+  protector.vbwInitializeProtector();
+  VisitFaults faults;
+  if ((mode & kInjectFaults) != 0) {
+    const int count = 1 + input.Below(4);
+    for (int i = 0; i < count; ++i)
+      faults.failAt.insert(input.Word() % 3000u);
+    faults.number = kAnswers[input.Below(8)] + 4;
+    protector.SetFaultInjector(&faults);
+  }
+  auto signaller = MakeRef<FuzzSignaller>(input.Take(input.Word()));
+  signaller->fail = (mode & kSignallerFails) != 0;
+  std::vector<std::string> log;
+  auto ribbon = MakeRef<testing::RecordingRibbon>(&log);
+  ribbon->fail = (mode & kRibbonFails) != 0;
+
+  auto check = [&](const char* member) {
+    if (protector.Depth() != 0) {
+      std::fprintf(stderr, "%s left depth %d\n", member, protector.Depth());
+      std::abort();
+    }
+    log.clear();
+    if (script)
+      script->log.clear();
+  };
+
+  Main2 main2(protector);
+  main2.Initialize(signaller, u"Morvelin");
+  check("Initialize");
+  main2.ribbon(ribbon);
+  check("ribbon");
+
+  bool on = false;
+  for (const Bstr& id : IdTexts(input, (mode & kUtf16) != 0)) {
+    main2.GetLabel(id);
+    check("GetLabel");
+    main2.GetEnabled(id);
+    check("GetEnabled");
+    main2.GetPressed(id);
+    check("GetPressed");
+    main2.GetScreentip(id);
+    check("GetScreentip");
+    main2.GetImage(id);
+    check("GetImage");
+    main2.LoadImage(id);
+    check("LoadImage");
+    on = !on;
+    main2.RibbonCallback(id, on ? kTrue : kFalse);
+    check("RibbonCallback");
+    if ((mode & kToggles) != 0) {
+      main2.EnableToolbar(on ? kFalse : kTrue);
+      check("EnableToolbar");
+      main2.EnableGotoQuickBookmark(on ? kTrue : kFalse);
+      check("EnableGotoQuickBookmark");
+      main2.UpdateLexoscopeIcon(on ? kTrue : kFalse);
+      check("UpdateLexoscopeIcon");
+    }
+    main2.productNameChanged(id);
+    check("productNameChanged");
+    main2.Initialize(signaller, id);
+    check("Initialize");
+    main2.GetRibbonXML();
+    check("GetRibbonXML");
+  }
+}
+
+}  // namespace
+}  // namespace tabforge::fuzzing
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  tabforge::fuzzing::InputBytes input({data, size});
+  tabforge::fuzzing::RunOne(input);
+  return 0;
+}
