@@ -3,6 +3,7 @@
 
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 
 #include "tools/session.h"
 
@@ -104,6 +105,50 @@ TEST(Session, BadLinesStopWithTheirNumber) {
     EXPECT_NE(t.errors.find("line 3:"), std::string::npos) << t.errors;
     EXPECT_EQ(t.out, "= ok\n") << line;  // nothing behind the bad line runs
   }
+}
+
+// A target whose calls cannot be made, as when the registered class goes away under the replay:
+// the replay must stop at that line like at a bad one, and keep what it printed before.
+class UnreachableAfterInitialize final : public SessionTarget {
+ public:
+  void Initialize(BstrView) override { log.push_back("  initialized"); }
+  void Ribbon() override { Fail(); }
+  Bstr GetRibbonXML() override { Fail(); }
+  Bstr GetLabel(BstrView) override { Fail(); }
+  Bstr GetScreentip(BstrView) override { Fail(); }
+  bool GetEnabled(BstrView) override { Fail(); }
+  bool GetPressed(BstrView) override { Fail(); }
+  SessionPicture GetImage(BstrView) override { Fail(); }
+  SessionPicture LoadImage(BstrView) override { Fail(); }
+  void productNameChanged(BstrView) override { Fail(); }
+  void RibbonCallback(BstrView, bool) override { Fail(); }
+  void EnableToolbar(bool) override { Fail(); }
+  void EnableGotoQuickBookmark(bool) override { Fail(); }
+  void UpdateLexoscopeIcon(bool) override { Fail(); }
+  std::string ActivateTab(const std::string&) override { Fail(); }
+  CallLog log;
+
+ private:
+  [[noreturn]] static void Fail() { throw std::runtime_error("GetLabel failed with 0x80010108"); }
+};
+
+TEST(Session, ACallThatCannotBeMadeStopsTheReplayAtItsLine) {
+  UnreachableAfterInitialize target;
+  std::istringstream in("Initialize Morvelin\n# gone\nGetLabel MVN0\nGetLabel MVN1\n");
+  std::ostringstream out;
+  std::ostringstream errors;
+  EXPECT_EQ(ReplaySession(in, out, errors, target, target.log), 2);
+  EXPECT_EQ(out.str(), "  initialized\n= ok\n");
+  EXPECT_EQ(errors.str(),
+            "tabforge session: line 3: GetLabel failed with 0x80010108: GetLabel MVN0\n");
+}
+
+TEST(Session, PicturesShowTheirSizeInPixelsRounded) {
+  EXPECT_EQ(PictureResult({}), "nothing");
+  EXPECT_EQ(PictureResult({true, false, 0, 0}), "picture");
+  // 847 HIMETRIC are 32.01 pixels, 833 are 31.49: the nearest pixel, as a screen rounds.
+  EXPECT_EQ(PictureResult({true, true, 847, 833}), "picture 32x31");
+  EXPECT_EQ(PictureResult({true, true, 2540, 26}), "picture 96x1");
 }
 
 }  // namespace

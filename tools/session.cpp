@@ -1,147 +1,81 @@
 #include "tools/session.h"
 
 #include <cstdio>
-#include <fstream>
-#include <functional>
 #include <istream>
 #include <map>
 #include <ostream>
-#include <sstream>
-#include <string_view>
-
-#include "accessibility/accessible_tree.h"
-#include "platform/call_by_name.h"
-#include "platform/portable/portable_platform.h"
-#include "ribbon/main2.h"
-#include "tools/session_objects.h"
+#include <stdexcept>
 
 namespace tabforge::cli {
 namespace {
 
-struct Arguments {
-  std::string rest;  // everything behind the member name and its blank
-};
-
-struct Session {
-  PortablePlatform platform;
-  VbwProtector protector{platform.View()};
-  CallLog log;
-  Ref<Object> signaller;
-  Ref<Object> ribbon;
-  Main2 main2{protector};
-
-  explicit Session(const SessionOptions& options)
-      : signaller(MakeRef<SessionSignaller>(log, options.iconDirectory)),
-        ribbon(MakeRef<SessionRibbon>(log)) {
-    protector.vbwInitializeProtector();
-  }
-};
-
-bool ParseBool(const std::string& text, VariantBool& value) {
+bool ParseBool(const std::string& text, bool& value) {
   if (text == "true") {
-    value = kTrue;
+    value = true;
   } else if (text == "false") {
-    value = kFalse;
+    value = false;
   } else {
     return false;
   }
   return true;
 }
 
-// Pictures answer their size in HIMETRIC, as automation pictures do; the transcript shows pixels
-// at 96 dots per inch.
-std::string PictureResult(const Ref<Object>& picture) {
-  if (!picture)
-    return "nothing";
-  std::string text = "picture";
-  try {
-    auto pixels = [&](BstrView member) {
-      const std::int64_t himetric = ToLong(CallByName(picture, member, CallKind::kPropertyGet));
-      return std::to_string((himetric * 96 + 1270) / 2540);
-    };
-    text += " " + pixels(u"Width") + "x" + pixels(u"Height");
-  } catch (const Failure&) {
-  }
-  return text;
-}
-
-std::string BoolResult(VariantBool value) {
-  return IsTrue(value) ? "true" : "false";
-}
-
-// Builds the accessible tree of `path`, hands it to activateMorvelinTab as the command bar, and
-// logs every element that was pressed.
-std::string ActivateTab(Session& s, const std::string& path) {
-  std::ifstream in(path);
-  if (!in)
-    return "!cannot read the tree file '" + path + "'";
-  std::stringstream text;
-  text << in.rdbuf();
-  ParsedTree tree = ParseAccessibleTree(text.str());
-  if (!tree.root) {
-    return "!" + path + ":" + std::to_string(tree.errorLine) + ": " + tree.error;
-  }
-  s.main2.activateMorvelinTab(tree.root);
-  tree.root->VisitAll([&](AccessibleElement& element) {
-    for (int i = 0; i < element.presses(); ++i) {
-      s.log.push_back("  tree.accDoDefaultAction " + Quote(element.name()));
-    }
-  });
-  return "ok";
+std::string BoolResult(bool value) {
+  return value ? "true" : "false";
 }
 
 // Runs one command; returns its result text, or an error message behind "!" for a bad line.
-std::string RunCommand(Session& s, const std::string& member, const std::string& rest,
+std::string RunCommand(SessionTarget& target, const std::string& member, const std::string& rest,
                        bool hasArgument) {
   const Bstr text = FromUtf8(rest);
-  VariantBool flag = kFalse;
   if (member == "Initialize") {
-    s.main2.Initialize(s.signaller, text);
+    target.Initialize(text);
     return "ok";
   }
   if (member == "ribbon" && !hasArgument) {
-    s.main2.ribbon(s.ribbon);
+    target.Ribbon();
     return "ok";
   }
   if (member == "GetRibbonXML" && !hasArgument)
-    return Quote(s.main2.GetRibbonXML());
+    return Quote(target.GetRibbonXML());
   if (member == "GetLabel")
-    return Quote(s.main2.GetLabel(text));
+    return Quote(target.GetLabel(text));
   if (member == "GetScreentip")
-    return Quote(s.main2.GetScreentip(text));
+    return Quote(target.GetScreentip(text));
   if (member == "GetEnabled")
-    return BoolResult(s.main2.GetEnabled(text));
+    return BoolResult(target.GetEnabled(text));
   if (member == "GetPressed")
-    return BoolResult(s.main2.GetPressed(text));
+    return BoolResult(target.GetPressed(text));
   if (member == "GetImage")
-    return PictureResult(s.main2.GetImage(text));
+    return PictureResult(target.GetImage(text));
   if (member == "LoadImage")
-    return PictureResult(s.main2.LoadImage(text));
+    return PictureResult(target.LoadImage(text));
   if (member == "productNameChanged") {
-    s.main2.productNameChanged(text);
+    target.productNameChanged(text);
     return "ok";
   }
   if (member == "RibbonCallback") {
     const auto blank = rest.find(' ');
-    VariantBool isOn = kFalse;
+    bool isOn = false;
     if (blank != std::string::npos && !ParseBool(rest.substr(blank + 1), isOn)) {
       return "!RibbonCallback takes an id and optionally true or false";
     }
-    s.main2.RibbonCallback(FromUtf8(rest.substr(0, blank)), isOn);
+    target.RibbonCallback(FromUtf8(rest.substr(0, blank)), isOn);
     return "ok";
   }
   if (member == "activateMorvelinTab")
-    return ActivateTab(s, rest);
-  using Setter = void (Main2::*)(VariantBool);
+    return target.ActivateTab(rest);
+  using Setter = void (SessionTarget::*)(bool);
   static const std::map<std::string, Setter, std::less<>> kSetters{
-      {"EnableToolbar", &Main2::EnableToolbar},
-      {"EnableGotoQuickBookmark", &Main2::EnableGotoQuickBookmark},
-      {"UpdateLexoscopeIcon", &Main2::UpdateLexoscopeIcon},
+      {"EnableToolbar", &SessionTarget::EnableToolbar},
+      {"EnableGotoQuickBookmark", &SessionTarget::EnableGotoQuickBookmark},
+      {"UpdateLexoscopeIcon", &SessionTarget::UpdateLexoscopeIcon},
   };
   if (auto it = kSetters.find(member); it != kSetters.end()) {
+    bool flag = false;
     if (!ParseBool(rest, flag))
       return "!" + member + " takes true or false";
-    (s.main2.*(it->second))(flag);
+    (target.*(it->second))(flag);
     return "ok";
   }
   return "!unknown command '" + member + "'";
@@ -174,14 +108,17 @@ std::string Quote(const std::u16string& text) {
   return out + "\"";
 }
 
-int ReplaySession(std::istream& in, std::ostream& out, std::ostream& errors,
-                  const SessionOptions& options) {
-  return ReplaySession(in, out, errors, options, nullptr);
+std::string PictureResult(const SessionPicture& picture) {
+  if (!picture.present)
+    return "nothing";
+  if (!picture.sized)
+    return "picture";
+  auto pixels = [](std::int64_t himetric) { return std::to_string((himetric * 96 + 1270) / 2540); };
+  return "picture " + pixels(picture.widthHimetric) + "x" + pixels(picture.heightHimetric);
 }
 
-int ReplaySession(std::istream& in, std::ostream& out, std::ostream& errors,
-                  const SessionOptions& options, const std::function<void(Main2&)>& inspect) {
-  Session session(options);
+int ReplaySession(std::istream& in, std::ostream& out, std::ostream& errors, SessionTarget& target,
+                  CallLog& log) {
   std::string line;
   for (int number = 1; std::getline(in, line); ++number) {
     if (!line.empty() && line.back() == '\r')
@@ -192,19 +129,22 @@ int ReplaySession(std::istream& in, std::ostream& out, std::ostream& errors,
     const std::string member = line.substr(0, blank);
     const bool hasArgument = blank != std::string::npos;
     const std::string rest = hasArgument ? line.substr(blank + 1) : std::string();
-    session.log.clear();
-    const std::string result = RunCommand(session, member, rest, hasArgument);
+    log.clear();
+    std::string result;
+    try {
+      result = RunCommand(target, member, rest, hasArgument);
+    } catch (const std::runtime_error& failure) {
+      result = std::string("!") + failure.what();
+    }
     if (!result.empty() && result[0] == '!') {
       errors << "tabforge session: line " << number << ": " << result.substr(1) << ": " << line
              << "\n";
       return 2;
     }
-    for (const auto& call : session.log)
+    for (const auto& call : log)
       out << call << "\n";
     out << "= " << result << "\n";
   }
-  if (inspect)
-    inspect(session.main2);
   return 0;
 }
 

@@ -1,9 +1,13 @@
-// Replays a host session against a new Main2 and writes its transcript.
+// Replays a host session against Main2 and writes its transcript.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <iosfwd>
 #include <string>
+#include <vector>
+
+#include "platform/bstr.h"
 
 namespace tabforge {
 class Main2;
@@ -15,9 +19,53 @@ struct SessionOptions {
   std::string iconDirectory;
 };
 
+// Lines of the calls made on the session's objects during one command, each indented by two
+// blanks.
+using CallLog = std::vector<std::string>;
+
+// A picture as a result: absent, present with an unknown size, or present with its size in
+// HIMETRIC, as automation pictures answer it.
+struct SessionPicture {
+  bool present = false;
+  bool sized = false;
+  std::int64_t widthHimetric = 0;
+  std::int64_t heightHimetric = 0;
+};
+
+// The Main2 that a session drives, with the session's own signalling object and ribbon behind it:
+// the core object directly, or the registered COM class by late binding. Every member logs the
+// calls that the library makes on the session's objects into the target's log. A member throws
+// `std::runtime_error` when the call itself could not be made.
+class SessionTarget {
+ public:
+  virtual ~SessionTarget() = default;
+  // Hands over the session's signalling object with the name.
+  virtual void Initialize(BstrView productName) = 0;
+  // Hands over the session's ribbon.
+  virtual void Ribbon() = 0;
+  virtual Bstr GetRibbonXML() = 0;
+  virtual Bstr GetLabel(BstrView id) = 0;
+  virtual Bstr GetScreentip(BstrView id) = 0;
+  virtual bool GetEnabled(BstrView id) = 0;
+  virtual bool GetPressed(BstrView id) = 0;
+  virtual SessionPicture GetImage(BstrView id) = 0;
+  virtual SessionPicture LoadImage(BstrView id) = 0;
+  virtual void productNameChanged(BstrView productName) = 0;
+  virtual void RibbonCallback(BstrView id, bool isOn) = 0;
+  virtual void EnableToolbar(bool value) = 0;
+  virtual void EnableGotoQuickBookmark(bool value) = 0;
+  virtual void UpdateLexoscopeIcon(bool value) = 0;
+  // Builds the tree of the file and activates the tab with it; "ok", or a message behind "!".
+  virtual std::string ActivateTab(const std::string& treeFile) = 0;
+};
+
 // One command a line; blank lines and lines starting with '#' are ignored. For each command the
-// transcript has one line per call that the library made on the session's objects, then one
-// result line. Returns 0, or 2 after naming the first line that is no command on `errors`.
+// transcript has one line per call logged into `log`, then one result line. Returns 0, or 2 after
+// naming the first line that is no command (or whose call could not be made) on `errors`.
+int ReplaySession(std::istream& in, std::ostream& out, std::ostream& errors, SessionTarget& target,
+                  CallLog& log);
+
+// Replays against a new core Main2 (not in the Windows build, which drives the registered class).
 int ReplaySession(std::istream& in, std::ostream& out, std::ostream& errors,
                   const SessionOptions& options);
 
@@ -29,5 +77,8 @@ int ReplaySession(std::istream& in, std::ostream& out, std::ostream& errors,
 // A text as a result line shows it: in double quotes, with \", \\ and \uXXXX for control
 // characters, UTF-8 otherwise.
 std::string Quote(const std::u16string& text);
+
+// The result line's text for a picture: pixels at 96 dots per inch.
+std::string PictureResult(const SessionPicture& picture);
 
 }  // namespace tabforge::cli

@@ -7,11 +7,9 @@
 
 #include "platform/object.h"
 #include "platform/variant.h"
+#include "tools/session.h"
 
 namespace tabforge::cli {
-
-// Lines of the calls made during one command, each indented by two blanks.
-using CallLog = std::vector<std::string>;
 
 // Runs macros by recording them, and hands out icons as the bytes of DIR/N.png or DIR/N.gif; a
 // number without a file gets a never-dimensioned array.

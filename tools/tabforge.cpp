@@ -2,15 +2,24 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "tools/session.h"
+#ifdef _WIN32
+#include <windows.h>
+
+#include <stdexcept>
+
+#include "tools/com_session.h"
+#else
 #include "platform/portable/portable_platform.h"
 #include "ribbon/main2.h"
 #include "tools/custom_ui_check.h"
 #include "tools/preview.h"
-#include "tools/session.h"
+#endif
 
 using namespace tabforge;
 
@@ -103,6 +112,20 @@ int RibbonXml(const std::vector<std::string>& args) {
     std::cerr << "tabforge ribbon-xml: warning: the product name is empty, so the tab and two "
                  "groups get label=\"\", which the word processor refuses\n";
   }
+#ifdef _WIN32
+  if (check) {
+    std::cerr << "tabforge ribbon-xml: --check is not available in the Windows build\n";
+    return 2;
+  }
+  cli::ComApartment apartment;
+  try {
+    std::cout << ToUtf8(cli::LateBoundRibbonXml(FromUtf8(name))) << "\n";
+  } catch (const std::runtime_error& failure) {
+    std::cerr << "tabforge ribbon-xml: " << failure.what() << "\n";
+    return 1;
+  }
+  return 0;
+#else
   PortablePlatform platform;
   VbwProtector protector(platform.View());
   protector.vbwInitializeProtector();
@@ -116,8 +139,43 @@ int RibbonXml(const std::vector<std::string>& args) {
   for (const auto& finding : findings)
     std::cerr << cli::FormatFinding(finding) << "\n";
   return findings.empty() ? 0 : 1;
+#endif
 }
 
+// The session's target: the core Main2 here, the registered class on Windows.
+int Replay(std::istream& in, const cli::SessionOptions& options) {
+#ifdef _WIN32
+  cli::ComApartment apartment;
+  cli::CallLog log;
+  std::unique_ptr<cli::SessionTarget> target;
+  try {
+    target = cli::MakeLateBoundTarget(log, options);
+  } catch (const std::runtime_error& failure) {
+    std::cerr << "tabforge session: " << failure.what() << "\n";
+    return 1;
+  }
+  const int status = cli::ReplaySession(in, std::cout, std::cerr, *target, log);
+  target.reset();  // before the apartment ends
+  return status;
+#else
+  return cli::ReplaySession(in, std::cout, std::cerr, options);
+#endif
+}
+
+// The icons beside the program: the Windows build has no source tree to point into.
+std::string DefaultIcons() {
+#ifdef _WIN32
+  char path[MAX_PATH * 2] = {};
+  const DWORD length = ::GetModuleFileNameA(nullptr, path, sizeof path);
+  std::string folder(path, length);
+  folder.erase(folder.find_last_of("\\/") + 1);
+  return folder + "icons";
+#else
+  return TABFORGE_DEFAULT_ICONS;
+#endif
+}
+
+#ifndef _WIN32
 int Check(const std::vector<std::string>& args) {
   if (WantsHelp(args)) {
     std::cout << kCheckUsage;
@@ -143,6 +201,7 @@ int Check(const std::vector<std::string>& args) {
     std::cout << cli::FormatFinding(finding) << "\n";
   return findings.empty() ? 0 : 1;
 }
+#endif
 
 int Session(const std::vector<std::string>& args) {
   if (WantsHelp(args)) {
@@ -150,7 +209,7 @@ int Session(const std::vector<std::string>& args) {
     return 0;
   }
   cli::SessionOptions options;
-  options.iconDirectory = TABFORGE_DEFAULT_ICONS;
+  options.iconDirectory = DefaultIcons();
   std::string file;
   for (std::size_t i = 0; i < args.size(); ++i) {
     if (args[i] == "--icons" && i + 1 < args.size()) {
@@ -163,22 +222,23 @@ int Session(const std::vector<std::string>& args) {
     }
   }
   if (file.empty() || file == "-")
-    return cli::ReplaySession(std::cin, std::cout, std::cerr, options);
+    return Replay(std::cin, options);
   std::ifstream in(file);
   if (!in) {
     std::cerr << "tabforge session: cannot read '" << file << "'\n";
     return 2;
   }
-  return cli::ReplaySession(in, std::cout, std::cerr, options);
+  return Replay(in, options);
 }
 
+#ifndef _WIN32
 int Preview(const std::vector<std::string>& args) {
   if (WantsHelp(args)) {
     std::cout << kPreviewUsage;
     return 0;
   }
   cli::PreviewOptions options;
-  options.iconDirectory = TABFORGE_DEFAULT_ICONS;
+  options.iconDirectory = DefaultIcons();
   std::string output;
   for (std::size_t i = 0; i < args.size(); ++i) {
     const bool hasValue = i + 1 < args.size();
@@ -211,6 +271,7 @@ int Preview(const std::vector<std::string>& args) {
   }
   return 0;
 }
+#endif
 
 }  // namespace
 
@@ -225,10 +286,18 @@ int main(int argc, char** argv) {
     return RibbonXml(args);
   if (command == "session")
     return Session(args);
+#ifdef _WIN32
+  if (command == "check" || command == "preview") {
+    std::cerr << "tabforge " << command
+              << ": not available in the Windows build; use the Linux tool\n";
+    return 2;
+  }
+#else
   if (command == "check")
     return Check(args);
   if (command == "preview")
     return Preview(args);
+#endif
   std::cerr << "tabforge: unknown command '" << command << "'\n" << kUsage;
   return 2;
 }

@@ -1,0 +1,409 @@
+#include "tools/com_session.h"
+
+#include <windows.h>
+
+#include <ole2.h>
+// <windows.h> names LoadImageW as LoadImage; the member keeps its own name.
+#undef LoadImage
+
+#include <algorithm>
+#include <cstdio>
+#include <cwctype>
+#include <map>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "platform/failure.h"
+#include "server/com_ptr.h"
+#include "server/conversions.h"
+#include "server/windows_platform.h"
+#include "tools/session_objects.h"
+
+namespace tabforge::cli {
+namespace {
+
+using com::ComPtr;
+using com::UniqueBstr;
+using com::UniqueVariant;
+
+[[noreturn]] void Fail(const std::string& what, HRESULT hr) {
+  char code[16];
+  std::snprintf(code, sizeof code, "0x%08lX", static_cast<unsigned long>(hr));
+  throw std::runtime_error(what + " failed with " + code);
+}
+
+// Member names compare without regard to case, as everywhere in automation.
+bool SameName(const std::wstring& a, const std::wstring& b) {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](wchar_t x, wchar_t y) {
+    return std::towlower(static_cast<wint_t>(x)) == std::towlower(static_cast<wint_t>(y));
+  });
+}
+
+// COM interfaces have no virtual destructor by design; objects delete themselves in Release.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
+
+// The reference counting and the by-name half of IDispatch that the session's objects share: a
+// member's id is its place in a fixed list of names, plus one.
+template <class Interface>
+class SessionDispatch : public Interface {
+ public:
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
+    if (out == nullptr)
+      return E_POINTER;
+    if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IDispatch) ||
+        IsEqualIID(riid, __uuidof(Interface))) {
+      *out = static_cast<Interface*>(this);
+      this->AddRef();
+      return S_OK;
+    }
+    *out = nullptr;
+    return E_NOINTERFACE;
+  }
+  ULONG STDMETHODCALLTYPE AddRef() override { return ++references_; }
+  ULONG STDMETHODCALLTYPE Release() override {
+    const ULONG left = --references_;
+    if (left == 0)
+      delete this;
+    return left;
+  }
+  HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override {
+    if (count == nullptr)
+      return E_POINTER;
+    *count = 0;
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo** out) override {
+    if (out != nullptr)
+      *out = nullptr;
+    return DISP_E_BADINDEX;
+  }
+  HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID,
+                                          DISPID* ids) override {
+    if (names == nullptr || ids == nullptr || count == 0)
+      return E_POINTER;
+    for (UINT i = 0; i < count; ++i)
+      ids[i] = DISPID_UNKNOWN;
+    for (std::size_t i = 0; i < members_.size(); ++i) {
+      if (SameName(members_[i], names[0])) {
+        ids[0] = static_cast<DISPID>(i) + 1;
+        return count > 1 ? DISP_E_UNKNOWNNAME : S_OK;
+      }
+    }
+    return DISP_E_UNKNOWNNAME;
+  }
+
+ protected:
+  explicit SessionDispatch(std::vector<std::wstring> members) : members_(std::move(members)) {}
+  virtual ~SessionDispatch() = default;
+  const std::wstring* MemberOf(DISPID id) const {
+    if (id < 1 || static_cast<std::size_t>(id) > members_.size())
+      return nullptr;
+    return &members_[static_cast<std::size_t>(id) - 1];
+  }
+
+ private:
+  ULONG references_ = 1;
+  std::vector<std::wstring> members_;
+};
+
+// The signalling object: the core's recording signaller behind IDispatch, so that the library
+// reaches it exactly as it reaches the template's object.
+class SignallerObject final : public SessionDispatch<IDispatch> {
+ public:
+  static ComPtr<IDispatch> Create(Ref<Object> signaller) {
+    return ComPtr<IDispatch>::Attach(new SignallerObject(std::move(signaller)));
+  }
+
+  HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* params,
+                                   VARIANT* result, EXCEPINFO*, UINT*) override {
+    const std::wstring* member = MemberOf(id);
+    if (member == nullptr)
+      return DISP_E_MEMBERNOTFOUND;
+    try {
+      const UINT count = params != nullptr ? params->cArgs : 0;
+      std::vector<Variant> arguments(count);
+      for (UINT i = 0; i < count; ++i)
+        arguments[i] = com::FromVariant(params->rgvarg[count - 1 - i]);
+      const auto kind = (flags & DISPATCH_METHOD) != 0 ? CallKind::kMethod : CallKind::kPropertyGet;
+      Variant answer = signaller_->Invoke(Bstr(member->begin(), member->end()), kind, arguments);
+      if (result != nullptr)
+        com::ToVariant(answer).DetachTo(result);
+      return S_OK;
+    } catch (const Failure&) {
+      return DISP_E_EXCEPTION;
+    } catch (...) {
+      return E_UNEXPECTED;
+    }
+  }
+
+ private:
+  explicit SignallerObject(Ref<Object> signaller)
+      : SessionDispatch({L"Run", L"getToolbarIconBits"}), signaller_(std::move(signaller)) {}
+  Ref<Object> signaller_;
+};
+
+// The ribbon: the core's recording ribbon behind IRibbonUI, and by name behind IDispatch.
+class RibbonObject final : public SessionDispatch<IRibbonUI> {
+ public:
+  static ComPtr<IDispatch> Create(Ref<RibbonUi> ribbon) {
+    return ComPtr<IDispatch>::Attach(new RibbonObject(std::move(ribbon)));
+  }
+
+  HRESULT STDMETHODCALLTYPE Invalidate() override {
+    return Guard([&] { ribbon_->Invalidate(); });
+  }
+  HRESULT STDMETHODCALLTYPE InvalidateControl(BSTR controlId) override {
+    return Guard([&] { ribbon_->InvalidateControl(com::FromBstr(controlId)); });
+  }
+  HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* params, VARIANT*,
+                                   EXCEPINFO*, UINT*) override {
+    const std::wstring* member = MemberOf(id);
+    if (member == nullptr)
+      return DISP_E_MEMBERNOTFOUND;
+    const UINT count = params != nullptr ? params->cArgs : 0;
+    if (*member == L"Invalidate")
+      return count == 0 ? Invalidate() : DISP_E_BADPARAMCOUNT;
+    if (count != 1)
+      return DISP_E_BADPARAMCOUNT;
+    return Guard([&] { ribbon_->InvalidateControl(ToBstr(com::FromVariant(params->rgvarg[0]))); });
+  }
+
+ private:
+  explicit RibbonObject(Ref<RibbonUi> ribbon)
+      : SessionDispatch({L"Invalidate", L"InvalidateControl"}), ribbon_(std::move(ribbon)) {}
+  template <class Body>
+  static HRESULT Guard(Body&& body) noexcept {
+    try {
+      body();
+      return S_OK;
+    } catch (...) {
+      return E_FAIL;
+    }
+  }
+  Ref<RibbonUi> ribbon_;
+};
+
+#pragma GCC diagnostic pop
+
+// One object reached by late binding: each name is resolved once, the first time it is called,
+// and invoked by its dispatch id from then on.
+class LateBound {
+ public:
+  explicit LateBound(ComPtr<IDispatch> object) : object_(std::move(object)) {}
+
+  // Calls `member` with `arguments` in declared order; each is passed by reference, as a macro
+  // passes its variables, and may be replaced by the callee.
+  UniqueVariant Call(const std::wstring& member, WORD flags,
+                     std::vector<UniqueVariant>& arguments) {
+    const DISPID id = IdOf(member);
+    std::vector<VARIANT> references(arguments.size());
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+      VARIANT& reference = references[arguments.size() - 1 - i];
+      V_VT(&reference) = VT_BYREF | VT_VARIANT;
+      V_VARIANTREF(&reference) = arguments[i].get();
+    }
+    DISPPARAMS params{references.data(), nullptr, static_cast<UINT>(references.size()), 0};
+    UniqueVariant result;
+    EXCEPINFO exception{};
+    const HRESULT hr = object_->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, flags, &params,
+                                       result.get(), &exception, nullptr);
+    UniqueBstr source(exception.bstrSource);
+    UniqueBstr description(exception.bstrDescription);
+    UniqueBstr help(exception.bstrHelpFile);
+    if (FAILED(hr))
+      Fail(std::string(member.begin(), member.end()), hr);
+    return result;
+  }
+
+  // `Set object.member = value`.
+  void PutRef(const std::wstring& member, IDispatch* value) {
+    const DISPID id = IdOf(member);
+    VARIANT argument;
+    V_VT(&argument) = VT_DISPATCH;
+    V_DISPATCH(&argument) = value;
+    DISPID named = DISPID_PROPERTYPUT;
+    DISPPARAMS params{&argument, &named, 1, 1};
+    const HRESULT hr = object_->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_PROPERTYPUTREF,
+                                       &params, nullptr, nullptr, nullptr);
+    if (FAILED(hr))
+      Fail(std::string(member.begin(), member.end()), hr);
+  }
+
+ private:
+  DISPID IdOf(const std::wstring& member) {
+    if (auto found = ids_.find(member); found != ids_.end())
+      return found->second;
+    std::wstring name = member;
+    LPOLESTR names[] = {name.data()};
+    DISPID id = DISPID_UNKNOWN;
+    const HRESULT hr = object_->GetIDsOfNames(IID_NULL, names, 1, LOCALE_USER_DEFAULT, &id);
+    if (FAILED(hr))
+      Fail("GetIDsOfNames " + std::string(member.begin(), member.end()), hr);
+    ids_.emplace(member, id);
+    return id;
+  }
+
+  ComPtr<IDispatch> object_;
+  std::map<std::wstring, DISPID> ids_;
+};
+
+UniqueVariant Text(BstrView text) {
+  UniqueVariant value;
+  V_VT(value.get()) = VT_BSTR;
+  V_BSTR(value.get()) = com::MakeBstr(text).Detach();
+  return value;
+}
+
+UniqueVariant Flag(bool flag) {
+  UniqueVariant value;
+  V_VT(value.get()) = VT_BOOL;
+  V_BOOL(value.get()) = flag ? VARIANT_TRUE : VARIANT_FALSE;
+  return value;
+}
+
+UniqueVariant ObjectValue(const ComPtr<IDispatch>& object) {
+  UniqueVariant value;
+  V_VT(value.get()) = VT_DISPATCH;
+  V_DISPATCH(value.get()) = ComPtr<IDispatch>(object).Detach();
+  return value;
+}
+
+template <class... Values>
+std::vector<UniqueVariant> Arguments(Values&&... values) {
+  std::vector<UniqueVariant> list;
+  (list.push_back(std::forward<Values>(values)), ...);
+  return list;
+}
+
+UniqueVariant As(UniqueVariant value, VARTYPE type, const char* member) {
+  const HRESULT hr = ::VariantChangeType(value.get(), value.get(), 0, type);
+  if (FAILED(hr))
+    Fail(std::string("the result of ") + member, hr);
+  return value;
+}
+
+ComPtr<IDispatch> CreateRegistered() {
+  CLSID clsid{};
+  HRESULT hr = ::CLSIDFromProgID(L"Tabforge.Main2", &clsid);
+  if (FAILED(hr))
+    Fail("CLSIDFromProgID \"Tabforge.Main2\" (is Tabforge.dll registered?)", hr);
+  ComPtr<IDispatch> object;
+  hr = ::CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IDispatch, object.PutVoid());
+  if (FAILED(hr))
+    Fail("CoCreateInstance of \"Tabforge.Main2\"", hr);
+  return object;
+}
+
+class ComTarget final : public SessionTarget {
+ public:
+  ComTarget(CallLog& log, const SessionOptions& options)
+      : main2_(CreateRegistered()),
+        signaller_(SignallerObject::Create(MakeRef<SessionSignaller>(log, options.iconDirectory))),
+        ribbon_(RibbonObject::Create(MakeRef<SessionRibbon>(log))) {}
+
+  void Initialize(BstrView productName) override {
+    auto arguments = Arguments(ObjectValue(signaller_), Text(productName));
+    main2_.Call(L"Initialize", DISPATCH_METHOD, arguments);
+  }
+  void Ribbon() override { main2_.PutRef(L"ribbon", ribbon_.get()); }
+  Bstr GetRibbonXML() override {
+    std::vector<UniqueVariant> none;
+    return TextOf(main2_.Call(L"GetRibbonXML", DISPATCH_METHOD, none), "GetRibbonXML");
+  }
+  Bstr GetLabel(BstrView id) override { return TextOf(Get(L"GetLabel", id), "GetLabel"); }
+  Bstr GetScreentip(BstrView id) override {
+    return TextOf(Get(L"GetScreentip", id), "GetScreentip");
+  }
+  bool GetEnabled(BstrView id) override { return FlagOf(Get(L"GetEnabled", id), "GetEnabled"); }
+  bool GetPressed(BstrView id) override { return FlagOf(Get(L"GetPressed", id), "GetPressed"); }
+  SessionPicture GetImage(BstrView id) override { return PictureOf(Get(L"GetImage", id)); }
+  SessionPicture LoadImage(BstrView id) override {
+    auto arguments = Arguments(Text(id));
+    return PictureOf(main2_.Call(L"LoadImage", DISPATCH_METHOD, arguments));
+  }
+  void productNameChanged(BstrView productName) override {
+    auto arguments = Arguments(Text(productName));
+    main2_.Call(L"productNameChanged", DISPATCH_METHOD, arguments);
+  }
+  void RibbonCallback(BstrView id, bool isOn) override {
+    auto arguments = Arguments(Text(id), Flag(isOn));
+    main2_.Call(L"RibbonCallback", DISPATCH_METHOD, arguments);
+  }
+  void EnableToolbar(bool value) override { Set(L"EnableToolbar", value); }
+  void EnableGotoQuickBookmark(bool value) override { Set(L"EnableGotoQuickBookmark", value); }
+  void UpdateLexoscopeIcon(bool value) override { Set(L"UpdateLexoscopeIcon", value); }
+  std::string ActivateTab(const std::string&) override {
+    return "!activateMorvelinTab is not available in the Windows build (it has no accessibility "
+           "trees)";
+  }
+
+ private:
+  UniqueVariant Get(const wchar_t* member, BstrView id) {
+    auto arguments = Arguments(Text(id));
+    return main2_.Call(member, DISPATCH_PROPERTYGET, arguments);
+  }
+  void Set(const wchar_t* member, bool value) {
+    auto arguments = Arguments(Flag(value));
+    main2_.Call(member, DISPATCH_METHOD, arguments);
+  }
+  static Bstr TextOf(UniqueVariant value, const char* member) {
+    UniqueVariant text = As(std::move(value), VT_BSTR, member);
+    return com::FromBstr(V_BSTR(text.get()));
+  }
+  static bool FlagOf(UniqueVariant value, const char* member) {
+    UniqueVariant flag = As(std::move(value), VT_BOOL, member);
+    return V_BOOL(flag.get()) != VARIANT_FALSE;
+  }
+  // Pictures answer their size by name, as a macro reads it.
+  static SessionPicture PictureOf(UniqueVariant value) {
+    SessionPicture picture;
+    if (V_VT(value.get()) != VT_DISPATCH || V_DISPATCH(value.get()) == nullptr)
+      return picture;
+    picture.present = true;
+    try {
+      LateBound object{ComPtr<IDispatch>(V_DISPATCH(value.get()))};
+      std::vector<UniqueVariant> none;
+      const UniqueVariant width =
+          As(object.Call(L"Width", DISPATCH_PROPERTYGET, none), VT_I4, "Width");
+      const UniqueVariant height =
+          As(object.Call(L"Height", DISPATCH_PROPERTYGET, none), VT_I4, "Height");
+      picture.widthHimetric = V_I4(width.get());
+      picture.heightHimetric = V_I4(height.get());
+      picture.sized = true;
+    } catch (const std::runtime_error&) {
+    }
+    return picture;
+  }
+
+  LateBound main2_;
+  ComPtr<IDispatch> signaller_;
+  ComPtr<IDispatch> ribbon_;
+};
+
+}  // namespace
+
+ComApartment::ComApartment() : ok_(SUCCEEDED(::CoInitialize(nullptr))) {}
+
+ComApartment::~ComApartment() {
+  if (ok_)
+    ::CoUninitialize();
+}
+
+std::unique_ptr<SessionTarget> MakeLateBoundTarget(CallLog& log, const SessionOptions& options) {
+  return std::make_unique<ComTarget>(log, options);
+}
+
+Bstr LateBoundRibbonXml(BstrView productName) {
+  LateBound main2(CreateRegistered());
+  auto initialize = Arguments(ObjectValue(nullptr), Text(productName));
+  main2.Call(L"Initialize", DISPATCH_METHOD, initialize);
+  std::vector<UniqueVariant> none;
+  UniqueVariant document =
+      As(main2.Call(L"GetRibbonXML", DISPATCH_METHOD, none), VT_BSTR, "GetRibbonXML");
+  return com::FromBstr(V_BSTR(document.get()));
+}
+
+}  // namespace tabforge::cli

@@ -1,0 +1,36 @@
+// The session's target on Windows: the registered "Tabforge.Main2", reached by late binding the
+// way the template's macros reach it, with the session's signalling object and ribbon as COM
+// objects of this process.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "tools/session.h"
+
+namespace tabforge::cli {
+
+// Initialises COM for the calling thread, in a single-threaded apartment, for the life of the
+// object. Every COM object of the process must be gone before it is.
+class ComApartment {
+ public:
+  ComApartment();
+  ~ComApartment();
+  ComApartment(const ComApartment&) = delete;
+  ComApartment& operator=(const ComApartment&) = delete;
+  bool ok() const { return ok_; }
+
+ private:
+  bool ok_ = false;
+};
+
+// A new instance of the registered class; throws `std::runtime_error` naming the step that
+// failed when it cannot be created.
+std::unique_ptr<SessionTarget> MakeLateBoundTarget(CallLog& log, const SessionOptions& options);
+
+// The document of a new registered instance after Initialize with no signalling object and
+// `productName`; throws `std::runtime_error` when a call cannot be made.
+Bstr LateBoundRibbonXml(BstrView productName);
+
+}  // namespace tabforge::cli

@@ -1,0 +1,117 @@
+// The session's target on systems without COM: the core Main2 itself, with the session's objects
+// as core objects.
+#include <fstream>
+#include <sstream>
+
+#include "accessibility/accessible_tree.h"
+#include "platform/call_by_name.h"
+#include "platform/failure.h"
+#include "platform/portable/portable_platform.h"
+#include "ribbon/main2.h"
+#include "tools/session.h"
+#include "tools/session_objects.h"
+
+namespace tabforge::cli {
+namespace {
+
+VariantBool ToFlag(bool value) {
+  return value ? kTrue : kFalse;
+}
+
+// Pictures answer their size by name, as automation pictures do.
+SessionPicture PictureOf(const Ref<Object>& picture) {
+  SessionPicture result;
+  if (!picture)
+    return result;
+  result.present = true;
+  try {
+    result.widthHimetric = ToLong(CallByName(picture, u"Width", CallKind::kPropertyGet));
+    result.heightHimetric = ToLong(CallByName(picture, u"Height", CallKind::kPropertyGet));
+    result.sized = true;
+  } catch (const Failure&) {
+  }
+  return result;
+}
+
+class CoreTarget final : public SessionTarget {
+ public:
+  CoreTarget(CallLog& log, const SessionOptions& options)
+      : log_(log),
+        signaller_(MakeRef<SessionSignaller>(log, options.iconDirectory)),
+        ribbon_(MakeRef<SessionRibbon>(log)) {
+    protector_.vbwInitializeProtector();
+  }
+
+  Main2& main2() { return main2_; }
+
+  void Initialize(BstrView productName) override {
+    main2_.Initialize(signaller_, Bstr(productName));
+  }
+  void Ribbon() override { main2_.ribbon(ribbon_); }
+  Bstr GetRibbonXML() override { return main2_.GetRibbonXML(); }
+  Bstr GetLabel(BstrView id) override { return main2_.GetLabel(Bstr(id)); }
+  Bstr GetScreentip(BstrView id) override { return main2_.GetScreentip(Bstr(id)); }
+  bool GetEnabled(BstrView id) override { return IsTrue(main2_.GetEnabled(Bstr(id))); }
+  bool GetPressed(BstrView id) override { return IsTrue(main2_.GetPressed(Bstr(id))); }
+  SessionPicture GetImage(BstrView id) override { return PictureOf(main2_.GetImage(Bstr(id))); }
+  SessionPicture LoadImage(BstrView id) override { return PictureOf(main2_.LoadImage(Bstr(id))); }
+  void productNameChanged(BstrView productName) override {
+    main2_.productNameChanged(Bstr(productName));
+  }
+  void RibbonCallback(BstrView id, bool isOn) override {
+    main2_.RibbonCallback(Bstr(id), ToFlag(isOn));
+  }
+  void EnableToolbar(bool value) override { main2_.EnableToolbar(ToFlag(value)); }
+  void EnableGotoQuickBookmark(bool value) override {
+    main2_.EnableGotoQuickBookmark(ToFlag(value));
+  }
+  void UpdateLexoscopeIcon(bool value) override { main2_.UpdateLexoscopeIcon(ToFlag(value)); }
+
+  // Builds the accessible tree of `path`, hands it over as the command bar, and logs every
+  // element that was pressed.
+  std::string ActivateTab(const std::string& path) override {
+    std::ifstream in(path);
+    if (!in)
+      return "!cannot read the tree file '" + path + "'";
+    std::stringstream text;
+    text << in.rdbuf();
+    ParsedTree tree = ParseAccessibleTree(text.str());
+    if (!tree.root) {
+      return "!" + path + ":" + std::to_string(tree.errorLine) + ": " + tree.error;
+    }
+    main2_.activateMorvelinTab(tree.root);
+    tree.root->VisitAll([&](AccessibleElement& element) {
+      for (int i = 0; i < element.presses(); ++i) {
+        log_.push_back("  tree.accDoDefaultAction " + Quote(element.name()));
+      }
+    });
+    return "ok";
+  }
+
+ private:
+  CallLog& log_;
+  PortablePlatform platform_;
+  VbwProtector protector_{platform_.View()};
+  Ref<Object> signaller_;
+  Ref<Object> ribbon_;
+  Main2 main2_{protector_};
+};
+
+}  // namespace
+
+int ReplaySession(std::istream& in, std::ostream& out, std::ostream& errors,
+                  const SessionOptions& options) {
+  return ReplaySession(in, out, errors, options, nullptr);
+}
+
+int ReplaySession(std::istream& in, std::ostream& out, std::ostream& errors,
+                  const SessionOptions& options, const std::function<void(Main2&)>& inspect) {
+  CallLog log;
+  CoreTarget target(log, options);
+  const int status = ReplaySession(in, out, errors, target, log);
+  if (status == 0 && inspect)
+    inspect(target.main2());
+  return status;
+}
+
+}  // namespace tabforge::cli
