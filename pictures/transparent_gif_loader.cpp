@@ -69,11 +69,7 @@ TransparentGifLoader::TransparentGifLoader(VbwProtector& protector) : protector_
     TF_STEP(1) initializeConversionStructs(mIguid, mPicConv);
     TF_STEP(2) mStartupInput.GdiplusVersion = 1;
     // A failing start leaves the token 0; the loader goes on and its conversions give nothing.
-    TF_STEP(3) {
-      std::uintptr_t token = static_cast<std::uint32_t>(mToken);
-      Api().GdiplusStartup(&token, mStartupInput);
-      mToken = static_cast<std::int32_t>(token);
-    }
+    TF_STEP(3) Api().GdiplusStartup(&mToken, mStartupInput);
     TF_END
   });
 }
@@ -83,7 +79,7 @@ TransparentGifLoader::~TransparentGifLoader() {
     TF_BEGIN(body)
     // Token 0 is no start of ours: shutting it down could only end another user's GDI+.
     TF_STEP(1) if (mToken != 0) {
-      TF_STEP(2) Api().GdiplusShutdown(static_cast<std::uint32_t>(mToken));
+      TF_STEP(2) Api().GdiplusShutdown(mToken);
     }
     TF_END
   });
@@ -258,7 +254,7 @@ void TransparentGifLoader::vbwReport_TransparentGifLoader_GUID(BstrView lName,
 void TransparentGifLoader::vbwReportModuleVariables() const {
   protector_.vbwReportToFile(Bstr(kModuleBanner));
   vbwReport_TransparentGifLoader_GUID(u"mIguid", mIguid, 0);
-  protector_.vbwReportVariable(u"mToken", mToken, 0);
+  protector_.vbwReportVariable(u"mToken", static_cast<std::int32_t>(mToken), 0);
 }
 
 }  // namespace tabforge

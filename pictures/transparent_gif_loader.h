@@ -35,7 +35,7 @@ class TransparentGifLoader final : public Object {
 
   const PictureApi::Guid& iguid() const { return mIguid; }
   const PictureApi::PictureDescription& picConv() const { return mPicConv; }
-  std::int32_t token() const { return mToken; }
+  std::uintptr_t token() const { return mToken; }
 
  private:
   Ref<Object> LoadResourceAsStream(ArrayRef& bArr);
@@ -55,9 +55,10 @@ class TransparentGifLoader final : public Object {
   PictureApi::Guid mIguid;
   PictureApi::PictureDescription mPicConv;
   PictureApi::GdiplusStartupInput mStartupInput;
-  // GDI+ tokens are kept in 32 bits, as the module report carries them (tag 3); 0 is "not
-  // started".
-  std::int32_t mToken = 0;
+  // The whole token, as wide as a pointer: a 64-bit process may be given one above 32 bits, and a
+  // cut token would shut down the wrong start. The module report carries its low 32 bits (tag 3).
+  // 0 is "not started".
+  std::uintptr_t mToken = 0;
 };
 
 }  // namespace tabforge

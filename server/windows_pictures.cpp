@@ -116,7 +116,10 @@ bool WindowsPictureApi::DeleteObject(std::uintptr_t hbitmap) {
 Ref<Object> WindowsPictureApi::OleCreatePictureIndirect(const PictureDescription& description,
                                                         const Guid& iid, bool own) {
   PICTDESC picture{};
-  picture.cbSizeofstruct = description.cbSizeofstruct;
+  // The loader describes the 32-bit record (20 bytes); the platform is told the size of its own
+  // record, which is that on 32-bit Windows and larger on 64-bit Windows.
+  picture.cbSizeofstruct =
+      description.cbSizeofstruct == 20 ? sizeof(PICTDESC) : description.cbSizeofstruct;
   picture.picType = description.picType;
   picture.bmp.hbitmap = FromNumber<HBITMAP>(description.hbitmap);
   picture.bmp.hpal = FromNumber<HPALETTE>(description.hpal);

@@ -44,7 +44,7 @@ TEST_F(Loader, ConstructionFillsTheRecordsAndStartsGdiplusUntilDestruction) {
   EXPECT_EQ(loader->picConv().cbSizeofstruct, 20u);
   EXPECT_EQ(loader->picConv().picType, 1u);
   EXPECT_EQ(loader->picConv().hbitmap, 0u);
-  EXPECT_NE(loader->token(), 0);
+  EXPECT_NE(loader->token(), 0u);
   EXPECT_EQ(api.liveStarts(), 1u);
   loader.reset();
   EXPECT_EQ(api.liveStarts(), 0u);
@@ -55,7 +55,7 @@ TEST_F(Loader, ConstructionFillsTheRecordsAndStartsGdiplusUntilDestruction) {
 TEST_F(Loader, FailedStartGivesNothingWithoutFailureAndNoShutdownOfTokenZero) {
   api.failStartup = true;
   auto unstarted = MakeRef<TransparentGifLoader>(apartment.protector);
-  EXPECT_EQ(unstarted->token(), 0);
+  EXPECT_EQ(unstarted->token(), 0u);
   ArrayRef bytes = Bytes(RgbaPng(2, 2, kTransparentPixels));
   loader.reset();  // no GDI+ started anywhere now
   const int shutdowns = api.shutdowns;
