@@ -60,7 +60,7 @@ class FuzzSignaller final : public Object {
 // Fails the statements at the chosen positions in the order statements start.
 class VisitFaults final : public tracing::FaultInjector {
  public:
-  void OnStatement(const tracing::ProcedureInfo&, int) override {
+  void OnStatement(const tracing::ProcedureInfo&, int, tracing::FailureMode) override {
     if (failAt.count(visits++) != 0)
       Raise(number, u"injected");
   }
