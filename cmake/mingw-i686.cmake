@@ -1,28 +1,8 @@
 # Cross toolchain: i686 Windows via mingw-w64 (Debian: g++-mingw-w64-*, mingw-w64-tools).
-# The -posix compilers use the posix thread model (std::thread, std::mutex work).
-# Everything is linked -static so binaries depend on system DLLs only
-# (no libstdc++-6.dll / libgcc_s_*.dll / libwinpthread-1.dll next to them).
-set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR i686)
-
 set(TABFORGE_MINGW_TRIPLE i686-w64-mingw32)
+include(${CMAKE_CURRENT_LIST_DIR}/mingw-common.cmake)
 
-set(CMAKE_C_COMPILER   ${TABFORGE_MINGW_TRIPLE}-gcc-posix)
-set(CMAKE_CXX_COMPILER ${TABFORGE_MINGW_TRIPLE}-g++-posix)
-set(CMAKE_RC_COMPILER  ${TABFORGE_MINGW_TRIPLE}-windres)
-# widl is not a CMake language; projects read it from this cache variable.
-set(TABFORGE_WIDL ${TABFORGE_MINGW_TRIPLE}-widl CACHE STRING "widl for this target")
-
-# Headers/libraries only from the mingw sysroot, build tools only from the host.
-set(CMAKE_FIND_ROOT_PATH /usr/${TABFORGE_MINGW_TRIPLE})
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-
-set(CMAKE_EXE_LINKER_FLAGS_INIT    "-static")
-set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static")
-set(CMAKE_MODULE_LINKER_FLAGS_INIT "-static")
-# __stdcall exports (DllGetClassObject@12 ...) are matched to the plain names
-# listed in the .def file; without this ld warns/fails on i686.
+# __stdcall exports (DllGetClassObject@12 ...) are matched to the plain names listed in the .def
+# file; without this ld warns on i686.
 string(APPEND CMAKE_SHARED_LINKER_FLAGS_INIT " -Wl,--enable-stdcall-fixup")
