@@ -92,6 +92,18 @@ inline constexpr std::array<CatalogueRow, 25> kCatalogue{{
      u"", u"", kTrue, u"", kButton},
 }};
 
+// Each id stands in one row, so a look-up may stop at the first match.
+constexpr bool CatalogueIdsAreUnique() {
+  for (std::size_t a = 0; a < kCatalogue.size(); ++a) {
+    for (std::size_t b = a + 1; b < kCatalogue.size(); ++b) {
+      if (kCatalogue[a].id == kCatalogue[b].id)
+        return false;
+    }
+  }
+  return true;
+}
+static_assert(CatalogueIdsAreUnique());
+
 // The button on the word processor's References tab.
 inline constexpr CatalogueRow kUseMorvelin{
     u"26", u"",    u"Use Morvelin to manage your references (Ctrl+Shift+F)", u"Z", u"large", kTrue,

@@ -2,6 +2,7 @@
 #include "platform/failure.h"
 #include "ribbon/catalogue.h"
 #include "ribbon/main2.h"
+#include "ribbon/piece_list.h"
 #include "ribbon/procedures.h"
 #include "ribbon/string_extensions.h"
 #include "tracing/run.h"
@@ -16,31 +17,16 @@ using tracing::Run;
 
 namespace {
 
-Bstr Join(const std::vector<Bstr>& pieces) {
-  std::size_t length = 0;
-  for (const auto& piece : pieces)
-    length += piece.size();
-  Bstr joined;
-  joined.reserve(length);
-  for (const auto& piece : pieces)
-    joined += piece;
-  return joined;
-}
+// The largest lists: a button of nine attributes, and the document's longest part.
+using ElementPieces = PieceList<24>;
+using DocumentPieces = PieceList<32, OwnedPiece>;
 
-Bstr Attribute(BstrView name, BstrView value) {
-  Bstr text(u" ");
-  text.reserve(name.size() + value.size() + 4);
-  text += name;
-  text += u"=\"";
-  text += value;
-  text += u'"';
-  return text;
-}
-
-std::vector<Bstr>::reference Slot(std::vector<Bstr>& array, std::size_t index) {
-  if (index >= array.size())
-    Raise(RunTimeError::kSubscriptOutOfRange);
-  return array[index];
+// A tooltip, with room for the closing point that the element may give it.
+Bstr TooltipText(BstrView text) {
+  Bstr tooltip;
+  tooltip.reserve(text.size() + 1);
+  tooltip = text;
+  return tooltip;
 }
 
 }  // namespace
@@ -55,15 +41,16 @@ Bstr Main2::AddButton(const Bstr& id) {
         TF_BEGIN(body)
         // The id is compared as text, exactly: "05" and "MVN5" match no row.
         TF_STEP(1) for (const auto& candidate : kCatalogue) {
-          if (candidate.id == id)
+          if (candidate.id == id) {
             row = &candidate;
+            break;
+          }
         }
         TF_STEP(2) if (row != nullptr) {
           TF_STEP(3) {
-            Bstr tooltip(row->tooltip);
-            result = AddButtonImpl(id, Bstr(row->label), tooltip, Bstr(row->shortCutKey),
-                                   Bstr(row->size), row->showLabel, Bstr(row->imageMso),
-                                   Bstr(row->buttonType));
+            Bstr tooltip = TooltipText(row->tooltip);
+            result = AddButtonImpl(id, row->label, tooltip, row->shortCutKey, row->size,
+                                   row->showLabel, row->imageMso, row->buttonType);
           }
         }
         TF_END
@@ -71,11 +58,11 @@ Bstr Main2::AddButton(const Bstr& id) {
   return result;
 }
 
-Bstr Main2::AddButtonImpl(const Bstr& id, const Bstr& label, Bstr& tooltip, const Bstr& shortCutKey,
-                          const Bstr& size, VariantBool showLabel, const Bstr& imageMso,
-                          const Bstr& buttonType) {
+Bstr Main2::AddButtonImpl(BstrView id, BstrView label, Bstr& tooltip, BstrView shortCutKey,
+                          BstrView size, VariantBool showLabel, BstrView imageMso,
+                          BstrView buttonType) {
   Bstr result;
-  std::vector<Bstr> strs;
+  ElementPieces strs;
   std::int16_t offset = 0;
   Run(
       Trace(), kAddButtonImpl,
@@ -107,50 +94,49 @@ Bstr Main2::AddButtonImpl(const Bstr& id, const Bstr& label, Bstr& tooltip, cons
           TF_STEP(2) tooltip += u".";
         }
         TF_STEP(3)
-        StringExtensions::stringArray(
-            strs, {u"<", buttonType, u" id=\"", Bstr(kIdPrefix), id, u"\" description=\"", tooltip,
-                   u"\" supertip=\"", tooltip, u"\" getEnabled=\"GetEnabled\""});
+        strs.Assign({u"<", buttonType, u" id=\"", kIdPrefix, id, u"\" description=\"", tooltip,
+                     u"\" supertip=\"", tooltip, u"\" getEnabled=\"GetEnabled\""});
         TF_STEP(4) offset = static_cast<std::int16_t>(strs.size() - 1);
         TF_STEP(5)
-        strs.resize(static_cast<std::size_t>(offset) + (buttonType == kToggleButton ? 8 : 7) + 1);
+        strs.Resize(static_cast<std::size_t>(offset) + (buttonType == kToggleButton ? 8 : 7) + 1);
         TF_STEP(6) if (!IsTrue(showLabel)) {
-          TF_STEP(7) Slot(strs, offset + 1) = u" showLabel=\"false\"";
+          TF_STEP(7) strs.Slot(offset + 1) = u" showLabel=\"false\"";
         }
         TF_STEP(8) if (!size.empty()) {
-          TF_STEP(9) Slot(strs, offset + 2) = Attribute(u"size", size);
+          TF_STEP(9) strs.Slot(offset + 2) = Attribute(u" size=\"", size);
         }
         TF_STEP(10) if (!imageMso.empty()) {
-          TF_STEP(11) Slot(strs, offset + 3) = Attribute(u"imageMso", imageMso);
+          TF_STEP(11) strs.Slot(offset + 3) = Attribute(u" imageMso=\"", imageMso);
         }
         else {
           TF_STEP(12) if (!label.empty()) {
             // The bare decimal id, which the ribbon hands to the document's loadImage macro.
-            TF_STEP(13) Slot(strs, offset + 3) = Attribute(u"image", id);
+            TF_STEP(13) strs.Slot(offset + 3) = Attribute(u" image=\"", id);
           }
           else {
-            TF_STEP(14) Slot(strs, offset + 3) = u" getImage=\"GetImage\"";
+            TF_STEP(14) strs.Slot(offset + 3) = u" getImage=\"GetImage\"";
           }
         }
         TF_STEP(15) if (!label.empty()) {
-          TF_STEP(16) Slot(strs, offset + 4) = Attribute(u"label", label);
+          TF_STEP(16) strs.Slot(offset + 4) = Attribute(u" label=\"", label);
         }
         else {
-          TF_STEP(17) Slot(strs, offset + 4) = u" getLabel=\"GetLabel\"";
+          TF_STEP(17) strs.Slot(offset + 4) = u" getLabel=\"GetLabel\"";
         }
         TF_STEP(18) if (!shortCutKey.empty()) {
-          TF_STEP(19) Slot(strs, offset + 5) = Attribute(u"keytip", shortCutKey);
+          TF_STEP(19) strs.Slot(offset + 5) = Attribute(u" keytip=\"", shortCutKey);
         }
         TF_STEP(20) if (buttonType == kButton) {
-          TF_STEP(21) Slot(strs, offset + 6) = u" onAction=\"RibbonCallback\"";
+          TF_STEP(21) strs.Slot(offset + 6) = u" onAction=\"RibbonCallback\"";
         }
         else {
-          TF_STEP(22) Slot(strs, offset + 6) = u" onAction=\"RibbonCallbackToggleButton\"";
+          TF_STEP(22) strs.Slot(offset + 6) = u" onAction=\"RibbonCallbackToggleButton\"";
         }
         TF_STEP(23) if (buttonType == kToggleButton) {
           TF_STEP(24)
-          Slot(strs, offset + 7) = u" getPressed=\"GetPressed\" getScreentip=\"GetScreenTip\"";
+          strs.Slot(offset + 7) = u" getPressed=\"GetPressed\" getScreentip=\"GetScreenTip\"";
         }
-        TF_STEP(25) Slot(strs, strs.size() - 1) = u"/>";
+        TF_STEP(25) strs.Slot(strs.size() - 1) = u"/>";
         TF_STEP(26) result = Join(strs);
         TF_END
       });
@@ -159,9 +145,12 @@ Bstr Main2::AddButtonImpl(const Bstr& id, const Bstr& label, Bstr& tooltip, cons
 
 Bstr Main2::GetRibbonXML() {
   Bstr result;
-  std::vector<Bstr> strs;
-  std::vector<Bstr> strs2;
-  std::vector<Bstr> strs3;
+  // The pieces refer to the product name until the end; a report of change that arrives in
+  // between (from a failure's report, say) must not pull it from under them.
+  const Bstr productName = mProductName;
+  DocumentPieces strs;
+  DocumentPieces strs2;
+  DocumentPieces strs3;
   Run(
       Trace(), kGetRibbonXML, tracing::NoParameters,
       [&](LocalReport& l) {
@@ -172,57 +161,56 @@ Bstr Main2::GetRibbonXML() {
       [&](Body& body) {
         TF_BEGIN(body)
         TF_STEP(1) {
-          Bstr tooltip26(kUseMorvelin.tooltip);
-          StringExtensions::stringArray(
-              strs, {u"<customUI xmlns=\"" + Bstr(kCustomUiNamespace) +
-                         u"\" onLoad=\"ribbonLoaded\" loadImage=\"loadImage\"><ribbon><tabs>",
-                     u"<tab idMso=\"TabReferences\"><group id=\"GroupRedirectMorvelin\" "
-                     u"insertAfterMso=\"GroupCitationsAndBibliography\" label=\"" +
-                         mProductName + u"\">",
-                     AddButtonImpl(Bstr(kUseMorvelin.id), Bstr(kUseMorvelin.label), tooltip26,
-                                   Bstr(kUseMorvelin.shortCutKey), Bstr(kUseMorvelin.size),
-                                   kUseMorvelin.showLabel, Bstr(kUseMorvelin.imageMso),
-                                   Bstr(kUseMorvelin.buttonType)),
-                     u"</group></tab>",
-                     u"<tab id=\"Morvelin\" label=\"",
-                     mProductName,
-                     u"\" keytip=\"Z\">",
-                     u"<group id=\"GroupMorvelin\" label=\"",
-                     mProductName,
-                     u" Core Features\">",
-                     u"<splitButton id=\"SplitApplyMorvelin\" size=\"large\">",
-                     u"<menu id=\"SplitMenuApplyMorvelin\" itemSize=\"large\">",
-                     AddButton(u"0"),
-                     AddButton(u"1"),
-                     AddButton(u"2"),
-                     AddButton(u"4"),
-                     AddButton(u"24"),
-                     AddButton(u"25"),
-                     u"</menu>",
-                     u"</splitButton>",
-                     AddButton(u"5"),
-                     AddButton(u"6"),
-                     AddButton(u"7"),
-                     AddButton(u"15"),
-                     u"</group>"});
+          Bstr tooltip26 = TooltipText(kUseMorvelin.tooltip);
+          strs.Assign(
+              {Piece::Concat({u"<customUI xmlns=\"", kCustomUiNamespace,
+                              u"\" onLoad=\"ribbonLoaded\" loadImage=\"loadImage\">"
+                              u"<ribbon><tabs>"}),
+               Piece::Concat({u"<tab idMso=\"TabReferences\"><group "
+                              u"id=\"GroupRedirectMorvelin\" "
+                              u"insertAfterMso=\"GroupCitationsAndBibliography\" label=\"",
+                              productName, u"\">"}),
+               AddButtonImpl(kUseMorvelin.id, kUseMorvelin.label, tooltip26,
+                             kUseMorvelin.shortCutKey, kUseMorvelin.size, kUseMorvelin.showLabel,
+                             kUseMorvelin.imageMso, kUseMorvelin.buttonType),
+               u"</group></tab>",
+               u"<tab id=\"Morvelin\" label=\"",
+               productName,
+               u"\" keytip=\"Z\">",
+               u"<group id=\"GroupMorvelin\" label=\"",
+               productName,
+               u" Core Features\">",
+               u"<splitButton id=\"SplitApplyMorvelin\" size=\"large\">",
+               u"<menu id=\"SplitMenuApplyMorvelin\" itemSize=\"large\">",
+               AddButton(u"0"),
+               AddButton(u"1"),
+               AddButton(u"2"),
+               AddButton(u"4"),
+               AddButton(u"24"),
+               AddButton(u"25"),
+               u"</menu>",
+               u"</splitButton>",
+               AddButton(u"5"),
+               AddButton(u"6"),
+               AddButton(u"7"),
+               AddButton(u"15"),
+               u"</group>"});
         }
         TF_STEP(2)
-        StringExtensions::stringArray(
-            strs2, {u"<group id=\"GroupMorvelinFormatting\" label=\"Styles and Headings\">",
-                    AddButton(u"13"), AddButton(u"14"),
-                    u"<buttonGroup id=\"ButtonGroupMorvelinFormatting\">", AddButton(u"8"),
-                    AddButton(u"9"), AddButton(u"10"), AddButton(u"11"), AddButton(u"12"),
-                    u"</buttonGroup>", u"</group>"});
+        strs2.Assign({u"<group id=\"GroupMorvelinFormatting\" label=\"Styles and Headings\">",
+                      AddButton(u"13"), AddButton(u"14"),
+                      u"<buttonGroup id=\"ButtonGroupMorvelinFormatting\">", AddButton(u"8"),
+                      AddButton(u"9"), AddButton(u"10"), AddButton(u"11"), AddButton(u"12"),
+                      u"</buttonGroup>", u"</group>"});
         TF_STEP(3)
-        StringExtensions::stringArray(
-            strs3,
-            {u"<group id=\"GroupMorvelinNavigation\" label=\"Navigation\">", AddButton(u"16"),
-             AddButton(u"17"), AddButton(u"18"), AddButton(u"19"), u"</group>",
-             u"<group id=\"GroupMorvelinTablesAndFigures\" label=\"Tables and Figures\">",
-             AddButton(u"20"), AddButton(u"21"), AddButton(u"22"), u"</group>",
-             u"<group id=\"GroupLexoscope\" label=\"Lexoscope\">", AddButton(u"23"), u"</group>",
-             u"</tab>", u"</tabs></ribbon></customUI>"});
-        TF_STEP(4) result = Join(strs) + Join(strs2) + Join(strs3);
+        strs3.Assign({u"<group id=\"GroupMorvelinNavigation\" label=\"Navigation\">",
+                      AddButton(u"16"), AddButton(u"17"), AddButton(u"18"), AddButton(u"19"),
+                      u"</group>",
+                      u"<group id=\"GroupMorvelinTablesAndFigures\" label=\"Tables and Figures\">",
+                      AddButton(u"20"), AddButton(u"21"), AddButton(u"22"), u"</group>",
+                      u"<group id=\"GroupLexoscope\" label=\"Lexoscope\">", AddButton(u"23"),
+                      u"</group>", u"</tab>", u"</tabs></ribbon></customUI>"});
+        TF_STEP(4) result = Join(strs, strs2, strs3);
         TF_END
       });
   return result;

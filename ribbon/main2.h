@@ -74,9 +74,8 @@ class Main2 {
  private:
   void initProductNameSensitiveControl(std::int32_t id, const Bstr& labelTemplate);
   Bstr AddButton(const Bstr& id);
-  Bstr AddButtonImpl(const Bstr& id, const Bstr& label, Bstr& tooltip, const Bstr& shortCutKey,
-                     const Bstr& size, VariantBool showLabel, const Bstr& imageMso,
-                     const Bstr& buttonType);
+  Bstr AddButtonImpl(BstrView id, BstrView label, Bstr& tooltip, BstrView shortCutKey,
+                     BstrView size, VariantBool showLabel, BstrView imageMso, BstrView buttonType);
   std::int16_t getApplyMorvelinImageIndex();
   std::int32_t convertToId(Bstr idStr);
   void InvalidateRibbonControl(std::int32_t id);

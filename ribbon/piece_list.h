@@ -1,0 +1,220 @@
+// The string arrays that the ribbon document is assembled from, held as references to their
+// pieces instead of as copies.
+//
+// The document is a few hundred pieces: constants, the caller's own strings, and the text of each
+// button. A `Piece` refers to up to three texts, so an element such as ` size="large"` is three
+// references and no allocation; a `PieceList` keeps its pieces in place, without heap memory. The
+// document is then measured once and written once. A piece becomes a string of its own only when a
+// dump reports the array.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstring>
+#include <initializer_list>
+#include <utility>
+#include <vector>
+
+#include "platform/bstr.h"
+#include "platform/failure.h"
+#include "tracing/report_values.h"
+
+namespace tabforge {
+
+// One element of a piece list: the referenced texts, joined in order.
+//
+// A piece refers to the texts it is made of, so those texts must outlive it: constants, or the
+// strings of the procedure that holds the list. A temporary string would not, and is refused; an
+// `OwnedPiece` takes it.
+class Piece {
+ public:
+  static constexpr std::size_t kMaxParts = 3;
+
+  Piece() noexcept {}
+  // A constant, measured by the compiler.
+  template <std::size_t N>
+  Piece(const char16_t (&constant)[N]) noexcept {
+    Add(BstrView(constant, N - 1));
+  }
+  Piece(BstrView text) noexcept { Add(text); }
+  Piece(const Bstr& text) noexcept { Add(text); }
+  Piece(Bstr&& text) = delete;
+
+  // The texts joined, without joining them.
+  static Piece Concat(std::initializer_list<BstrView> parts) {
+    if (parts.size() > kMaxParts)
+      Raise(RunTimeError::kSubscriptOutOfRange);
+    Piece piece;
+    for (BstrView part : parts)
+      piece.Add(part);
+    return piece;
+  }
+
+  std::size_t size() const noexcept {
+    std::size_t length = 0;
+    for (std::size_t at = 0; at < count_; ++at)
+      length += parts_[at].size;
+    return length;
+  }
+
+  // Writes the text at `out`, which has room for size() characters, and returns its end.
+  char16_t* CopyTo(char16_t* out) const noexcept {
+    for (std::size_t at = 0; at < count_; ++at)
+      out = CopyText(parts_[at].data, parts_[at].size, out);
+    return out;
+  }
+
+  // Most pieces are a few characters long, where a call to the library's copy costs more than
+  // the copy: up to 16 characters are moved as two overlapping blocks of fixed size.
+  static char16_t* CopyText(const char16_t* text, std::size_t size, char16_t* out) noexcept {
+    if (size >= 8 && size <= 16) {
+      CopyBlock<16>(text, out);
+      CopyBlock<16>(text + size - 8, out + size - 8);
+    } else if (size >= 4 && size < 8) {
+      CopyBlock<8>(text, out);
+      CopyBlock<8>(text + size - 4, out + size - 4);
+    } else if (size > 16) {
+      std::memcpy(out, text, size * sizeof(char16_t));
+    } else {
+      for (std::size_t at = 0; at < size; ++at)
+        out[at] = text[at];
+    }
+    return out + size;
+  }
+
+ private:
+  template <std::size_t Bytes>
+  static void CopyBlock(const char16_t* from, char16_t* to) noexcept {
+    unsigned char block[Bytes];
+    std::memcpy(block, from, Bytes);
+    std::memcpy(to, block, Bytes);
+  }
+
+  // A referenced text. Places behind `count_` are left unset and copied as they are: a list holds
+  // many pieces, and clearing them all would cost more than the rest of the element.
+  struct Part {
+    const char16_t* data;
+    std::size_t size;
+  };
+
+  void Add(BstrView text) noexcept { parts_[count_++] = Part{text.data(), text.size()}; }
+
+  std::size_t count_ = 0;
+  Part parts_[kMaxParts];
+};
+
+// A piece that may also own a text, which stands before the referenced ones: the text of a
+// procedure's result, say.
+class OwnedPiece {
+ public:
+  OwnedPiece() noexcept = default;
+  template <std::size_t N>
+  OwnedPiece(const char16_t (&constant)[N]) noexcept : piece_(constant) {}
+  OwnedPiece(Piece piece) noexcept : piece_(piece) {}
+  OwnedPiece(BstrView text) noexcept : piece_(text) {}
+  OwnedPiece(const Bstr& text) noexcept : piece_(text) {}
+  OwnedPiece(Bstr&& text) noexcept : owned_(std::move(text)) {}
+
+  std::size_t size() const noexcept { return owned_.size() + piece_.size(); }
+  char16_t* CopyTo(char16_t* out) const noexcept {
+    return piece_.CopyTo(Piece::CopyText(owned_.data(), owned_.size(), out));
+  }
+
+ private:
+  Bstr owned_;
+  Piece piece_;
+};
+
+// The attribute ` name="value"`, from its opening ` name="` and the value, referring to both.
+template <std::size_t N>
+Piece Attribute(const char16_t (&opening)[N], BstrView value) {
+  return Piece::Concat({BstrView(opening, N - 1), value, BstrView(u"\"", 1)});
+}
+
+// The text of a piece, for a dump.
+template <class PieceType>
+Bstr TextOf(const PieceType& piece) {
+  Bstr text(piece.size(), u'\0');
+  piece.CopyTo(text.data());
+  return text;
+}
+
+// A string array of at most `Capacity` pieces, lower bound 0.
+template <std::size_t Capacity, class PieceType = Piece>
+class PieceList {
+ public:
+  std::size_t size() const noexcept { return size_; }
+
+  // Fills the list with one element for each piece, in order. The pieces come as a braced list,
+  // which C++ evaluates left to right: they are made in the order they stand.
+  template <std::size_t Count>
+  void Assign(PieceType (&&pieces)[Count]) {
+    static_assert(Count <= Capacity, "the list is too small for these pieces");
+    for (std::size_t at = 0; at < Count; ++at)
+      pieces_[at] = std::move(pieces[at]);
+    Clear(Count);
+  }
+
+  // Keeps the first pieces; new places are empty. The bound is fixed, so a size beyond it fails
+  // as a subscript out of range would.
+  void Resize(std::size_t size) {
+    if (size > Capacity)
+      Raise(RunTimeError::kSubscriptOutOfRange);
+    for (std::size_t at = size_; at < size; ++at)
+      pieces_[at] = PieceType();
+    Clear(size);
+  }
+
+  // The element at `index`, failing with "Subscript out of range" outside the list.
+  PieceType& Slot(std::size_t index) {
+    if (index >= size_)
+      Raise(RunTimeError::kSubscriptOutOfRange);
+    return pieces_[index];
+  }
+  const PieceType& operator[](std::size_t index) const noexcept { return pieces_[index]; }
+
+  std::size_t TextSize() const noexcept {
+    std::size_t length = 0;
+    for (std::size_t at = 0; at < size_; ++at)
+      length += pieces_[at].size();
+    return length;
+  }
+
+  char16_t* CopyTo(char16_t* out) const noexcept {
+    for (std::size_t at = 0; at < size_; ++at)
+      out = pieces_[at].CopyTo(out);
+    return out;
+  }
+
+ private:
+  // Ends the list at `size`, letting go of what the places behind it held.
+  void Clear(std::size_t size) {
+    for (std::size_t at = size; at < size_; ++at)
+      pieces_[at] = PieceType();
+    size_ = size;
+  }
+
+  std::array<PieceType, Capacity> pieces_;
+  std::size_t size_ = 0;
+};
+
+// The lists' texts joined into one string, allocated once.
+template <class... Lists>
+Bstr Join(const Lists&... lists) {
+  Bstr joined((lists.TextSize() + ...), u'\0');
+  char16_t* out = joined.data();
+  ((out = lists.CopyTo(out)), ...);
+  return joined;
+}
+
+// A dump reports a list as the string array it stands for.
+template <std::size_t Capacity, class PieceType>
+Variant ToVariant(const PieceList<Capacity, PieceType>& list) {
+  std::vector<Bstr> texts;
+  texts.reserve(list.size());
+  for (std::size_t at = 0; at < list.size(); ++at)
+    texts.push_back(TextOf(list[at]));
+  return tracing::ToVariant(texts);
+}
+
+}  // namespace tabforge
