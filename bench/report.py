@@ -15,6 +15,8 @@ TARGETS = {
                      lambda t, r, c: r <= 10),
     "GetLabel": ("a plain map look-up", "under 100 ns", lambda t, r, c: t < 100),
     "GetEnabled": ("a plain map look-up", "under 100 ns", lambda t, r, c: t < 100),
+    "GetPressed": ("a plain map look-up", "under 100 ns", lambda t, r, c: t < 100),
+    "GetScreentip": ("a plain map look-up", "under 100 ns", lambda t, r, c: t < 100),
     "RibbonCallback": ("a plain map look-up", "under 100 ns", lambda t, r, c: t < 100),
     "LoadImage 32x32": ("the decoder alone on the same bytes", "none", None),
     "activateMorvelinTab 10000 elements": ("the same walk untracked", "none", None),

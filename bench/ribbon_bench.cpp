@@ -67,6 +67,8 @@ void MapLookUp(benchmark::State& state) {
 BENCHMARK(MapLookUp)->Name("Floor/GetLabel");
 BENCHMARK(MapLookUp)->Name("Floor/GetEnabled");
 BENCHMARK(MapLookUp)->Name("Floor/RibbonCallback");
+BENCHMARK(MapLookUp)->Name("Floor/GetPressed");
+BENCHMARK(MapLookUp)->Name("Floor/GetScreentip");
 
 void GetLabel(benchmark::State& state) {
   Host host;
@@ -86,6 +88,23 @@ void GetEnabled(benchmark::State& state) {
       static_cast<double>(bench::Allocations() - before), benchmark::Counter::kAvgIterations);
 }
 BENCHMARK(GetEnabled)->Name("Op/GetEnabled");
+
+void GetPressed(benchmark::State& state) {
+  Host host;
+  const Bstr id = u"MVN23";
+  for (auto _ : state)
+    benchmark::DoNotOptimize(host.main2.GetPressed(id));
+}
+BENCHMARK(GetPressed)->Name("Op/GetPressed");
+
+// The one control with a tip of its own, so the tip is composed on every call.
+void GetScreentip(benchmark::State& state) {
+  Host host;
+  const Bstr id = u"MVN23";
+  for (auto _ : state)
+    benchmark::DoNotOptimize(host.main2.GetScreentip(id));
+}
+BENCHMARK(GetScreentip)->Name("Op/GetScreentip");
 
 void RibbonCallback(benchmark::State& state) {
   Host host;

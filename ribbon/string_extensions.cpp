@@ -9,11 +9,56 @@ char16_t FoldCase(char16_t c) {
   return c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c + (u'a' - u'A')) : c;
 }
 
-bool MatchesAt(BstrView text, std::size_t at, BstrView find, bool ignoreCase) {
-  if (!ignoreCase)
-    return text.compare(at, find.size(), find) == 0;
-  return std::equal(find.begin(), find.end(), text.begin() + static_cast<std::ptrdiff_t>(at),
-                    [](char16_t a, char16_t b) { return FoldCase(a) == FoldCase(b); });
+// The first occurrence of `find` (not empty) in `text` at or behind `at`, or npos. A plain scan for
+// the first character: the texts are short, and the library's generic search for 16-bit characters
+// is several times slower here.
+template <bool kIgnoreCase>
+std::size_t NextMatch(BstrView text, BstrView find, std::size_t at) {
+  if (find.size() > text.size())
+    return BstrView::npos;
+  auto same = [](char16_t a, char16_t b) {
+    return kIgnoreCase ? FoldCase(a) == FoldCase(b) : a == b;
+  };
+  const std::size_t last = text.size() - find.size();
+  for (; at <= last; ++at) {
+    if (same(text[at], find[0]) &&
+        std::equal(find.begin() + 1, find.end(), text.begin() + static_cast<std::ptrdiff_t>(at + 1),
+                   same)) {
+      return at;
+    }
+  }
+  return BstrView::npos;
+}
+
+template <bool kIgnoreCase>
+Bstr Replace(BstrView text, BstrView find, BstrView replacement, std::int32_t count) {
+  auto wanted = [&](std::int32_t replaced) { return count < 0 || replaced < count; };
+  // Measure first, so that the result is allocated once and written once.
+  std::size_t length = text.size();
+  std::int32_t replaced = 0;
+  for (std::size_t at = NextMatch<kIgnoreCase>(text, find, 0);
+       at != BstrView::npos && wanted(replaced);
+       at = NextMatch<kIgnoreCase>(text, find, at + find.size())) {
+    length = length - find.size() + replacement.size();
+    ++replaced;
+  }
+  if (replaced == 0)
+    return Bstr(text);
+  Bstr result(length, u'\0');
+  char16_t* out = result.data();
+  std::size_t copied = 0;
+  replaced = 0;
+  for (std::size_t at = NextMatch<kIgnoreCase>(text, find, 0);
+       at != BstrView::npos && wanted(replaced);
+       at = NextMatch<kIgnoreCase>(text, find, at + find.size())) {
+    out = std::copy(text.begin() + static_cast<std::ptrdiff_t>(copied),
+                    text.begin() + static_cast<std::ptrdiff_t>(at), out);
+    out = std::copy(replacement.begin(), replacement.end(), out);
+    copied = at + find.size();
+    ++replaced;
+  }
+  std::copy(text.begin() + static_cast<std::ptrdiff_t>(copied), text.end(), out);
+  return result;
 }
 
 }  // namespace
@@ -26,44 +71,8 @@ Bstr StringExtensions::replaceText(BstrView text, BstrView find, BstrView replac
   const BstrView rest = text.substr(from);
   if (find.empty() || count == 0)
     return Bstr(rest);
-  const bool ignoreCase = compare != 0;
-  // The next occurrence at or behind `at`, or npos. A plain scan for the first character: the
-  // texts are short, and the library's generic search for 16-bit characters is several times
-  // slower here.
-  auto next = [&](std::size_t at) -> std::size_t {
-    if (find.size() > rest.size())
-      return BstrView::npos;
-    const std::size_t last = rest.size() - find.size();
-    const char16_t first = ignoreCase ? FoldCase(find[0]) : find[0];
-    for (; at <= last; ++at) {
-      const char16_t c = ignoreCase ? FoldCase(rest[at]) : rest[at];
-      if (c == first && MatchesAt(rest, at, find, ignoreCase))
-        return at;
-    }
-    return BstrView::npos;
-  };
-  auto wanted = [&](std::int32_t replaced) { return count < 0 || replaced < count; };
-  // Measure first, so that the result is allocated once.
-  std::size_t length = rest.size();
-  std::int32_t replaced = 0;
-  for (std::size_t at = next(0); at != BstrView::npos && wanted(replaced);
-       at = next(at + find.size())) {
-    length = length - find.size() + replacement.size();
-    ++replaced;
-  }
-  Bstr result;
-  result.reserve(length);
-  std::size_t copied = 0;
-  replaced = 0;
-  for (std::size_t at = next(0); at != BstrView::npos && wanted(replaced);
-       at = next(at + find.size())) {
-    result.append(rest.substr(copied, at - copied));
-    result.append(replacement);
-    copied = at + find.size();
-    ++replaced;
-  }
-  result.append(rest.substr(copied));
-  return result;
+  return compare != 0 ? Replace<true>(rest, find, replacement, count)
+                      : Replace<false>(rest, find, replacement, count);
 }
 
 VariantBool StringExtensions::endsWith(BstrView text, BstrView ending) {
