@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <initializer_list>
 #include <utility>
@@ -53,14 +54,14 @@ class Piece {
   std::size_t size() const noexcept {
     std::size_t length = 0;
     for (std::size_t at = 0; at < count_; ++at)
-      length += parts_[at].size;
+      length += sizes_[at];
     return length;
   }
 
   // Writes the text at `out`, which has room for size() characters, and returns its end.
   char16_t* CopyTo(char16_t* out) const noexcept {
     for (std::size_t at = 0; at < count_; ++at)
-      out = CopyText(parts_[at].data, parts_[at].size, out);
+      out = CopyText(texts_[at], sizes_[at], out);
     return out;
   }
 
@@ -90,17 +91,19 @@ class Piece {
     std::memcpy(to, block, Bytes);
   }
 
-  // A referenced text. Places behind `count_` are left unset and copied as they are: a list holds
-  // many pieces, and clearing them all would cost more than the rest of the element.
-  struct Part {
-    const char16_t* data;
-    std::size_t size;
-  };
+  // The referenced texts. Places behind `count_` are left unset and copied as they are: a list
+  // holds many pieces, and clearing them all would cost more than the rest of the element. The
+  // sizes are held in 32 bits (no piece comes near that) to keep a piece small enough to be copied
+  // in a few moves.
+  void Add(BstrView text) noexcept {
+    texts_[count_] = text.data();
+    sizes_[count_] = static_cast<std::uint32_t>(text.size());
+    ++count_;
+  }
 
-  void Add(BstrView text) noexcept { parts_[count_++] = Part{text.data(), text.size()}; }
-
-  std::size_t count_ = 0;
-  Part parts_[kMaxParts];
+  const char16_t* texts_[kMaxParts];
+  std::uint32_t sizes_[kMaxParts];
+  std::uint32_t count_ = 0;
 };
 
 // A piece that may also own a text, which stands before the referenced ones: the text of a
