@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <ostream>
+#include <string>
 
 #include "platform/portable/portable_platform.h"
 #include "tracing/vbw_protector.h"
@@ -14,6 +16,17 @@ struct Case {
   std::optional<const char16_t*> setting;
   bool requested;
 };
+
+// Failure messages show the case as text.
+void PrintTo(const Case& c, std::ostream* os) {
+  *os << '"' << ToUtf8(c.commandLine) << "\", setting "
+      << (c.setting ? '"' + ToUtf8(*c.setting) + '"' : std::string("absent"));
+}
+
+// Test names: the case's place in the table and what it expects.
+std::string CaseName(const ::testing::TestParamInfo<Case>& info) {
+  return "Case" + std::to_string(info.index) + (info.param.requested ? "_Traced" : "_Untraced");
+}
 
 class Switches : public ::testing::TestWithParam<Case> {};
 
@@ -52,7 +65,8 @@ INSTANTIATE_TEST_SUITE_P(
                       Case{u"WINWORD.EXE /trace", u"1", true}, Case{u"WINWORD.EXE", u"01", false},
                       Case{u"WINWORD.EXE", u" 1", false}, Case{u"WINWORD.EXE", u"1 ", false},
                       Case{u"WINWORD.EXE", u"one", false}, Case{u"WINWORD.EXE", u"", false},
-                      Case{u"WINWORD.EXE", u"True", false}));
+                      Case{u"WINWORD.EXE", u"True", false}),
+    CaseName);
 
 TEST(SwitchesStartUp, SettingsFileFeedsTheRequest) {
   PortablePlatform platform;
