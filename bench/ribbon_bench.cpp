@@ -70,41 +70,23 @@ BENCHMARK(MapLookUp)->Name("Floor/RibbonCallback");
 BENCHMARK(MapLookUp)->Name("Floor/GetPressed");
 BENCHMARK(MapLookUp)->Name("Floor/GetScreentip");
 
-void GetLabel(benchmark::State& state) {
+// One question of the ribbon about control `id`, asked over and over, with the heap allocations
+// that each answer costs.
+template <class Answer>
+void Ask(benchmark::State& state, Answer (Main2::*question)(const Bstr&), const char16_t* id) {
   Host host;
-  const Bstr id = u"MVN4";
-  for (auto _ : state)
-    benchmark::DoNotOptimize(host.main2.GetLabel(id));
-}
-BENCHMARK(GetLabel)->Name("Op/GetLabel");
-
-void GetEnabled(benchmark::State& state) {
-  Host host;
-  const Bstr id = u"MVN16";
+  const Bstr control = id;
   const auto before = bench::Allocations();
   for (auto _ : state)
-    benchmark::DoNotOptimize(host.main2.GetEnabled(id));
+    benchmark::DoNotOptimize((host.main2.*question)(control));
   state.counters["allocs/call"] = benchmark::Counter(
       static_cast<double>(bench::Allocations() - before), benchmark::Counter::kAvgIterations);
 }
-BENCHMARK(GetEnabled)->Name("Op/GetEnabled");
-
-void GetPressed(benchmark::State& state) {
-  Host host;
-  const Bstr id = u"MVN23";
-  for (auto _ : state)
-    benchmark::DoNotOptimize(host.main2.GetPressed(id));
-}
-BENCHMARK(GetPressed)->Name("Op/GetPressed");
-
+BENCHMARK_CAPTURE(Ask, GetLabel, &Main2::GetLabel, u"MVN4")->Name("Op/GetLabel");
+BENCHMARK_CAPTURE(Ask, GetEnabled, &Main2::GetEnabled, u"MVN16")->Name("Op/GetEnabled");
+BENCHMARK_CAPTURE(Ask, GetPressed, &Main2::GetPressed, u"MVN23")->Name("Op/GetPressed");
 // The one control with a tip of its own, so the tip is composed on every call.
-void GetScreentip(benchmark::State& state) {
-  Host host;
-  const Bstr id = u"MVN23";
-  for (auto _ : state)
-    benchmark::DoNotOptimize(host.main2.GetScreentip(id));
-}
-BENCHMARK(GetScreentip)->Name("Op/GetScreentip");
+BENCHMARK_CAPTURE(Ask, GetScreentip, &Main2::GetScreentip, u"MVN23")->Name("Op/GetScreentip");
 
 void RibbonCallback(benchmark::State& state) {
   Host host;
