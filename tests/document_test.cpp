@@ -4,6 +4,7 @@
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 
+#include <algorithm>
 #include <map>
 #include <set>
 #include <string>
@@ -36,6 +37,32 @@ TEST(Document, WritesEachKindOfElementExactly) {
       }) {
     EXPECT_NE(xml.find(element), std::string::npos) << element;
   }
+}
+
+// A failure at the very end of an element's writer: the dump shows the element's pieces as the
+// strings they stand for, and the document goes on without that element.
+TEST(Document, FailedElementDumpsItsPiecesAndIsLeftOut) {
+  Apartment apartment;
+  Main2 main2(apartment.protector);
+  main2.Initialize(nullptr, u"Morvelin");
+  apartment.faults.FailAt(u"Main2.AddButtonImpl", 26);  // the References tab's button, first
+  apartment.script->answers = {std::int32_t{8}, std::int32_t{5}};
+  const std::string xml = ToUtf8(main2.GetRibbonXML());
+
+  const auto& arrays = apartment.script->stringArrays;
+  auto strs =
+      std::find_if(arrays.begin(), arrays.end(), [](const auto& a) { return a.first == "strs"; });
+  ASSERT_NE(strs, arrays.end());
+  const std::vector<std::string>& texts = strs->second;
+  EXPECT_THAT(texts,
+              ::testing::ElementsAre(
+                  "<", "button", " id=\"", "MVN", "26", "\" description=\"",
+                  "Use Morvelin to manage your references (Ctrl+Shift+F).", "\" supertip=\"",
+                  "Use Morvelin to manage your references (Ctrl+Shift+F).",
+                  "\" getEnabled=\"GetEnabled\"", "", " size=\"large\"", " getImage=\"GetImage\"",
+                  " getLabel=\"GetLabel\"", " keytip=\"Z\"", " onAction=\"RibbonCallback\"", "/>"));
+  EXPECT_NE(xml.find(R"(label="Morvelin"></group></tab>)"), std::string::npos);
+  EXPECT_NE(xml.find(R"(<button id="MVN0" )"), std::string::npos);
 }
 
 TEST(Document, OpensAndClosesAsComposed) {

@@ -73,6 +73,15 @@ Variant RecordingComponent::Invoke(BstrView member, CallKind, std::span<Variant>
   if (member == u"vbwOpenDumpFile" && script_->failOpenDump) {
     Raise(75, u"Path/File access error");
   }
+  if (member == u"vbwReportVariable" && arguments.size() >= 2) {
+    const Variant value = arguments[1].Value();
+    if (value.type() == (VarType::VT_BSTR | VarType::VT_ARRAY) && value.Array()) {
+      std::vector<std::string> texts;
+      for (const Bstr& text : std::get<std::vector<Bstr>>(value.Array()->elements))
+        texts.push_back(ToUtf8(text));
+      script_->stringArrays.emplace_back(ToUtf8(ToBstr(arguments[0])), std::move(texts));
+    }
+  }
   if (member == u"vbwReportParameter")
     return Variant(u"<" + ToBstr(arguments[0]) + u">");
   return {};

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/object.h"
@@ -25,6 +26,9 @@ struct ComponentScript {
   std::deque<Variant> answers;
   Variant fallback = std::int32_t{7};
   int created = 0;
+  // The string arrays that dumps reported, by name, element by element. (Only texts are kept: a
+  // kept object would outlive the library that made it.)
+  std::vector<std::pair<std::string, std::vector<std::string>>> stringArrays;
   bool failOpenDump = false;
   bool failInitialize = false;
   // Runs inside vbwInitializeProtector with its arguments (the switches, by reference).
