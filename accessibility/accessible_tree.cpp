@@ -107,6 +107,14 @@ Variant AccessibleElement::Answer(BstrView member, std::span<Variant> arguments)
       entries.push_back(EntryValue(entry));
     return Variant(VarType::VT_VARIANT, MakeArray(std::move(entries)));
   }
+  if (member == u"accChild") {
+    // The entry under a child id from 1: the element, or nothing for a simple child.
+    const std::int32_t childId = arguments.empty() ? 0 : ToLong(arguments[0]);
+    if (childId < 1 || static_cast<std::size_t>(childId) > children_.size())
+      Raise(RunTimeError::kInvalidProcedureCall);
+    const Variant entry = EntryValue(children_[static_cast<std::size_t>(childId) - 1]);
+    return entry.type() == VarType::VT_DISPATCH ? entry : Variant();
+  }
   if (member == u"accParent")
     return parent_ != nullptr ? Variant(Ref<Object>(parent_)) : Variant();
   if (member == u"accNavigate") {

@@ -5,8 +5,8 @@
 #
 #   compare-transcripts.sh <linux-tabforge> <win64-build-dir> <tabforge.exe> [SESSION]
 #
-# The Windows build has no accessibility trees, so activateMorvelinTab lines are left out of
-# the compared session; the Windows program must refuse such a line with exit status 2.
+# Tree files named by activateMorvelinTab lines are taken relative to the repository, as the main
+# job runs; each program is given the file's full path in its own form.
 set -euo pipefail
 if [ $# -lt 3 ]; then
     echo "usage: $0 <linux-tabforge> <win64-build-dir> <tabforge.exe> [SESSION]" >&2
@@ -20,13 +20,27 @@ session=${4:-$repo/examples/typical-day.session}
 work="$build_dir/transcripts"
 mkdir -p "$work"
 
-grep -v '^activateMorvelinTab' "$session" > "$work/session.txt"
+# The session with each tree file's full path, as a Unix path or (with "wine") as a Wine path.
+with_tree_paths() {
+    local line path
+    while IFS= read -r line || [ -n "$line" ]; do
+        if [[ $line =~ ^activateMorvelinTab\ +(.*)$ ]]; then
+            path=${BASH_REMATCH[1]}
+            [[ $path == /* ]] || path="$repo/$path"
+            [ "${1:-}" = wine ] && path="Z:${path//\//\\}"
+            line="activateMorvelinTab $path"
+        fi
+        printf '%s\n' "$line"
+    done < "$session"
+}
+with_tree_paths > "$work/session-linux.txt"
+with_tree_paths wine > "$work/session-wine.txt"
 icons="$repo/icons"
 wine_icons="Z:${icons//\//\\}"
 
-"$host_tool" session --icons "$icons" "$work/session.txt" > "$work/linux.txt"
+"$host_tool" session --icons "$icons" "$work/session-linux.txt" > "$work/linux.txt"
 "$repo/scripts/run-under-wine.sh" "$build_dir" "$exe" session --icons "$wine_icons" \
-    "$work/session.txt" > "$work/wine-crlf.txt"
+    "$work/session-wine.txt" > "$work/wine-crlf.txt"
 tr -d '\r' < "$work/wine-crlf.txt" > "$work/wine.txt"
 
 status=0
@@ -39,16 +53,8 @@ if [ ! -s "$work/linux.txt" ]; then
     status=1
 fi
 
-printf 'Initialize Morvelin\nactivateMorvelinTab %s\n' "$repo/examples/ribbon.tree" \
-    > "$work/activate.txt"
-set +e
-"$repo/scripts/run-under-wine.sh" "$build_dir" "$exe" session "$work/activate.txt" \
-    > "$work/activate-out.txt" 2> "$work/activate-err.txt"
-rc=$?
-set -e
-if [ $rc -ne 2 ] || ! grep -q 'line 2: activateMorvelinTab' "$work/activate-err.txt"; then
-    echo "compare-transcripts: activateMorvelinTab under Wine gave status $rc:" >&2
-    cat "$work/activate-err.txt" >&2
+if ! grep -q 'tree.accDoDefaultAction' "$work/wine.txt" && grep -q '^activateMorvelinTab' "$session"; then
+    echo "compare-transcripts: no tab was pressed under Wine" >&2
     status=1
 fi
 [ $status -eq 0 ] && echo "compare-transcripts: $(wc -l < "$work/linux.txt") lines alike"

@@ -314,6 +314,22 @@ TEST(AccessibleTree, FieldsSetStateCountFailuresAndSimpleChildIds) {
   EXPECT_THAT(entries, ElementsAre(Variant(std::int32_t{1}), Variant(std::int32_t{2})));
 }
 
+TEST(AccessibleTree, ChildByIdIsTheElementOrNothingForASimpleChild) {
+  ParsedTree tree = ParseAccessibleTree(
+      "10 \"a\"\n"
+      "  43 \"x\"\n"
+      "  43 \"y\" simple\n");
+  ASSERT_EQ(tree.error, "");
+  Ref<Object> root(tree.root);
+  auto child = [&](std::int32_t id) {
+    return CallByName(root, u"accChild", CallKind::kPropertyGet, id);
+  };
+  EXPECT_EQ(child(1), Variant(Ref<Object>(tree.root->Find(u"x"))));
+  EXPECT_EQ(child(2).type(), VarType::VT_EMPTY);
+  EXPECT_THROW(child(0), Failure);
+  EXPECT_THROW(child(3), Failure);
+}
+
 TEST(AccessibleTree, ChildOutlivingItsParentNoLongerPointsAtIt) {
   auto parent = MakeRef<AccessibleElement>(10, u"p");
   Ref<AccessibleElement> child(&parent->Add(37, u"c"));

@@ -15,7 +15,9 @@
 #include <string>
 #include <vector>
 
+#include "accessibility/accessible_tree.h"
 #include "platform/failure.h"
+#include "server/accessible_object.h"
 #include "server/com_ptr.h"
 #include "server/conversions.h"
 #include "server/windows_platform.h"
@@ -300,7 +302,8 @@ ComPtr<IDispatch> CreateRegistered() {
 class ComTarget final : public SessionTarget {
  public:
   ComTarget(CallLog& log, const SessionOptions& options)
-      : main2_(CreateRegistered()),
+      : log_(log),
+        main2_(CreateRegistered()),
         signaller_(SignallerObject::Create(MakeRef<SessionSignaller>(log, options.iconDirectory))),
         ribbon_(RibbonObject::Create(MakeRef<SessionRibbon>(log))) {}
 
@@ -335,9 +338,13 @@ class ComTarget final : public SessionTarget {
   void EnableToolbar(bool value) override { Set(L"EnableToolbar", value); }
   void EnableGotoQuickBookmark(bool value) override { Set(L"EnableGotoQuickBookmark", value); }
   void UpdateLexoscopeIcon(bool value) override { Set(L"UpdateLexoscopeIcon", value); }
-  std::string ActivateTab(const std::string&) override {
-    return "!activateMorvelinTab is not available in the Windows build (it has no accessibility "
-           "trees)";
+  // The tree's elements reach the server as IAccessible objects, as the word processor's do.
+  std::string ActivateTab(const std::string& path) override {
+    return ActivateWithTreeFile(path, log_, [&](const Ref<AccessibleElement>& root) {
+      ComPtr<IAccessible> commandBar = com::AccessibleObject::Create(Ref<Object>(root));
+      auto arguments = Arguments(ObjectValue(ComPtr<IDispatch>::Attach(commandBar.Detach())));
+      main2_.Call(L"activateMorvelinTab", DISPATCH_METHOD, arguments);
+    });
   }
 
  private:
@@ -378,6 +385,7 @@ class ComTarget final : public SessionTarget {
     return picture;
   }
 
+  CallLog& log_;
   LateBound main2_;
   ComPtr<IDispatch> signaller_;
   ComPtr<IDispatch> ribbon_;

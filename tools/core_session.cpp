@@ -1,8 +1,5 @@
 // The session's target on systems without COM: the core Main2 itself, with the session's objects
 // as core objects.
-#include <fstream>
-#include <sstream>
-
 #include "accessibility/accessible_tree.h"
 #include "platform/call_by_name.h"
 #include "platform/failure.h"
@@ -70,22 +67,9 @@ class CoreTarget final : public SessionTarget {
   // Builds the accessible tree of `path`, hands it over as the command bar, and logs every
   // element that was pressed.
   std::string ActivateTab(const std::string& path) override {
-    std::ifstream in(path);
-    if (!in)
-      return "!cannot read the tree file '" + path + "'";
-    std::stringstream text;
-    text << in.rdbuf();
-    ParsedTree tree = ParseAccessibleTree(text.str());
-    if (!tree.root) {
-      return "!" + path + ":" + std::to_string(tree.errorLine) + ": " + tree.error;
-    }
-    main2_.activateMorvelinTab(tree.root);
-    tree.root->VisitAll([&](AccessibleElement& element) {
-      for (int i = 0; i < element.presses(); ++i) {
-        log_.push_back("  tree.accDoDefaultAction " + Quote(element.name()));
-      }
+    return ActivateWithTreeFile(path, log_, [&](const Ref<AccessibleElement>& root) {
+      main2_.activateMorvelinTab(Ref<Object>(root));
     });
-    return "ok";
   }
 
  private:

@@ -1,10 +1,14 @@
 #include "tools/session.h"
 
 #include <cstdio>
+#include <fstream>
 #include <istream>
 #include <map>
 #include <ostream>
+#include <sstream>
 #include <stdexcept>
+
+#include "accessibility/accessible_tree.h"
 
 namespace tabforge::cli {
 namespace {
@@ -146,6 +150,25 @@ int ReplaySession(std::istream& in, std::ostream& out, std::ostream& errors, Ses
     out << "= " << result << "\n";
   }
   return 0;
+}
+
+std::string ActivateWithTreeFile(
+    const std::string& path, CallLog& log,
+    const std::function<void(const Ref<AccessibleElement>&)>& activate) {
+  std::ifstream in(path);
+  if (!in)
+    return "!cannot read the tree file '" + path + "'";
+  std::stringstream text;
+  text << in.rdbuf();
+  ParsedTree tree = ParseAccessibleTree(text.str());
+  if (!tree.root)
+    return "!" + path + ":" + std::to_string(tree.errorLine) + ": " + tree.error;
+  activate(tree.root);
+  tree.root->VisitAll([&](AccessibleElement& element) {
+    for (int i = 0; i < element.presses(); ++i)
+      log.push_back("  tree.accDoDefaultAction " + Quote(element.name()));
+  });
+  return "ok";
 }
 
 }  // namespace tabforge::cli

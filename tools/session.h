@@ -8,10 +8,12 @@
 #include <vector>
 
 #include "platform/bstr.h"
+#include "platform/ref.h"
 
 namespace tabforge {
+class AccessibleElement;
 class Main2;
-}
+}  // namespace tabforge
 
 namespace tabforge::cli {
 
@@ -77,6 +79,13 @@ int ReplaySession(std::istream& in, std::ostream& out, std::ostream& errors,
 // A text as a result line shows it: in double quotes, with \", \\ and \uXXXX for control
 // characters, UTF-8 otherwise.
 std::string Quote(const std::u16string& text);
+
+// Reads the tree file, hands its root to `activate` (which passes it to activateMorvelinTab), and
+// logs every press of an element; "ok", or a message behind "!" for a file that cannot be read or
+// parsed.
+std::string ActivateWithTreeFile(
+    const std::string& path, CallLog& log,
+    const std::function<void(const Ref<AccessibleElement>&)>& activate);
 
 // The result line's text for a picture: pixels at 96 dots per inch.
 std::string PictureResult(const SessionPicture& picture);

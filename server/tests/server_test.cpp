@@ -11,17 +11,25 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "Tabforge_h.h"
+#include "accessibility/accessible_tree.h"
+#include "server/accessible_object.h"
 #include "server/com_ptr.h"
 #include "server/windows_platform.h"
 
 namespace {
 
+using tabforge::AccessibleElement;
+using tabforge::ParseAccessibleTree;
+using tabforge::Ref;
+using tabforge::SampleRibbonText;
+using tabforge::com::AccessibleObject;
 using tabforge::com::ComPtr;
 using tabforge::com::UniqueBstr;
 using tabforge::com::UniqueVariant;
@@ -202,156 +210,6 @@ class Signaller final : public Counted {
   }
   std::vector<std::wstring> macros;
   std::vector<int> images;
-};
-
-// One element of a small accessibility tree, reachable through IAccessible and by name through
-// IDispatch, as the word processor's own elements are.
-class Element final : public IAccessible {
- public:
-  Element(LONG role, std::wstring name) : role_(role), name_(std::move(name)) {}
-  Element& Add(LONG role, std::wstring name) {
-    children_.push_back(std::make_unique<Element>(role, std::move(name)));
-    children_.back()->parent_ = this;
-    return *children_.back();
-  }
-  int presses = 0;
-
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
-    if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IDispatch) ||
-        IsEqualIID(riid, IID_IAccessible)) {
-      *out = static_cast<IAccessible*>(this);
-      AddRef();
-      return S_OK;
-    }
-    *out = nullptr;
-    return E_NOINTERFACE;
-  }
-  ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
-  ULONG STDMETHODCALLTYPE Release() override { return 1; }
-
-  HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override {
-    *count = 0;
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT, LCID,
-                                          DISPID* ids) override {
-    static const std::pair<const wchar_t*, DISPID> kMembers[] = {
-        {L"accParent", DISPID_ACC_PARENT},     {L"accChildCount", DISPID_ACC_CHILDCOUNT},
-        {L"accChild", DISPID_ACC_CHILD},       {L"accName", DISPID_ACC_NAME},
-        {L"accRole", DISPID_ACC_ROLE},         {L"accState", DISPID_ACC_STATE},
-        {L"accNavigate", DISPID_ACC_NAVIGATE}, {L"accDoDefaultAction", DISPID_ACC_DODEFAULTACTION},
-    };
-    for (const auto& [name, id] : kMembers) {
-      if (::lstrcmpiW(names[0], name) == 0) {
-        ids[0] = id;
-        return S_OK;
-      }
-    }
-    return DISP_E_UNKNOWNNAME;
-  }
-  HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* params,
-                                   VARIANT* result, EXCEPINFO*, UINT*) override {
-    // Every member used here takes the child id last, or nothing.
-    UniqueVariant child;
-    V_VT(child.get()) = VT_I4;
-    if (params != nullptr && params->cArgs > 0)
-      ::VariantCopyInd(child.get(), &params->rgvarg[0]);
-    UniqueVariant ignored;
-    VARIANT* out = result != nullptr ? result : ignored.get();
-    switch (id) {
-      case DISPID_ACC_PARENT:
-        V_VT(out) = VT_DISPATCH;
-        return get_accParent(&V_DISPATCH(out));
-      case DISPID_ACC_CHILDCOUNT:
-        V_VT(out) = VT_I4;
-        return get_accChildCount(&V_I4(out));
-      case DISPID_ACC_CHILD:
-        V_VT(out) = VT_DISPATCH;
-        return get_accChild(*child.get(), &V_DISPATCH(out));
-      case DISPID_ACC_NAME:
-        V_VT(out) = VT_BSTR;
-        return get_accName(*child.get(), &V_BSTR(out));
-      case DISPID_ACC_ROLE:
-        return get_accRole(*child.get(), out);
-      case DISPID_ACC_STATE:
-        return get_accState(*child.get(), out);
-      case DISPID_ACC_NAVIGATE: {
-        UniqueVariant direction;
-        ::VariantCopyInd(direction.get(), &params->rgvarg[params->cArgs - 1]);
-        ::VariantChangeType(direction.get(), direction.get(), 0, VT_I4);
-        return accNavigate(V_I4(direction.get()), *child.get(), out);
-      }
-      case DISPID_ACC_DODEFAULTACTION:
-        return accDoDefaultAction(*child.get());
-      default:
-        return DISP_E_MEMBERNOTFOUND;
-    }
-  }
-
-  HRESULT STDMETHODCALLTYPE get_accParent(IDispatch** out) override {
-    *out = parent_ != nullptr ? ComPtr<IDispatch>(parent_).Detach() : nullptr;
-    return parent_ != nullptr ? S_OK : S_FALSE;
-  }
-  HRESULT STDMETHODCALLTYPE get_accChildCount(LONG* count) override {
-    *count = static_cast<LONG>(children_.size());
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE get_accChild(VARIANT child, IDispatch** out) override {
-    *out = nullptr;
-    if (V_VT(&child) != VT_I4 || V_I4(&child) < 1 ||
-        static_cast<std::size_t>(V_I4(&child)) > children_.size())
-      return E_INVALIDARG;
-    *out = ComPtr<IDispatch>(children_[static_cast<std::size_t>(V_I4(&child)) - 1].get()).Detach();
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE get_accName(VARIANT, BSTR* name) override {
-    *name = ::SysAllocStringLen(name_.data(), static_cast<UINT>(name_.size()));
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE get_accValue(VARIANT, BSTR*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE get_accDescription(VARIANT, BSTR*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE get_accRole(VARIANT, VARIANT* role) override {
-    V_VT(role) = VT_I4;
-    V_I4(role) = role_;
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE get_accState(VARIANT, VARIANT* state) override {
-    V_VT(state) = VT_I4;
-    V_I4(state) = 0;
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE get_accHelp(VARIANT, BSTR*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE get_accHelpTopic(BSTR*, VARIANT, LONG*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE get_accKeyboardShortcut(VARIANT, BSTR*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE get_accFocus(VARIANT*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE get_accSelection(VARIANT*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE get_accDefaultAction(VARIANT, BSTR*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE accSelect(LONG, VARIANT) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE accLocation(LONG*, LONG*, LONG*, LONG*, VARIANT) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE accNavigate(LONG direction, VARIANT, VARIANT* out) override {
-    V_VT(out) = VT_EMPTY;
-    if (direction != NAVDIR_FIRSTCHILD || children_.empty())
-      return S_FALSE;
-    V_VT(out) = VT_DISPATCH;
-    V_DISPATCH(out) = ComPtr<IDispatch>(children_.front().get()).Detach();
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE accHitTest(LONG, LONG, VARIANT*) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE accDoDefaultAction(VARIANT) override {
-    ++presses;
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE put_accName(VARIANT, BSTR) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE put_accValue(VARIANT, BSTR) override { return E_NOTIMPL; }
-
- private:
-  LONG role_;
-  std::wstring name_;
-  Element* parent_ = nullptr;
-  std::vector<std::unique_ptr<Element>> children_;
 };
 
 #pragma GCC diagnostic pop
@@ -624,15 +482,24 @@ std::size_t Count(const std::wstring& text, const std::wstring& part) {
   return n;
 }
 
-// The word processor's ribbon down to its tabs, the product's tab last.
+// The word processor's ribbon as an accessibility tree, its elements reachable through IAccessible
+// and by name, as the word processor's own are.
 struct RibbonTree {
-  explicit RibbonTree(const wchar_t* name = L"Morvelin") : productName(name) {}
-  const wchar_t* productName;
-  Element root{22, L"Ribbon"};
-  Element& client = root.Add(38, L"Ribbon").Add(60, L"Ribbon Tabs").Add(10, L"");
-  Element& home = client.Add(37, L"Home");
-  Element& view = client.Add(37, L"View");
-  Element& product = client.Add(37, productName);
+  explicit RibbonTree(std::u16string_view productName = u"Morvelin")
+      : root(ParseAccessibleTree(SampleRibbonText(productName)).root),
+        commandBar(ComPtr<IDispatch>::Attach(
+            AccessibleObject::Create(Ref<tabforge::Object>(root)).Detach())) {}
+  // The presses of every element, by name.
+  std::map<std::u16string, int> Presses() {
+    std::map<std::u16string, int> presses;
+    root->VisitAll([&](AccessibleElement& element) {
+      if (element.presses() > 0)
+        presses[element.name()] += element.presses();
+    });
+    return presses;
+  }
+  Ref<AccessibleElement> root;
+  ComPtr<IDispatch> commandBar;
 };
 
 TEST_F(Members, DocumentAndAnswersThroughTheInterface) {
@@ -737,12 +604,63 @@ TEST_F(Members, AFailureInsideReachesTheErrorComponentAndTheCallSucceeds) {
   EXPECT_EQ(recorder.errorNumbers, std::vector<LONG>{9});
 }
 
+// A tree's elements as oleacc and a caller see them: children as objects or, for a simple child,
+// as its id; names, states and parents; a failing member fails.
+class AccessibleTree : public ComTest {};
+
+TEST_F(AccessibleTree, ElementsAnswerThroughOleacc) {
+  const auto root = ParseAccessibleTree(
+                        "10 \"client\"\n"
+                        "  37 \"Home\" state=0x2\n"
+                        "  37 \"\" simple\n"
+                        "  37 \"Broken\" fail=accName\n")
+                        .root;
+  ASSERT_TRUE(root);
+  ComPtr<IAccessible> client = AccessibleObject::Create(Ref<tabforge::Object>(root));
+  LONG count = 0;
+  ASSERT_EQ(client->get_accChildCount(&count), S_OK);
+  EXPECT_EQ(count, 3);
+
+  UniqueVariant children[3];
+  VARIANT raw[3];
+  LONG got = 0;
+  ASSERT_EQ(::AccessibleChildren(client.get(), 0, 3, raw, &got), S_OK);
+  ASSERT_EQ(got, 3);
+  for (int i = 0; i < 3; ++i)
+    *children[i].get() = raw[i];
+  ASSERT_EQ(V_VT(children[0].get()), VT_DISPATCH);
+  EXPECT_EQ(V_VT(children[1].get()), VT_I4);
+  EXPECT_EQ(V_I4(children[1].get()), 2);
+  ASSERT_EQ(V_VT(children[2].get()), VT_DISPATCH);
+
+  VARIANT self;
+  V_VT(&self) = VT_I4;
+  V_I4(&self) = CHILDID_SELF;
+  ComPtr<IAccessible> home = ComPtr<IDispatch>(V_DISPATCH(children[0].get())).As<IAccessible>();
+  ASSERT_TRUE(home);
+  UniqueBstr name;
+  EXPECT_EQ(home->get_accName(self, name.Put()), S_OK);
+  EXPECT_EQ(std::wstring(name.get(), name.Length()), L"Home");
+  UniqueVariant state;
+  EXPECT_EQ(home->get_accState(self, state.get()), S_OK);
+  EXPECT_EQ(V_I4(state.get()), 2);
+  ComPtr<IDispatch> parent;
+  EXPECT_EQ(home->get_accParent(parent.Put()), S_OK);
+  UniqueBstr parentName;
+  EXPECT_EQ(parent.As<IAccessible>()->get_accName(self, parentName.Put()), S_OK);
+  EXPECT_EQ(std::wstring(parentName.get(), parentName.Length()), L"client");
+
+  ComPtr<IAccessible> broken = ComPtr<IDispatch>(V_DISPATCH(children[2].get())).As<IAccessible>();
+  UniqueBstr nothing;
+  EXPECT_TRUE(FAILED(broken->get_accName(self, nothing.Put())));
+  EXPECT_EQ(nothing.get(), nullptr);
+}
+
 TEST_F(Members, ActivateTabPressesTheProductsTab) {
   RibbonTree tree;
-  IDispatch* commandBar = &tree.root;
+  IDispatch* commandBar = tree.commandBar.get();
   EXPECT_EQ(main->activateMorvelinTab(&commandBar), S_OK);
-  EXPECT_EQ(tree.product.presses, 1);
-  EXPECT_EQ(tree.home.presses + tree.view.presses, 0);
+  EXPECT_EQ(tree.Presses(), (std::map<std::u16string, int>{{u"Morvelin", 1}}));
   EXPECT_TRUE(recorder.errorNumbers.empty());
 }
 
@@ -854,12 +772,12 @@ TEST_F(Members, EveryMemberByDispatchIdAndByName) {
                                          L"InvalidateControl MVN26"}));
 
     // The tab is found by the name the product has now.
-    RibbonTree tree(L"Quill");
+    RibbonTree tree(u"Quill");
     UniqueVariant commandBar;
     V_VT(commandBar.get()) = VT_DISPATCH;
-    V_DISPATCH(commandBar.get()) = ComPtr<IDispatch>(&tree.root).Detach();
+    V_DISPATCH(commandBar.get()) = ComPtr<IDispatch>(tree.commandBar).Detach();
     call(L"activateMorvelinTab", DISPATCH_METHOD, {commandBar.get()});
-    EXPECT_EQ(tree.product.presses, 1);
+    EXPECT_EQ(tree.Presses(), (std::map<std::u16string, int>{{u"Quill", 1}}));
     EXPECT_TRUE(recorder.errorNumbers.empty());
   }
 }

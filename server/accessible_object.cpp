@@ -1,0 +1,297 @@
+#include "server/accessible_object.h"
+
+#include <algorithm>
+#include <cwctype>
+#include <iterator>
+#include <new>
+#include <vector>
+
+#include "platform/failure.h"
+#include "platform/variant.h"
+#include "server/conversions.h"
+
+namespace tabforge::com {
+namespace {
+
+struct Member {
+  const wchar_t* name;
+  DISPID id;
+};
+
+constexpr Member kMembers[] = {
+    {L"accParent", DISPID_ACC_PARENT},     {L"accChildCount", DISPID_ACC_CHILDCOUNT},
+    {L"accChild", DISPID_ACC_CHILD},       {L"accName", DISPID_ACC_NAME},
+    {L"accRole", DISPID_ACC_ROLE},         {L"accState", DISPID_ACC_STATE},
+    {L"accNavigate", DISPID_ACC_NAVIGATE}, {L"accDoDefaultAction", DISPID_ACC_DODEFAULTACTION},
+};
+
+bool SameName(const wchar_t* a, const wchar_t* b) {
+  for (; *a != 0 && *b != 0; ++a, ++b) {
+    if (std::towlower(static_cast<wint_t>(*a)) != std::towlower(static_cast<wint_t>(*b)))
+      return false;
+  }
+  return *a == *b;
+}
+
+BstrView NameOf(const wchar_t* name) {
+  return BstrView(reinterpret_cast<const char16_t*>(name));
+}
+
+bool IsObject(const Variant& answer) {
+  return answer.type() == VarType::VT_DISPATCH && answer.ObjectRef() != nullptr;
+}
+
+// The element's answer as an object for a caller: elements are handed out as accessible objects.
+IDispatch* DispatchOf(const Variant& answer) {
+  return AccessibleObject::Create(answer.ObjectRef()).Detach();
+}
+
+// The element's answer to `member`, looked through.
+Variant Call(Object& element, const wchar_t* member, std::vector<Variant> arguments) {
+  return element.Invoke(NameOf(member), CallKind::kPropertyGet, arguments).Value();
+}
+
+// Runs `body`; a failure on the way, in the core or in a conversion, becomes its status.
+template <class Body>
+HRESULT Guard(Body&& body) noexcept {
+  try {
+    return body();
+  } catch (const Failure& failure) {
+    const HRESULT status = ScodeOf(failure.number);
+    return FAILED(status) ? status : E_FAIL;
+  } catch (...) {
+    return E_FAIL;
+  }
+}
+
+}  // namespace
+
+AccessibleObject::AccessibleObject(Ref<Object> element) : element_(std::move(element)) {}
+
+ComPtr<IAccessible> AccessibleObject::Create(Ref<Object> element) {
+  if (!element)
+    return nullptr;
+  auto* object = new (std::nothrow) AccessibleObject(std::move(element));
+  if (object == nullptr)
+    Raise(RunTimeError::kOutOfMemory);
+  return ComPtr<IAccessible>::Attach(object);
+}
+
+HRESULT AccessibleObject::QueryInterface(REFIID riid, void** out) {
+  if (out == nullptr)
+    return E_POINTER;
+  if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IDispatch) ||
+      IsEqualIID(riid, IID_IAccessible)) {
+    *out = static_cast<IAccessible*>(this);
+    AddRef();
+    return S_OK;
+  }
+  *out = nullptr;
+  return E_NOINTERFACE;
+}
+
+ULONG AccessibleObject::AddRef() {
+  return ++references_;
+}
+
+ULONG AccessibleObject::Release() {
+  const ULONG left = --references_;
+  if (left == 0)
+    delete this;
+  return left;
+}
+
+HRESULT AccessibleObject::GetTypeInfoCount(UINT* count) {
+  if (count == nullptr)
+    return E_POINTER;
+  *count = 0;
+  return S_OK;
+}
+
+HRESULT AccessibleObject::GetTypeInfo(UINT, LCID, ITypeInfo** out) {
+  if (out != nullptr)
+    *out = nullptr;
+  return DISP_E_BADINDEX;
+}
+
+HRESULT AccessibleObject::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DISPID* ids) {
+  if (names == nullptr || ids == nullptr || count == 0)
+    return E_INVALIDARG;
+  std::fill(ids, ids + count, DISPID_UNKNOWN);
+  for (const Member& member : kMembers) {
+    if (SameName(names[0], member.name)) {
+      ids[0] = member.id;
+      return count == 1 ? S_OK : DISP_E_UNKNOWNNAME;
+    }
+  }
+  return DISP_E_UNKNOWNNAME;
+}
+
+HRESULT AccessibleObject::Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* params, VARIANT* result,
+                                 EXCEPINFO* exception, UINT*) {
+  const auto member = std::find_if(std::begin(kMembers), std::end(kMembers),
+                                   [id](const Member& m) { return m.id == id; });
+  if (member == std::end(kMembers))
+    return DISP_E_MEMBERNOTFOUND;
+  try {
+    // Arguments come last to first.
+    std::vector<Variant> arguments;
+    for (UINT i = params != nullptr ? params->cArgs : 0; i > 0; --i)
+      arguments.push_back(FromVariant(params->rgvarg[i - 1]));
+    const Variant answer =
+        element_->Invoke(NameOf(member->name), CallKind::kPropertyGet, arguments).Value();
+    if (result != nullptr) {
+      if (IsObject(answer)) {
+        V_VT(result) = VT_DISPATCH;
+        V_DISPATCH(result) = DispatchOf(answer);
+      } else {
+        ToVariant(answer).DetachTo(result);
+      }
+    }
+    return S_OK;
+  } catch (const Failure& failure) {
+    if (exception != nullptr) {
+      *exception = EXCEPINFO{};
+      exception->scode = ScodeOf(failure.number);
+      exception->bstrDescription = MakeBstr(failure.description).Detach();
+    }
+    return DISP_E_EXCEPTION;
+  } catch (...) {
+    return E_FAIL;
+  }
+}
+
+HRESULT AccessibleObject::get_accParent(IDispatch** parent) {
+  if (parent == nullptr)
+    return E_POINTER;
+  *parent = nullptr;
+  return Guard([&] {
+    const Variant answer = Call(*element_, L"accParent", {});
+    if (!IsObject(answer))
+      return S_FALSE;
+    *parent = DispatchOf(answer);
+    return S_OK;
+  });
+}
+
+HRESULT AccessibleObject::get_accChildCount(LONG* count) {
+  if (count == nullptr)
+    return E_POINTER;
+  *count = 0;
+  return Guard([&] {
+    *count = ToLong(Call(*element_, L"accChildCount", {}));
+    return S_OK;
+  });
+}
+
+// A simple child has no object of its own: S_FALSE, as the platform answers for one.
+HRESULT AccessibleObject::get_accChild(VARIANT child, IDispatch** out) {
+  if (out == nullptr)
+    return E_POINTER;
+  *out = nullptr;
+  return Guard([&] {
+    const Variant answer = Call(*element_, L"accChild", {FromVariant(child)});
+    if (!IsObject(answer))
+      return S_FALSE;
+    *out = DispatchOf(answer);
+    return S_OK;
+  });
+}
+
+HRESULT AccessibleObject::get_accName(VARIANT child, BSTR* name) {
+  if (name == nullptr)
+    return E_POINTER;
+  *name = nullptr;
+  return Guard([&] {
+    *name = MakeBstr(ToBstr(Call(*element_, L"accName", {FromVariant(child)}))).Detach();
+    return S_OK;
+  });
+}
+
+HRESULT AccessibleObject::get_accRole(VARIANT child, VARIANT* role) {
+  if (role == nullptr)
+    return E_POINTER;
+  ::VariantInit(role);
+  return Guard([&] {
+    ToVariant(Call(*element_, L"accRole", {FromVariant(child)})).DetachTo(role);
+    return S_OK;
+  });
+}
+
+HRESULT AccessibleObject::get_accState(VARIANT child, VARIANT* state) {
+  if (state == nullptr)
+    return E_POINTER;
+  ::VariantInit(state);
+  return Guard([&] {
+    ToVariant(Call(*element_, L"accState", {FromVariant(child)})).DetachTo(state);
+    return S_OK;
+  });
+}
+
+HRESULT AccessibleObject::accNavigate(LONG direction, VARIANT start, VARIANT* end) {
+  if (end == nullptr)
+    return E_POINTER;
+  ::VariantInit(end);
+  return Guard([&] {
+    const Variant answer =
+        Call(*element_, L"accNavigate", {static_cast<std::int32_t>(direction), FromVariant(start)});
+    if (IsObject(answer)) {
+      V_VT(end) = VT_DISPATCH;
+      V_DISPATCH(end) = DispatchOf(answer);
+      return S_OK;
+    }
+    if (answer.type() == VarType::VT_EMPTY)
+      return S_FALSE;
+    ToVariant(answer).DetachTo(end);
+    return S_OK;
+  });
+}
+
+HRESULT AccessibleObject::accDoDefaultAction(VARIANT child) {
+  return Guard([&] {
+    Call(*element_, L"accDoDefaultAction", {FromVariant(child)});
+    return S_OK;
+  });
+}
+
+HRESULT AccessibleObject::get_accValue(VARIANT, BSTR*) {
+  return E_NOTIMPL;
+}
+HRESULT AccessibleObject::get_accDescription(VARIANT, BSTR*) {
+  return E_NOTIMPL;
+}
+HRESULT AccessibleObject::get_accHelp(VARIANT, BSTR*) {
+  return E_NOTIMPL;
+}
+HRESULT AccessibleObject::get_accHelpTopic(BSTR*, VARIANT, LONG*) {
+  return E_NOTIMPL;
+}
+HRESULT AccessibleObject::get_accKeyboardShortcut(VARIANT, BSTR*) {
+  return E_NOTIMPL;
+}
+HRESULT AccessibleObject::get_accFocus(VARIANT*) {
+  return E_NOTIMPL;
+}
+HRESULT AccessibleObject::get_accSelection(VARIANT*) {
+  return E_NOTIMPL;
+}
+HRESULT AccessibleObject::get_accDefaultAction(VARIANT, BSTR*) {
+  return E_NOTIMPL;
+}
+HRESULT AccessibleObject::accSelect(LONG, VARIANT) {
+  return E_NOTIMPL;
+}
+HRESULT AccessibleObject::accLocation(LONG*, LONG*, LONG*, LONG*, VARIANT) {
+  return E_NOTIMPL;
+}
+HRESULT AccessibleObject::accHitTest(LONG, LONG, VARIANT*) {
+  return E_NOTIMPL;
+}
+HRESULT AccessibleObject::put_accName(VARIANT, BSTR) {
+  return E_NOTIMPL;
+}
+HRESULT AccessibleObject::put_accValue(VARIANT, BSTR) {
+  return E_NOTIMPL;
+}
+
+}  // namespace tabforge::com
