@@ -69,7 +69,10 @@ def main():
             continue
         ratio = op[0] / floor[0] if floor and floor[0] > 0 else float("nan")
         met = "" if check is None else ("yes" if check(op[0], ratio, op[1]) else "**no**")
-        allocs = f" ({op[1]['allocs/call']:.0f} allocations a call)" if "allocs/call" in op[1] else ""
+        allocs = ""
+        if "allocs/call" in op[1]:
+            n = round(op[1]["allocs/call"])
+            allocs = f" ({n} allocation{'' if n == 1 else 's'} a call)"
         lines.append(f"| {name}{allocs} | {fmt(op[0])} | {floor_text} | "
                      f"{fmt(floor[0]) if floor else '-'} | {ratio:.2f} | {target} | {met} |")
     lines.append("")

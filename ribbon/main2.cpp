@@ -21,12 +21,6 @@ Bstr IdText(std::int32_t id) {
 
 Main2::Main2(VbwProtector& protector) : protector_(protector) {}
 
-tracing::Module Main2::Trace() const noexcept {
-  return tracing::Module(
-      protector_,
-      [](const void* self) { static_cast<const Main2*>(self)->vbwReportModuleVariables(); }, this);
-}
-
 void Main2::vbwReportModuleVariables() const {
   protector_.vbwReportToFile(Bstr(kModuleBanner));
   protector_.vbwReportVariable(u"mEnabled", mEnabled, 0);

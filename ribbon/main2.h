@@ -83,7 +83,13 @@ class Main2 {
   std::int16_t TabIndex(const ChildList& Info, const Bstr& tabName);
   void clickWidget(const Ref<Object>& widget);
   void vbwReportModuleVariables() const;
-  tracing::Module Trace() const noexcept;
+  // Defined here so that a procedure's runner sees the module's parts, not a returned record.
+  tracing::Module Trace() const noexcept {
+    return tracing::Module(
+        protector_,
+        [](const void* self) { static_cast<const Main2*>(self)->vbwReportModuleVariables(); },
+        this);
+  }
 
   VbwProtector& protector_;
   Accessibility accessibility_{protector_};

@@ -1,6 +1,7 @@
 #include "ribbon/string_extensions.h"
 
 #include <algorithm>
+#include <array>
 
 namespace tabforge {
 namespace {
@@ -32,31 +33,40 @@ std::size_t NextMatch(BstrView text, BstrView find, std::size_t at) {
 
 template <bool kIgnoreCase>
 Bstr Replace(BstrView text, BstrView find, BstrView replacement, std::int32_t count) {
-  auto wanted = [&](std::int32_t replaced) { return count < 0 || replaced < count; };
-  // Measure first, so that the result is allocated once and written once.
-  std::size_t length = text.size();
-  std::int32_t replaced = 0;
-  for (std::size_t at = NextMatch<kIgnoreCase>(text, find, 0);
-       at != BstrView::npos && wanted(replaced);
-       at = NextMatch<kIgnoreCase>(text, find, at + find.size())) {
-    length = length - find.size() + replacement.size();
-    ++replaced;
+  // One search: the places of the first matches are kept while the result is measured, so that it
+  // is allocated once and written once; a text with more matches than that is searched again
+  // behind the last kept one.
+  constexpr std::size_t kKept = 8;
+  std::array<std::size_t, kKept> kept;
+  const std::size_t limit = count < 0 ? text.size() + 1 : static_cast<std::size_t>(count);
+  std::size_t matches = 0;
+  std::size_t next = NextMatch<kIgnoreCase>(text, find, 0);
+  for (; next != BstrView::npos && matches < limit && matches < kKept;
+       next = NextMatch<kIgnoreCase>(text, find, next + find.size())) {
+    kept[matches++] = next;
   }
-  if (replaced == 0)
+  // Counted beyond the kept ones, not placed.
+  std::size_t more = 0;
+  for (std::size_t at = next; at != BstrView::npos && matches + more < limit;
+       at = NextMatch<kIgnoreCase>(text, find, at + find.size())) {
+    ++more;
+  }
+  if (matches == 0)
     return Bstr(text);
-  Bstr result(length, u'\0');
+  const std::size_t replaced = matches + more;
+  Bstr result(text.size() - replaced * find.size() + replaced * replacement.size(), u'\0');
   char16_t* out = result.data();
   std::size_t copied = 0;
-  replaced = 0;
-  for (std::size_t at = NextMatch<kIgnoreCase>(text, find, 0);
-       at != BstrView::npos && wanted(replaced);
-       at = NextMatch<kIgnoreCase>(text, find, at + find.size())) {
+  auto write = [&](std::size_t at) {
     out = std::copy(text.begin() + static_cast<std::ptrdiff_t>(copied),
                     text.begin() + static_cast<std::ptrdiff_t>(at), out);
     out = std::copy(replacement.begin(), replacement.end(), out);
     copied = at + find.size();
-    ++replaced;
-  }
+  };
+  for (std::size_t i = 0; i < matches; ++i)
+    write(kept[i]);
+  for (std::size_t i = 0; i < more; ++i)
+    write(NextMatch<kIgnoreCase>(text, find, copied));
   std::copy(text.begin() + static_cast<std::ptrdiff_t>(copied), text.end(), out);
   return result;
 }

@@ -122,6 +122,10 @@ TEST(StringExtensionsTest, ReplaceTextIsOnePassAndExact) {
   EXPECT_EQ(StringExtensions::replaceText(u"aaa", u"aa", u"b"), u"ba");
   EXPECT_EQ(StringExtensions::replaceText(u"P", u"PN", u"x"), u"P");
   EXPECT_EQ(StringExtensions::replaceText(u"pN Pn", u"Pn", u"x", 1, 1, 1), u"x Pn");
+  // More matches than the search keeps places for, with and without a count.
+  EXPECT_EQ(StringExtensions::replaceText(u"a.a.a.a.a.a.a.a.a.a", u"a", u"bc"),
+            u"bc.bc.bc.bc.bc.bc.bc.bc.bc.bc");
+  EXPECT_EQ(StringExtensions::replaceText(u"a.a.a.a.a.a.a.a.a.a", u"a", u"", 1, 9), u".........a");
 }
 
 TEST(StringExtensionsTest, EndsWithAndStripPrefix) {
