@@ -77,41 +77,12 @@ ComPtr<IAccessible> AccessibleObject::Create(Ref<Object> element) {
   return ComPtr<IAccessible>::Attach(object);
 }
 
-HRESULT AccessibleObject::QueryInterface(REFIID riid, void** out) {
-  if (out == nullptr)
-    return E_POINTER;
-  if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IDispatch) ||
-      IsEqualIID(riid, IID_IAccessible)) {
-    *out = static_cast<IAccessible*>(this);
-    AddRef();
-    return S_OK;
-  }
-  *out = nullptr;
-  return E_NOINTERFACE;
-}
-
-ULONG AccessibleObject::AddRef() {
-  return ++references_;
-}
-
-ULONG AccessibleObject::Release() {
-  const ULONG left = --references_;
-  if (left == 0)
-    delete this;
-  return left;
-}
-
 HRESULT AccessibleObject::GetTypeInfoCount(UINT* count) {
-  if (count == nullptr)
-    return E_POINTER;
-  *count = 0;
-  return S_OK;
+  return NoTypeInfoCount(count);
 }
 
 HRESULT AccessibleObject::GetTypeInfo(UINT, LCID, ITypeInfo** out) {
-  if (out != nullptr)
-    *out = nullptr;
-  return DISP_E_BADINDEX;
+  return NoTypeInfo(out);
 }
 
 HRESULT AccessibleObject::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DISPID* ids) {

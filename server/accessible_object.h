@@ -14,6 +14,7 @@
 #include <oleacc.h>
 
 #include "platform/object.h"
+#include "server/com_object.h"
 #include "server/com_ptr.h"
 
 namespace tabforge::com {
@@ -21,14 +22,10 @@ namespace tabforge::com {
 // COM interfaces have no virtual destructor by design; objects delete themselves in Release.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
-class AccessibleObject final : public IAccessible {
+class AccessibleObject final : public ComObject<AccessibleObject, IAccessible> {
  public:
   // Nothing for a null element.
   static ComPtr<IAccessible> Create(Ref<Object> element);
-
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override;
-  ULONG STDMETHODCALLTYPE AddRef() override;
-  ULONG STDMETHODCALLTYPE Release() override;
 
   HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override;
   HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT index, LCID locale, ITypeInfo** out) override;
@@ -62,10 +59,10 @@ class AccessibleObject final : public IAccessible {
   HRESULT STDMETHODCALLTYPE put_accValue(VARIANT child, BSTR value) override;
 
  private:
+  friend class ComObject<AccessibleObject, IAccessible>;
   explicit AccessibleObject(Ref<Object> element);
   ~AccessibleObject() = default;
 
-  ULONG references_ = 1;
   Ref<Object> element_;
 };
 #pragma GCC diagnostic pop

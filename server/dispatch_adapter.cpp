@@ -44,44 +44,16 @@ Ref<Object> DispatchAdapter::Unwrap(IDispatch* dispatch) {
   return static_cast<DispatchAdapter*>(raw)->object_;
 }
 
-HRESULT DispatchAdapter::QueryInterface(REFIID riid, void** out) {
-  if (out == nullptr)
-    return E_POINTER;
-  if (IsEqualIID(riid, kIidDispatchAdapter)) {
-    *out = this;  // an internal identity check, not a reference
-    return S_OK;
-  }
-  if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IDispatch)) {
-    *out = static_cast<IDispatch*>(this);
-    AddRef();
-    return S_OK;
-  }
-  *out = nullptr;
-  return E_NOINTERFACE;
-}
-
-ULONG DispatchAdapter::AddRef() {
-  return ++references_;
-}
-
-ULONG DispatchAdapter::Release() {
-  const ULONG left = --references_;
-  if (left == 0)
-    delete this;
-  return left;
+void* DispatchAdapter::QueryMore(REFIID riid) {
+  return IsEqualIID(riid, kIidDispatchAdapter) ? this : nullptr;
 }
 
 HRESULT DispatchAdapter::GetTypeInfoCount(UINT* count) {
-  if (count == nullptr)
-    return E_POINTER;
-  *count = 0;
-  return S_OK;
+  return NoTypeInfoCount(count);
 }
 
 HRESULT DispatchAdapter::GetTypeInfo(UINT, LCID, ITypeInfo** out) {
-  if (out != nullptr)
-    *out = nullptr;
-  return DISP_E_BADINDEX;
+  return NoTypeInfo(out);
 }
 
 HRESULT DispatchAdapter::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DISPID* ids) {

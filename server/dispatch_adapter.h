@@ -10,6 +10,7 @@
 
 #include "platform/bstr.h"
 #include "platform/object.h"
+#include "server/com_object.h"
 #include "server/com_ptr.h"
 
 namespace tabforge::com {
@@ -17,15 +18,12 @@ namespace tabforge::com {
 // COM interfaces have no virtual destructor by design; objects delete themselves in Release.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
-class DispatchAdapter final : public IDispatch {
+class DispatchAdapter final : public ComObject<DispatchAdapter, IDispatch> {
  public:
   static ComPtr<IDispatch> Create(Ref<Object> object);
   // The core object behind `dispatch` when it is one of these adapters, else nothing.
   static Ref<Object> Unwrap(IDispatch* dispatch);
 
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override;
-  ULONG STDMETHODCALLTYPE AddRef() override;
-  ULONG STDMETHODCALLTYPE Release() override;
   HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override;
   HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT index, LCID locale, ITypeInfo** out) override;
   HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID riid, LPOLESTR* names, UINT count, LCID locale,
@@ -35,10 +33,12 @@ class DispatchAdapter final : public IDispatch {
                                    UINT* argumentError) override;
 
  private:
+  friend class ComObject<DispatchAdapter, IDispatch>;
   explicit DispatchAdapter(Ref<Object> object);
   ~DispatchAdapter();
+  // The internal identity that Unwrap asks for: the adapter itself, without a reference.
+  void* QueryMore(REFIID riid);
 
-  ULONG references_ = 1;
   Ref<Object> object_;
   // Names in the order they were asked for; a member's id is its index plus one.
   std::vector<Bstr> names_;

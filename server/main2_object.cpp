@@ -157,30 +157,6 @@ Main2Object::~Main2Object() {
   ModuleRelease();
 }
 
-HRESULT Main2Object::QueryInterface(REFIID riid, void** out) {
-  if (out == nullptr)
-    return E_POINTER;
-  if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IDispatch) ||
-      IsEqualIID(riid, IID__Main2)) {
-    *out = static_cast<_Main2*>(this);
-    AddRef();
-    return S_OK;
-  }
-  *out = nullptr;
-  return E_NOINTERFACE;
-}
-
-ULONG Main2Object::AddRef() {
-  return ++references_;
-}
-
-ULONG Main2Object::Release() {
-  const ULONG left = --references_;
-  if (left == 0)
-    delete this;
-  return left;
-}
-
 HRESULT Main2Object::GetTypeInfoCount(UINT* count) {
   if (count == nullptr)
     return E_POINTER;

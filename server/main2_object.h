@@ -10,6 +10,7 @@
 
 #include "Tabforge_h.h"
 #include "ribbon/main2.h"
+#include "server/com_object.h"
 #include "server/com_ptr.h"
 
 namespace tabforge::com {
@@ -26,14 +27,9 @@ ComPtr<ITypeInfo> LoadMain2TypeInfo();
 // COM interfaces have no virtual destructor by design; objects delete themselves in Release.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
-class Main2Object final : public _Main2 {
+class Main2Object final : public ComObject<Main2Object, _Main2> {
  public:
   static HRESULT Create(REFIID riid, void** out);
-
-  // IUnknown
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override;
-  ULONG STDMETHODCALLTYPE AddRef() override;
-  ULONG STDMETHODCALLTYPE Release() override;
 
   // IDispatch, through the type library
   HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override;
@@ -65,10 +61,10 @@ class Main2Object final : public _Main2 {
   Main2& core() { return core_; }
 
  private:
+  friend class ComObject<Main2Object, _Main2>;
   Main2Object(VbwProtector& protector, ComPtr<ITypeInfo> typeInfo);
   ~Main2Object();
 
-  ULONG references_ = 1;
   ComPtr<ITypeInfo> typeInfo_;
   Main2 core_;
 };

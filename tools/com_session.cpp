@@ -18,6 +18,7 @@
 #include "accessibility/accessible_tree.h"
 #include "platform/failure.h"
 #include "server/accessible_object.h"
+#include "server/com_object.h"
 #include "server/com_ptr.h"
 #include "server/conversions.h"
 #include "server/windows_platform.h"
@@ -47,40 +48,16 @@ bool SameName(const std::wstring& a, const std::wstring& b) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
-// The reference counting and the by-name half of IDispatch that the session's objects share: a
-// member's id is its place in a fixed list of names, plus one.
-template <class Interface>
-class SessionDispatch : public Interface {
+// The by-name half of IDispatch that the session's objects share: a member's id is its place in a
+// fixed list of names, plus one.
+template <class Derived, class Interface>
+class SessionDispatch : public com::ComObject<Derived, Interface> {
  public:
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
-    if (out == nullptr)
-      return E_POINTER;
-    if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IDispatch) ||
-        IsEqualIID(riid, __uuidof(Interface))) {
-      *out = static_cast<Interface*>(this);
-      this->AddRef();
-      return S_OK;
-    }
-    *out = nullptr;
-    return E_NOINTERFACE;
-  }
-  ULONG STDMETHODCALLTYPE AddRef() override { return ++references_; }
-  ULONG STDMETHODCALLTYPE Release() override {
-    const ULONG left = --references_;
-    if (left == 0)
-      delete this;
-    return left;
-  }
   HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override {
-    if (count == nullptr)
-      return E_POINTER;
-    *count = 0;
-    return S_OK;
+    return com::NoTypeInfoCount(count);
   }
   HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo** out) override {
-    if (out != nullptr)
-      *out = nullptr;
-    return DISP_E_BADINDEX;
+    return com::NoTypeInfo(out);
   }
   HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID,
                                           DISPID* ids) override {
@@ -99,7 +76,6 @@ class SessionDispatch : public Interface {
 
  protected:
   explicit SessionDispatch(std::vector<std::wstring> members) : members_(std::move(members)) {}
-  virtual ~SessionDispatch() = default;
   const std::wstring* MemberOf(DISPID id) const {
     if (id < 1 || static_cast<std::size_t>(id) > members_.size())
       return nullptr;
@@ -107,13 +83,12 @@ class SessionDispatch : public Interface {
   }
 
  private:
-  ULONG references_ = 1;
   std::vector<std::wstring> members_;
 };
 
 // The signalling object: the core's recording signaller behind IDispatch, so that the library
 // reaches it exactly as it reaches the template's object.
-class SignallerObject final : public SessionDispatch<IDispatch> {
+class SignallerObject final : public SessionDispatch<SignallerObject, IDispatch> {
  public:
   static ComPtr<IDispatch> Create(Ref<Object> signaller) {
     return ComPtr<IDispatch>::Attach(new SignallerObject(std::move(signaller)));
@@ -148,7 +123,7 @@ class SignallerObject final : public SessionDispatch<IDispatch> {
 };
 
 // The ribbon: the core's recording ribbon behind IRibbonUI, and by name behind IDispatch.
-class RibbonObject final : public SessionDispatch<IRibbonUI> {
+class RibbonObject final : public SessionDispatch<RibbonObject, IRibbonUI> {
  public:
   static ComPtr<IDispatch> Create(Ref<RibbonUi> ribbon) {
     return ComPtr<IDispatch>::Attach(new RibbonObject(std::move(ribbon)));
