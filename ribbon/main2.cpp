@@ -107,7 +107,7 @@ void Main2::initProductNameSensitiveControl(std::int32_t id, const Bstr& labelTe
       });
 }
 
-std::int32_t Main2::convertToId(Bstr idStr) {
+std::int32_t Main2::convertToId(BstrView idStr) {
   std::int32_t result = 0;
   Run(
       Trace(), kConvertToId, [&](ParameterText& p) { p.Add(u"idStr", idStr); },

@@ -77,7 +77,7 @@ class Main2 {
   Bstr AddButtonImpl(BstrView id, BstrView label, Bstr& tooltip, BstrView shortCutKey,
                      BstrView size, VariantBool showLabel, BstrView imageMso, BstrView buttonType);
   std::int16_t getApplyMorvelinImageIndex();
-  std::int32_t convertToId(Bstr idStr);
+  std::int32_t convertToId(BstrView idStr);
   void InvalidateRibbonControl(std::int32_t id);
   Ref<Object> getMorvelinTab(const Ref<Object>& RibbonCommandBar);
   std::int16_t TabIndex(const ChildList& Info, const Bstr& tabName);

@@ -15,18 +15,20 @@ char16_t FoldCase(char16_t c) {
 // is several times slower here.
 template <bool kIgnoreCase>
 std::size_t NextMatch(BstrView text, BstrView find, std::size_t at) {
-  if (find.size() > text.size())
+  if (find.size() > text.size() || at > text.size() - find.size())
     return BstrView::npos;
-  auto same = [](char16_t a, char16_t b) {
-    return kIgnoreCase ? FoldCase(a) == FoldCase(b) : a == b;
-  };
-  const std::size_t last = text.size() - find.size();
-  for (; at <= last; ++at) {
-    if (same(text[at], find[0]) &&
-        std::equal(find.begin() + 1, find.end(), text.begin() + static_cast<std::ptrdiff_t>(at + 1),
-                   same)) {
-      return at;
-    }
+  const auto fold = [](char16_t c) { return kIgnoreCase ? FoldCase(c) : c; };
+  const char16_t first = fold(find[0]);
+  const char16_t* const begin = text.data();
+  const char16_t* const last = begin + (text.size() - find.size());
+  for (const char16_t* p = begin + at; p <= last; ++p) {
+    if (fold(*p) != first)
+      continue;
+    std::size_t k = 1;
+    while (k < find.size() && fold(p[k]) == fold(find[k]))
+      ++k;
+    if (k == find.size())
+      return static_cast<std::size_t>(p - begin);
   }
   return BstrView::npos;
 }
@@ -90,10 +92,10 @@ VariantBool StringExtensions::endsWith(BstrView text, BstrView ending) {
                        text.substr(text.size() - ending.size()) == ending);
 }
 
-VariantBool StringExtensions::stripPrefix(Bstr& text, BstrView prefix) {
-  if (BstrView(text).substr(0, prefix.size()) != prefix)
+VariantBool StringExtensions::stripPrefix(BstrView& text, BstrView prefix) {
+  if (text.substr(0, prefix.size()) != prefix)
     return kFalse;
-  text.erase(0, prefix.size());
+  text.remove_prefix(prefix.size());
   return kTrue;
 }
 

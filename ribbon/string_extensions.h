@@ -2,8 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <initializer_list>
-#include <vector>
 
 #include "platform/bstr.h"
 #include "platform/variant_bool.h"
@@ -19,19 +17,12 @@ struct StringExtensions {
                           std::int32_t start = 1, std::int32_t count = -1,
                           std::int32_t compare = 0);
 
-  // Fills `array` with one element for each value, in order, lower bound 0. The values come as a
-  // braced list, which C++ evaluates left to right: the pieces are made in the order they stand.
-  static std::vector<Bstr>& stringArray(std::vector<Bstr>& array,
-                                        std::initializer_list<Bstr> values) {
-    array.assign(values.begin(), values.end());
-    return array;
-  }
-
   static VariantBool endsWith(BstrView text, BstrView ending);
 
   // Removes `prefix` from the start of `text` when it is there, and says whether it was. A text
-  // that does not begin with the prefix is left as it is.
-  static VariantBool stripPrefix(Bstr& text, BstrView prefix);
+  // that does not begin with the prefix is left as it is. The text is a view: what it shows is
+  // narrowed, nothing is copied.
+  static VariantBool stripPrefix(BstrView& text, BstrView prefix);
 };
 
 }  // namespace tabforge
