@@ -11,7 +11,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <initializer_list>
 #include <utility>
 #include <vector>
@@ -61,36 +60,11 @@ class Piece {
   // Writes the text at `out`, which has room for size() characters, and returns its end.
   char16_t* CopyTo(char16_t* out) const noexcept {
     for (std::size_t at = 0; at < count_; ++at)
-      out = CopyText(texts_[at], sizes_[at], out);
+      out = CopyChars(texts_[at], sizes_[at], out);
     return out;
   }
 
-  // Most pieces are a few characters long, where a call to the library's copy costs more than
-  // the copy: up to 16 characters are moved as two overlapping blocks of fixed size.
-  static char16_t* CopyText(const char16_t* text, std::size_t size, char16_t* out) noexcept {
-    if (size >= 8 && size <= 16) {
-      CopyBlock<16>(text, out);
-      CopyBlock<16>(text + size - 8, out + size - 8);
-    } else if (size >= 4 && size < 8) {
-      CopyBlock<8>(text, out);
-      CopyBlock<8>(text + size - 4, out + size - 4);
-    } else if (size > 16) {
-      std::memcpy(out, text, size * sizeof(char16_t));
-    } else {
-      for (std::size_t at = 0; at < size; ++at)
-        out[at] = text[at];
-    }
-    return out + size;
-  }
-
  private:
-  template <std::size_t Bytes>
-  static void CopyBlock(const char16_t* from, char16_t* to) noexcept {
-    unsigned char block[Bytes];
-    std::memcpy(block, from, Bytes);
-    std::memcpy(to, block, Bytes);
-  }
-
   // The referenced texts. Places behind `count_` are left unset and copied as they are: a list
   // holds many pieces, and clearing them all would cost more than the rest of the element. The
   // sizes are held in 32 bits (no piece comes near that) to keep a piece small enough to be copied
@@ -120,7 +94,7 @@ class OwnedPiece {
 
   std::size_t size() const noexcept { return owned_.size() + piece_.size(); }
   char16_t* CopyTo(char16_t* out) const noexcept {
-    return piece_.CopyTo(Piece::CopyText(owned_.data(), owned_.size(), out));
+    return piece_.CopyTo(CopyChars(owned_.data(), owned_.size(), out));
   }
 
  private:

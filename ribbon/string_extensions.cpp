@@ -60,16 +60,15 @@ Bstr Replace(BstrView text, BstrView find, BstrView replacement, std::int32_t co
   char16_t* out = result.data();
   std::size_t copied = 0;
   auto write = [&](std::size_t at) {
-    out = std::copy(text.begin() + static_cast<std::ptrdiff_t>(copied),
-                    text.begin() + static_cast<std::ptrdiff_t>(at), out);
-    out = std::copy(replacement.begin(), replacement.end(), out);
+    out = CopyChars(text.data() + copied, at - copied, out);
+    out = CopyChars(replacement.data(), replacement.size(), out);
     copied = at + find.size();
   };
   for (std::size_t i = 0; i < matches; ++i)
     write(kept[i]);
   for (std::size_t i = 0; i < more; ++i)
     write(NextMatch<kIgnoreCase>(text, find, copied));
-  std::copy(text.begin() + static_cast<std::ptrdiff_t>(copied), text.end(), out);
+  CopyChars(text.data() + copied, text.size() - copied, out);
   return result;
 }
 
