@@ -2,7 +2,6 @@
 // the callbacks beside a plain map look-up.
 #include <benchmark/benchmark.h>
 
-#include <cstring>
 #include <map>
 #include <vector>
 
@@ -81,10 +80,8 @@ void JoinDocumentPieces(benchmark::State& state) {
       length += piece.size();
     Bstr joined(length, u'\0');
     char16_t* out = joined.data();
-    for (BstrView piece : pieces) {
-      std::memcpy(out, piece.data(), piece.size() * sizeof(char16_t));
-      out += piece.size();
-    }
+    for (BstrView piece : pieces)
+      out = CopyChars(piece.data(), piece.size(), out);
     benchmark::DoNotOptimize(joined.data());
   }
   state.counters["pieces"] = static_cast<double>(pieces.size());

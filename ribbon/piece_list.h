@@ -132,13 +132,11 @@ class PieceList {
     Clear(Count);
   }
 
-  // Keeps the first pieces; new places are empty. The bound is fixed, so a size beyond it fails
-  // as a subscript out of range would.
+  // Keeps the first pieces; new places are empty (places behind the end always are). The bound is
+  // fixed, so a size beyond it fails as a subscript out of range would.
   void Resize(std::size_t size) {
     if (size > Capacity)
       Raise(RunTimeError::kSubscriptOutOfRange);
-    for (std::size_t at = size_; at < size; ++at)
-      pieces_[at] = PieceType();
     Clear(size);
   }
 
@@ -164,7 +162,8 @@ class PieceList {
   }
 
  private:
-  // Ends the list at `size`, letting go of what the places behind it held.
+  // Ends the list at `size`, emptying the places behind it, so that they are empty when the list
+  // grows again.
   void Clear(std::size_t size) {
     for (std::size_t at = size; at < size_; ++at)
       pieces_[at] = PieceType();

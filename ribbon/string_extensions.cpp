@@ -1,6 +1,5 @@
 #include "ribbon/string_extensions.h"
 
-#include <algorithm>
 #include <array>
 
 namespace tabforge {

@@ -1,7 +1,6 @@
 #include "server/accessible_object.h"
 
 #include <algorithm>
-#include <cwctype>
 #include <iterator>
 #include <new>
 #include <vector>
@@ -25,18 +24,6 @@ constexpr Member kMembers[] = {
     {L"accNavigate", DISPID_ACC_NAVIGATE}, {L"accDoDefaultAction", DISPID_ACC_DODEFAULTACTION},
 };
 
-bool SameName(const wchar_t* a, const wchar_t* b) {
-  for (; *a != 0 && *b != 0; ++a, ++b) {
-    if (std::towlower(static_cast<wint_t>(*a)) != std::towlower(static_cast<wint_t>(*b)))
-      return false;
-  }
-  return *a == *b;
-}
-
-BstrView NameOf(const wchar_t* name) {
-  return BstrView(reinterpret_cast<const char16_t*>(name));
-}
-
 bool IsObject(const Variant& answer) {
   return answer.type() == VarType::VT_DISPATCH && answer.ObjectRef() != nullptr;
 }
@@ -48,7 +35,7 @@ IDispatch* DispatchOf(const Variant& answer) {
 
 // The element's answer to `member`, looked through.
 Variant Call(Object& element, const wchar_t* member, std::vector<Variant> arguments) {
-  return element.Invoke(NameOf(member), CallKind::kPropertyGet, arguments).Value();
+  return element.Invoke(NameView(member), CallKind::kPropertyGet, arguments).Value();
 }
 
 // Runs `body`; a failure on the way, in the core or in a conversion, becomes its status.
@@ -90,7 +77,7 @@ HRESULT AccessibleObject::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCI
     return E_INVALIDARG;
   std::fill(ids, ids + count, DISPID_UNKNOWN);
   for (const Member& member : kMembers) {
-    if (SameName(names[0], member.name)) {
+    if (SameMemberName(NameView(names[0]), NameView(member.name))) {
       ids[0] = member.id;
       return count == 1 ? S_OK : DISP_E_UNKNOWNNAME;
     }
@@ -110,7 +97,7 @@ HRESULT AccessibleObject::Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* para
     for (UINT i = params != nullptr ? params->cArgs : 0; i > 0; --i)
       arguments.push_back(FromVariant(params->rgvarg[i - 1]));
     const Variant answer =
-        element_->Invoke(NameOf(member->name), CallKind::kPropertyGet, arguments).Value();
+        element_->Invoke(NameView(member->name), CallKind::kPropertyGet, arguments).Value();
     if (result != nullptr) {
       if (IsObject(answer)) {
         V_VT(result) = VT_DISPATCH;

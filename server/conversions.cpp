@@ -1,5 +1,7 @@
 #include "server/conversions.h"
 
+#include <algorithm>
+#include <cwctype>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -290,6 +292,12 @@ UniqueVariant ToVariant(const Variant& input) {
       Raise(RunTimeError::kTypeMismatch);
   }
   return out;
+}
+
+bool SameMemberName(BstrView a, BstrView b) {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char16_t x, char16_t y) {
+    return std::towlower(static_cast<wint_t>(x)) == std::towlower(static_cast<wint_t>(y));
+  });
 }
 
 HRESULT ScodeOf(std::int32_t number) {

@@ -42,6 +42,13 @@ Variant FromVariant(const VARIANT& value);
 // automation form.
 UniqueVariant ToVariant(const Variant& value);
 
+// Member names compare without regard to case, as everywhere in automation.
+bool SameMemberName(BstrView a, BstrView b);
+// A name as the automation calls hand it over.
+inline BstrView NameView(const wchar_t* name) {
+  return BstrView(reinterpret_cast<const char16_t*>(name));
+}
+
 // The automation status that stands for a failure number: HRESULTs pass as they are, run-time
 // numbers get the run time's facility.
 HRESULT ScodeOf(std::int32_t number);

@@ -1,7 +1,6 @@
 #include "server/dispatch_adapter.h"
 
 #include <algorithm>
-#include <cwctype>
 #include <new>
 
 #include "platform/failure.h"
@@ -16,13 +15,6 @@ namespace {
 // {6A3D8F0E-52B1-4C77-9E4B-1F0C2D7A9B31}
 constexpr IID kIidDispatchAdapter = {
     0x6a3d8f0e, 0x52b1, 0x4c77, {0x9e, 0x4b, 0x1f, 0x0c, 0x2d, 0x7a, 0x9b, 0x31}};
-
-// Member names compare without regard to case, as everywhere in automation.
-bool SameName(BstrView a, BstrView b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char16_t x, char16_t y) {
-    return std::towlower(static_cast<wint_t>(x)) == std::towlower(static_cast<wint_t>(y));
-  });
-}
 
 }  // namespace
 
@@ -65,7 +57,7 @@ HRESULT DispatchAdapter::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID
       ids[i] = DISPID_UNKNOWN;
     const Bstr name(reinterpret_cast<const char16_t*>(names[0]));
     auto found = std::find_if(names_.begin(), names_.end(),
-                              [&](const Bstr& known) { return SameName(known, name); });
+                              [&](const Bstr& known) { return SameMemberName(known, name); });
     if (found == names_.end()) {
       names_.push_back(name);
       found = names_.end() - 1;

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cwctype>
 #include <map>
 #include <new>
 #include <stdexcept>
@@ -37,13 +36,6 @@ using com::UniqueVariant;
   throw std::runtime_error(what + " failed with " + code);
 }
 
-// Member names compare without regard to case, as everywhere in automation.
-bool SameName(const std::wstring& a, const std::wstring& b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](wchar_t x, wchar_t y) {
-    return std::towlower(static_cast<wint_t>(x)) == std::towlower(static_cast<wint_t>(y));
-  });
-}
-
 // COM interfaces have no virtual destructor by design; objects delete themselves in Release.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
@@ -66,7 +58,7 @@ class SessionDispatch : public com::ComObject<Derived, Interface> {
     for (UINT i = 0; i < count; ++i)
       ids[i] = DISPID_UNKNOWN;
     for (std::size_t i = 0; i < members_.size(); ++i) {
-      if (SameName(members_[i], names[0])) {
+      if (com::SameMemberName(com::NameView(members_[i].c_str()), com::NameView(names[0]))) {
         ids[0] = static_cast<DISPID>(i) + 1;
         return count > 1 ? DISP_E_UNKNOWNNAME : S_OK;
       }
