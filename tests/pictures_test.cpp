@@ -8,6 +8,7 @@
 #include "pictures/transparent_gif_loader.h"
 #include "pictures/vb_language_extensions.h"
 #include "platform/call_by_name.h"
+#include "platform/portable/stb_allocation.h"
 
 namespace tabforge::testing {
 namespace {
@@ -95,6 +96,120 @@ TEST_F(Loader, OpaquePngKeepsItsColoursAndGifTransparencyReadsBlue) {
   EXPECT_EQ(Pixels(second).Pixel(1, 0), 0xFFFF0000u);
 }
 
+// Whether two 0xAARRGGBB pixels have the same alpha and colours within three steps of each other:
+// JPEG keeps colours only to within rounding.
+bool Near(std::uint32_t actual, std::uint32_t expected) {
+  constexpr int step = 3;
+  if (actual >> 24 != expected >> 24)
+    return false;
+  for (int shift = 0; shift < 24; shift += 8) {
+    const int difference =
+        static_cast<int>((actual >> shift) & 0xFF) - static_cast<int>((expected >> shift) & 0xFF);
+    if (difference > step || difference < -step)
+      return false;
+  }
+  return true;
+}
+
+// 16x8: a block of orange beside a block of teal, so that no 8x8 block mixes two colours.
+std::vector<std::uint8_t> OrangeAndTeal() {
+  std::vector<std::uint8_t> rgb;
+  for (int y = 0; y < 8; ++y)
+    for (int x = 0; x < 16; ++x)
+      rgb.insert(rgb.end(), x < 8 ? std::initializer_list<std::uint8_t>{240, 120, 20}
+                                  : std::initializer_list<std::uint8_t>{20, 160, 150});
+  return rgb;
+}
+
+// The progressive form of OrangeAndTeal with its last scan repeated `times` more times.
+std::vector<std::uint8_t> ProgressiveWithLastScanRepeated(int times) {
+  std::vector<std::uint8_t> jpeg = Jpeg(16, 8, OrangeAndTeal(), {.progressive = true});
+  std::size_t last = 0;
+  for (std::size_t i = 0; i + 1 < jpeg.size(); ++i)
+    if (jpeg[i] == 0xFF && jpeg[i + 1] == 0xDA)
+      last = i;
+  const std::vector<std::uint8_t> scan(jpeg.begin() + static_cast<std::ptrdiff_t>(last),
+                                       jpeg.end() - 2);  // up to the end-of-image marker
+  for (int i = 0; i < times; ++i)
+    jpeg.insert(jpeg.end() - 2, scan.begin(), scan.end());
+  return jpeg;
+}
+
+TEST_F(Loader, JpegDecodesOpaqueInColourGreyAndCmyk) {
+  for (bool progressive : {false, true}) {
+    ArrayRef bytes = Bytes(Jpeg(16, 8, OrangeAndTeal(), {.progressive = progressive}));
+    Ref<Object> picture = loader->LoadTransparentGif(bytes);
+    ASSERT_TRUE(picture) << "progressive " << progressive;
+    const PortableBitmap& bitmap = Pixels(picture);
+    EXPECT_EQ(bitmap.width, 16);
+    EXPECT_EQ(bitmap.height, 8);
+    EXPECT_PRED2(Near, bitmap.Pixel(0, 0), 0xFFF07814u);
+    EXPECT_PRED2(Near, bitmap.Pixel(15, 7), 0xFF14A096u);
+  }
+  ArrayRef grey = Bytes(Jpeg(8, 8, std::vector<std::uint8_t>(64, 90), {.components = 1}));
+  Ref<Object> greyPicture = loader->LoadTransparentGif(grey);
+  ASSERT_TRUE(greyPicture);
+  EXPECT_PRED2(Near, Pixels(greyPicture).Pixel(7, 7), 0xFF5A5A5Au);
+
+  // Full cyan ink with half black: Adobe's files store 255 minus each ink, other files the ink.
+  std::vector<std::uint8_t> inverted;
+  std::vector<std::uint8_t> inks;
+  for (int i = 0; i < 64; ++i) {
+    inverted.insert(inverted.end(), {0, 255, 255, 127});
+    inks.insert(inks.end(), {255, 0, 0, 128});
+  }
+  ArrayRef adobe = Bytes(Jpeg(8, 8, inverted, {.components = 4}));
+  ArrayRef plain = Bytes(Jpeg(8, 8, inks, {.components = 4, .adobeMarker = false}));
+  for (ArrayRef* cmyk : {&adobe, &plain}) {
+    Ref<Object> picture = loader->LoadTransparentGif(*cmyk);
+    ASSERT_TRUE(picture);
+    EXPECT_PRED2(Near, Pixels(picture).Pixel(3, 3), 0xFF007F7Fu);
+  }
+  EXPECT_TRUE(HandlerCalls().empty());
+}
+
+TEST_F(Loader, JpegThatCannotBeReadGivesNothingAndACutOneDecodesAsFarAsItGoes) {
+  // A huffman table whose code counts add up to more than the 256 symbols a table holds.
+  const std::vector<std::uint8_t> overfullTable{0xFF, 0xD8, 0xFF, 0xC4, 0xFF, 0xFF, 0x00, 0,
+                                                0,    0xBD, 0xBD, 0xBD, 0xBD, 0xBD, 0xBD, 0xBD,
+                                                0xBD, 0xBD, 0xBD, 0xBD, 0xBD, 0xBD, 0xBD, 0xBD};
+  // 8192 by 4096 in the frame header: over the bound of 2^24 pixels.
+  std::vector<std::uint8_t> tooLarge = Jpeg(16, 8, OrangeAndTeal());
+  for (std::size_t i = 0; i + 8 < tooLarge.size(); ++i) {
+    if (tooLarge[i] == 0xFF && tooLarge[i + 1] == 0xC0) {
+      tooLarge[i + 5] = 0x10;
+      tooLarge[i + 7] = 0x20;
+      break;
+    }
+  }
+  for (const std::vector<std::uint8_t>& file :
+       {overfullTable, tooLarge, ProgressiveWithLastScanRepeated(300),
+        std::vector<std::uint8_t>{0xFF, 0xD8, 0xFF}}) {
+    ArrayRef bytes = Bytes(file);
+    EXPECT_FALSE(loader->LoadTransparentGif(bytes)) << file.size() << " bytes";
+  }
+  EXPECT_EQ(api.liveBlocks(), 0u);
+  EXPECT_EQ(api.liveBitmaps(), 0u);
+  EXPECT_EQ(api.liveHandles(), 0u);
+
+  // A few scans more than the progression needs are only redundant; a file cut short in its
+  // pixel data keeps its size.
+  std::vector<std::uint8_t> cut = Jpeg(16, 8, OrangeAndTeal());
+  std::size_t scan = 0;
+  while (!(cut[scan] == 0xFF && cut[scan + 1] == 0xDA))
+    ++scan;
+  const std::size_t pixelData = scan + 2 + (cut[scan + 2] << 8 | cut[scan + 3]);
+  cut.resize(pixelData + (cut.size() - 2 - pixelData) / 2);  // half the pixel data, no end
+  for (const std::vector<std::uint8_t>& file : {ProgressiveWithLastScanRepeated(20), cut}) {
+    ArrayRef bytes = Bytes(file);
+    Ref<Object> picture = loader->LoadTransparentGif(bytes);
+    ASSERT_TRUE(picture) << file.size() << " bytes";
+    EXPECT_EQ(Pixels(picture).width, 16);
+    EXPECT_PRED2(Near, Pixels(picture).Pixel(0, 0), 0xFFF07814u);
+  }
+  EXPECT_TRUE(HandlerCalls().empty());
+}
+
 TEST_F(Loader, PictureAnswersItsMembersByName) {
   ArrayRef bytes = Bytes(RgbaPng(2, 2, kTransparentPixels));
   Ref<Object> picture = loader->LoadTransparentGif(bytes);
@@ -159,6 +274,23 @@ TEST_F(Loader, PictureThatDeclaresTooManyPixelsIsRefusedBeforeDecoding) {
   EXPECT_EQ(api.liveBlocks(), 0u);
   EXPECT_EQ(api.liveBitmaps(), 0u);
   EXPECT_EQ(api.liveHandles(), 0u);
+  EXPECT_TRUE(HandlerCalls().empty());
+}
+
+TEST_F(Loader, DecoderMayAskOnlyForWhatTheBoundOfPixelsNeeds) {
+  // One pixel with three megabytes of trailing data: the inflated stream outgrows what one pixel
+  // needs. Under the default bound (16 bytes for each of 2^24 pixels) it decodes; with a bound of
+  // one pixel its decoder may not ask for more than a megabyte and sixteen bytes, and it fails.
+  const std::vector<std::uint8_t> file = RgbPngWithTrailingData(1, 1, {9, 8, 7}, 3 << 20);
+  ArrayRef bytes = Bytes(file);
+  Ref<Object> picture = loader->LoadTransparentGif(bytes);
+  ASSERT_TRUE(picture);
+  EXPECT_EQ(Pixels(picture).Pixel(0, 0), 0xFF090807u);
+
+  api.maxPixels = 1;
+  ArrayRef again = Bytes(file);
+  EXPECT_FALSE(loader->LoadTransparentGif(again));
+  EXPECT_EQ(api.liveBitmaps(), 0u);
   EXPECT_TRUE(HandlerCalls().empty());
 }
 
@@ -257,6 +389,29 @@ TEST_F(Loader, DumpOfTheLoaderReportsTheGuidFieldsThenTheToken) {
   EXPECT_EQ(dump[5], R"(vbwReportVariable(BSTR "mIguid.Data3", I2 4122, I4 0))");
   EXPECT_EQ(dump[6], R"(vbwReportVariable(BSTR "mIguid.Data4", ARRAY(UI1) 8, I4 0))");
   EXPECT_THAT(dump[7], HasSubstr(R"(BSTR "mToken", I4 )"));
+}
+
+TEST(StbAllocationBound, RefusesLargerRequestsKeepsTheBlockAndRestoresTheBoundBefore) {
+  using portable::StbMalloc;
+  using portable::StbRealloc;
+  {
+    const portable::StbAllocationBound outer(100);
+    EXPECT_EQ(StbMalloc(101), nullptr);
+    void* block = StbMalloc(100);
+    ASSERT_NE(block, nullptr);
+    static_cast<char*>(block)[99] = 'x';
+    {
+      const portable::StbAllocationBound inner(10);
+      EXPECT_EQ(StbRealloc(block, 50), nullptr);
+    }
+    block = StbRealloc(block, 100);  // the outer bound again
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(static_cast<char*>(block)[99], 'x');
+    portable::StbFree(block);
+  }
+  void* unbounded = StbMalloc(std::size_t{64} << 20);
+  EXPECT_NE(unbounded, nullptr);
+  portable::StbFree(unbounded);
 }
 
 TEST(VbLanguageExtensions, OnlyAnArrayWithoutStorageIsEmpty) {

@@ -3,9 +3,11 @@
 #include <stb/stb_image.h>
 
 #include <climits>
+#include <cstdint>
 #include <memory>
 
 #include "platform/failure.h"
+#include "platform/portable/stb_allocation.h"
 #include "platform/variant.h"
 
 namespace tabforge {
@@ -48,6 +50,44 @@ std::uint8_t Composite(std::uint8_t colour, std::uint8_t background, std::uint8_
 // HIMETRIC (hundredths of a millimetre) of `pixels` at 96 dots an inch.
 std::int32_t Himetric(std::int32_t pixels) {
   return static_cast<std::int32_t>((static_cast<std::int64_t>(pixels) * 2540 + 48) / 96);
+}
+
+// The most that stb_image may ask for at once while it decodes a picture of `maxPixels`: 16 bytes
+// a pixel covers its largest buffer (16-bit samples of four channels, doubled while a deflate
+// stream's output grows), and a megabyte more the tables and a small picture's data.
+std::size_t StbBound(std::int64_t maxPixels) {
+  constexpr std::size_t kSlack = std::size_t{1} << 20;
+  if (maxPixels <= 0)
+    return kSlack;
+  if (static_cast<std::uint64_t>(maxPixels) > (SIZE_MAX - kSlack) / 16)
+    return SIZE_MAX;
+  return static_cast<std::size_t>(maxPixels) * 16 + kSlack;
+}
+
+// PNG, GIF and BMP through stb_image. The header is read first, so that a file that declares
+// more than `maxPixels` is refused before its pixels are decoded, and no single request for
+// memory may be more than such a picture needs.
+bool DecodeWithStb(const std::vector<std::uint8_t>& bytes, std::int64_t maxPixels,
+                   portable::RgbaImage& image) {
+  const portable::StbAllocationBound bound(StbBound(maxPixels));
+  int width = 0;
+  int height = 0;
+  int channels = 0;
+  const int length = static_cast<int>(bytes.size());
+  if (stbi_info_from_memory(bytes.data(), length, &width, &height, &channels) == 0 || width <= 0 ||
+      height <= 0 || std::int64_t{width} * std::int64_t{height} > maxPixels)
+    return false;
+  std::unique_ptr<stbi_uc, void (*)(void*)> pixels(
+      stbi_load_from_memory(bytes.data(), length, &width, &height, &channels, 4), stbi_image_free);
+  // stb_image hands back a buffer for a file that declares no pixels at all (a bitmap 0 wide);
+  // GDI+ refuses such a file, and so do we.
+  if (!pixels || width <= 0 || height <= 0)
+    return false;
+  image.width = width;
+  image.height = height;
+  image.rgba.assign(pixels.get(), pixels.get() + static_cast<std::size_t>(width) *
+                                                     static_cast<std::size_t>(height) * 4);
+  return true;
 }
 
 }  // namespace
@@ -145,22 +185,11 @@ std::int32_t PortablePictureApi::GdipCreateBitmapFromStream(const Ref<Object>& s
   const std::vector<std::uint8_t>* bytes = source != nullptr ? source->Bytes() : nullptr;
   if (bytes == nullptr || bytes->empty() || bytes->size() > INT_MAX)
     return kInvalidParameter;
-  int width = 0;
-  int height = 0;
-  int channels = 0;
-  const int length = static_cast<int>(bytes->size());
-  if (stbi_info_from_memory(bytes->data(), length, &width, &height, &channels) == 0 || width <= 0 ||
-      height <= 0 || std::int64_t{width} * std::int64_t{height} > maxPixels)
+  DecodedImage image;
+  const bool decoded = portable::IsJpeg(*bytes) ? portable::DecodeJpeg(*bytes, maxPixels, image)
+                                                : DecodeWithStb(*bytes, maxPixels, image);
+  if (!decoded)
     return kInvalidParameter;
-  std::unique_ptr<stbi_uc, void (*)(void*)> pixels(
-      stbi_load_from_memory(bytes->data(), length, &width, &height, &channels, 4), stbi_image_free);
-  // stb_image hands back a buffer for a file that declares no pixels at all (a bitmap 0 wide);
-  // GDI+ refuses such a file, and so do we.
-  if (!pixels || width <= 0 || height <= 0)
-    return kInvalidParameter;
-  DecodedImage image{width, height, {}};
-  image.rgba.assign(pixels.get(), pixels.get() + static_cast<std::size_t>(width) *
-                                                     static_cast<std::size_t>(height) * 4);
   *bitmap = NextHandle();
   bitmaps_.emplace(*bitmap, std::move(image));
   return kOk;

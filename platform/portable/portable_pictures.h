@@ -1,5 +1,6 @@
 // Pictures without GDI+ and OLE: memory blocks in a table, streams over them, decoding by
-// stb_image, bitmap handles in a table, and a picture object that owns its handle.
+// libjpeg-turbo (JPEG) and stb_image (PNG, GIF, BMP), bitmap handles in a table, and a picture
+// object that owns its handle.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "platform/platform.h"
+#include "platform/portable/jpeg_decoding.h"
 
 namespace tabforge {
 
@@ -100,11 +102,7 @@ class PortablePictureApi final : public PictureApi {
     int locks = 0;
   };
   // Decoded, not yet composited: red, green, blue, alpha with straight alpha.
-  struct DecodedImage {
-    std::int32_t width = 0;
-    std::int32_t height = 0;
-    std::vector<std::uint8_t> rgba;
-  };
+  using DecodedImage = portable::RgbaImage;
   std::uintptr_t NextHandle() { return next_ += 4; }
 
   std::uintptr_t next_ = 0x1000;

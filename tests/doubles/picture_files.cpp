@@ -1,7 +1,12 @@
 #include "doubles/picture_files.h"
 
 #include <array>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
 #include <string_view>
+
+#include <jpeglib.h>
 
 namespace tabforge::testing {
 namespace {
@@ -61,7 +66,8 @@ std::vector<std::uint8_t> Stored(const std::vector<std::uint8_t>& raw) {
 }
 
 std::vector<std::uint8_t> Png(std::uint32_t width, std::uint32_t height, std::uint8_t colourType,
-                              std::size_t bytesPerPixel, const std::vector<std::uint8_t>& pixels) {
+                              std::size_t bytesPerPixel, const std::vector<std::uint8_t>& pixels,
+                              std::size_t trailing = 0) {
   std::vector<std::uint8_t> out{0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
   std::vector<std::uint8_t> header;
   PutBigEndian(header, width);
@@ -75,6 +81,7 @@ std::vector<std::uint8_t> Png(std::uint32_t width, std::uint32_t height, std::ui
     raw.insert(raw.end(), pixels.begin() + static_cast<std::ptrdiff_t>(y * row),
                pixels.begin() + static_cast<std::ptrdiff_t>((y + 1) * row));
   }
+  raw.resize(raw.size() + trailing);
   PutChunk(out, "IDAT", Stored(raw));
   PutChunk(out, "IEND", {});
   return out;
@@ -90,6 +97,48 @@ std::vector<std::uint8_t> RgbaPng(std::uint32_t width, std::uint32_t height,
 std::vector<std::uint8_t> RgbPng(std::uint32_t width, std::uint32_t height,
                                  const std::vector<std::uint8_t>& rgb) {
   return Png(width, height, 2, 3, rgb);
+}
+
+std::vector<std::uint8_t> RgbPngWithTrailingData(std::uint32_t width, std::uint32_t height,
+                                                 const std::vector<std::uint8_t>& rgb,
+                                                 std::size_t trailing) {
+  return Png(width, height, 2, 3, rgb, trailing);
+}
+
+std::vector<std::uint8_t> Jpeg(std::uint32_t width, std::uint32_t height,
+                               const std::vector<std::uint8_t>& samples, JpegOptions options) {
+  // libjpeg's own error handler ends the process, which is fine for files the tests describe.
+  jpeg_compress_struct info{};
+  jpeg_error_mgr errors{};
+  info.err = jpeg_std_error(&errors);
+  jpeg_create_compress(&info);
+  unsigned char* buffer = nullptr;
+  unsigned long size = 0;
+  jpeg_mem_dest(&info, &buffer, &size);
+  info.image_width = width;
+  info.image_height = height;
+  info.input_components = options.components;
+  info.in_color_space = options.components == 1   ? JCS_GRAYSCALE
+                        : options.components == 4 ? JCS_CMYK
+                                                  : JCS_RGB;
+  jpeg_set_defaults(&info);
+  jpeg_set_quality(&info, 100, TRUE);
+  for (int c = 0; c < info.num_components; ++c)
+    info.comp_info[c].h_samp_factor = info.comp_info[c].v_samp_factor = 1;
+  if (options.progressive)
+    jpeg_simple_progression(&info);
+  info.write_Adobe_marker = options.components == 4 && options.adobeMarker;
+  jpeg_start_compress(&info, TRUE);
+  const std::size_t stride = std::size_t{width} * static_cast<std::size_t>(options.components);
+  while (info.next_scanline < height) {
+    auto* row = const_cast<JSAMPLE*>(samples.data() + stride * info.next_scanline);
+    jpeg_write_scanlines(&info, &row, 1);
+  }
+  jpeg_finish_compress(&info);
+  jpeg_destroy_compress(&info);
+  std::vector<std::uint8_t> out(buffer, buffer + size);
+  std::free(buffer);
+  return out;
 }
 
 std::vector<std::uint8_t> TransparentGif() {
