@@ -17,8 +17,8 @@ namespace {
 constexpr int kMaxScans = 256;
 
 // libjpeg reports a fatal error by calling error_exit, which must not return. Ours jumps back to
-// DecodeJpeg, which then destroys the decompressor. Warnings (a file cut short, bad data in a
-// scan) are not errors: libjpeg goes on, and nothing is printed.
+// DecodeOrLeave, and DecodeJpeg then destroys the decompressor. Warnings (a file cut short, bad
+// data in a scan) are not errors: libjpeg goes on, and nothing is printed.
 struct ErrorManager {
   jpeg_error_mgr base;
   std::jmp_buf escape;
@@ -35,14 +35,15 @@ void CountScans(j_common_ptr info) {
     LeaveDecoding(info);
 }
 
-// Adobe's CMYK files store each ink inverted (255 is no ink); others store the ink itself.
+// Adobe's CMYK files store each ink inverted (255 is no ink); others store the ink itself. Red is
+// the light that cyan lets through times the light that black lets through, and so on.
 void CmykToRgba(std::vector<std::uint8_t>& pixels, bool inverted) {
   for (std::size_t i = 0; i < pixels.size(); i += 4) {
-    unsigned ink[4];
+    unsigned light[4];
     for (int c = 0; c < 4; ++c)
-      ink[c] = inverted ? pixels[i + c] : 255u - pixels[i + c];
+      light[c] = inverted ? pixels[i + c] : 255u - pixels[i + c];
     for (int c = 0; c < 3; ++c)
-      pixels[i + c] = static_cast<std::uint8_t>((ink[c] * ink[3] + 127) / 255);
+      pixels[i + c] = static_cast<std::uint8_t>((light[c] * light[3] + 127) / 255);
     pixels[i + 3] = 255;
   }
 }
