@@ -51,6 +51,17 @@ HRESULT Guard(Body&& body) noexcept {
   }
 }
 
+// The element's answer to `member` about `child`, handed to the caller as a VARIANT.
+HRESULT VariantAnswer(Object& element, const wchar_t* member, VARIANT child, VARIANT* out) {
+  if (out == nullptr)
+    return E_POINTER;
+  ::VariantInit(out);
+  return Guard([&] {
+    ToVariant(Call(element, member, {FromVariant(child)})).DetachTo(out);
+    return S_OK;
+  });
+}
+
 }  // namespace
 
 AccessibleObject::AccessibleObject(Ref<Object> element) : element_(std::move(element)) {}
@@ -167,23 +178,11 @@ HRESULT AccessibleObject::get_accName(VARIANT child, BSTR* name) {
 }
 
 HRESULT AccessibleObject::get_accRole(VARIANT child, VARIANT* role) {
-  if (role == nullptr)
-    return E_POINTER;
-  ::VariantInit(role);
-  return Guard([&] {
-    ToVariant(Call(*element_, L"accRole", {FromVariant(child)})).DetachTo(role);
-    return S_OK;
-  });
+  return VariantAnswer(*element_, L"accRole", child, role);
 }
 
 HRESULT AccessibleObject::get_accState(VARIANT child, VARIANT* state) {
-  if (state == nullptr)
-    return E_POINTER;
-  ::VariantInit(state);
-  return Guard([&] {
-    ToVariant(Call(*element_, L"accState", {FromVariant(child)})).DetachTo(state);
-    return S_OK;
-  });
+  return VariantAnswer(*element_, L"accState", child, state);
 }
 
 HRESULT AccessibleObject::accNavigate(LONG direction, VARIANT start, VARIANT* end) {

@@ -68,7 +68,7 @@ bool Decode(std::span<const std::uint8_t> bytes, std::int64_t maxPixels,
   const bool cmyk = info.jpeg_color_space == JCS_CMYK || info.jpeg_color_space == JCS_YCCK;
   info.out_color_space = cmyk ? JCS_CMYK : JCS_EXT_RGBA;
   jpeg_start_decompress(&info);
-  if (info.output_components != 4 || info.output_width != width || info.output_height != height)
+  if (info.output_components != 4)
     return false;
   const auto stride = static_cast<std::size_t>(width) * 4;
   image.rgba.resize(stride * static_cast<std::size_t>(height));
@@ -104,8 +104,6 @@ bool IsJpeg(std::span<const std::uint8_t> bytes) {
 }
 
 bool DecodeJpeg(std::span<const std::uint8_t> bytes, std::int64_t maxPixels, RgbaImage& image) {
-  if (!IsJpeg(bytes))
-    return false;
   Decompressor decompressor;
   decompressor.info.err = jpeg_std_error(&decompressor.errors.base);
   decompressor.errors.base.error_exit = LeaveDecoding;
