@@ -1,5 +1,8 @@
 #include "server/main2_object.h"
 
+#include <algorithm>
+#include <array>
+#include <cstdint>
 #include <new>
 #include <string>
 
@@ -67,34 +70,280 @@ HMODULE ThisModule() {
   return module;
 }
 
-// Script engines pass a variable as VT_BYREF|VT_VARIANT. DispInvoke binds a typed [in, out]
-// parameter only to the matching VT_BYREF|<type>, so point straight into the caller's VARIANT;
-// the member then writes back into the script's variable.
-void UnwrapByRefVariants(DISPPARAMS* params) {
-  if (params == nullptr)
-    return;
-  for (UINT i = 0; i < params->cArgs; ++i) {
-    VARIANT& argument = params->rgvarg[i];
-    if (V_VT(&argument) != (VT_BYREF | VT_VARIANT) || V_VARIANTREF(&argument) == nullptr)
-      continue;
-    VARIANT* target = V_VARIANTREF(&argument);
-    switch (V_VT(target)) {
-      case VT_BSTR:
-        V_VT(&argument) = VT_BYREF | VT_BSTR;
-        V_BSTRREF(&argument) = &V_BSTR(target);
+// --- Late binding -------------------------------------------------------------------------------
+
+// What a parameter of _Main2 holds. Every argument is [in, out] by reference, the answer [out,
+// retval]; objects, pictures included, travel as IDispatch.
+enum class Slot : std::uint8_t { kNone, kText, kTruth, kObject, kPicture };
+
+VARTYPE TypeOf(Slot slot) {
+  switch (slot) {
+    case Slot::kText:
+      return VT_BSTR;
+    case Slot::kTruth:
+      return VT_BOOL;
+    case Slot::kObject:
+    case Slot::kPicture:
+      return VT_DISPATCH;
+    case Slot::kNone:
+      break;
+  }
+  return VT_EMPTY;
+}
+
+// Every value of a VARIANT starts at the same place.
+void* ValueOf(VARIANT& v) {
+  return &V_BSTR(&v);
+}
+
+// One argument as a member receives it: a pointer to a value of the parameter's type. The caller's
+// own storage is lent when it holds that type, by reference (also inside a referenced VARIANT, as
+// scripts pass their variables) or by value; the member then reads and writes it in place. A
+// value of another type is coerced into a copy owned here, as the platform coerces it.
+class Argument {
+ public:
+  Argument() = default;
+  Argument(const Argument&) = delete;
+  Argument& operator=(const Argument&) = delete;
+
+  HRESULT Bind(VARIANT& source, VARTYPE type) {
+    type_ = type;
+    if (V_ISBYREF(&source)) {
+      VARIANT* variable =
+          V_VT(&source) == (VT_BYREF | VT_VARIANT) ? V_VARIANTREF(&source) : nullptr;
+      if (V_VT(&source) == (VT_BYREF | type))
+        value_ = V_BYREF(&source);
+      else if (variable != nullptr && V_VT(variable) == type)
+        value_ = ValueOf(*variable);
+      else
+        return DISP_E_TYPEMISMATCH;  // a reference is never coerced
+      return S_OK;
+    }
+    if (V_VT(&source) == type) {
+      value_ = ValueOf(source);
+      lentFrom_ = &source;
+      return S_OK;
+    }
+    const HRESULT hr = ::VariantChangeType(copy_.get(), &source, 0, type);
+    if (SUCCEEDED(hr))
+      value_ = ValueOf(*copy_.get());
+    return hr;
+  }
+
+  // Gives a caller's by-value argument the parameter's value in the argument's own type.
+  HRESULT CopyBack(VARIANT& target) const {
+    if (&target == lentFrom_)
+      return S_OK;  // the member worked on it in place
+    VARIANT view;
+    V_VT(&view) = static_cast<VARTYPE>(VT_BYREF | type_);
+    V_BYREF(&view) = value_;
+    return ::VariantChangeType(&target, &view, 0, V_VT(&target));
+  }
+
+  BSTR* Text() const { return static_cast<BSTR*>(value_); }
+  VARIANT_BOOL* Truth() const { return static_cast<VARIANT_BOOL*>(value_); }
+  IDispatch** Object() const { return static_cast<IDispatch**>(value_); }
+
+ private:
+  VARTYPE type_ = VT_EMPTY;
+  void* value_ = nullptr;
+  const VARIANT* lentFrom_ = nullptr;
+  UniqueVariant copy_;
+};
+
+// A member's answer, owned until the caller's result takes it.
+struct Answer {
+  UniqueBstr text;
+  VARIANT_BOOL truth = VARIANT_FALSE;
+  ComPtr<IPictureDisp> picture;
+
+  // Like the platform, writes over the result without clearing what it held: callers hand in
+  // results that were never initialised.
+  void HandTo(Slot slot, VARIANT& result) {
+    switch (slot) {
+      case Slot::kText:
+        // A string that is not there reaches the caller as an empty one.
+        V_VT(&result) = VT_BSTR;
+        V_BSTR(&result) = text.get() != nullptr ? text.Detach() : UniqueBstr(L"", 0).Detach();
         break;
-      case VT_BOOL:
-        V_VT(&argument) = VT_BYREF | VT_BOOL;
-        V_BOOLREF(&argument) = &V_BOOL(target);
+      case Slot::kTruth:
+        V_VT(&result) = VT_BOOL;
+        V_BOOL(&result) = truth;
         break;
-      case VT_DISPATCH:
-        V_VT(&argument) = VT_BYREF | VT_DISPATCH;
-        V_DISPATCHREF(&argument) = &V_DISPATCH(target);
+      case Slot::kPicture:
+        V_VT(&result) = VT_DISPATCH;
+        V_DISPATCH(&result) = picture.Detach();
         break;
-      default:
-        break;  // DispInvoke's own coercion handles the rest
+      case Slot::kObject:
+      case Slot::kNone:
+        break;
     }
   }
+};
+
+constexpr std::size_t kMaxInputs = 2;
+
+// The members of _Main2 as the type library declares them, in slot order, and the call of each.
+struct Member {
+  BstrView name;
+  DISPID id;
+  INVOKEKIND kind;
+  std::array<Slot, kMaxInputs> inputs;
+  Slot answer;
+  void (*call)(Main2Object& self, const Argument* in, Answer& out);
+
+  UINT Inputs() const {
+    return static_cast<UINT>(
+        std::count_if(inputs.begin(), inputs.end(), [](Slot s) { return s != Slot::kNone; }));
+  }
+};
+
+constexpr Member kMembers[] = {
+    {u"Initialize",
+     0x60030007,
+     INVOKE_FUNC,
+     {Slot::kObject, Slot::kText},
+     Slot::kNone,
+     [](Main2Object& self, const Argument* in, Answer&) {
+       self.Initialize(in[0].Object(), in[1].Text());
+     }},
+    {u"ribbon",
+     0x68030006,
+     INVOKE_PROPERTYPUT,
+     {Slot::kObject},
+     Slot::kNone,
+     [](Main2Object& self, const Argument* in, Answer&) { self.put_ribbon(in[0].Object()); }},
+    {u"GetRibbonXML",
+     0x60030009,
+     INVOKE_FUNC,
+     {},
+     Slot::kText,
+     [](Main2Object& self, const Argument*, Answer& out) { self.GetRibbonXML(out.text.Put()); }},
+    {u"productNameChanged",
+     0x6003000C,
+     INVOKE_FUNC,
+     {Slot::kText},
+     Slot::kNone,
+     [](Main2Object& self, const Argument* in, Answer&) { self.productNameChanged(in[0].Text()); }},
+    {u"GetLabel",
+     0x68030005,
+     INVOKE_PROPERTYGET,
+     {Slot::kText},
+     Slot::kText,
+     [](Main2Object& self, const Argument* in, Answer& out) {
+       self.get_GetLabel(in[0].Text(), out.text.Put());
+     }},
+    {u"GetEnabled",
+     0x68030004,
+     INVOKE_PROPERTYGET,
+     {Slot::kText},
+     Slot::kTruth,
+     [](Main2Object& self, const Argument* in, Answer& out) {
+       self.get_GetEnabled(in[0].Text(), &out.truth);
+     }},
+    {u"GetPressed",
+     0x68030003,
+     INVOKE_PROPERTYGET,
+     {Slot::kText},
+     Slot::kTruth,
+     [](Main2Object& self, const Argument* in, Answer& out) {
+       self.get_GetPressed(in[0].Text(), &out.truth);
+     }},
+    {u"GetScreentip",
+     0x68030002,
+     INVOKE_PROPERTYGET,
+     {Slot::kText},
+     Slot::kText,
+     [](Main2Object& self, const Argument* in, Answer& out) {
+       self.get_GetScreentip(in[0].Text(), out.text.Put());
+     }},
+    {u"GetImage",
+     0x68030000,
+     INVOKE_PROPERTYGET,
+     {Slot::kText},
+     Slot::kPicture,
+     [](Main2Object& self, const Argument* in, Answer& out) {
+       self.get_GetImage(in[0].Text(), out.picture.Put());
+     }},
+    {u"LoadImage",
+     0x6003000D,
+     INVOKE_FUNC,
+     {Slot::kText},
+     Slot::kPicture,
+     [](Main2Object& self, const Argument* in, Answer& out) {
+       self.LoadImage(in[0].Text(), out.picture.Put());
+     }},
+    {u"RibbonCallback",
+     0x6003000F,
+     INVOKE_FUNC,
+     {Slot::kText, Slot::kTruth},
+     Slot::kNone,
+     [](Main2Object& self, const Argument* in, Answer&) {
+       self.RibbonCallback(in[0].Text(), in[1].Truth());
+     }},
+    {u"EnableGotoQuickBookmark",
+     0x60030010,
+     INVOKE_FUNC,
+     {Slot::kTruth},
+     Slot::kNone,
+     [](Main2Object& self, const Argument* in, Answer&) {
+       self.EnableGotoQuickBookmark(in[0].Truth());
+     }},
+    {u"UpdateLexoscopeIcon",
+     0x60030011,
+     INVOKE_FUNC,
+     {Slot::kTruth},
+     Slot::kNone,
+     [](Main2Object& self, const Argument* in, Answer&) {
+       self.UpdateLexoscopeIcon(in[0].Truth());
+     }},
+    {u"EnableToolbar",
+     0x60030013,
+     INVOKE_FUNC,
+     {Slot::kTruth},
+     Slot::kNone,
+     [](Main2Object& self, const Argument* in, Answer&) { self.EnableToolbar(in[0].Truth()); }},
+    {u"activateMorvelinTab",
+     0x60030014,
+     INVOKE_FUNC,
+     {Slot::kObject},
+     Slot::kNone,
+     [](Main2Object& self, const Argument* in, Answer&) {
+       self.activateMorvelinTab(in[0].Object());
+     }},
+};
+
+// `Set obj.ribbon = r` is accepted beside `obj.ribbon = r`, though the type library can only say
+// the latter.
+WORD AcceptedFlags(const Member& member) {
+  return member.kind == INVOKE_PROPERTYPUT ? DISPATCH_PROPERTYPUT | DISPATCH_PROPERTYPUTREF
+                                           : static_cast<WORD>(member.kind);
+}
+
+const Member* FindMember(DISPID id, WORD flags) {
+  for (const Member& member : kMembers) {
+    if (member.id == id && (flags & AcceptedFlags(member)) != 0)
+      return &member;
+  }
+  return nullptr;
+}
+
+// The argument named for parameter `index`; a property put's value names the last parameter.
+VARIANT* NamedArgument(const DISPPARAMS& params, UINT index, UINT declared) {
+  for (UINT j = 0; j < params.cNamedArgs; ++j) {
+    const DISPID name = params.rgdispidNamedArgs[j];
+    if (name == static_cast<DISPID>(index) || (index == declared - 1 && name == DISPID_PROPERTYPUT))
+      return &params.rgvarg[j];
+  }
+  return nullptr;
+}
+
+// A type mismatch says which argument, by its place in rgvarg.
+HRESULT ArgumentFailure(HRESULT hr, const DISPPARAMS& params, const VARIANT& argument,
+                        UINT* argumentError) {
+  if (hr == DISP_E_TYPEMISMATCH && argumentError != nullptr)
+    *argumentError = static_cast<UINT>(&argument - params.rgvarg);
+  return hr;
 }
 
 }  // namespace
@@ -118,7 +367,8 @@ ComPtr<ITypeInfo> LoadMain2TypeInfo() {
   ComPtr<ITypeInfo> info;
   if (FAILED(library->GetTypeInfoOfGuid(IID__Main2, info.Put())))
     return nullptr;
-  // For a dual interface that is the dispatch view; DispInvoke needs the interface it describes.
+  // For a dual interface that is the dispatch view; callers that invoke through the type
+  // information need the interface it describes, whose members the vtable has.
   HREFTYPE vtableRef = 0;
   ComPtr<ITypeInfo> vtable;
   if (FAILED(info->GetRefTypeOfImplType(static_cast<UINT>(-1), &vtableRef)) ||
@@ -175,14 +425,77 @@ HRESULT Main2Object::GetTypeInfo(UINT index, LCID, ITypeInfo** out) {
 }
 
 HRESULT Main2Object::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DISPID* ids) {
+  // A member's own name, the one question that scripts and macros ask, is answered from the table.
+  // Parameter names and the names of no member of _Main2 go to the type library, which knows them
+  // (the inherited IUnknown and IDispatch members included) and answers them as the platform does.
+  if (names != nullptr && ids != nullptr && count == 1 && names[0] != nullptr) {
+    for (const Member& member : kMembers) {
+      if (SameMemberName(NameView(names[0]), member.name)) {
+        ids[0] = member.id;
+        return S_OK;
+      }
+    }
+  }
   return ::DispGetIDsOfNames(typeInfo_.get(), names, count, ids);
 }
 
+// The steps, their order and the answer of each failure are the type library's own Invoke for this
+// interface, so that a caller cannot tell the two apart; only the work of reading the type
+// information on every call is left out.
 HRESULT Main2Object::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* params,
-                            VARIANT* result, EXCEPINFO* exception, UINT* argumentError) {
-  UnwrapByRefVariants(params);
-  return ::DispInvoke(static_cast<_Main2*>(this), typeInfo_.get(), id, flags, params, result,
-                      exception, argumentError);
+                            VARIANT* result, EXCEPINFO*, UINT* argumentError) {
+  if (params == nullptr || params->cNamedArgs > params->cArgs ||
+      (params->cArgs > 0 && params->rgvarg == nullptr) ||
+      (params->cNamedArgs > 0 && params->rgdispidNamedArgs == nullptr))
+    return E_INVALIDARG;
+  const Member* member = FindMember(id, flags);
+  if (member == nullptr)
+    return DISP_E_MEMBERNOTFOUND;  // also a read of `ribbon`, and any call to no member
+  if (member->kind == INVOKE_PROPERTYPUT &&
+      (params->cNamedArgs == 0 || params->rgdispidNamedArgs[0] != DISPID_PROPERTYPUT))
+    return DISP_E_PARAMNOTFOUND;
+
+  const UINT inputs = member->Inputs();
+  const UINT declared = inputs + (member->answer != Slot::kNone ? 1 : 0);
+  Argument arguments[kMaxInputs];
+  UINT positional = 0;
+  for (UINT i = 0; i < declared; ++i) {
+    VARIANT* source = NamedArgument(*params, i, declared);
+    if (source == nullptr && positional + params->cNamedArgs < params->cArgs)
+      source = &params->rgvarg[params->cArgs - 1 - positional++];
+    if (i == inputs) {
+      // The answer is the last parameter and the caller's result, never an argument. (No member
+      // is a property read with nothing but an answer, the one case where the platform takes an
+      // argument there to index the answer.)
+      if (i < params->cArgs)
+        return DISP_E_BADPARAMCOUNT;
+      continue;
+    }
+    if (source == nullptr)
+      return DISP_E_BADPARAMCOUNT;
+    const HRESULT hr = arguments[i].Bind(*source, TypeOf(member->inputs[i]));
+    if (FAILED(hr))
+      return ArgumentFailure(hr, *params, *source, argumentError);
+  }
+
+  Answer answer;
+  member->call(*this, arguments, answer);
+
+  // Arguments passed by value get back what the member left in its parameter, converted to the
+  // type they came in; the platform matches them to parameters by position alone here, named or
+  // not.
+  positional = 0;
+  for (UINT i = 0; i < inputs && positional < params->cArgs; ++i, ++positional) {
+    VARIANT& target = params->rgvarg[params->cArgs - 1 - positional];
+    if (V_ISBYREF(&target))
+      continue;
+    const HRESULT hr = arguments[i].CopyBack(target);
+    if (FAILED(hr))
+      return ArgumentFailure(hr, *params, target, argumentError);
+  }
+  if (result != nullptr)
+    answer.HandTo(member->answer, *result);
+  return S_OK;
 }
 
 // --- The members --------------------------------------------------------------------------------
@@ -191,7 +504,7 @@ HRESULT Main2Object::Initialize(IDispatch** eventSignaller, BSTR* productName) {
   return Boundary([&] { core_.Initialize(InObject(eventSignaller), InString(productName)); });
 }
 
-HRESULT Main2Object::putref_ribbon(IDispatch** value) {
+HRESULT Main2Object::put_ribbon(IDispatch** value) {
   return Boundary([&] { core_.ribbon(InObject(value)); });
 }
 
