@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdint>
 #include <new>
+#include <optional>
 #include <string>
 
 #include "server/apartment.h"
@@ -124,9 +125,9 @@ class Argument {
       lentFrom_ = &source;
       return S_OK;
     }
-    const HRESULT hr = ::VariantChangeType(copy_.get(), &source, 0, type);
+    const HRESULT hr = ::VariantChangeType(copy_.emplace().get(), &source, 0, type);
     if (SUCCEEDED(hr))
-      value_ = ValueOf(*copy_.get());
+      value_ = ValueOf(*copy_->get());
     return hr;
   }
 
@@ -148,7 +149,7 @@ class Argument {
   VARTYPE type_ = VT_EMPTY;
   void* value_ = nullptr;
   const VARIANT* lentFrom_ = nullptr;
-  UniqueVariant copy_;
+  std::optional<UniqueVariant> copy_;  // made only when needed: most calls lend
 };
 
 // A member's answer, owned until the caller's result takes it.
@@ -313,6 +314,17 @@ constexpr Member kMembers[] = {
      }},
 };
 
+// True when `name` is `member`'s name in any case of ASCII letters, which member names are made of.
+// A name with other letters is left to the type library, which compares as the platform does; the
+// common comparison, which folds every letter, costs a call into the C library for each one.
+bool IsNameOf(BstrView name, BstrView member) {
+  const auto fold = [](char16_t c) {
+    return c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c - u'A' + u'a') : c;
+  };
+  return std::equal(name.begin(), name.end(), member.begin(), member.end(),
+                    [&](char16_t a, char16_t b) { return fold(a) == fold(b); });
+}
+
 // `Set obj.ribbon = r` is accepted beside `obj.ribbon = r`, though the type library can only say
 // the latter.
 WORD AcceptedFlags(const Member& member) {
@@ -430,7 +442,7 @@ HRESULT Main2Object::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DI
   // (the inherited IUnknown and IDispatch members included) and answers them as the platform does.
   if (names != nullptr && ids != nullptr && count == 1 && names[0] != nullptr) {
     for (const Member& member : kMembers) {
-      if (SameMemberName(NameView(names[0]), member.name)) {
+      if (IsNameOf(NameView(names[0]), member.name)) {
         ids[0] = member.id;
         return S_OK;
       }
