@@ -184,14 +184,32 @@ struct Answer {
 
 constexpr std::size_t kMaxInputs = 2;
 
-// The members of _Main2 as the type library declares them, in slot order, and the call of each.
+// The dispatch ids of the members of _Main2.
+enum : DISPID {
+  kInitialize = 0x60030007,
+  kRibbon = 0x68030006,
+  kGetRibbonXml = 0x60030009,
+  kProductNameChanged = 0x6003000C,
+  kGetLabel = 0x68030005,
+  kGetEnabled = 0x68030004,
+  kGetPressed = 0x68030003,
+  kGetScreentip = 0x68030002,
+  kGetImage = 0x68030000,
+  kLoadImage = 0x6003000D,
+  kRibbonCallback = 0x6003000F,
+  kEnableGotoQuickBookmark = 0x60030010,
+  kUpdateLexoscopeIcon = 0x60030011,
+  kEnableToolbar = 0x60030013,
+  kActivateMorvelinTab = 0x60030014,
+};
+
+// The members of _Main2 as the type library declares them, in slot order.
 struct Member {
   BstrView name;
   DISPID id;
   INVOKEKIND kind;
   std::array<Slot, kMaxInputs> inputs;
   Slot answer;
-  void (*call)(Main2Object& self, const Argument* in, Answer& out);
 
   UINT Inputs() const {
     return static_cast<UINT>(
@@ -199,120 +217,77 @@ struct Member {
   }
 };
 
+using enum Slot;
 constexpr Member kMembers[] = {
-    {u"Initialize",
-     0x60030007,
-     INVOKE_FUNC,
-     {Slot::kObject, Slot::kText},
-     Slot::kNone,
-     [](Main2Object& self, const Argument* in, Answer&) {
-       self.Initialize(in[0].Object(), in[1].Text());
-     }},
-    {u"ribbon",
-     0x68030006,
-     INVOKE_PROPERTYPUT,
-     {Slot::kObject},
-     Slot::kNone,
-     [](Main2Object& self, const Argument* in, Answer&) { self.put_ribbon(in[0].Object()); }},
-    {u"GetRibbonXML",
-     0x60030009,
-     INVOKE_FUNC,
-     {},
-     Slot::kText,
-     [](Main2Object& self, const Argument*, Answer& out) { self.GetRibbonXML(out.text.Put()); }},
-    {u"productNameChanged",
-     0x6003000C,
-     INVOKE_FUNC,
-     {Slot::kText},
-     Slot::kNone,
-     [](Main2Object& self, const Argument* in, Answer&) { self.productNameChanged(in[0].Text()); }},
-    {u"GetLabel",
-     0x68030005,
-     INVOKE_PROPERTYGET,
-     {Slot::kText},
-     Slot::kText,
-     [](Main2Object& self, const Argument* in, Answer& out) {
-       self.get_GetLabel(in[0].Text(), out.text.Put());
-     }},
-    {u"GetEnabled",
-     0x68030004,
-     INVOKE_PROPERTYGET,
-     {Slot::kText},
-     Slot::kTruth,
-     [](Main2Object& self, const Argument* in, Answer& out) {
-       self.get_GetEnabled(in[0].Text(), &out.truth);
-     }},
-    {u"GetPressed",
-     0x68030003,
-     INVOKE_PROPERTYGET,
-     {Slot::kText},
-     Slot::kTruth,
-     [](Main2Object& self, const Argument* in, Answer& out) {
-       self.get_GetPressed(in[0].Text(), &out.truth);
-     }},
-    {u"GetScreentip",
-     0x68030002,
-     INVOKE_PROPERTYGET,
-     {Slot::kText},
-     Slot::kText,
-     [](Main2Object& self, const Argument* in, Answer& out) {
-       self.get_GetScreentip(in[0].Text(), out.text.Put());
-     }},
-    {u"GetImage",
-     0x68030000,
-     INVOKE_PROPERTYGET,
-     {Slot::kText},
-     Slot::kPicture,
-     [](Main2Object& self, const Argument* in, Answer& out) {
-       self.get_GetImage(in[0].Text(), out.picture.Put());
-     }},
-    {u"LoadImage",
-     0x6003000D,
-     INVOKE_FUNC,
-     {Slot::kText},
-     Slot::kPicture,
-     [](Main2Object& self, const Argument* in, Answer& out) {
-       self.LoadImage(in[0].Text(), out.picture.Put());
-     }},
-    {u"RibbonCallback",
-     0x6003000F,
-     INVOKE_FUNC,
-     {Slot::kText, Slot::kTruth},
-     Slot::kNone,
-     [](Main2Object& self, const Argument* in, Answer&) {
-       self.RibbonCallback(in[0].Text(), in[1].Truth());
-     }},
-    {u"EnableGotoQuickBookmark",
-     0x60030010,
-     INVOKE_FUNC,
-     {Slot::kTruth},
-     Slot::kNone,
-     [](Main2Object& self, const Argument* in, Answer&) {
-       self.EnableGotoQuickBookmark(in[0].Truth());
-     }},
-    {u"UpdateLexoscopeIcon",
-     0x60030011,
-     INVOKE_FUNC,
-     {Slot::kTruth},
-     Slot::kNone,
-     [](Main2Object& self, const Argument* in, Answer&) {
-       self.UpdateLexoscopeIcon(in[0].Truth());
-     }},
-    {u"EnableToolbar",
-     0x60030013,
-     INVOKE_FUNC,
-     {Slot::kTruth},
-     Slot::kNone,
-     [](Main2Object& self, const Argument* in, Answer&) { self.EnableToolbar(in[0].Truth()); }},
-    {u"activateMorvelinTab",
-     0x60030014,
-     INVOKE_FUNC,
-     {Slot::kObject},
-     Slot::kNone,
-     [](Main2Object& self, const Argument* in, Answer&) {
-       self.activateMorvelinTab(in[0].Object());
-     }},
+    {u"Initialize", kInitialize, INVOKE_FUNC, {kObject, kText}, kNone},
+    {u"ribbon", kRibbon, INVOKE_PROPERTYPUT, {kObject}, kNone},
+    {u"GetRibbonXML", kGetRibbonXml, INVOKE_FUNC, {}, kText},
+    {u"productNameChanged", kProductNameChanged, INVOKE_FUNC, {kText}, kNone},
+    {u"GetLabel", kGetLabel, INVOKE_PROPERTYGET, {kText}, kText},
+    {u"GetEnabled", kGetEnabled, INVOKE_PROPERTYGET, {kText}, kTruth},
+    {u"GetPressed", kGetPressed, INVOKE_PROPERTYGET, {kText}, kTruth},
+    {u"GetScreentip", kGetScreentip, INVOKE_PROPERTYGET, {kText}, kText},
+    {u"GetImage", kGetImage, INVOKE_PROPERTYGET, {kText}, kPicture},
+    {u"LoadImage", kLoadImage, INVOKE_FUNC, {kText}, kPicture},
+    {u"RibbonCallback", kRibbonCallback, INVOKE_FUNC, {kText, kTruth}, kNone},
+    {u"EnableGotoQuickBookmark", kEnableGotoQuickBookmark, INVOKE_FUNC, {kTruth}, kNone},
+    {u"UpdateLexoscopeIcon", kUpdateLexoscopeIcon, INVOKE_FUNC, {kTruth}, kNone},
+    {u"EnableToolbar", kEnableToolbar, INVOKE_FUNC, {kTruth}, kNone},
+    {u"activateMorvelinTab", kActivateMorvelinTab, INVOKE_FUNC, {kObject}, kNone},
 };
+
+// Calls the member through its own slot, each argument and the answer where it expects them.
+void Call(Main2Object& self, DISPID id, const Argument* in, Answer& out) {
+  switch (id) {
+    case kInitialize:
+      self.Initialize(in[0].Object(), in[1].Text());
+      break;
+    case kRibbon:
+      self.put_ribbon(in[0].Object());
+      break;
+    case kGetRibbonXml:
+      self.GetRibbonXML(out.text.Put());
+      break;
+    case kProductNameChanged:
+      self.productNameChanged(in[0].Text());
+      break;
+    case kGetLabel:
+      self.get_GetLabel(in[0].Text(), out.text.Put());
+      break;
+    case kGetEnabled:
+      self.get_GetEnabled(in[0].Text(), &out.truth);
+      break;
+    case kGetPressed:
+      self.get_GetPressed(in[0].Text(), &out.truth);
+      break;
+    case kGetScreentip:
+      self.get_GetScreentip(in[0].Text(), out.text.Put());
+      break;
+    case kGetImage:
+      self.get_GetImage(in[0].Text(), out.picture.Put());
+      break;
+    case kLoadImage:
+      self.LoadImage(in[0].Text(), out.picture.Put());
+      break;
+    case kRibbonCallback:
+      self.RibbonCallback(in[0].Text(), in[1].Truth());
+      break;
+    case kEnableGotoQuickBookmark:
+      self.EnableGotoQuickBookmark(in[0].Truth());
+      break;
+    case kUpdateLexoscopeIcon:
+      self.UpdateLexoscopeIcon(in[0].Truth());
+      break;
+    case kEnableToolbar:
+      self.EnableToolbar(in[0].Truth());
+      break;
+    case kActivateMorvelinTab:
+      self.activateMorvelinTab(in[0].Object());
+      break;
+    default:
+      break;
+  }
+}
 
 // True when `name` is `member`'s name in any case of ASCII letters, which member names are made of.
 // A name with other letters is left to the type library, which compares as the platform does; the
@@ -452,8 +427,9 @@ HRESULT Main2Object::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DI
 }
 
 // The steps, their order and the answer of each failure are the type library's own Invoke for this
-// interface, so that a caller cannot tell the two apart; only the work of reading the type
-// information on every call is left out.
+// interface, so that a caller cannot tell the two apart, with two additions: `Set obj.ribbon = r`
+// is taken, and a type mismatch names its argument in puArgErr, where the platform here leaves it
+// as it was. What is left out is reading the type information on every call.
 HRESULT Main2Object::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* params,
                             VARIANT* result, EXCEPINFO*, UINT* argumentError) {
   if (params == nullptr || params->cNamedArgs > params->cArgs ||
@@ -491,7 +467,7 @@ HRESULT Main2Object::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* par
   }
 
   Answer answer;
-  member->call(*this, arguments, answer);
+  Call(*this, member->id, arguments, answer);
 
   // Arguments passed by value get back what the member left in its parameter, converted to the
   // type they came in; the platform matches them to parameters by position alone here, named or
