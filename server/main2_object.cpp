@@ -1,6 +1,10 @@
 #include "server/main2_object.h"
 
+#include <algorithm>
+#include <array>
+#include <cstdint>
 #include <new>
+#include <optional>
 #include <string>
 
 #include "server/apartment.h"
@@ -67,34 +71,266 @@ HMODULE ThisModule() {
   return module;
 }
 
-// Script engines pass a variable as VT_BYREF|VT_VARIANT. DispInvoke binds a typed [in, out]
-// parameter only to the matching VT_BYREF|<type>, so point straight into the caller's VARIANT;
-// the member then writes back into the script's variable.
-void UnwrapByRefVariants(DISPPARAMS* params) {
-  if (params == nullptr)
-    return;
-  for (UINT i = 0; i < params->cArgs; ++i) {
-    VARIANT& argument = params->rgvarg[i];
-    if (V_VT(&argument) != (VT_BYREF | VT_VARIANT) || V_VARIANTREF(&argument) == nullptr)
-      continue;
-    VARIANT* target = V_VARIANTREF(&argument);
-    switch (V_VT(target)) {
-      case VT_BSTR:
-        V_VT(&argument) = VT_BYREF | VT_BSTR;
-        V_BSTRREF(&argument) = &V_BSTR(target);
+// --- Late binding -------------------------------------------------------------------------------
+
+// What a parameter of _Main2 holds. Every argument is [in, out] by reference, the answer [out,
+// retval]; objects, pictures included, travel as IDispatch.
+enum class Slot : std::uint8_t { kNone, kText, kTruth, kObject, kPicture };
+
+VARTYPE TypeOf(Slot slot) {
+  switch (slot) {
+    case Slot::kText:
+      return VT_BSTR;
+    case Slot::kTruth:
+      return VT_BOOL;
+    case Slot::kObject:
+    case Slot::kPicture:
+      return VT_DISPATCH;
+    case Slot::kNone:
+      break;
+  }
+  return VT_EMPTY;
+}
+
+// Every value of a VARIANT starts at the same place.
+void* ValueOf(VARIANT& v) {
+  return &V_BSTR(&v);
+}
+
+// One argument as a member receives it: a pointer to a value of the parameter's type. The caller's
+// own storage is lent when it holds that type, by reference (also inside a referenced VARIANT, as
+// scripts pass their variables) or by value; the member then reads and writes it in place. A
+// value of another type is coerced into a copy owned here, as the platform coerces it.
+class Argument {
+ public:
+  Argument() = default;
+  Argument(const Argument&) = delete;
+  Argument& operator=(const Argument&) = delete;
+
+  HRESULT Bind(VARIANT& source, VARTYPE type) {
+    type_ = type;
+    if (V_ISBYREF(&source)) {
+      VARIANT* variable =
+          V_VT(&source) == (VT_BYREF | VT_VARIANT) ? V_VARIANTREF(&source) : nullptr;
+      if (V_VT(&source) == (VT_BYREF | type))
+        value_ = V_BYREF(&source);
+      else if (variable != nullptr && V_VT(variable) == type)
+        value_ = ValueOf(*variable);
+      else
+        return DISP_E_TYPEMISMATCH;  // a reference is never coerced
+      return S_OK;
+    }
+    if (V_VT(&source) == type) {
+      value_ = ValueOf(source);
+      lentFrom_ = &source;
+      return S_OK;
+    }
+    const HRESULT hr = ::VariantChangeType(copy_.emplace().get(), &source, 0, type);
+    if (SUCCEEDED(hr))
+      value_ = ValueOf(*copy_->get());
+    return hr;
+  }
+
+  // Gives a caller's by-value argument the parameter's value in the argument's own type.
+  HRESULT CopyBack(VARIANT& target) const {
+    if (&target == lentFrom_)
+      return S_OK;  // the member worked on it in place
+    VARIANT view;
+    V_VT(&view) = static_cast<VARTYPE>(VT_BYREF | type_);
+    V_BYREF(&view) = value_;
+    return ::VariantChangeType(&target, &view, 0, V_VT(&target));
+  }
+
+  BSTR* Text() const { return static_cast<BSTR*>(value_); }
+  VARIANT_BOOL* Truth() const { return static_cast<VARIANT_BOOL*>(value_); }
+  IDispatch** Object() const { return static_cast<IDispatch**>(value_); }
+
+ private:
+  VARTYPE type_ = VT_EMPTY;
+  void* value_ = nullptr;
+  const VARIANT* lentFrom_ = nullptr;
+  std::optional<UniqueVariant> copy_;  // made only when needed: most calls lend
+};
+
+// A member's answer, owned until the caller's result takes it.
+struct Answer {
+  UniqueBstr text;
+  VARIANT_BOOL truth = VARIANT_FALSE;
+  ComPtr<IPictureDisp> picture;
+
+  // Like the platform, writes over the result without clearing what it held: callers hand in
+  // results that were never initialised.
+  void HandTo(Slot slot, VARIANT& result) {
+    switch (slot) {
+      case Slot::kText:
+        // A string that is not there reaches the caller as an empty one.
+        V_VT(&result) = VT_BSTR;
+        V_BSTR(&result) = text.get() != nullptr ? text.Detach() : UniqueBstr(L"", 0).Detach();
         break;
-      case VT_BOOL:
-        V_VT(&argument) = VT_BYREF | VT_BOOL;
-        V_BOOLREF(&argument) = &V_BOOL(target);
+      case Slot::kTruth:
+        V_VT(&result) = VT_BOOL;
+        V_BOOL(&result) = truth;
         break;
-      case VT_DISPATCH:
-        V_VT(&argument) = VT_BYREF | VT_DISPATCH;
-        V_DISPATCHREF(&argument) = &V_DISPATCH(target);
+      case Slot::kPicture:
+        V_VT(&result) = VT_DISPATCH;
+        V_DISPATCH(&result) = picture.Detach();
         break;
-      default:
-        break;  // DispInvoke's own coercion handles the rest
+      case Slot::kObject:
+      case Slot::kNone:
+        break;
     }
   }
+};
+
+constexpr std::size_t kMaxInputs = 2;
+
+// The dispatch ids of the members of _Main2.
+enum : DISPID {
+  kInitialize = 0x60030007,
+  kRibbon = 0x68030006,
+  kGetRibbonXml = 0x60030009,
+  kProductNameChanged = 0x6003000C,
+  kGetLabel = 0x68030005,
+  kGetEnabled = 0x68030004,
+  kGetPressed = 0x68030003,
+  kGetScreentip = 0x68030002,
+  kGetImage = 0x68030000,
+  kLoadImage = 0x6003000D,
+  kRibbonCallback = 0x6003000F,
+  kEnableGotoQuickBookmark = 0x60030010,
+  kUpdateLexoscopeIcon = 0x60030011,
+  kEnableToolbar = 0x60030013,
+  kActivateMorvelinTab = 0x60030014,
+};
+
+// The members of _Main2 as the type library declares them, in slot order.
+struct Member {
+  BstrView name;
+  DISPID id;
+  INVOKEKIND kind;
+  std::array<Slot, kMaxInputs> inputs;
+  Slot answer;
+
+  UINT Inputs() const {
+    return static_cast<UINT>(
+        std::count_if(inputs.begin(), inputs.end(), [](Slot s) { return s != Slot::kNone; }));
+  }
+};
+
+using enum Slot;
+constexpr Member kMembers[] = {
+    {u"Initialize", kInitialize, INVOKE_FUNC, {kObject, kText}, kNone},
+    {u"ribbon", kRibbon, INVOKE_PROPERTYPUT, {kObject}, kNone},
+    {u"GetRibbonXML", kGetRibbonXml, INVOKE_FUNC, {}, kText},
+    {u"productNameChanged", kProductNameChanged, INVOKE_FUNC, {kText}, kNone},
+    {u"GetLabel", kGetLabel, INVOKE_PROPERTYGET, {kText}, kText},
+    {u"GetEnabled", kGetEnabled, INVOKE_PROPERTYGET, {kText}, kTruth},
+    {u"GetPressed", kGetPressed, INVOKE_PROPERTYGET, {kText}, kTruth},
+    {u"GetScreentip", kGetScreentip, INVOKE_PROPERTYGET, {kText}, kText},
+    {u"GetImage", kGetImage, INVOKE_PROPERTYGET, {kText}, kPicture},
+    {u"LoadImage", kLoadImage, INVOKE_FUNC, {kText}, kPicture},
+    {u"RibbonCallback", kRibbonCallback, INVOKE_FUNC, {kText, kTruth}, kNone},
+    {u"EnableGotoQuickBookmark", kEnableGotoQuickBookmark, INVOKE_FUNC, {kTruth}, kNone},
+    {u"UpdateLexoscopeIcon", kUpdateLexoscopeIcon, INVOKE_FUNC, {kTruth}, kNone},
+    {u"EnableToolbar", kEnableToolbar, INVOKE_FUNC, {kTruth}, kNone},
+    {u"activateMorvelinTab", kActivateMorvelinTab, INVOKE_FUNC, {kObject}, kNone},
+};
+
+// Calls the member through its own slot, each argument and the answer where it expects them.
+void Call(Main2Object& self, DISPID id, const Argument* in, Answer& out) {
+  switch (id) {
+    case kInitialize:
+      self.Initialize(in[0].Object(), in[1].Text());
+      break;
+    case kRibbon:
+      self.put_ribbon(in[0].Object());
+      break;
+    case kGetRibbonXml:
+      self.GetRibbonXML(out.text.Put());
+      break;
+    case kProductNameChanged:
+      self.productNameChanged(in[0].Text());
+      break;
+    case kGetLabel:
+      self.get_GetLabel(in[0].Text(), out.text.Put());
+      break;
+    case kGetEnabled:
+      self.get_GetEnabled(in[0].Text(), &out.truth);
+      break;
+    case kGetPressed:
+      self.get_GetPressed(in[0].Text(), &out.truth);
+      break;
+    case kGetScreentip:
+      self.get_GetScreentip(in[0].Text(), out.text.Put());
+      break;
+    case kGetImage:
+      self.get_GetImage(in[0].Text(), out.picture.Put());
+      break;
+    case kLoadImage:
+      self.LoadImage(in[0].Text(), out.picture.Put());
+      break;
+    case kRibbonCallback:
+      self.RibbonCallback(in[0].Text(), in[1].Truth());
+      break;
+    case kEnableGotoQuickBookmark:
+      self.EnableGotoQuickBookmark(in[0].Truth());
+      break;
+    case kUpdateLexoscopeIcon:
+      self.UpdateLexoscopeIcon(in[0].Truth());
+      break;
+    case kEnableToolbar:
+      self.EnableToolbar(in[0].Truth());
+      break;
+    case kActivateMorvelinTab:
+      self.activateMorvelinTab(in[0].Object());
+      break;
+    default:
+      break;
+  }
+}
+
+// True when `name` is `member`'s name in any case of ASCII letters, which member names are made of.
+// A name with other letters is left to the type library, which compares as the platform does; the
+// common comparison, which folds every letter, costs a call into the C library for each one.
+bool IsNameOf(BstrView name, BstrView member) {
+  const auto fold = [](char16_t c) {
+    return c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c - u'A' + u'a') : c;
+  };
+  return std::equal(name.begin(), name.end(), member.begin(), member.end(),
+                    [&](char16_t a, char16_t b) { return fold(a) == fold(b); });
+}
+
+// `Set obj.ribbon = r` is accepted beside `obj.ribbon = r`, though the type library can only say
+// the latter.
+WORD AcceptedFlags(const Member& member) {
+  return member.kind == INVOKE_PROPERTYPUT ? DISPATCH_PROPERTYPUT | DISPATCH_PROPERTYPUTREF
+                                           : static_cast<WORD>(member.kind);
+}
+
+const Member* FindMember(DISPID id, WORD flags) {
+  for (const Member& member : kMembers) {
+    if (member.id == id && (flags & AcceptedFlags(member)) != 0)
+      return &member;
+  }
+  return nullptr;
+}
+
+// The argument named for parameter `index`; a property put's value names the last parameter.
+VARIANT* NamedArgument(const DISPPARAMS& params, UINT index, UINT declared) {
+  for (UINT j = 0; j < params.cNamedArgs; ++j) {
+    const DISPID name = params.rgdispidNamedArgs[j];
+    if (name == static_cast<DISPID>(index) || (index == declared - 1 && name == DISPID_PROPERTYPUT))
+      return &params.rgvarg[j];
+  }
+  return nullptr;
+}
+
+// A type mismatch says which argument, by its place in rgvarg.
+HRESULT ArgumentFailure(HRESULT hr, const DISPPARAMS& params, const VARIANT& argument,
+                        UINT* argumentError) {
+  if (hr == DISP_E_TYPEMISMATCH && argumentError != nullptr)
+    *argumentError = static_cast<UINT>(&argument - params.rgvarg);
+  return hr;
 }
 
 }  // namespace
@@ -118,7 +354,8 @@ ComPtr<ITypeInfo> LoadMain2TypeInfo() {
   ComPtr<ITypeInfo> info;
   if (FAILED(library->GetTypeInfoOfGuid(IID__Main2, info.Put())))
     return nullptr;
-  // For a dual interface that is the dispatch view; DispInvoke needs the interface it describes.
+  // For a dual interface that is the dispatch view; callers that invoke through the type
+  // information need the interface it describes, whose members the vtable has.
   HREFTYPE vtableRef = 0;
   ComPtr<ITypeInfo> vtable;
   if (FAILED(info->GetRefTypeOfImplType(static_cast<UINT>(-1), &vtableRef)) ||
@@ -175,14 +412,78 @@ HRESULT Main2Object::GetTypeInfo(UINT index, LCID, ITypeInfo** out) {
 }
 
 HRESULT Main2Object::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DISPID* ids) {
+  // A member's own name, the one question that scripts and macros ask, is answered from the table.
+  // Parameter names and the names of no member of _Main2 go to the type library, which knows them
+  // (the inherited IUnknown and IDispatch members included) and answers them as the platform does.
+  if (names != nullptr && ids != nullptr && count == 1 && names[0] != nullptr) {
+    for (const Member& member : kMembers) {
+      if (IsNameOf(NameView(names[0]), member.name)) {
+        ids[0] = member.id;
+        return S_OK;
+      }
+    }
+  }
   return ::DispGetIDsOfNames(typeInfo_.get(), names, count, ids);
 }
 
+// The steps, their order and the answer of each failure are the type library's own Invoke for this
+// interface, so that a caller cannot tell the two apart, with two additions: `Set obj.ribbon = r`
+// is taken, and a type mismatch names its argument in puArgErr, where the platform here leaves it
+// as it was. What is left out is reading the type information on every call.
 HRESULT Main2Object::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* params,
-                            VARIANT* result, EXCEPINFO* exception, UINT* argumentError) {
-  UnwrapByRefVariants(params);
-  return ::DispInvoke(static_cast<_Main2*>(this), typeInfo_.get(), id, flags, params, result,
-                      exception, argumentError);
+                            VARIANT* result, EXCEPINFO*, UINT* argumentError) {
+  if (params == nullptr || params->cNamedArgs > params->cArgs ||
+      (params->cArgs > 0 && params->rgvarg == nullptr) ||
+      (params->cNamedArgs > 0 && params->rgdispidNamedArgs == nullptr))
+    return E_INVALIDARG;
+  const Member* member = FindMember(id, flags);
+  if (member == nullptr)
+    return DISP_E_MEMBERNOTFOUND;  // also a read of `ribbon`, and any call to no member
+  if (member->kind == INVOKE_PROPERTYPUT &&
+      (params->cNamedArgs == 0 || params->rgdispidNamedArgs[0] != DISPID_PROPERTYPUT))
+    return DISP_E_PARAMNOTFOUND;
+
+  const UINT inputs = member->Inputs();
+  const UINT declared = inputs + (member->answer != Slot::kNone ? 1 : 0);
+  Argument arguments[kMaxInputs];
+  UINT positional = 0;
+  for (UINT i = 0; i < declared; ++i) {
+    VARIANT* source = NamedArgument(*params, i, declared);
+    if (source == nullptr && positional + params->cNamedArgs < params->cArgs)
+      source = &params->rgvarg[params->cArgs - 1 - positional++];
+    if (i == inputs) {
+      // The answer is the last parameter and the caller's result, never an argument. (No member
+      // is a property read with nothing but an answer, the one case where the platform takes an
+      // argument there to index the answer.)
+      if (i < params->cArgs)
+        return DISP_E_BADPARAMCOUNT;
+      continue;
+    }
+    if (source == nullptr)
+      return DISP_E_BADPARAMCOUNT;
+    const HRESULT hr = arguments[i].Bind(*source, TypeOf(member->inputs[i]));
+    if (FAILED(hr))
+      return ArgumentFailure(hr, *params, *source, argumentError);
+  }
+
+  Answer answer;
+  Call(*this, member->id, arguments, answer);
+
+  // Arguments passed by value get back what the member left in its parameter, converted to the
+  // type they came in; the platform matches them to parameters by position alone here, named or
+  // not.
+  positional = 0;
+  for (UINT i = 0; i < inputs && positional < params->cArgs; ++i, ++positional) {
+    VARIANT& target = params->rgvarg[params->cArgs - 1 - positional];
+    if (V_ISBYREF(&target))
+      continue;
+    const HRESULT hr = arguments[i].CopyBack(target);
+    if (FAILED(hr))
+      return ArgumentFailure(hr, *params, target, argumentError);
+  }
+  if (result != nullptr)
+    answer.HandTo(member->answer, *result);
+  return S_OK;
 }
 
 // --- The members --------------------------------------------------------------------------------
@@ -191,7 +492,7 @@ HRESULT Main2Object::Initialize(IDispatch** eventSignaller, BSTR* productName) {
   return Boundary([&] { core_.Initialize(InObject(eventSignaller), InString(productName)); });
 }
 
-HRESULT Main2Object::putref_ribbon(IDispatch** value) {
+HRESULT Main2Object::put_ribbon(IDispatch** value) {
   return Boundary([&] { core_.ribbon(InObject(value)); });
 }
 

@@ -31,7 +31,8 @@ class Main2Object final : public ComObject<Main2Object, _Main2> {
  public:
   static HRESULT Create(REFIID riid, void** out);
 
-  // IDispatch, through the type library
+  // IDispatch. Invoke and GetIDsOfNames answer as the type library's own would, without it on the
+  // way of a call.
   HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override;
   HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT index, LCID locale, ITypeInfo** out) override;
   HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID riid, LPOLESTR* names, UINT count, LCID locale,
@@ -42,7 +43,7 @@ class Main2Object final : public ComObject<Main2Object, _Main2> {
 
   // _Main2
   HRESULT STDMETHODCALLTYPE Initialize(IDispatch** eventSignaller, BSTR* productName) override;
-  HRESULT STDMETHODCALLTYPE putref_ribbon(IDispatch** value) override;
+  HRESULT STDMETHODCALLTYPE put_ribbon(IDispatch** value) override;
   HRESULT STDMETHODCALLTYPE GetRibbonXML(BSTR* result) override;
   HRESULT STDMETHODCALLTYPE productNameChanged(BSTR* productName) override;
   HRESULT STDMETHODCALLTYPE get_GetLabel(BSTR* idStr, BSTR* result) override;

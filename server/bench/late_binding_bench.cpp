@@ -1,8 +1,9 @@
 // What one late-bound call costs a macro: GetEnabled on the registered "Tabforge.Main2" beside an
-// Item read on the platform's own "Scripting.Dictionary", both by a dispatch id resolved once and
-// with the argument passed by reference, as a macro passes its variables. Each measurement is
-// repeated and the median reported, so that one slow round (a page fault, the wineserver waking
-// up) does not decide the result.
+// Item read on the platform's own "Scripting.Dictionary", in the four forms that callers use: the
+// member by a dispatch id resolved once or by its name at every call, the argument by value (a
+// literal, or an expression in parentheses) or by reference (a variable, as VT_BYREF|VT_VARIANT).
+// Each measurement is repeated and the median reported, so that one slow round (a page fault, the
+// wineserver waking up) does not decide the result.
 #include <windows.h>
 
 #include <ole2.h>
@@ -55,12 +56,31 @@ UniqueVariant Text(const wchar_t* text) {
   return value;
 }
 
-// `object.member(argument)` read as a property, the argument by reference; false on a failure.
-bool Get(const ComPtr<IDispatch>& object, DISPID id, VARIANT& argument, VARIANT_BOOL& answer) {
+// How a call names its member and passes its argument.
+struct Form {
+  const char* name;
+  bool byName;
+  bool byReference;
+};
+constexpr Form kForms[] = {
+    {"by id, argument by value", false, false},
+    {"by id, argument by reference", false, true},
+    {"by name, argument by value", true, false},
+    {"by name, argument by reference", true, true},
+};
+
+// `object.member(argument)` read as a property in the given form; false on a failure.
+bool Get(const ComPtr<IDispatch>& object, const wchar_t* member, DISPID id, const Form& form,
+         VARIANT& argument, VARIANT_BOOL& answer) {
+  if (form.byName) {
+    LPOLESTR names[] = {const_cast<LPOLESTR>(member)};
+    if (FAILED(object->GetIDsOfNames(IID_NULL, names, 1, LOCALE_USER_DEFAULT, &id)))
+      return false;
+  }
   VARIANT reference;
   V_VT(&reference) = VT_BYREF | VT_VARIANT;
   V_VARIANTREF(&reference) = &argument;
-  DISPPARAMS params{&reference, nullptr, 1, 0};
+  DISPPARAMS params{form.byReference ? &reference : &argument, nullptr, 1, 0};
   UniqueVariant result;
   if (FAILED(object->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_PROPERTYGET, &params,
                             result.get(), nullptr, nullptr)) ||
@@ -150,27 +170,23 @@ int Run() {
   if (!direct)
     return 1;
   BSTR idText = V_BSTR(id.get());
-  // The same member through the interface's own slot: what is left of a late-bound call without
-  // the dispatch machinery, that is the member's body and its string and truth-value conversions.
-  const auto times = RoundTimes({
-      [&] { return Get(main2, getEnabled, *id.get(), answer); },
-      [&] { return Get(dictionary, item, *id.get(), found); },
-      [&] {
-        VARIANT_BOOL enabled = VARIANT_FALSE;
-        return SUCCEEDED(direct->get_GetEnabled(&idText, &enabled));
-      },
+  // Each form on both objects, in turns, and last the same member through the interface's own
+  // slot: what is left of a late-bound call without the dispatch machinery, that is the member's
+  // body and its string and truth-value conversions.
+  std::vector<std::function<bool()>> calls;
+  for (const Form& form : kForms) {
+    calls.push_back([&] { return Get(main2, L"GetEnabled", getEnabled, form, *id.get(), answer); });
+    calls.push_back([&] { return Get(dictionary, L"Item", item, form, *id.get(), found); });
+  }
+  calls.push_back([&] {
+    VARIANT_BOOL enabled = VARIANT_FALSE;
+    return SUCCEEDED(direct->get_GetEnabled(&idText, &enabled));
   });
+  const auto times = RoundTimes(calls);
   if (times.empty()) {
     std::fprintf(stderr, "late_binding_bench: a measured call failed\n");
     return 1;
   }
-  // The ratio of each round's pair, whose median a slow round cannot move.
-  std::vector<double> ratios;
-  for (std::size_t r = 0; r < times[0].size(); ++r)
-    ratios.push_back(times[0][r] / times[1][r]);
-  const double ours = Median(times[0]);
-  const double theirs = Median(times[1]);
-  const double body = Median(times[2]);
   // A key the dictionary does not find answers Empty, which reads as False: the cheaper miss
   // path would have been measured instead of the lookup.
   if (found != VARIANT_TRUE) {
@@ -181,10 +197,18 @@ int Run() {
       "%d rounds of %d calls each, taking turns; medians in ns per call, and of the "
       "rounds' ratios\n",
       kRounds, kCallsPerRound);
-  std::printf("Tabforge.Main2 GetEnabled      %10.1f ns\n", ours);
-  std::printf("Scripting.Dictionary Item      %10.1f ns\n", theirs);
-  std::printf("  (GetEnabled by its vtable slot %10.1f ns, the rest is IDispatch::Invoke)\n", body);
-  std::printf("ratio                          %10.2f\n", Median(ratios));
+  std::printf("%-32s %12s %12s %7s\n", "form", "GetEnabled", "Item", "ratio");
+  for (std::size_t f = 0; f < std::size(kForms); ++f) {
+    const auto& ours = times[2 * f];
+    const auto& theirs = times[2 * f + 1];
+    // The ratio of each round's pair, whose median a slow round cannot move.
+    std::vector<double> ratios;
+    for (std::size_t r = 0; r < ours.size(); ++r)
+      ratios.push_back(ours[r] / theirs[r]);
+    std::printf("%-32s %9.1f ns %9.1f ns %7.2f\n", kForms[f].name, Median(ours), Median(theirs),
+                Median(ratios));
+  }
+  std::printf("GetEnabled by its vtable slot    %9.1f ns\n", Median(times.back()));
   return 0;
 }
 
