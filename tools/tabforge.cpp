@@ -42,9 +42,9 @@ constexpr const char* kRibbonXmlUsage =
     "usage: tabforge ribbon-xml [--product-name NAME] [--check]\n"
     "\n"
     "Prints the custom-UI document that Main2 gives after Initialize with NAME (default\n"
-    "\"Morvelin\"), followed by one newline. With --check, also checks the document as\n"
-    "'tabforge check' does, lists the findings on standard error and exits with 1 when the\n"
-    "word processor would refuse it.\n";
+    "\"Morvelin\"), followed by one newline, and warns on standard error, naming every\n"
+    "finding, when the word processor would refuse it. With --check, lists the findings as\n"
+    "'tabforge check' does and exits with 1 when the word processor would refuse it.\n";
 
 constexpr const char* kCheckUsage =
     "usage: tabforge check [FILE]\n"
@@ -82,6 +82,32 @@ constexpr const char* kPreviewUsage =
     "Main2 is initialized with NAME (default \"Morvelin\"); with it, the page shows the state\n"
     "after replaying FILE as 'tabforge session' does, renamed to NAME when one is given.\n";
 
+#ifdef _WIN32
+// Without the check (the Windows build has no XML library), the ways in which the product name
+// alone makes the document refused: it stands, unescaped, in two labels of its own and in the
+// first group's label before " Core Features", and a label has 1 to 1024 characters.
+std::vector<std::string> NameRefusals(const Bstr& name) {
+  constexpr std::size_t kLongestLabel = 1024;
+  constexpr std::size_t kGroupSuffix = 14;  // " Core Features"
+  std::vector<std::string> reasons;
+  if (name.empty())
+    reasons.emplace_back("the product name is empty, so the tab and two groups get label=\"\"");
+  if (name.size() > kLongestLabel) {
+    reasons.push_back("the product name has " + std::to_string(name.size()) +
+                      " characters, so the tab and the group on the References tab get labels "
+                      "of more than 1024");
+  }
+  if (name.size() + kGroupSuffix > kLongestLabel) {
+    reasons.push_back("the group label \"" + ToUtf8(name.substr(0, 20)) +
+                      "... Core Features\" has " + std::to_string(name.size() + kGroupSuffix) +
+                      " characters, more than 1024");
+  }
+  if (name.find_first_of(u"\"<&") != Bstr::npos)
+    reasons.emplace_back("the product name holds \", < or &, so the document is not well-formed");
+  return reasons;
+}
+#endif
+
 bool WantsHelp(const std::vector<std::string>& args) {
   for (const auto& a : args) {
     if (a == "--help" || a == "-h")
@@ -108,15 +134,14 @@ int RibbonXml(const std::vector<std::string>& args) {
       return 2;
     }
   }
-  if (name.empty()) {
-    std::cerr << "tabforge ribbon-xml: warning: the product name is empty, so the tab and two "
-                 "groups get label=\"\", which the word processor refuses\n";
-  }
 #ifdef _WIN32
   if (check) {
     std::cerr << "tabforge ribbon-xml: --check is not available in the Windows build\n";
     return 2;
   }
+  for (const auto& reason : NameRefusals(FromUtf8(name)))
+    std::cerr << "tabforge ribbon-xml: warning: " << reason
+              << ", which the word processor refuses\n";
   cli::ComApartment apartment;
   try {
     std::cout << ToUtf8(cli::LateBoundRibbonXml(FromUtf8(name))) << "\n";
@@ -133,12 +158,14 @@ int RibbonXml(const std::vector<std::string>& args) {
   main2.Initialize(nullptr, FromUtf8(name));
   const std::string document = ToUtf8(main2.GetRibbonXML());
   std::cout << document << "\n";
-  if (!check)
-    return 0;
+  // Every document that the check refuses is named, asked for or not.
   const auto findings = cli::CheckCustomUi(document);
+  if (!check && !findings.empty()) {
+    std::cerr << "tabforge ribbon-xml: warning: the word processor refuses this document:\n";
+  }
   for (const auto& finding : findings)
-    std::cerr << cli::FormatFinding(finding) << "\n";
-  return findings.empty() ? 0 : 1;
+    std::cerr << (check ? "" : "  ") << cli::FormatFinding(finding) << "\n";
+  return check && !findings.empty() ? 1 : 0;
 #endif
 }
 
