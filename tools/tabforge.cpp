@@ -1,4 +1,5 @@
 // tabforge: what the word processor would get from the library, without the word processor.
+#include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -34,7 +35,8 @@ constexpr const char* kUsage =
     "  check [FILE]                       tell why the word processor would refuse a document\n"
     "  preview [--product-name NAME] [--icons DIR] [--session FILE] [-o FILE]\n"
     "                                     draw the ribbon as an HTML page\n"
-    "  session [--icons DIR] [FILE]       replay a host session from FILE or standard input\n"
+    "  session [--icons DIR] [--errors ...] [FILE]\n"
+    "                                     replay a host session from FILE or standard input\n"
     "\n"
     "Run 'tabforge <command> --help' for a command's options.\n";
 
@@ -54,7 +56,8 @@ constexpr const char* kCheckUsage =
     "document would be taken, 1 when not, 2 on bad usage.\n";
 
 constexpr const char* kSessionUsage =
-    "usage: tabforge session [--icons DIR] [FILE]\n"
+    "usage: tabforge session [--icons DIR] [--failing-macros LIST] [--errors [--answers LIST]\n"
+    "                        [--dumps DIR]] [--trace] [FILE]\n"
     "\n"
     "Replays a host session against a new Main2, one command a line: a member name and its\n"
     "arguments separated by one blank; a text argument that comes last takes the rest of the "
@@ -71,7 +74,16 @@ constexpr const char* kSessionUsage =
     "For each command it prints the calls the library made on the session's objects, indented\n"
     "by two blanks, then one result line. Icons come from DIR/N.png or DIR/N.gif (default: the\n"
     "project's icons). activateMorvelinTab builds an accessibility tree from TREEFILE, passes it\n"
-    "as the ribbon's command bar, and prints each element pressed; README.md gives the format.\n";
+    "as the ribbon's command bar, and prints each element pressed; README.md gives the format.\n"
+    "\n"
+    "  --failing-macros LIST  the macros (comma-separated) whose run fails in the template\n"
+    "  --errors               an error component of the session's own stands in for\n"
+    "                         MorvelinError.Main2, and every call it receives is shown among\n"
+    "                         the command's calls, \"  error.MEMBER ARGUMENTS\", its answer\n"
+    "                         behind \" => \"; without it, failures are silent\n"
+    "  --answers LIST         its answers to failures in turn, such as 8,7; then 7 (leave)\n"
+    "  --dumps DIR            writes each dump to DIR/dump-N.txt as the component would\n"
+    "  --trace                the host's command line asks for tracing (\"/trace\")\n";
 
 constexpr const char* kPreviewUsage =
     "usage: tabforge preview [--product-name NAME] [--icons DIR] [--session FILE] [-o FILE]\n"
@@ -230,6 +242,23 @@ int Check(const std::vector<std::string>& args) {
 }
 #endif
 
+// "8,7": the answers in turn.
+bool ParseAnswers(const std::string& text, std::vector<std::int32_t>& answers) {
+  std::stringstream list(text);
+  for (std::string item; std::getline(list, item, ',');) {
+    try {
+      std::size_t used = 0;
+      const long value = std::stol(item, &used);
+      if (used != item.size() || value < INT32_MIN || value > INT32_MAX)
+        return false;
+      answers.push_back(static_cast<std::int32_t>(value));
+    } catch (const std::exception&) {
+      return false;
+    }
+  }
+  return !answers.empty();
+}
+
 int Session(const std::vector<std::string>& args) {
   if (WantsHelp(args)) {
     std::cout << kSessionUsage;
@@ -239,8 +268,25 @@ int Session(const std::vector<std::string>& args) {
   options.iconDirectory = DefaultIcons();
   std::string file;
   for (std::size_t i = 0; i < args.size(); ++i) {
-    if (args[i] == "--icons" && i + 1 < args.size()) {
+    const bool hasValue = i + 1 < args.size();
+    if (args[i] == "--icons" && hasValue) {
       options.iconDirectory = args[++i];
+    } else if (args[i] == "--errors") {
+      options.errors = true;
+    } else if (args[i] == "--answers" && hasValue) {
+      if (!ParseAnswers(args[++i], options.answers)) {
+        std::cerr << "tabforge session: --answers takes whole numbers separated by commas, not '"
+                  << args[i] << "'\n";
+        return 2;
+      }
+    } else if (args[i] == "--dumps" && hasValue) {
+      options.dumpDirectory = args[++i];
+    } else if (args[i] == "--trace" || args[i] == "/trace") {
+      options.trace = true;
+    } else if (args[i] == "--failing-macros" && hasValue) {
+      std::stringstream list(args[++i]);
+      for (std::string macro; std::getline(list, macro, ',');)
+        options.failingMacros.push_back(macro);
     } else if (file.empty() && args[i].rfind("--", 0) != 0) {
       file = args[i];
     } else {
