@@ -92,8 +92,9 @@ std::string StackNames(const Variant& depth, const Variant& stack) {
   std::string text;
   const std::int64_t top = std::min<std::int64_t>(ToLong(depth), array.Array()->UpperBound());
   for (std::int64_t k = array.Array()->lowerBound; k <= top; ++k) {
-    text += (text.empty() ? "" : " ") +
-            Quote((*names)[static_cast<std::size_t>(k - array.Array()->lowerBound)]);
+    if (!text.empty())
+      text += ' ';
+    text += Quote((*names)[static_cast<std::size_t>(k - array.Array()->lowerBound)]);
   }
   return text.empty() ? "empty" : text;
 }
@@ -123,16 +124,17 @@ Variant SessionErrorComponent::Invoke(BstrView member, CallKind, std::span<Varia
                                                 "mOldTraceProc",     "vbwCallStack",
                                                 "vbwSystemInfo",     "vbwScreenshot"};
     for (std::size_t i = 0; i < std::size(kSwitches); ++i)
-      line += std::string(" ") + kSwitches[i] + "=" + Plain(argument(i));
+      line.append(" ").append(kSwitches[i]).append("=").append(Plain(argument(i)));
     log_.push_back(line);
     return {};
   }
   if (member == u"vbwErrorHandler") {
-    line += " " + std::to_string(ToLong(argument(0))) + " " + Quote(ToBstr(argument(1))) + " " +
-            Quote(ToBstr(argument(2))) + " " + Quote(ToBstr(argument(3))) + " " +
-            Quote(ToBstr(argument(4))) + " line " + std::to_string(ToLong(argument(5))) +
-            " depth " + std::to_string(ToLong(argument(6))) + " stack " +
-            StackNames(argument(6), argument(7));
+    line.append(" ").append(std::to_string(ToLong(argument(0))));
+    for (std::size_t i = 1; i <= 4; ++i)
+      line.append(" ").append(Quote(ToBstr(argument(i))));
+    line.append(" line ").append(std::to_string(ToLong(argument(5))));
+    line.append(" depth ").append(std::to_string(ToLong(argument(6))));
+    line.append(" stack ").append(StackNames(argument(6), argument(7)));
     std::int32_t answer = kLeaveAnswer;
     if (!state_->answers.empty()) {
       answer = state_->answers.front();

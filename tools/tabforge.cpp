@@ -294,6 +294,10 @@ int Session(const std::vector<std::string>& args) {
       return 2;
     }
   }
+#ifdef _WIN32
+  if (options.trace)
+    cli::AskForTracingOnTheCommandLine();
+#endif
   if (file.empty() || file == "-")
     return Replay(std::cin, options);
   std::ifstream in(file);
