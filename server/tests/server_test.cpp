@@ -135,6 +135,17 @@ class Recorder final : public Counted {
       const VARIANT& number = params->rgvarg[params->cArgs - 1];
       if ((V_VT(&number) & VT_BYREF) != 0 && (V_VT(&number) & VT_TYPEMASK) == VT_I4)
         errorNumbers.push_back(*V_I4REF(&number));
+      // The stack, the last argument, goes by reference: read slot 5 as it comes, then write it.
+      VARIANT& stack = params->rgvarg[0];
+      if (V_VT(&stack) == (VT_BYREF | VT_ARRAY | VT_BSTR) && *V_ARRAYREF(&stack) != nullptr) {
+        LONG slot = 5;
+        UniqueBstr name;
+        if (SUCCEEDED(::SafeArrayGetElement(*V_ARRAYREF(&stack), &slot, name.Put())))
+          stackSlot5.emplace_back(name.get() != nullptr ? name.get() : L"");
+        const std::wstring text = L"Written " + std::to_wstring(stackSlot5.size());
+        UniqueBstr written(::SysAllocString(text.c_str()));
+        ::SafeArrayPutElement(*V_ARRAYREF(&stack), &slot, written.get());
+      }
       if (result != nullptr) {
         V_VT(result) = VT_I4;
         V_I4(result) = 7;
@@ -143,6 +154,7 @@ class Recorder final : public Counted {
     return S_OK;
   }
   std::vector<LONG> errorNumbers;
+  std::vector<std::wstring> stackSlot5;
 };
 
 class RecorderFactory final : public IClassFactory {
@@ -601,6 +613,17 @@ TEST_F(Members, AFailureInsideReachesTheErrorComponentAndTheCallSucceeds) {
   EXPECT_EQ(main->LoadImage(pastTheTable.InOut(), nothing.Put()), S_OK);
   EXPECT_FALSE(nothing);
   EXPECT_EQ(recorder.errorNumbers, std::vector<LONG>{9});
+}
+
+TEST_F(Members, TheComponentWritesIntoTheLibrarysOwnStack) {
+  for (int i = 0; i < 2; ++i) {
+    UniqueBstr pastTheTable = Bstr(L"27");
+    ComPtr<IPictureDisp> nothing;
+    EXPECT_EQ(main->LoadImage(pastTheTable.InOut(), nothing.Put()), S_OK);
+  }
+  // Slot 5 lies above the depth, so only the component's own write can have changed it.
+  ASSERT_EQ(recorder.stackSlot5.size(), 2u);
+  EXPECT_EQ(recorder.stackSlot5[1], L"Written 1");
 }
 
 // A tree's elements as oleacc and a caller see them: children as objects or, for a simple child,
