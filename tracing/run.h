@@ -44,7 +44,7 @@ class Frame {
   // from `body().Resume()`, false when the procedure leaves.
   bool Recover(LocalList locals) noexcept;
 
-  // The last exit: exit tracking behind the trace switch.
+  // The last exit: exit tracking, for an entry that was tracked.
   void Leave() noexcept {
     if (tracked_)
       protector_.vbwProcOut(info_.qualifiedName);
