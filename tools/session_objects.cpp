@@ -62,7 +62,9 @@ std::string Plain(const Variant& argument) {
     case VarType::VT_BSTR:
       return Quote(value.String());
     case VarType::VT_BOOL:
-      return value.Number() == 0 ? "false" : value.Number() == -1 ? "true" : "?";
+      if (value.Number() == 0 || value.Number() == -1)
+        return value.Number() == 0 ? "false" : "true";
+      return std::to_string(value.Number());
     case VarType::VT_DISPATCH:
     case VarType::VT_UNKNOWN:
       return value.ObjectRef() ? "object" : "nothing";

@@ -248,7 +248,7 @@ bool ParseAnswers(const std::string& text, std::vector<std::int32_t>& answers) {
   for (std::string item; std::getline(list, item, ',');) {
     try {
       std::size_t used = 0;
-      const long value = std::stol(item, &used);
+      const long long value = std::stoll(item, &used);
       if (used != item.size() || value < INT32_MIN || value > INT32_MAX)
         return false;
       answers.push_back(static_cast<std::int32_t>(value));
