@@ -126,7 +126,8 @@ class FakeRibbon final : public IRibbonUI {
   std::vector<std::wstring> invalidated;
 };
 
-// The error component: records every member called and answers the handler with "leave".
+// The error component: records every member called and answers the handler from `answers`, then
+// with "leave".
 class Recorder final : public Counted {
  public:
   HRESULT OnInvoke(const std::wstring& member, DISPPARAMS* params, VARIANT* result) override {
@@ -149,12 +150,20 @@ class Recorder final : public Counted {
       if (result != nullptr) {
         V_VT(result) = VT_I4;
         V_I4(result) = 7;
+        if (!answers.empty()) {
+          V_I4(result) = answers.front();
+          answers.erase(answers.begin());
+        }
       }
     }
+    if (member == L"vbwOpenDumpFile" && failOpenDump)
+      return static_cast<HRESULT>(0x800A004B);  // run-time error 75, path/file access
     return S_OK;
   }
   std::vector<LONG> errorNumbers;
   std::vector<std::wstring> stackSlot5;
+  std::vector<LONG> answers;  // then 7, leave
+  bool failOpenDump = false;
 };
 
 class RecorderFactory final : public IClassFactory {
@@ -624,6 +633,17 @@ TEST_F(Members, TheComponentWritesIntoTheLibrarysOwnStack) {
   // Slot 5 lies above the depth, so only the component's own write can have changed it.
   ASSERT_EQ(recorder.stackSlot5.size(), 2u);
   EXPECT_EQ(recorder.stackSlot5[1], L"Written 1");
+}
+
+TEST_F(Members, AFailedDumpOpeningDoesNotEndTheDump) {
+  recorder.answers = {8, 7};
+  recorder.failOpenDump = true;
+  UniqueBstr pastTheTable = Bstr(L"27");
+  ComPtr<IPictureDisp> nothing;
+  EXPECT_EQ(main->LoadImage(pastTheTable.InOut(), nothing.Put()), S_OK);
+  // The opening's answer let the component go; the dump step goes on, and each of its calls that
+  // needs the component (three banners, four objects, the close) fails and is told; then -1.
+  EXPECT_EQ(recorder.errorNumbers, (std::vector<LONG>{9, 75, 91, 91, 91, 91, 91, 91, 91, 91, -1}));
 }
 
 // A tree's elements as oleacc and a caller see them: children as objects or, for a simple child,
