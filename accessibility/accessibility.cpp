@@ -183,34 +183,34 @@ Ref<Object> Accessibility::GetAccessible(const Ref<Object>& Element, std::int32_
         l.Add(u"ReturnElement", ReturnElement);
       },
       [&](Body& body) {
-        // A search never fails: what cannot be read is given up and the walk goes on.
-        body.PassOver();
         TF_BEGIN(body)
-        TF_STEP(1) if (HasRoleAndName(Element, RoleWanted, NameWanted)) {
-          TF_STEP(2) ReturnElement = Element;
+        // A search never fails: what cannot be read is given up and the walk goes on.
+        TF_PASS_OVER(1)
+        TF_STEP(2) if (HasRoleAndName(Element, RoleWanted, NameWanted)) {
+          TF_STEP(3) ReturnElement = Element;
         }
         else {
-          TF_STEP(3) ChildrenArray = ChildrenWithinBounds(Element);
-          TF_STEP(4) if (!ChildrenArray.empty()) {
-            TF_STEP(5)
+          TF_STEP(4) ChildrenArray = ChildrenWithinBounds(Element);
+          TF_STEP(5) if (!ChildrenArray.empty()) {
+            TF_STEP(6)
             for (ndxChild = 0, highestChild = HighestIndex(ChildrenArray.size());
                  ndxChild <= highestChild; ++ndxChild) {
-              TF_STEP(6) if (HoldsObject(At(ChildrenArray, ndxChild))) {
-                TF_STEP(7) Child = ToObject(At(ChildrenArray, ndxChild));
-                TF_STEP(8) ReturnElement = GetAccessible(Child, RoleWanted, NameWanted, kFalse);
-                TF_STEP(9) if (ReturnElement) {
-                  TF_STEP(10) break;
+              TF_STEP(7) if (HoldsObject(At(ChildrenArray, ndxChild))) {
+                TF_STEP(8) Child = ToObject(At(ChildrenArray, ndxChild));
+                TF_STEP(9) ReturnElement = GetAccessible(Child, RoleWanted, NameWanted, kFalse);
+                TF_STEP(10) if (ReturnElement) {
+                  TF_STEP(11) break;
                 }
               }
             }
           }
         }
-        TF_STEP(11) if (IsTrue(GetClient)) {
-          TF_STEP(12)
+        TF_STEP(12) if (IsTrue(GetClient)) {
+          TF_STEP(13)
           ReturnElement = ToObject(CallByName(ReturnElement, u"accNavigate", CallKind::kMethod,
                                               kNavDirFirstChild, kChildIdSelf));
         }
-        TF_STEP(13) result = ReturnElement;
+        TF_STEP(14) result = ReturnElement;
         TF_END
       });
   return result;
@@ -252,35 +252,35 @@ ChildList Accessibility::GetListOfChildren(const Ref<Object>& Parent, VariantBoo
         l.Add(u"GrandChild", GrandChild);
       },
       [&](Body& body) {
+        TF_BEGIN(body)
         // A listing that cannot be completed is no listing: it leaves with nothing and isOK as
         // it came in, and the caller decides whether to try again.
-        body.ExitOnFailure();
-        TF_BEGIN(body)
-        TF_STEP(1) LocalChildren = ChildrenWithinBounds(Parent);
-        TF_STEP(2) if (!LocalChildren.empty()) {
-          TF_STEP(3)
+        TF_EXIT_ON_FAILURE(1)
+        TF_STEP(2) LocalChildren = ChildrenWithinBounds(Parent);
+        TF_STEP(3) if (!LocalChildren.empty()) {
+          TF_STEP(4)
           for (ndxChild = 0, highestChild = HighestIndex(LocalChildren.size());
                ndxChild <= highestChild; ++ndxChild) {
-            TF_STEP(4) Child = ToObject(At(LocalChildren, ndxChild));
-            TF_STEP(5) if (NeitherGraphicNorText(Child)) {
-              TF_STEP(6) if ((State(Child) & kStateHidden) == 0) {
-                TF_STEP(7) if (ListedItself(GetDescendents, Child)) {
-                  TF_STEP(8) AddChildToList(Child, ChildInfo);
+            TF_STEP(5) Child = ToObject(At(LocalChildren, ndxChild));
+            TF_STEP(6) if (NeitherGraphicNorText(Child)) {
+              TF_STEP(7) if ((State(Child) & kStateHidden) == 0) {
+                TF_STEP(8) if (ListedItself(GetDescendents, Child)) {
+                  TF_STEP(9) AddChildToList(Child, ChildInfo);
                 }
                 else {
-                  TF_STEP(9) {
+                  TF_STEP(10) {
                     VariantBool grandChildOK = kFalse;
                     GrandChildInfo = GetListOfChildren(Child, kTrue, grandChildOK);
                   }
-                  TF_STEP(10) if (!GrandChildInfo.Children.empty()) {
-                    TF_STEP(11)
+                  TF_STEP(11) if (!GrandChildInfo.Children.empty()) {
+                    TF_STEP(12)
                     for (ndxGrandChild = 0,
                         highestGrandChild = HighestIndex(GrandChildInfo.Children.size());
                          ndxGrandChild <= highestGrandChild; ++ndxGrandChild) {
-                      TF_STEP(12)
+                      TF_STEP(13)
                       GrandChild = At(GrandChildInfo.Children, ndxGrandChild);
-                      TF_STEP(13) AddChildToList(GrandChild, ChildInfo);
-                      TF_STEP(14)
+                      TF_STEP(14) AddChildToList(GrandChild, ChildInfo);
+                      TF_STEP(15)
                       Last(ChildInfo.Levels) =
                           CheckedIncrement(At(GrandChildInfo.Levels, ndxGrandChild));
                     }
@@ -290,8 +290,8 @@ ChildList Accessibility::GetListOfChildren(const Ref<Object>& Parent, VariantBoo
             }
           }
         }
-        TF_STEP(15) result = std::move(ChildInfo);
-        TF_STEP(16) isOK = kTrue;
+        TF_STEP(16) result = std::move(ChildInfo);
+        TF_STEP(17) isOK = kTrue;
         TF_END
       });
   return result;

@@ -42,8 +42,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::istringstream in(WithoutTabSearches({reinterpret_cast<const char*>(data), size}));
   std::ostringstream out;
   std::ostringstream errors;
-  const int status =
-      tabforge::cli::ReplaySession(in, out, errors, {.iconDirectory = TABFORGE_ICONS});
+  const int status = tabforge::cli::ReplaySession(
+      in, out, errors, {.iconDirectory = TABFORGE_ICONS, .errors = true});
   if (status != 0 && status != 2) {
     std::fprintf(stderr, "session status %d\n", status);
     std::abort();

@@ -162,9 +162,9 @@ void Main2::EnableToolbar(VariantBool value) {
         }
         // The ribbon's refusal is nobody's concern: the flag has changed, and the ribbon reads
         // it when it next asks.
-        body.PassOver();
+        TF_PASS_OVER(6)
         // Held for the call: the ribbon may set a new ribbon object while it invalidates.
-        TF_STEP(6) Required(Ref<RibbonUi>(mRibbon)).Invalidate();
+        TF_STEP(7) Required(Ref<RibbonUi>(mRibbon)).Invalidate();
         TF_END
       });
 }
@@ -206,9 +206,9 @@ void Main2::InvalidateRibbonControl(std::int32_t id) {
         TF_STEP(1) if (!mRibbon) {
           TF_STEP(2) return;
         }
-        body.PassOver();
-        TF_STEP(3) idText = IdText(id);
-        TF_STEP(4) Required(Ref<RibbonUi>(mRibbon)).InvalidateControl(idText);
+        TF_PASS_OVER(3)
+        TF_STEP(4) idText = IdText(id);
+        TF_STEP(5) Required(Ref<RibbonUi>(mRibbon)).InvalidateControl(idText);
         TF_END
       });
 }

@@ -247,7 +247,7 @@ std::int16_t Main2::TabIndex(const ChildList& Info, const Bstr& tabName) {
         TF_BEGIN(body)
         TF_STEP(1) result = -1;
         // Any entry that cannot be read ends this pass as "not found"; the caller tries again.
-        TF_STEP(2) body.ExitOnFailure();
+        TF_EXIT_ON_FAILURE(2)
         TF_STEP(3)
         for (ndxObject = LowestIndex(Info), highestObject = HighestIndex(Info);
              ndxObject <= highestObject; ndxObject = CheckedIncrement(ndxObject)) {

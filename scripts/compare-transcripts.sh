@@ -3,13 +3,15 @@
 # against the registered Tabforge.dll, and compares the transcripts byte for byte (line ends
 # aside: the Windows program writes CRLF). Prints the difference on a mismatch.
 #
-#   compare-transcripts.sh <linux-tabforge> <win64-build-dir> <tabforge.exe> [SESSION]
+#   compare-transcripts.sh <linux-tabforge> <win64-build-dir> <tabforge.exe> [SESSION [ICONS
+#                          [OPTION...]]]
 #
-# Tree files named by activateMorvelinTab lines are taken relative to the repository, as the main
-# job runs; each program is given the file's full path in its own form.
+# Tree files named by activateMorvelinTab lines, and ICONS (default icons/), are taken relative to
+# the repository, as the main job runs; each program is given the full path in its own form. The
+# OPTIONs (such as --errors --answers 8,5) go to both programs as they stand.
 set -euo pipefail
 if [ $# -lt 3 ]; then
-    echo "usage: $0 <linux-tabforge> <win64-build-dir> <tabforge.exe> [SESSION]" >&2
+    echo "usage: $0 <linux-tabforge> <win64-build-dir> <tabforge.exe> [SESSION [ICONS [OPTION...]]]" >&2
     exit 2
 fi
 repo=$(cd "$(dirname "$0")/.." && pwd)
@@ -17,7 +19,11 @@ host_tool=$1
 build_dir=$(cd "$2" && pwd)
 exe=$3
 session=${4:-$repo/examples/typical-day.session}
-work="$build_dir/transcripts"
+icons=${5:-icons}
+[[ $icons == /* ]] || icons="$repo/$icons"
+shift $(( $# < 5 ? $# : 5 ))
+options=("$@")
+work="$build_dir/transcripts/$(basename "$session" .session)"
 mkdir -p "$work"
 
 # The session with each tree file's full path, as a Unix path or (with "wine") as a Wine path.
@@ -35,12 +41,11 @@ with_tree_paths() {
 }
 with_tree_paths > "$work/session-linux.txt"
 with_tree_paths wine > "$work/session-wine.txt"
-icons="$repo/icons"
 wine_icons="Z:${icons//\//\\}"
 
-"$host_tool" session --icons "$icons" "$work/session-linux.txt" > "$work/linux.txt"
+"$host_tool" session --icons "$icons" "${options[@]}" "$work/session-linux.txt" > "$work/linux.txt"
 "$repo/scripts/run-under-wine.sh" "$build_dir" "$exe" session --icons "$wine_icons" \
-    "$work/session-wine.txt" > "$work/wine-crlf.txt"
+    "${options[@]}" "$work/session-wine.txt" > "$work/wine-crlf.txt"
 tr -d '\r' < "$work/wine-crlf.txt" > "$work/wine.txt"
 
 status=0

@@ -206,14 +206,20 @@ TEST_F(Handler, FailingInitialisationIsNoAnswer) {
   EXPECT_THAT(script.Members(), ElementsAre("vbwInitializeProtector"));
 }
 
-TEST_F(Handler, ComponentChangesSwitchesThroughTheirReferences) {
+TEST_F(Handler, ComponentChangesSwitchesAndTheStackThroughTheirReferences) {
   script.onInitialize = [](std::span<Variant> switches) {
     AssignThrough(switches[0], Variant(kFalse));  // vbwCatchException
     AssignThrough(switches[1], Variant(kTrue));   // vbwTraceLine
   };
+  script.onFailure = [](std::span<Variant> arguments) {
+    AssignThrough(arguments[6], Variant(std::int16_t{2}));  // mStackCalls
+    std::get<std::vector<Bstr>>((*arguments[7].RefArray())->elements)[4] = u"Changed";
+  };
   apartment.protector.vbwErrorHandler(5, u"d", u"Tabforge", u"M", u"P", 1);
   EXPECT_EQ(apartment.protector.vbwCatchException, kFalse);
   EXPECT_EQ(apartment.protector.vbwTraceLine, kTrue);
+  EXPECT_EQ(apartment.protector.Depth(), 2);
+  EXPECT_EQ(apartment.protector.StackSlot(5), u"Changed");
 }
 
 TEST_F(Handler, DumpForeverEndsAfterTheBound) {
@@ -224,6 +230,13 @@ TEST_F(Handler, DumpForeverEndsAfterTheBound) {
               SizeIs(apartment.protector.limits.maxDumpsPerFailure));
   EXPECT_EQ(walker.trail, "");
   EXPECT_EQ(apartment.protector.Depth(), 0);
+  // The bound let the component go: the next failure creates and starts a new one.
+  EXPECT_FALSE(apartment.protector.ErrorComponent());
+  apartment.faults.FailAt(u"Accessibility.Other", 1);
+  script.fallback = std::int32_t{7};
+  walker.Other();
+  EXPECT_EQ(script.created, 2);
+  EXPECT_THAT(script.CallsTo("vbwInitializeProtector"), SizeIs(2));
 }
 
 TEST_F(Handler, FailingDumpOpeningWithDumpForeverEnds) {
@@ -234,8 +247,32 @@ TEST_F(Handler, FailingDumpOpeningWithDumpForeverEnds) {
   // Every opening fails and is answered with another dump; the nesting bound ends it.
   EXPECT_GT(script.CallsTo("vbwOpenDumpFile").size(), 1u);
   EXPECT_LT(script.log.size(), 1'000'000u);
-  EXPECT_EQ(script.CallsTo("vbwCloseDumpFile").size(), script.CallsTo("vbwOpenDumpFile").size());
+  EXPECT_FALSE(script.CallsTo("vbwCloseDumpFile").empty());
+  EXPECT_FALSE(apartment.protector.ErrorComponent());
   EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
+TEST_F(Handler, FailedOpeningThatLeavesDoesNotEndTheDump) {
+  apartment.faults.FailAt(u"Accessibility.GetChildren", 1, 1, 440);
+  script.failOpenDump = true;
+  script.answers = {std::int32_t{8}, std::int32_t{7}};
+  walker.GetChildren();
+  // The opening's answer let the component go; the dump step goes on with its next call, and each
+  // call that needs the component fails and tells a new one, the close last.
+  std::vector<std::string> told;
+  for (const auto& line : script.CallsTo("vbwErrorHandler")) {
+    const std::string marker = "BSTR \"vbwProtector\", BSTR \"";
+    const auto start = line.find(marker);
+    if (start != std::string::npos) {
+      const auto name = start + marker.size();
+      told.push_back(line.substr(name, line.find('"', name) - name));
+    }
+  }
+  EXPECT_THAT(told, ElementsAre("vbwOpenDumpFile", "vbwReportToFile", "vbwReportToFile",
+                                "vbwReportToFile", "vbwReportObject", "vbwReportObject",
+                                "vbwReportObject", "vbwReportObject", "vbwCloseDumpFile"));
+  EXPECT_EQ(script.log.back().rfind("vbwErrorHandler(I4 -1,", 0), 0u);
+  EXPECT_FALSE(apartment.protector.ErrorComponent());
 }
 
 TEST_F(Handler, NestedFailureThatEmptiesTheComponentDoesNotBreakTheOuterCall) {

@@ -112,6 +112,9 @@ TEST(Preview, ShowsWhereAPictureIsMissingOrBuiltIn) {
             count(with.html, "<img ") + count(with.html, "class=\"missing\""));
   EXPECT_THAT(with.html, HasSubstr("title=\"built-in image BookmarkInsert\""));
   EXPECT_EQ(count(with.html, "class=\"mso\""), count(without.html, "class=\"mso\""));
+  // A built-in picture is a glyph of its size, not its name clipped to the box.
+  EXPECT_EQ(count(with.html, "<svg width=\""), count(with.html, "class=\"mso\""));
+  EXPECT_EQ(count(with.html, ">BookmarkInsert<"), 0u);
 }
 
 }  // namespace

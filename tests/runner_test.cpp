@@ -22,6 +22,7 @@ constexpr auto kLoop = DefineProcedure(u"Probe.Loop", 200);
 constexpr auto kNest = DefineProcedure(u"Probe.Nest", 300);
 constexpr auto kEarly = DefineProcedure(u"Probe.Early", 400);
 constexpr auto kParams = DefineProcedure(u"Probe.Params", 500);
+constexpr auto kModes = DefineProcedure(u"Probe.Modes", 600);
 
 // A module of probe procedures whose bodies log what they run.
 struct Probe {
@@ -33,11 +34,9 @@ struct Probe {
         apartment.protector, [](const void*) {}, this);
   }
 
-  // 1: a; 2: if (condition) { 3: b }; 4: c. Optionally passes failures over from the start.
-  void Branch(bool condition, bool passOver = false) {
+  // 1: a; 2: if (condition) { 3: b }; 4: c.
+  void Branch(bool condition) {
     Run(Trace(), kBranch, tracing::NoParameters, tracing::NoLocals, [&](Body& body) {
-      if (passOver)
-        body.PassOver();
       TF_BEGIN(body)
       TF_STEP(1) trail += "a";
       TF_STEP(2) if (condition) {
@@ -48,18 +47,32 @@ struct Probe {
     });
   }
 
-  // 1: x; 2: for i in 0..1 { 3: i }; 4: y. Exits on failure when asked to.
-  void Loop(bool exitOnFailure) {
+  // 1: x; 2: for i in 0..1 { 3: i }; 4: y.
+  void Loop() {
     int i = 0;
     Run(Trace(), kLoop, tracing::NoParameters, tracing::NoLocals, [&](Body& body) {
-      if (exitOnFailure)
-        body.ExitOnFailure();
       TF_BEGIN(body)
       TF_STEP(1) trail += "x";
       TF_STEP(2) for (i = 0; i < 2; ++i) {
         TF_STEP(3) trail += std::to_string(i);
       }
       TF_STEP(4) trail += "y";
+      TF_END
+    });
+  }
+
+  // 1: a; 2: pass-over; 3: if (condition) { 4: b }; 5: exit on failure; 6: c; 7: d.
+  void Modes(bool condition) {
+    Run(Trace(), kModes, tracing::NoParameters, tracing::NoLocals, [&](Body& body) {
+      TF_BEGIN(body)
+      TF_STEP(1) trail += "a";
+      TF_PASS_OVER(2)
+      TF_STEP(3) if (condition) {
+        TF_STEP(4) trail += "b";
+      }
+      TF_EXIT_ON_FAILURE(5)
+      TF_STEP(6) trail += "c";
+      TF_STEP(7) trail += "d";
       TF_END
     });
   }
@@ -132,10 +145,23 @@ TEST_F(Runner, ContinueAfterFailedConditionRunsTheTrueBranch) {
 }
 
 TEST_F(Runner, PassOverAfterFailedConditionRunsTheTrueBranchWithoutHandler) {
-  apartment.faults.FailAt(u"Probe.Branch", 2);
-  probe.Branch(false, /*passOver=*/true);
-  EXPECT_EQ(probe.trail, "abc");
+  apartment.faults.FailAt(u"Probe.Modes", 3);
+  probe.Modes(false);
+  EXPECT_EQ(probe.trail, "abcd");
   EXPECT_TRUE(apartment.script->log.empty());
+}
+
+// A continue or a pass-over lands on the change of mode behind the failed statement.
+TEST_F(Runner, ChangesOfModeAreNeverSkipped) {
+  apartment.faults.FailAt(u"Probe.Modes", 1);
+  apartment.faults.FailAt(u"Probe.Modes", 3);
+  apartment.faults.FailAt(u"Probe.Modes", 6);
+  apartment.script->answers = {std::int32_t{5}};
+  probe.Modes(false);
+  // 1 is answered "continue"; 3 is passed over into the branch; 6 leaves without the handler.
+  EXPECT_EQ(probe.trail, "b");
+  EXPECT_EQ(apartment.script->CallsTo("vbwErrorHandler").size(), 1u);
+  EXPECT_EQ(apartment.protector.Depth(), 0);
 }
 
 TEST_F(Runner, RetryRunsTheFailingStatementAgain) {
@@ -160,7 +186,7 @@ TEST_F(Runner, RetryOfAStatementThatAlwaysFailsIsBounded) {
 TEST_F(Runner, ContinueAfterFailedLoopHeadEntersTheBody) {
   apartment.faults.FailAt(u"Probe.Loop", 2);
   apartment.script->answers = {std::int32_t{5}};
-  probe.Loop(false);
+  probe.Loop();
   // The head never ran, so the body runs with whatever the loop variable held, then the loop
   // goes on by its own condition.
   EXPECT_EQ(probe.trail, "x01y");
@@ -178,9 +204,9 @@ TEST_F(Runner, LeaveAnswersEndTheProcedureWithExitTracking) {
 }
 
 TEST_F(Runner, ExitOnFailureLeavesWithoutHandler) {
-  apartment.faults.FailAt(u"Probe.Loop", 3);
-  probe.Loop(/*exitOnFailure=*/true);
-  EXPECT_EQ(probe.trail, "x");
+  apartment.faults.FailAt(u"Probe.Modes", 7);
+  probe.Modes(true);
+  EXPECT_EQ(probe.trail, "abc");
   EXPECT_TRUE(apartment.script->log.empty());
   EXPECT_EQ(apartment.protector.Depth(), 0);
 }
@@ -210,6 +236,16 @@ TEST_F(Runner, DepthSixtyFiveCountsWithoutStoring) {
   EXPECT_EQ(apartment.protector.Depth(), 0);
   // Names above the depth are kept, not cleared.
   EXPECT_EQ(apartment.protector.StackSlot(2), u"Probe.Nest");
+}
+
+TEST_F(Runner, RefusedEntryCountsNothingHoweverOftenRetried) {
+  apartment.protector.limits.maxNestedProcedures = 2;
+  apartment.script->answers = {std::int32_t{4}, std::int32_t{4}};
+  int deepest = 0;
+  probe.Nest(3, deepest);
+  // The third level is refused at entry, retried twice, then left.
+  EXPECT_EQ(apartment.script->CallsTo("vbwErrorHandler").size(), 3u);
+  EXPECT_EQ(apartment.protector.Depth(), 0);
 }
 
 TEST_F(Runner, ProcOutAtDepthZeroStaysAtZero) {

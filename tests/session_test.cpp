@@ -16,14 +16,40 @@ struct Transcript {
   std::string errors;
 };
 
-Transcript Replay(const std::string& script) {
+Transcript Replay(const std::string& script, SessionOptions options = {}) {
   std::istringstream in(script);
   std::ostringstream out;
   std::ostringstream errors;
-  SessionOptions options;
   options.iconDirectory = "/nonexistent";
   const int status = ReplaySession(in, out, errors, options);
   return {status, out.str(), errors.str()};
+}
+
+TEST(Session, ErrorsShowWhatTheComponentReceivesAndAnswers) {
+  SessionOptions options;
+  options.errors = true;
+  options.answers = {8, 5};
+  options.failingMacros = {"InsertReference"};
+  const auto t = Replay("Initialize Morvelin\nGetLabel MVN9x\nRibbonCallback MVN5\n", options);
+  const std::string start =
+      "  error.vbwInitializeProtector vbwCatchException=true vbwTraceLine=false "
+      "mOldTraceProc=false vbwCallStack=true vbwSystemInfo=true vbwScreenshot=true\n";
+  const std::string failure = R"( "Type mismatch" "Tabforge" "Main2" "convertToId" line 2002 )"
+                              R"(depth 2 stack "Main2.GetLabel[Get]" "Main2.convertToId" => )";
+  EXPECT_EQ(t.out.substr(0, t.out.find("  error.vbwOpenDumpFile\n")),
+            "= ok\n" + start + "  error.vbwErrorHandler 13" + failure + "8\n");
+  EXPECT_NE(t.out.find("  error.vbwCloseDumpFile\n  error.vbwErrorHandler -1" + failure +
+                       "5\n= \"Apply Morvelin\"\n"),
+            std::string::npos)
+      << t.out;
+  // A component for every failure; the answers used up, it leaves.
+  EXPECT_NE(t.out.find("  signaller.Run InsertReference\n" + start +
+                       R"(  error.vbwErrorHandler 1004 "The macro 'InsertReference' failed" )"
+                       R"("Tabforge" "Main2" "RibbonCallback" line 1104 depth 1 stack )"
+                       R"("Main2.RibbonCallback" => 7)"
+                       "\n= ok\n"),
+            std::string::npos)
+      << t.out;
 }
 
 TEST(Session, PrintsCallsThenTheResultOfEachCommand) {

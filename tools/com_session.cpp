@@ -8,7 +8,9 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cwchar>
 #include <map>
+#include <memory>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -20,6 +22,7 @@
 #include "server/com_object.h"
 #include "server/com_ptr.h"
 #include "server/conversions.h"
+#include "server/dispatch_adapter.h"
 #include "server/windows_platform.h"
 #include "tools/session_objects.h"
 
@@ -87,7 +90,7 @@ class SignallerObject final : public SessionDispatch<SignallerObject, IDispatch>
   }
 
   HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* params,
-                                   VARIANT* result, EXCEPINFO*, UINT*) override {
+                                   VARIANT* result, EXCEPINFO* exception, UINT*) override {
     const std::wstring* member = MemberOf(id);
     if (member == nullptr)
       return DISP_E_MEMBERNOTFOUND;
@@ -101,7 +104,14 @@ class SignallerObject final : public SessionDispatch<SignallerObject, IDispatch>
       if (result != nullptr)
         com::ToVariant(answer).DetachTo(result);
       return S_OK;
-    } catch (const Failure&) {
+    } catch (const Failure& failure) {
+      // A failing macro reaches the library with its number and description, as from the
+      // template.
+      if (exception != nullptr) {
+        *exception = EXCEPINFO{};
+        exception->scode = com::ScodeOf(failure.number);
+        exception->bstrDescription = com::MakeBstr(failure.description).Detach();
+      }
       return DISP_E_EXCEPTION;
     } catch (...) {
       return E_UNEXPECTED;
@@ -155,7 +165,111 @@ class RibbonObject final : public SessionDispatch<RibbonObject, IRibbonUI> {
   Ref<RibbonUi> ribbon_;
 };
 
+// Creates the session's error component, a core object behind IDispatch, for every creation.
+class ErrorComponentFactory final : public IClassFactory {
+ public:
+  ErrorComponentFactory(CallLog& log, std::shared_ptr<ErrorComponentState> state)
+      : log_(log), state_(std::move(state)) {}
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
+    if (out == nullptr)
+      return E_POINTER;
+    if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IClassFactory)) {
+      *out = static_cast<IClassFactory*>(this);
+      AddRef();
+      return S_OK;
+    }
+    *out = nullptr;
+    return E_NOINTERFACE;
+  }
+  // Lives as long as the registration that holds it, on the session's stack.
+  ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
+  ULONG STDMETHODCALLTYPE Release() override { return 1; }
+  HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown* outer, REFIID riid, void** out) override {
+    if (out == nullptr)
+      return E_POINTER;
+    *out = nullptr;
+    if (outer != nullptr)
+      return CLASS_E_NOAGGREGATION;
+    try {
+      ComPtr<IDispatch> component =
+          com::DispatchAdapter::Create(MakeRef<SessionErrorComponent>(log_, state_));
+      return component->QueryInterface(riid, out);
+    } catch (...) {
+      return E_OUTOFMEMORY;
+    }
+  }
+  HRESULT STDMETHODCALLTYPE LockServer(BOOL) override { return S_OK; }
+
+ private:
+  CallLog& log_;
+  std::shared_ptr<ErrorComponentState> state_;
+};
+
 #pragma GCC diagnostic pop
+
+// The session's error component registered for this process under "MorvelinError.Main2", so that
+// the library's creation by program id reaches it. A class that the program id already names is
+// stood in for without touching the registry; otherwise the program id is entered for the life
+// of the registration and removed again.
+class ErrorComponentRegistration {
+ public:
+  ErrorComponentRegistration(CallLog& log, const SessionOptions& options)
+      : factory_(log, MakeState(options)) {
+    CLSID clsid = kSessionErrorComponent;
+    if (FAILED(::CLSIDFromProgID(kProgId, &clsid))) {
+      clsid = kSessionErrorComponent;
+      EnterProgId(clsid);
+    }
+    const HRESULT hr = ::CoRegisterClassObject(clsid, &factory_, CLSCTX_INPROC_SERVER,
+                                               REGCLS_MULTIPLEUSE, &cookie_);
+    if (FAILED(hr)) {
+      RemoveProgId();
+      Fail("CoRegisterClassObject of the session's error component", hr);
+    }
+  }
+  ~ErrorComponentRegistration() {
+    ::CoRevokeClassObject(cookie_);
+    RemoveProgId();
+  }
+  ErrorComponentRegistration(const ErrorComponentRegistration&) = delete;
+  ErrorComponentRegistration& operator=(const ErrorComponentRegistration&) = delete;
+
+ private:
+  static constexpr const wchar_t* kProgId = L"MorvelinError.Main2";
+  // {5B0E6C2A-7D41-4E8F-A3B9-2C6D8E1F4A70}
+  static constexpr CLSID kSessionErrorComponent = {
+      0x5b0e6c2a, 0x7d41, 0x4e8f, {0xa3, 0xb9, 0x2c, 0x6d, 0x8e, 0x1f, 0x4a, 0x70}};
+
+  static std::shared_ptr<ErrorComponentState> MakeState(const SessionOptions& options) {
+    auto state = std::make_shared<ErrorComponentState>();
+    state->answers.assign(options.answers.begin(), options.answers.end());
+    state->dumpDirectory = options.dumpDirectory;
+    return state;
+  }
+  void EnterProgId(const CLSID& clsid) {
+    wchar_t text[64] = {};
+    ::StringFromGUID2(clsid, text, 64);
+    HKEY key = nullptr;
+    if (::RegCreateKeyExW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2\\CLSID", 0, nullptr, 0,
+                          KEY_WRITE, nullptr, &key, nullptr) != ERROR_SUCCESS)
+      throw std::runtime_error("cannot enter the program id MorvelinError.Main2");
+    ::RegSetValueExW(key, nullptr, 0, REG_SZ, reinterpret_cast<const BYTE*>(text),
+                     static_cast<DWORD>((std::wcslen(text) + 1) * sizeof(wchar_t)));
+    ::RegCloseKey(key);
+    entered_ = true;
+  }
+  void RemoveProgId() {
+    if (!entered_)
+      return;
+    ::RegDeleteTreeW(HKEY_CLASSES_ROOT, kProgId);
+    ::RegDeleteKeyW(HKEY_CLASSES_ROOT, kProgId);
+    entered_ = false;
+  }
+
+  ErrorComponentFactory factory_;
+  DWORD cookie_ = 0;
+  bool entered_ = false;
+};
 
 // One object reached by late binding: each name is resolved once, the first time it is called,
 // and invoked by its dispatch id from then on.
@@ -270,8 +384,11 @@ class ComTarget final : public SessionTarget {
  public:
   ComTarget(CallLog& log, const SessionOptions& options)
       : log_(log),
+        errors_(options.errors ? std::make_unique<ErrorComponentRegistration>(log, options)
+                               : nullptr),
         main2_(CreateRegistered()),
-        signaller_(SignallerObject::Create(MakeRef<SessionSignaller>(log, options.iconDirectory))),
+        signaller_(SignallerObject::Create(
+            MakeRef<SessionSignaller>(log, options.iconDirectory, options.failingMacros))),
         ribbon_(RibbonObject::Create(MakeRef<SessionRibbon>(log))) {}
 
   void Initialize(BstrView productName) override {
@@ -353,12 +470,24 @@ class ComTarget final : public SessionTarget {
   }
 
   CallLog& log_;
+  // Outlives the instance, which may still create components while it goes.
+  std::unique_ptr<ErrorComponentRegistration> errors_;
   LateBound main2_;
   ComPtr<IDispatch> signaller_;
   ComPtr<IDispatch> ribbon_;
 };
 
 }  // namespace
+
+void AskForTracingOnTheCommandLine() {
+  wchar_t* line = ::GetCommandLineW();
+  if (line == nullptr || std::wcsstr(line, L"/trace") != nullptr)
+    return;
+  // The same number of characters, in the buffer that every later reader of the command line
+  // gets, the library among them.
+  if (wchar_t* option = std::wcsstr(line, L"--trace"))
+    std::wmemcpy(option, L"/trace ", 7);
+}
 
 ComApartment::ComApartment() : ok_(SUCCEEDED(::CoInitialize(nullptr))) {}
 

@@ -25,6 +25,10 @@ class ComApartment {
   bool ok_ = false;
 };
 
+// The library reads the host's command line for "/trace": the option "--trace" is written over
+// with it in this process's own command line. Call before the first instance is created.
+void AskForTracingOnTheCommandLine();
+
 // A new instance of the registered class; throws `std::runtime_error` naming the step that
 // failed when it cannot be created.
 std::unique_ptr<SessionTarget> MakeLateBoundTarget(CallLog& log, const SessionOptions& options);

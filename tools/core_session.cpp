@@ -34,8 +34,18 @@ class CoreTarget final : public SessionTarget {
  public:
   CoreTarget(CallLog& log, const SessionOptions& options)
       : log_(log),
-        signaller_(MakeRef<SessionSignaller>(log, options.iconDirectory)),
+        signaller_(MakeRef<SessionSignaller>(log, options.iconDirectory, options.failingMacros)),
         ribbon_(MakeRef<SessionRibbon>(log)) {
+    if (options.trace)
+      platform_.host.SetCommandLine(u"tabforge /trace");
+    if (options.errors) {
+      auto state = std::make_shared<ErrorComponentState>();
+      state->answers.assign(options.answers.begin(), options.answers.end());
+      state->dumpDirectory = options.dumpDirectory;
+      platform_.objects.Register(Bstr(kErrorComponentProgId), [&log, state] {
+        return Ref<Object>(MakeRef<SessionErrorComponent>(log, state));
+      });
+    }
     protector_.vbwInitializeProtector();
   }
 

@@ -15,6 +15,12 @@
 namespace tabforge::cli {
 namespace {
 
+// A framed landscape: any picture, none in particular.
+constexpr const char* kBuiltInGlyph =
+    "<rect x=\"1.5\" y=\"2.5\" width=\"13\" height=\"11\" rx=\"1.5\" fill=\"#eef4fb\" "
+    "stroke=\"#7d8fa3\"/><path d=\"M3.5 11.5l3-4 2 2.5 1.5-1.5 2.5 3z\" fill=\"#7d8fa3\"/>"
+    "<circle cx=\"10.5\" cy=\"5.5\" r=\"1.3\" fill=\"#7d8fa3\"/>";
+
 constexpr const char* kStyle = R"(
 body { margin: 0; font: 12px "Segoe UI", "DejaVu Sans", sans-serif; background: #e8e8e8; }
 .tab { margin: 8px; }
@@ -48,7 +54,6 @@ button[disabled] img { opacity: 0.4; filter: grayscale(1); }
 .separator { border-left: 1px solid #d4d4d4; margin: 2px; }
 .mso, .missing { display: inline-flex; align-items: center; justify-content: center;
   font-size: 8px; overflow: hidden; box-sizing: border-box; flex: none; }
-.mso { border: 1px solid #7da2ce; background: #eef4fb; color: #335; }
 .missing { border: 2px dashed #d22; color: #d22; font-weight: bold; }
 .below { display: flex; padding-left: 400px; }
 )";
@@ -183,9 +188,14 @@ class Painter {
     const std::string box =
         " style=\"width:" + std::to_string(size) + "px;height:" + std::to_string(size) + "px\"";
     if (Has(node, "imageMso")) {
+      // The word processor's own pictures are not ours to draw: a neutral glyph of the picture's
+      // size stands for one, and its name goes in the tooltip.
       const std::string mso = Escape(Attribute(node, "imageMso"));
-      return "<span class=\"mso\" title=\"built-in image " + mso + "\"" + box + ">" + mso +
-             "</span>";
+      const std::string side = std::to_string(size);
+      return "<span class=\"mso\" role=\"img\" aria-label=\"built-in image " + mso +
+             "\" title=\"built-in image " + mso + "\"" + box + "><svg width=\"" + side +
+             "\" height=\"" + side + "\" viewBox=\"0 0 16 16\" aria-hidden=\"true\">" +
+             kBuiltInGlyph + "</svg></span>";
     }
     Ref<Object> picture;
     if (Has(node, "getImage")) {

@@ -19,6 +19,16 @@ namespace tabforge::cli {
 
 struct SessionOptions {
   std::string iconDirectory;
+  // Macros whose run fails in the template, as a macro that raises an error does.
+  std::vector<std::string> failingMacros;
+  // With `errors`, the session's own error component takes the place of "MorvelinError.Main2":
+  // every call it receives is shown among the command's calls, it gives `answers` in turn (then
+  // 7, leave), and it writes each dump to a file of `dumpDirectory` when one is given.
+  bool errors = false;
+  std::vector<std::int32_t> answers;
+  std::string dumpDirectory;
+  // The host's command line asks for tracing.
+  bool trace = false;
 };
 
 // Lines of the calls made on the session's objects during one command, each indented by two

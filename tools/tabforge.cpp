@@ -1,4 +1,5 @@
 // tabforge: what the word processor would get from the library, without the word processor.
+#include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -34,7 +35,8 @@ constexpr const char* kUsage =
     "  check [FILE]                       tell why the word processor would refuse a document\n"
     "  preview [--product-name NAME] [--icons DIR] [--session FILE] [-o FILE]\n"
     "                                     draw the ribbon as an HTML page\n"
-    "  session [--icons DIR] [FILE]       replay a host session from FILE or standard input\n"
+    "  session [--icons DIR] [--errors ...] [FILE]\n"
+    "                                     replay a host session from FILE or standard input\n"
     "\n"
     "Run 'tabforge <command> --help' for a command's options.\n";
 
@@ -42,9 +44,9 @@ constexpr const char* kRibbonXmlUsage =
     "usage: tabforge ribbon-xml [--product-name NAME] [--check]\n"
     "\n"
     "Prints the custom-UI document that Main2 gives after Initialize with NAME (default\n"
-    "\"Morvelin\"), followed by one newline. With --check, also checks the document as\n"
-    "'tabforge check' does, lists the findings on standard error and exits with 1 when the\n"
-    "word processor would refuse it.\n";
+    "\"Morvelin\"), followed by one newline, and warns on standard error, naming every\n"
+    "finding, when the word processor would refuse it. With --check, lists the findings as\n"
+    "'tabforge check' does and exits with 1 when the word processor would refuse it.\n";
 
 constexpr const char* kCheckUsage =
     "usage: tabforge check [FILE]\n"
@@ -54,7 +56,8 @@ constexpr const char* kCheckUsage =
     "document would be taken, 1 when not, 2 on bad usage.\n";
 
 constexpr const char* kSessionUsage =
-    "usage: tabforge session [--icons DIR] [FILE]\n"
+    "usage: tabforge session [--icons DIR] [--failing-macros LIST] [--errors [--answers LIST]\n"
+    "                        [--dumps DIR]] [--trace] [FILE]\n"
     "\n"
     "Replays a host session against a new Main2, one command a line: a member name and its\n"
     "arguments separated by one blank; a text argument that comes last takes the rest of the "
@@ -71,7 +74,16 @@ constexpr const char* kSessionUsage =
     "For each command it prints the calls the library made on the session's objects, indented\n"
     "by two blanks, then one result line. Icons come from DIR/N.png or DIR/N.gif (default: the\n"
     "project's icons). activateMorvelinTab builds an accessibility tree from TREEFILE, passes it\n"
-    "as the ribbon's command bar, and prints each element pressed; README.md gives the format.\n";
+    "as the ribbon's command bar, and prints each element pressed; README.md gives the format.\n"
+    "\n"
+    "  --failing-macros LIST  the macros (comma-separated) whose run fails in the template\n"
+    "  --errors               an error component of the session's own stands in for\n"
+    "                         MorvelinError.Main2, and every call it receives is shown among\n"
+    "                         the command's calls, \"  error.MEMBER ARGUMENTS\", its answer\n"
+    "                         behind \" => \"; without it, failures are silent\n"
+    "  --answers LIST         its answers to failures in turn, such as 8,7; then 7 (leave)\n"
+    "  --dumps DIR            writes each dump to DIR/dump-N.txt as the component would\n"
+    "  --trace                the host's command line asks for tracing (\"/trace\")\n";
 
 constexpr const char* kPreviewUsage =
     "usage: tabforge preview [--product-name NAME] [--icons DIR] [--session FILE] [-o FILE]\n"
@@ -81,6 +93,32 @@ constexpr const char* kPreviewUsage =
     "tips, enabled and pressed states and pictures as Main2 answers them. Without --session,\n"
     "Main2 is initialized with NAME (default \"Morvelin\"); with it, the page shows the state\n"
     "after replaying FILE as 'tabforge session' does, renamed to NAME when one is given.\n";
+
+#ifdef _WIN32
+// Without the check (the Windows build has no XML library), the ways in which the product name
+// alone makes the document refused: it stands, unescaped, in two labels of its own and in the
+// first group's label before " Core Features", and a label has 1 to 1024 characters.
+std::vector<std::string> NameRefusals(const Bstr& name) {
+  constexpr std::size_t kLongestLabel = 1024;
+  constexpr std::size_t kGroupSuffix = 14;  // " Core Features"
+  std::vector<std::string> reasons;
+  if (name.empty())
+    reasons.emplace_back("the product name is empty, so the tab and two groups get label=\"\"");
+  if (name.size() > kLongestLabel) {
+    reasons.push_back("the product name has " + std::to_string(name.size()) +
+                      " characters, so the tab and the group on the References tab get labels "
+                      "of more than 1024");
+  }
+  if (name.size() + kGroupSuffix > kLongestLabel) {
+    reasons.push_back("the group label \"" + ToUtf8(name.substr(0, 20)) +
+                      "... Core Features\" has " + std::to_string(name.size() + kGroupSuffix) +
+                      " characters, more than 1024");
+  }
+  if (name.find_first_of(u"\"<&") != Bstr::npos)
+    reasons.emplace_back("the product name holds \", < or &, so the document is not well-formed");
+  return reasons;
+}
+#endif
 
 bool WantsHelp(const std::vector<std::string>& args) {
   for (const auto& a : args) {
@@ -108,15 +146,14 @@ int RibbonXml(const std::vector<std::string>& args) {
       return 2;
     }
   }
-  if (name.empty()) {
-    std::cerr << "tabforge ribbon-xml: warning: the product name is empty, so the tab and two "
-                 "groups get label=\"\", which the word processor refuses\n";
-  }
 #ifdef _WIN32
   if (check) {
     std::cerr << "tabforge ribbon-xml: --check is not available in the Windows build\n";
     return 2;
   }
+  for (const auto& reason : NameRefusals(FromUtf8(name)))
+    std::cerr << "tabforge ribbon-xml: warning: " << reason
+              << ", which the word processor refuses\n";
   cli::ComApartment apartment;
   try {
     std::cout << ToUtf8(cli::LateBoundRibbonXml(FromUtf8(name))) << "\n";
@@ -133,12 +170,14 @@ int RibbonXml(const std::vector<std::string>& args) {
   main2.Initialize(nullptr, FromUtf8(name));
   const std::string document = ToUtf8(main2.GetRibbonXML());
   std::cout << document << "\n";
-  if (!check)
-    return 0;
+  // Every document that the check refuses is named, asked for or not.
   const auto findings = cli::CheckCustomUi(document);
+  if (!check && !findings.empty()) {
+    std::cerr << "tabforge ribbon-xml: warning: the word processor refuses this document:\n";
+  }
   for (const auto& finding : findings)
-    std::cerr << cli::FormatFinding(finding) << "\n";
-  return findings.empty() ? 0 : 1;
+    std::cerr << (check ? "" : "  ") << cli::FormatFinding(finding) << "\n";
+  return check && !findings.empty() ? 1 : 0;
 #endif
 }
 
@@ -203,6 +242,23 @@ int Check(const std::vector<std::string>& args) {
 }
 #endif
 
+// "8,7": the answers in turn.
+bool ParseAnswers(const std::string& text, std::vector<std::int32_t>& answers) {
+  std::stringstream list(text);
+  for (std::string item; std::getline(list, item, ',');) {
+    try {
+      std::size_t used = 0;
+      const long long value = std::stoll(item, &used);
+      if (used != item.size() || value < INT32_MIN || value > INT32_MAX)
+        return false;
+      answers.push_back(static_cast<std::int32_t>(value));
+    } catch (const std::exception&) {
+      return false;
+    }
+  }
+  return !answers.empty();
+}
+
 int Session(const std::vector<std::string>& args) {
   if (WantsHelp(args)) {
     std::cout << kSessionUsage;
@@ -212,8 +268,25 @@ int Session(const std::vector<std::string>& args) {
   options.iconDirectory = DefaultIcons();
   std::string file;
   for (std::size_t i = 0; i < args.size(); ++i) {
-    if (args[i] == "--icons" && i + 1 < args.size()) {
+    const bool hasValue = i + 1 < args.size();
+    if (args[i] == "--icons" && hasValue) {
       options.iconDirectory = args[++i];
+    } else if (args[i] == "--errors") {
+      options.errors = true;
+    } else if (args[i] == "--answers" && hasValue) {
+      if (!ParseAnswers(args[++i], options.answers)) {
+        std::cerr << "tabforge session: --answers takes whole numbers separated by commas, not '"
+                  << args[i] << "'\n";
+        return 2;
+      }
+    } else if (args[i] == "--dumps" && hasValue) {
+      options.dumpDirectory = args[++i];
+    } else if (args[i] == "--trace" || args[i] == "/trace") {
+      options.trace = true;
+    } else if (args[i] == "--failing-macros" && hasValue) {
+      std::stringstream list(args[++i]);
+      for (std::string macro; std::getline(list, macro, ',');)
+        options.failingMacros.push_back(macro);
     } else if (file.empty() && args[i].rfind("--", 0) != 0) {
       file = args[i];
     } else {
@@ -221,6 +294,10 @@ int Session(const std::vector<std::string>& args) {
       return 2;
     }
   }
+#ifdef _WIN32
+  if (options.trace)
+    cli::AskForTracingOnTheCommandLine();
+#endif
   if (file.empty() || file == "-")
     return Replay(std::cin, options);
   std::ifstream in(file);

@@ -95,10 +95,22 @@ Frame::Resolution Frame::Tail(const Failure& failure, LocalList locals) noexcept
   VbwProtector::ActiveFailure active{failure.number, failure.description,
                                      info_.firstLine + body_.step_};
   VbwProtector::TailScope scope(protector, active);
+  // However the tail ends, the component that answered it is let go, also when the bound on dumps
+  // ends it after an answer that had kept the component: the next failure creates and starts a
+  // new one. A tail too deep to ask leaves the component to the tails that did.
+  struct LetGo {
+    VbwProtector& protector;
+    bool asked = false;
+    ~LetGo() {
+      if (asked)
+        protector.ReleaseErrorComponent();
+    }
+  } letGo{protector};
   try {
     std::int32_t number = failure.number;
     for (int dumps = 0;;) {
       // A tail nested too deep gets no answer, as if no component could be created.
+      letGo.asked = letGo.asked || !scope.TooDeep();
       const std::int32_t result =
           scope.TooDeep()
               ? 0

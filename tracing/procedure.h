@@ -7,7 +7,9 @@
 // runner can start the body again at the failing statement (retry) or at the next one in text
 // order (continue, pass-over) - also when that statement sits inside a branch or a loop whose head
 // failed. Locals therefore live outside the body lambda, and every statement that leaves the
-// procedure (a `return`) is a statement of its own.
+// procedure (a `return`) is a statement of its own. A change of failure mode is a numbered
+// statement too (TF_PASS_OVER, TF_EXIT_ON_FAILURE), so no resume point lies behind a change that
+// has not run.
 //
 //   std::int16_t id = 0;
 //   VariantBool result = kFalse;
@@ -92,14 +94,12 @@ class Body {
     }
   }
 
-  // Failing statements are given up and the next statement in text order runs.
-  void PassOver() noexcept { mode_ = FailureMode::kPassOver; }
-  // A failing statement leaves through the last exit, without the tail.
-  void ExitOnFailure() noexcept { OnFailureGoTo(kEndOfBody); }
-  // A failing statement goes on at statement `step`, without the tail.
-  void OnFailureGoTo(int step) noexcept {
-    mode_ = FailureMode::kGoTo;
-    target_ = step;
+  // Statement `step` changes the failure mode; reached only through TF_PASS_OVER and
+  // TF_EXIT_ON_FAILURE. In kGoTo a failing statement goes on at `target` without the tail.
+  void ChangeMode(int step, FailureMode mode, int target = kEndOfBody) noexcept {
+    step_ = step;
+    mode_ = mode;
+    target_ = target;
   }
 
   FailureMode mode() const noexcept { return mode_; }
@@ -196,3 +196,16 @@ inline constexpr auto NoLocals = [](LocalReport&) {};
   default:         \
     break;         \
     }
+// A change of failure mode is a statement of its own, numbered in text order like the others, so
+// that a continue or a pass-over after the statement before it lands on the change and never
+// skips it. It cannot fail. TF_PASS_OVER: failing statements from here on are given up and the
+// next one runs. TF_EXIT_ON_FAILURE: a failing statement from here on leaves through the last
+// exit, without the tail.
+#define TF_PASS_OVER(n) \
+  [[fallthrough]];      \
+  case n:               \
+    tf_body_.ChangeMode(n, ::tabforge::tracing::FailureMode::kPassOver);
+#define TF_EXIT_ON_FAILURE(n) \
+  [[fallthrough]];            \
+  case n:                     \
+    tf_body_.ChangeMode(n, ::tabforge::tracing::FailureMode::kGoTo);

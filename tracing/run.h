@@ -27,26 +27,27 @@ class Frame {
     body_.step_ = 0;
     if (info_.form != Instrumentation::kTracked || !IsTrue(protector_.vbwTraceProc))
       return;
+    // A refused entry counts nothing and has no exit to balance, so a retry of it, however often
+    // it is answered, leaves the depth as it was.
+    if (protector_.Depth() >= protector_.limits.maxNestedProcedures) [[unlikely]] {
+      Raise(RunTimeError::kOutOfStackSpace);
+    }
     if (IsTrue(protector_.vbwTraceParameters)) [[unlikely]] {
       EnterWithParameterText(parameters);
     } else {
       protector_.vbwProcIn(info_.qualifiedName, {});
     }
-    // Checked once the entry is counted, so that the exit that follows the failure balances it.
-    if (protector_.Depth() > protector_.limits.maxNestedProcedures) [[unlikely]] {
-      Raise(RunTimeError::kOutOfStackSpace);
-    }
+    tracked_ = true;
   }
 
   // Deals with the failure in flight by the current mode; true when the body is to run again
   // from `body().Resume()`, false when the procedure leaves.
   bool Recover(LocalList locals) noexcept;
 
-  // The last exit: exit tracking behind the trace switch.
+  // The last exit: exit tracking, for an entry that was tracked.
   void Leave() noexcept {
-    if (info_.form == Instrumentation::kTracked && IsTrue(protector_.vbwTraceProc)) {
+    if (tracked_)
       protector_.vbwProcOut(info_.qualifiedName);
-    }
   }
 
  private:
@@ -61,6 +62,7 @@ class Frame {
   Body body_;
   int retries_ = 0;
   bool entered_ = false;
+  bool tracked_ = false;
 };
 
 // Runs one instrumented procedure. `parameters` and `locals` are only called when parameter

@@ -56,6 +56,36 @@ tracing::Module VbwProtector::Trace() noexcept {
       this);
 }
 
+std::vector<Bstr> VbwProtector::StackNames() const {
+  return mStackAllocated ? std::vector<Bstr>(mStack.begin(), mStack.end()) : std::vector<Bstr>{};
+}
+
+void VbwProtector::AdoptStack(const ArrayRef& stack, const std::vector<Bstr>& handed) {
+  if (!stack) {
+    // Erased: a stack that stores no names until the apartment starts again.
+    mStackAllocated = false;
+    return;
+  }
+  const auto* names = std::get_if<std::vector<Bstr>>(&stack->elements);
+  if (names == nullptr)
+    return;
+  // Only the slots that the component changed are taken: a slot it left alone may have been
+  // written by a call that ran while the component had the array.
+  for (int k = 1; k <= kStackSlots; ++k) {
+    const std::int64_t index = std::int64_t{k} - stack->lowerBound;
+    const BstrView now = index >= 0 && index < static_cast<std::int64_t>(names->size())
+                             ? BstrView((*names)[static_cast<std::size_t>(index)])
+                             : BstrView{};
+    const BstrView was = handed.empty() ? BstrView{} : BstrView(handed[k - 1]);
+    if (now == was)
+      continue;
+    const auto slot = static_cast<std::size_t>(k - 1);
+    writtenNames_[slot].assign(now);
+    mStack[slot] = writtenNames_[slot];
+  }
+  mStackAllocated = true;
+}
+
 BstrView VbwProtector::StackSlot(int k) const noexcept {
   return k >= 1 && k <= kStackSlots ? mStack[static_cast<std::size_t>(k - 1)] : BstrView{};
 }
@@ -96,9 +126,9 @@ void VbwProtector::vbwExitThread() {
     ~Release() { component.reset(); }
   } release{mErrorParams};
   Run(Trace(), kExitThread, NoParameters, NoLocals, [&](Body& body) {
-    body.PassOver();
     TF_BEGIN(body)
-    TF_STEP(1) CallByName(mErrorParams, u"vbwExitThread", CallKind::kMethod);
+    TF_PASS_OVER(1)
+    TF_STEP(2) CallByName(mErrorParams, u"vbwExitThread", CallKind::kMethod);
     TF_END
   });
 }
@@ -118,8 +148,8 @@ void VbwProtector::InstrumentedProcIn(BstrView lProc, BstrView lParameters) {
           Raise(RunTimeError::kOverflow);
         }
         ++mStackCalls;
-        body.PassOver();
-        TF_STEP(2) if (!mStackAllocated || mStackCalls < 1 || mStackCalls > kStackSlots) {
+        TF_PASS_OVER(2)
+        TF_STEP(3) if (!mStackAllocated || mStackCalls < 1 || mStackCalls > kStackSlots) {
           Raise(RunTimeError::kSubscriptOutOfRange);
         }
         mStack[static_cast<std::size_t>(mStackCalls - 1)] = lProc;
@@ -130,11 +160,11 @@ void VbwProtector::InstrumentedProcIn(BstrView lProc, BstrView lParameters) {
 Bstr VbwProtector::vbwReportParameter(BstrView lName, const Variant& lValue) {
   Bstr result;
   Run(Trace(), kReportParameter, NoParameters, NoLocals, [&](Body& body) {
-    body.PassOver();
     TF_BEGIN(body)
+    TF_PASS_OVER(1)
     // Without a component the call would fail and be passed over; asking first is the same
     // result without the cost of a failure for every parameter of every traced call.
-    TF_STEP(1) if (mErrorParams) {
+    TF_STEP(2) if (mErrorParams) {
       Bstr name(lName);
       Variant value = lValue;
       result = ToBstr(CallByName(mErrorParams, u"vbwReportParameter", CallKind::kMethod,
@@ -184,29 +214,31 @@ std::int32_t VbwProtector::vbwErrorHandler(std::int32_t errNumber, Bstr ErrDescr
           TF_STEP(6) return;
         }
         // From here a failure goes straight to the release of the component.
-        body.ExitOnFailure();
-        TF_STEP(7) if (!mErrorParams) {
-          TF_STEP(8) mErrorParams = platform_.objects->CreateObject(kErrorComponentProgId);
-          TF_STEP(9)
+        TF_EXIT_ON_FAILURE(7)
+        TF_STEP(8) if (!mErrorParams) {
+          TF_STEP(9) mErrorParams = platform_.objects->CreateObject(kErrorComponentProgId);
+          TF_STEP(10)
           CallByName(mErrorParams, u"vbwInitializeProtector", CallKind::kMethod,
                      Variant::ByRef(&vbwCatchException), Variant::ByRef(&vbwTraceLine),
                      Variant::ByRef(&mOldTraceProc), Variant::ByRef(&vbwCallStack),
                      Variant::ByRef(&vbwSystemInfo), Variant::ByRef(&vbwScreenshot));
         }
-        TF_STEP(10) {
-          ArrayRef stack;
-          if (mStackAllocated) {
-            stack = MakeArray(std::vector<Bstr>(mStack.begin(), mStack.end()), 1);
-          }
-          result = ToLong(CallByName(
+        TF_STEP(11) {
+          // The stack goes by reference: the array that the component may write into is taken
+          // back as the stack when the call returns.
+          const std::vector<Bstr> handed = StackNames();
+          ArrayRef stack = mStackAllocated ? MakeArray(handed, 1) : nullptr;
+          const Variant answer = CallByName(
               mErrorParams, u"vbwErrorHandler", CallKind::kMethod, Variant::ByRef(&errNumber),
               Variant::ByRef(&ErrDescription), Variant::ByRef(&ErrProject),
               Variant::ByRef(&ErrSource), Variant::ByRef(&ErrProcedure), Variant::ByRef(&errLine),
-              Variant::ByRef(&mStackCalls), Variant::ByRef(VarType::VT_BSTR, &stack)));
+              Variant::ByRef(&mStackCalls), Variant::ByRef(VarType::VT_BSTR, &stack));
+          AdoptStack(stack, handed);
+          result = ToLong(answer);
         }
-        TF_STEP(11) if (result == kIgnoreAlways) {
-          TF_STEP(12) StrRememberErrors_ += strLastError_;
-          TF_STEP(13) result = kIgnoreOnce;
+        TF_STEP(12) if (result == kIgnoreAlways) {
+          TF_STEP(13) StrRememberErrors_ += strLastError_;
+          TF_STEP(14) result = kIgnoreOnce;
         }
         TF_END
       });
@@ -282,9 +314,9 @@ void VbwProtector::vbwReportToFile(const Bstr& lText) {
 
 void VbwProtector::vbwReportVariable(BstrView lName, const Variant& lValue, std::int32_t lTab) {
   Run(Trace(), kReportVariable, NoParameters, NoLocals, [&](Body& body) {
-    body.PassOver();
     TF_BEGIN(body)
-    TF_STEP(1) if (mErrorParams) {
+    TF_PASS_OVER(1)
+    TF_STEP(2) if (mErrorParams) {
       Bstr name(lName);
       Variant value = lValue;
       std::int32_t tab = lTab;
@@ -328,10 +360,7 @@ void VbwProtector::vbwReportModuleVariables() {
   vbwReportVariable(u"vbwScreenshot", vbwScreenshot, 0);
   vbwReportVariable(u"mStackCalls", mStackCalls, 0);
   vbwReportVariable(
-      u"mStack",
-      Variant(VarType::VT_BSTR, mStackAllocated
-                                    ? MakeArray(std::vector<Bstr>(mStack.begin(), mStack.end()), 1)
-                                    : nullptr),
+      u"mStack", Variant(VarType::VT_BSTR, mStackAllocated ? MakeArray(StackNames(), 1) : nullptr),
       0);
   vbwReportVariable(u"mErrorParams", Variant(mErrorParams), 0);
 }

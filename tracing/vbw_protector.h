@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdint>
+#include <vector>
 
 #include "platform/bstr.h"
 #include "platform/object.h"
@@ -123,6 +124,7 @@ class VbwProtector {
   VariantBool alwaysIgnore(const Bstr& StrRememberErrors, const Bstr& strLastError);
 
   const Ref<Object>& ErrorComponent() const noexcept { return mErrorParams; }
+  void ReleaseErrorComponent() noexcept { mErrorParams.reset(); }
   const Bstr& RememberedErrors() const noexcept { return StrRememberErrors_; }
   const Bstr& LastError() const noexcept { return strLastError_; }
 
@@ -165,6 +167,11 @@ class VbwProtector {
   };
 
  private:
+  // The names of the 64 slots; none for a stack that was never allocated.
+  std::vector<Bstr> StackNames() const;
+  // Takes back the stack that the component received by reference: the slots it changed from
+  // `handed` hold its names from now on, and an array it erased is no stack.
+  void AdoptStack(const ArrayRef& stack, const std::vector<Bstr>& handed);
   // vbwProcIn in full, with its failure tail: for the cases where a statement can fail.
   void InstrumentedProcIn(BstrView lProc, BstrView lParameters);
   Ref<Object> RuntimeObject(BstrView name);
@@ -173,6 +180,8 @@ class VbwProtector {
   std::int16_t mStackCalls = 0;
   std::array<BstrView, kStackSlots> mStack{};
   bool mStackAllocated = false;
+  // Names that the error component wrote into the stack; slots that hold them view them here.
+  std::array<Bstr, kStackSlots> writtenNames_{};
 
   // The handler's own variables, kept between its calls.
   Bstr StrRememberErrors_;

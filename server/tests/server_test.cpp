@@ -127,7 +127,8 @@ class FakeRibbon final : public IRibbonUI {
   std::vector<std::wstring> invalidated;
 };
 
-// The error component: records every member called and answers the handler with "leave".
+// The error component: records every member called and answers the handler from `answers`, then
+// with "leave".
 class Recorder final : public Counted {
  public:
   HRESULT OnInvoke(const std::wstring& member, DISPPARAMS* params, VARIANT* result) override {
@@ -136,14 +137,34 @@ class Recorder final : public Counted {
       const VARIANT& number = params->rgvarg[params->cArgs - 1];
       if ((V_VT(&number) & VT_BYREF) != 0 && (V_VT(&number) & VT_TYPEMASK) == VT_I4)
         errorNumbers.push_back(*V_I4REF(&number));
+      // The stack, the last argument, goes by reference: read slot 5 as it comes, then write it.
+      VARIANT& stack = params->rgvarg[0];
+      if (V_VT(&stack) == (VT_BYREF | VT_ARRAY | VT_BSTR) && *V_ARRAYREF(&stack) != nullptr) {
+        LONG slot = 5;
+        UniqueBstr name;
+        if (SUCCEEDED(::SafeArrayGetElement(*V_ARRAYREF(&stack), &slot, name.Put())))
+          stackSlot5.emplace_back(name.get() != nullptr ? name.get() : L"");
+        const std::wstring text = L"Written " + std::to_wstring(stackSlot5.size());
+        UniqueBstr written(::SysAllocString(text.c_str()));
+        ::SafeArrayPutElement(*V_ARRAYREF(&stack), &slot, written.get());
+      }
       if (result != nullptr) {
         V_VT(result) = VT_I4;
         V_I4(result) = 7;
+        if (!answers.empty()) {
+          V_I4(result) = answers.front();
+          answers.erase(answers.begin());
+        }
       }
     }
+    if (member == L"vbwOpenDumpFile" && failOpenDump)
+      return static_cast<HRESULT>(0x800A004B);  // run-time error 75, path/file access
     return S_OK;
   }
   std::vector<LONG> errorNumbers;
+  std::vector<std::wstring> stackSlot5;
+  std::vector<LONG> answers;  // then 7, leave
+  bool failOpenDump = false;
 };
 
 class RecorderFactory final : public IClassFactory {
@@ -605,6 +626,28 @@ TEST_F(Members, AFailureInsideReachesTheErrorComponentAndTheCallSucceeds) {
   EXPECT_EQ(main->LoadImage(pastTheTable.InOut(), nothing.Put()), S_OK);
   EXPECT_FALSE(nothing);
   EXPECT_EQ(recorder.errorNumbers, std::vector<LONG>{9});
+}
+
+TEST_F(Members, TheComponentWritesIntoTheLibrarysOwnStack) {
+  for (int i = 0; i < 2; ++i) {
+    UniqueBstr pastTheTable = Bstr(L"27");
+    ComPtr<IPictureDisp> nothing;
+    EXPECT_EQ(main->LoadImage(pastTheTable.InOut(), nothing.Put()), S_OK);
+  }
+  // Slot 5 lies above the depth, so only the component's own write can have changed it.
+  ASSERT_EQ(recorder.stackSlot5.size(), 2u);
+  EXPECT_EQ(recorder.stackSlot5[1], L"Written 1");
+}
+
+TEST_F(Members, AFailedDumpOpeningDoesNotEndTheDump) {
+  recorder.answers = {8, 7};
+  recorder.failOpenDump = true;
+  UniqueBstr pastTheTable = Bstr(L"27");
+  ComPtr<IPictureDisp> nothing;
+  EXPECT_EQ(main->LoadImage(pastTheTable.InOut(), nothing.Put()), S_OK);
+  // The opening's answer let the component go; the dump step goes on, and each of its calls that
+  // needs the component (three banners, four objects, the close) fails and is told; then -1.
+  EXPECT_EQ(recorder.errorNumbers, (std::vector<LONG>{9, 75, 91, 91, 91, 91, 91, 91, 91, 91, -1}));
 }
 
 // A tree's elements as oleacc and a caller see them: children as objects or, for a simple child,
