@@ -37,7 +37,6 @@ TEST_F(Images, GetImageAsksTheApplyNumberForControls0And26Only) {
   EXPECT_FALSE(main2.GetImage(u"MVN4"));
   EXPECT_THAT(signaller->asked, ElementsAre(102, 102));
   EXPECT_THAT(HandlerCalls(), IsEmpty());
-  EXPECT_EQ(apartment.protector.Depth(), 0);
 }
 
 TEST_F(Images, ApplyNumberFollowsTheExactProductName) {
