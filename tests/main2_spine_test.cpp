@@ -112,7 +112,6 @@ TEST(Dump, EveryProcedureReportsItsLocalsThenTheFields) {
       {u"Main2.GetEnabled[Get]", "idStr id ", [](Main2& m) { m.GetEnabled(u"MVN0"); }},
       {u"Main2.GetPressed[Get]", "idStr id ", [](Main2& m) { m.GetPressed(u"MVN0"); }},
       {u"Main2.GetScreentip[Get]", "idStr id isOn ", [](Main2& m) { m.GetScreentip(u"MVN0"); }},
-      {u"Main2.getApplyMorvelinImageIndex[Get]", "", [](Main2& m) { m.GetImage(u"MVN0"); }},
       {u"Main2.GetImage[Get]", "idStr id index ", [](Main2& m) { m.GetImage(u"MVN0"); }},
       {u"Main2.LoadImage", "id index ", [](Main2& m) { m.LoadImage(u"0"); }},
       {u"Main2.convertToId", "idStr ", [](Main2& m) { m.GetLabel(u"MVN0"); }},
