@@ -18,10 +18,6 @@ using tracing::Run;
 
 namespace {
 
-constexpr std::int16_t Id(ControlId id) {
-  return static_cast<std::int16_t>(id);
-}
-
 // A control id narrowed to 16 bits, as most callers hold it.
 std::int16_t Narrow(std::int32_t id) {
   if (id < -32768 || id > 32767)
@@ -67,7 +63,7 @@ Bstr Main2::GetScreentip(const Bstr& idStr) {
       [&](Body& body) {
         TF_BEGIN(body)
         TF_STEP(1) id = Narrow(convertToId(idStr));
-        TF_STEP(2) if (id != Id(ControlId::ToggleLexoscope)) {
+        TF_STEP(2) if (id != Number(ControlId::ToggleLexoscope)) {
           TF_STEP(3) return;
         }
         // The tip names what a press would do next.
@@ -114,12 +110,12 @@ VariantBool Main2::GetEnabled(const Bstr& idStr) {
       [&](Body& body) {
         TF_BEGIN(body)
         TF_STEP(1) id = Narrow(convertToId(idStr));
-        TF_STEP(2) if (id == Id(ControlId::OpenUserManual)) {
+        TF_STEP(2) if (id == Number(ControlId::OpenUserManual)) {
           TF_STEP(3) result = kTrue;
           TF_STEP(4) return;
         }
         TF_STEP(5) result = mEnabled;
-        TF_STEP(6) if (id == Id(ControlId::GoToQuickBookmark)) {
+        TF_STEP(6) if (id == Number(ControlId::GoToQuickBookmark)) {
           TF_STEP(7) result = ToVariantBool(IsTrue(mEnabled) && IsTrue(mQuickBookmarkEnabled));
         }
         TF_END
@@ -139,7 +135,7 @@ VariantBool Main2::GetPressed(const Bstr& idStr) {
       [&](Body& body) {
         TF_BEGIN(body)
         TF_STEP(1) id = Narrow(convertToId(idStr));
-        TF_STEP(2) if (id == Id(ControlId::ToggleLexoscope)) {
+        TF_STEP(2) if (id == Number(ControlId::ToggleLexoscope)) {
           TF_STEP(3) result = mLexoscopeOn;
         }
         TF_END
@@ -179,7 +175,7 @@ void Main2::EnableGotoQuickBookmark(VariantBool value) {
           TF_STEP(2) return;
         }
         TF_STEP(3) mQuickBookmarkEnabled = value;
-        TF_STEP(4) InvalidateRibbonControl(ToNumber(ControlId::GoToQuickBookmark));
+        TF_STEP(4) InvalidateRibbonControl(Number(ControlId::GoToQuickBookmark));
         TF_END
       });
 }
@@ -191,7 +187,7 @@ void Main2::UpdateLexoscopeIcon(VariantBool enable) {
       [&](Body& body) {
         TF_BEGIN(body)
         TF_STEP(1) mLexoscopeOn = enable;
-        TF_STEP(2) InvalidateRibbonControl(ToNumber(ControlId::ToggleLexoscope));
+        TF_STEP(2) InvalidateRibbonControl(Number(ControlId::ToggleLexoscope));
         TF_END
       });
 }

@@ -1,6 +1,6 @@
 // The ribbon document: the catalogue, the element writer and the composer.
 #include "platform/failure.h"
-#include "ribbon/catalogue.h"
+#include "ribbon/controls.h"
 #include "ribbon/main2.h"
 #include "ribbon/piece_list.h"
 #include "ribbon/procedures.h"
@@ -16,6 +16,8 @@ using tracing::ParameterText;
 using tracing::Run;
 
 namespace {
+
+constexpr BstrView kCustomUiNamespace = u"http://schemas.microsoft.com/office/2006/01/customui";
 
 // The largest lists: a button of nine attributes, and the document's longest part.
 using ElementPieces = PieceList<24>;
@@ -33,15 +35,15 @@ Bstr TooltipText(BstrView text) {
 
 Bstr Main2::AddButton(const Bstr& id) {
   Bstr result;
-  const CatalogueRow* row = nullptr;
+  const Control* row = nullptr;
   Run(
       Trace(), kAddButton, [&](ParameterText& p) { p.Add(u"id", id); },
       [&](LocalReport& l) { l.Add(u"id", id); },
       [&](Body& body) {
         TF_BEGIN(body)
         // The id is compared as text, exactly: "05" and "MVN5" match no row.
-        TF_STEP(1) for (const auto& candidate : kCatalogue) {
-          if (candidate.id == id) {
+        TF_STEP(1) for (const Control& candidate : kControls) {
+          if (InCatalogue(candidate) && candidate.DecimalId() == id) {
             row = &candidate;
             break;
           }
@@ -151,6 +153,22 @@ Bstr Main2::GetRibbonXML() {
   DocumentPieces strs;
   DocumentPieces strs2;
   DocumentPieces strs3;
+  // The elements of a place's controls, one call each, in the order of their rows. The list is
+  // filled aside and then taken whole, so that a dump on the way shows the array as it stood.
+  const auto addControls = [&](DocumentPieces& pieces, DocumentPlace place) {
+    for (const Control& control : kControls) {
+      if (control.place != place)
+        continue;
+      if (InCatalogue(control)) {
+        pieces.Append({AddButton(Bstr(control.DecimalId()))});
+      } else {
+        Bstr tooltip = TooltipText(control.tooltip);
+        pieces.Append(
+            {AddButtonImpl(control.DecimalId(), control.label, tooltip, control.shortCutKey,
+                           control.size, control.showLabel, control.imageMso, control.buttonType)});
+      }
+    }
+  };
   Run(
       Trace(), kGetRibbonXML, tracing::NoParameters,
       [&](LocalReport& l) {
@@ -161,55 +179,49 @@ Bstr Main2::GetRibbonXML() {
       [&](Body& body) {
         TF_BEGIN(body)
         TF_STEP(1) {
-          Bstr tooltip26 = TooltipText(kUseMorvelin.tooltip);
-          strs.Assign(
+          DocumentPieces pieces;
+          pieces.Append(
               {Piece::Concat({u"<customUI xmlns=\"", kCustomUiNamespace,
                               u"\" onLoad=\"ribbonLoaded\" loadImage=\"loadImage\">"
                               u"<ribbon><tabs>"}),
                Piece::Concat({u"<tab idMso=\"TabReferences\"><group "
                               u"id=\"GroupRedirectMorvelin\" "
                               u"insertAfterMso=\"GroupCitationsAndBibliography\" label=\"",
-                              productName, u"\">"}),
-               AddButtonImpl(kUseMorvelin.id, kUseMorvelin.label, tooltip26,
-                             kUseMorvelin.shortCutKey, kUseMorvelin.size, kUseMorvelin.showLabel,
-                             kUseMorvelin.imageMso, kUseMorvelin.buttonType),
-               u"</group></tab>",
-               u"<tab id=\"Morvelin\" label=\"",
-               productName,
-               u"\" keytip=\"Z\">",
-               u"<group id=\"GroupMorvelin\" label=\"",
-               productName,
-               u" Core Features\">",
-               u"<splitButton id=\"SplitApplyMorvelin\" size=\"large\">",
-               u"<menu id=\"SplitMenuApplyMorvelin\" itemSize=\"large\">",
-               AddButton(u"0"),
-               AddButton(u"1"),
-               AddButton(u"2"),
-               AddButton(u"4"),
-               AddButton(u"24"),
-               AddButton(u"25"),
-               u"</menu>",
-               u"</splitButton>",
-               AddButton(u"5"),
-               AddButton(u"6"),
-               AddButton(u"7"),
-               AddButton(u"15"),
-               u"</group>"});
+                              productName, u"\">"})});
+          addControls(pieces, DocumentPlace::kReferencesTab);
+          pieces.Append({u"</group></tab>", u"<tab id=\"Morvelin\" label=\"", productName,
+                         u"\" keytip=\"Z\">", u"<group id=\"GroupMorvelin\" label=\"", productName,
+                         u" Core Features\">",
+                         u"<splitButton id=\"SplitApplyMorvelin\" size=\"large\">",
+                         u"<menu id=\"SplitMenuApplyMorvelin\" itemSize=\"large\">"});
+          addControls(pieces, DocumentPlace::kSplitMenu);
+          pieces.Append({u"</menu>", u"</splitButton>"});
+          addControls(pieces, DocumentPlace::kCoreFeatures);
+          pieces.Append({u"</group>"});
+          strs = std::move(pieces);
         }
-        TF_STEP(2)
-        strs2.Assign({u"<group id=\"GroupMorvelinFormatting\" label=\"Styles and Headings\">",
-                      AddButton(u"13"), AddButton(u"14"),
-                      u"<buttonGroup id=\"ButtonGroupMorvelinFormatting\">", AddButton(u"8"),
-                      AddButton(u"9"), AddButton(u"10"), AddButton(u"11"), AddButton(u"12"),
-                      u"</buttonGroup>", u"</group>"});
-        TF_STEP(3)
-        strs3.Assign({u"<group id=\"GroupMorvelinNavigation\" label=\"Navigation\">",
-                      AddButton(u"16"), AddButton(u"17"), AddButton(u"18"), AddButton(u"19"),
-                      u"</group>",
-                      u"<group id=\"GroupMorvelinTablesAndFigures\" label=\"Tables and Figures\">",
-                      AddButton(u"20"), AddButton(u"21"), AddButton(u"22"), u"</group>",
-                      u"<group id=\"GroupLexoscope\" label=\"Lexoscope\">", AddButton(u"23"),
-                      u"</group>", u"</tab>", u"</tabs></ribbon></customUI>"});
+        TF_STEP(2) {
+          DocumentPieces pieces;
+          pieces.Append({u"<group id=\"GroupMorvelinFormatting\" label=\"Styles and Headings\">"});
+          addControls(pieces, DocumentPlace::kStyles);
+          pieces.Append({u"<buttonGroup id=\"ButtonGroupMorvelinFormatting\">"});
+          addControls(pieces, DocumentPlace::kHeadings);
+          pieces.Append({u"</buttonGroup>", u"</group>"});
+          strs2 = std::move(pieces);
+        }
+        TF_STEP(3) {
+          DocumentPieces pieces;
+          pieces.Append({u"<group id=\"GroupMorvelinNavigation\" label=\"Navigation\">"});
+          addControls(pieces, DocumentPlace::kNavigation);
+          pieces.Append({u"</group>",
+                         u"<group id=\"GroupMorvelinTablesAndFigures\" "
+                         u"label=\"Tables and Figures\">"});
+          addControls(pieces, DocumentPlace::kTablesAndFigures);
+          pieces.Append({u"</group>", u"<group id=\"GroupLexoscope\" label=\"Lexoscope\">"});
+          addControls(pieces, DocumentPlace::kLexoscope);
+          pieces.Append({u"</group>", u"</tab>", u"</tabs></ribbon></customUI>"});
+          strs3 = std::move(pieces);
+        }
         TF_STEP(4) result = Join(strs, strs2, strs3);
         TF_END
       });

@@ -1,6 +1,5 @@
 // Main2's control images: which image number belongs to a control, and the picture of it that the
 // template's bytes give.
-#include <algorithm>
 #include <array>
 #include <utility>
 
@@ -22,31 +21,6 @@ using tracing::Run;
 
 constexpr std::int16_t kMorvelinImage = 102;
 constexpr std::int16_t kOtherProductImage = 318;
-
-constexpr std::size_t Slot(ControlId id) {
-  return static_cast<std::size_t>(id);
-}
-constexpr std::int32_t Number(ControlId id) {
-  return static_cast<std::int32_t>(id);
-}
-
-// The fixed image numbers; slots 0 and 26 take the apply number, every slot not listed stays 0
-// (no picture). They do not run in the order of the ids.
-constexpr std::array<std::pair<ControlId, std::int16_t>, 13> kFixedImages{{
-    {ControlId::InsertReference, 303},
-    {ControlId::ToolbarPasteReference, 204},
-    {ControlId::Tomeseek, 205},
-    {ControlId::StartNewChapter, 206},
-    {ControlId::ApplyHeading1Format, 207},
-    {ControlId::ApplyHeading2Format, 208},
-    {ControlId::ApplyHeading3Format, 209},
-    {ControlId::ApplyHeading4Format, 210},
-    {ControlId::ApplyParagraphFormat, 212},
-    {ControlId::ApplyQuotationFormat, 213},
-    {ControlId::UpdateFrontMatter, 211},
-    {ControlId::OpenUserManual, 215},
-    {ControlId::ToggleLexoscope, 314},
-}};
 
 // The template's bytes for `number`, made into a picture by the loader: both calls by name, the
 // tagged value passed on as it came.
@@ -117,12 +91,14 @@ Ref<Object> Main2::LoadImage(const Bstr& id) {
         TF_BEGIN(body)
         // The apply number is never 0, so slot 0 tells whether the table is filled; it keeps the
         // apply number of this moment for good.
-        TF_STEP(1) if (imageIndex_[Slot(ControlId::ApplyMorvelin)] == 0) {
-          TF_STEP(2) imageIndex_[Slot(ControlId::ApplyMorvelin)] = getApplyMorvelinImageIndex();
-          TF_STEP(3) for (const auto& [control, number] : kFixedImages) {
-            imageIndex_[Slot(control)] = number;
+        TF_STEP(1) if (imageIndex_[Number(ControlId::ApplyMorvelin)] == 0) {
+          TF_STEP(2) imageIndex_[Number(ControlId::ApplyMorvelin)] = getApplyMorvelinImageIndex();
+          // The fixed numbers; slots 0 and 26 take the apply number in the statements around.
+          TF_STEP(3) for (const Control& control : kControls) {
+            if (control.image > 0)
+              imageIndex_[control.number] = control.image;
           }
-          TF_STEP(4) imageIndex_[Slot(ControlId::UseMorvelin)] = getApplyMorvelinImageIndex();
+          TF_STEP(4) imageIndex_[Number(ControlId::UseMorvelin)] = getApplyMorvelinImageIndex();
         }
         TF_STEP(5) if (SlotOf(imageIndex_, id) <= 0) {
           TF_STEP(6) return;

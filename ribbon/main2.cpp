@@ -35,6 +35,7 @@ void Main2::vbwReportModuleVariables() const {
 }
 
 void Main2::Initialize(const Ref<Object>& eventSignaller, const Bstr& productName) {
+  static_assert(kLabelTemplates.size() == 4, "one statement for each label template");
   Run(
       Trace(), kInitialize,
       [&](ParameterText& p) {

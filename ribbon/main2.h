@@ -11,7 +11,7 @@
 #include "platform/bstr.h"
 #include "platform/object.h"
 #include "platform/variant_bool.h"
-#include "ribbon/control_ids.h"
+#include "ribbon/controls.h"
 #include "ribbon/dictionary.h"
 #include "tracing/vbw_protector.h"
 

@@ -132,6 +132,18 @@ class PieceList {
     Clear(Count);
   }
 
+  // Adds the pieces at the end, in the same way and order as Assign. Beyond the bound it fails as
+  // a subscript out of range would, and the list is as it was.
+  template <std::size_t Count>
+  void Append(PieceType (&&pieces)[Count]) {
+    static_assert(Count <= Capacity, "the list is too small for these pieces");
+    if (size_ + Count > Capacity)
+      Raise(RunTimeError::kSubscriptOutOfRange);
+    for (std::size_t at = 0; at < Count; ++at)
+      pieces_[size_ + at] = std::move(pieces[at]);
+    size_ += Count;
+  }
+
   // Keeps the first pieces; new places are empty (places behind the end always are). The bound is
   // fixed, so a size beyond it fails as a subscript out of range would.
   void Resize(std::size_t size) {
