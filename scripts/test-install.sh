@@ -274,6 +274,6 @@ for arch in ${TABFORGE_INSTALL_ARCHES:-x86 x64}; do
     done
 done
 stop_server
-rm -rf "$work/case"
+rm -rf "$work/case" "$work/template"
 echo "test-install: $passed passed, $failed failed"
 [ "$failed" = 0 ]
