@@ -1,13 +1,7 @@
 // The entry points of Tabforge.dll: class factory, unload check and self-registration.
 //
-// Registration writes exactly these entries and removes exactly these:
-//   the type library (RegisterTypeLib / UnRegisterTypeLib);
-//   HKCR\CLSID\{CC663791-...}                 default "Tabforge.Main2"
-//   HKCR\CLSID\{CC663791-...}\InprocServer32  default this file's path, ThreadingModel "Apartment"
-//   HKCR\CLSID\{CC663791-...}\ProgID          default "Tabforge.Main2"
-//   HKCR\Tabforge.Main2\CLSID                 default "{CC663791-...}"
-//   HKCR\Interface\{A9489D5E-...}             default "_Main2", with ProxyStubClsid32 (the
-//                                             automation marshaller) and TypeLib (id, "1.0")
+// Registration writes exactly the type library's entries (RegisterTypeLib) and the class, program
+// id and interface entries of ServerEntries (registry_entries.cpp), and removes exactly these.
 #include <windows.h>
 
 #include <ole2.h>
@@ -19,15 +13,14 @@
 #include "Tabforge_h.h"
 #include "server/com_ptr.h"
 #include "server/main2_object.h"
+#include "server/registry_entries.h"
+#include "tabforge_version.h"
 
 namespace {
 
 using tabforge::com::ComPtr;
 
 HINSTANCE g_module = nullptr;
-
-constexpr wchar_t kProgId[] = L"Tabforge.Main2";
-constexpr wchar_t kAutomationMarshaller[] = L"{00020424-0000-0000-C000-000000000046}";
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
@@ -74,12 +67,6 @@ class ClassFactory final : public IClassFactory {
 
 ClassFactory g_factory;
 
-std::wstring GuidText(REFGUID guid) {
-  wchar_t text[40] = {};
-  ::StringFromGUID2(guid, text, 40);
-  return text;
-}
-
 std::wstring ModulePath() {
   wchar_t path[MAX_PATH * 2] = {};
   ::GetModuleFileNameW(g_module, path, static_cast<DWORD>(std::size(path)));
@@ -101,15 +88,6 @@ bool SetValue(const std::wstring& key, const wchar_t* name, const std::wstring& 
 void DeleteTree(const std::wstring& key) {
   ::RegDeleteTreeW(HKEY_CLASSES_ROOT, key.c_str());
   ::RegDeleteKeyW(HKEY_CLASSES_ROOT, key.c_str());
-}
-
-const std::wstring& ClassKey() {
-  static const std::wstring key = L"CLSID\\" + GuidText(CLSID_Main2);
-  return key;
-}
-const std::wstring& InterfaceKey() {
-  static const std::wstring key = L"Interface\\" + GuidText(IID__Main2);
-  return key;
 }
 
 SYSKIND ThisSysKind() {
@@ -145,25 +123,18 @@ STDAPI DllRegisterServer() {
   if (FAILED(::LoadTypeLibEx(path.c_str(), REGKIND_NONE, library.Put())) ||
       FAILED(::RegisterTypeLib(library.get(), path.data(), nullptr)))
     return SELFREG_E_TYPELIB;
-  const std::wstring clsid = GuidText(CLSID_Main2);
-  const bool written =
-      SetValue(ClassKey(), nullptr, kProgId) &&
-      SetValue(ClassKey() + L"\\InprocServer32", nullptr, path) &&
-      SetValue(ClassKey() + L"\\InprocServer32", L"ThreadingModel", L"Apartment") &&
-      SetValue(ClassKey() + L"\\ProgID", nullptr, kProgId) &&
-      SetValue(std::wstring(kProgId) + L"\\CLSID", nullptr, clsid) &&
-      SetValue(InterfaceKey(), nullptr, L"_Main2") &&
-      SetValue(InterfaceKey() + L"\\ProxyStubClsid32", nullptr, kAutomationMarshaller) &&
-      SetValue(InterfaceKey() + L"\\TypeLib", nullptr, GuidText(LIBID_Tabforge)) &&
-      SetValue(InterfaceKey() + L"\\TypeLib", L"Version", L"1.0");
-  return written ? S_OK : SELFREG_E_CLASS;
+  for (const auto& entry : tabforge::com::ServerEntries(path)) {
+    if (!SetValue(entry.key, entry.name.empty() ? nullptr : entry.name.c_str(), entry.value))
+      return SELFREG_E_CLASS;
+  }
+  return S_OK;
 }
 
 STDAPI DllUnregisterServer() {
-  DeleteTree(ClassKey());
-  DeleteTree(kProgId);
-  ::UnRegisterTypeLib(LIBID_Tabforge, 1, 0, 0, ThisSysKind());
+  ::UnRegisterTypeLib(LIBID_Tabforge, TABFORGE_VERSION_MAJOR, TABFORGE_VERSION_MINOR, 0,
+                      ThisSysKind());
   // The type library's unregistration may leave the interface key; it is ours either way.
-  DeleteTree(InterfaceKey());
+  for (const auto& key : tabforge::com::ServerKeys())
+    DeleteTree(key);
   return S_OK;
 }

@@ -15,6 +15,7 @@
 #include <stdexcept>
 
 #include "tools/com_session.h"
+#include "tools/register_command.h"
 #else
 #include "platform/portable/portable_platform.h"
 #include "ribbon/main2.h"
@@ -37,6 +38,10 @@ constexpr const char* kUsage =
     "                                     draw the ribbon as an HTML page\n"
     "  session [--icons DIR] [--errors ...] [FILE]\n"
     "                                     replay a host session from FILE or standard input\n"
+#ifdef _WIN32
+    "  register [--user | --machine] [--unregister] PATH\n"
+    "                                     register Tabforge.dll at PATH, or remove it\n"
+#endif
     "\n"
     "Run 'tabforge <command> --help' for a command's options.\n";
 
@@ -364,6 +369,8 @@ int main(int argc, char** argv) {
   if (command == "session")
     return Session(args);
 #ifdef _WIN32
+  if (command == "register")
+    return cli::Register(args);
   if (command == "check" || command == "preview") {
     std::cerr << "tabforge " << command
               << ": not available in the Windows build; use the Linux tool\n";

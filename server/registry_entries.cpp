@@ -1,0 +1,123 @@
+#include "server/registry_entries.h"
+
+#include <cwchar>
+
+#include "Tabforge_h.h"
+#include "tabforge_version.h"
+
+namespace tabforge::com {
+namespace {
+
+constexpr wchar_t kProgId[] = L"Tabforge.Main2";
+// The automation marshaller: the proxy of every dual or automation interface.
+constexpr wchar_t kAutomationMarshaller[] = L"{00020424-0000-0000-C000-000000000046}";
+// The dispatch-only marshaller, for dispinterfaces that are not dual.
+constexpr wchar_t kDispatchMarshaller[] = L"{00020420-0000-0000-C000-000000000046}";
+
+#define TABFORGE_WIDEN2(x) L## #x
+#define TABFORGE_WIDEN(x) TABFORGE_WIDEN2(x)
+constexpr wchar_t kTypeLibVersion[] = TABFORGE_WIDEN(TABFORGE_TYPELIB_VERSION);
+
+std::wstring ClassKey() {
+  return L"CLSID\\" + GuidText(CLSID_Main2);
+}
+std::wstring InterfaceKey() {
+  return L"Interface\\" + GuidText(IID__Main2);
+}
+
+}  // namespace
+
+std::wstring GuidText(REFGUID guid) {
+  wchar_t text[40] = {};
+  ::StringFromGUID2(guid, text, 40);
+  return text;
+}
+
+std::vector<RegistryEntry> ServerEntries(const std::wstring& path) {
+  return {
+      {ClassKey(), L"", kProgId},
+      {ClassKey() + L"\\InprocServer32", L"", path},
+      {ClassKey() + L"\\InprocServer32", L"ThreadingModel", L"Apartment"},
+      {ClassKey() + L"\\ProgID", L"", kProgId},
+      {std::wstring(kProgId) + L"\\CLSID", L"", GuidText(CLSID_Main2)},
+      {InterfaceKey(), L"", L"_Main2"},
+      {InterfaceKey() + L"\\ProxyStubClsid32", L"", kAutomationMarshaller},
+      {InterfaceKey() + L"\\TypeLib", L"", GuidText(LIBID_Tabforge)},
+      {InterfaceKey() + L"\\TypeLib", L"Version", kTypeLibVersion},
+  };
+}
+
+std::vector<std::wstring> ServerKeys() {
+  return {ClassKey(), kProgId, InterfaceKey()};
+}
+
+bool ReadTypeLibraryEntries(ITypeLib* library, const std::wstring& path, TypeLibraryEntries& out) {
+  TLIBATTR* attributes = nullptr;
+  if (library == nullptr || FAILED(library->GetLibAttr(&attributes)))
+    return false;
+  const std::wstring id = GuidText(attributes->guid);
+  wchar_t text[64] = {};
+  std::swprintf(text, 64, L"%x.%x", attributes->wMajorVerNum, attributes->wMinorVerNum);
+  const std::wstring version = text;
+  out.libraryKey = L"TypeLib\\" + id;
+  out.versionKey = out.libraryKey + L"\\" + version;
+  const wchar_t* platform = attributes->syskind == SYS_WIN64   ? L"win64"
+                            : attributes->syskind == SYS_WIN16 ? L"win16"
+                                                               : L"win32";
+  std::swprintf(text, 64, L"%lx\\%ls", static_cast<unsigned long>(attributes->lcid), platform);
+  const std::wstring pathKey = out.versionKey + L"\\" + text;
+  std::swprintf(text, 64, L"%u", static_cast<unsigned>(attributes->wLibFlags));
+  const std::wstring flags = text;
+  library->ReleaseTLibAttr(attributes);
+
+  // The library's title is its description, or its name when it has none.
+  BSTR name = nullptr;
+  BSTR description = nullptr;
+  if (FAILED(library->GetDocumentation(-1, &name, &description, nullptr, nullptr)))
+    return false;
+  const std::wstring title = description != nullptr ? description : name != nullptr ? name : L"";
+  ::SysFreeString(name);
+  ::SysFreeString(description);
+  // With no help folder given, the file's own folder stands in.
+  const std::wstring folder = path.substr(0, path.find_last_of(L'\\'));
+  out.library = {{out.versionKey, L"", title},
+                 {pathKey, L"", path},
+                 {out.versionKey + L"\\FLAGS", L"", flags},
+                 {out.versionKey + L"\\HELPDIR", L"", folder}};
+
+  out.interfaces.clear();
+  out.interfaceKeys.clear();
+  const UINT count = library->GetTypeInfoCount();
+  for (UINT index = 0; index < count; ++index) {
+    TYPEKIND kind = TKIND_MAX;
+    ITypeInfo* info = nullptr;
+    if (FAILED(library->GetTypeInfoType(index, &kind)) ||
+        (kind != TKIND_INTERFACE && kind != TKIND_DISPATCH) ||
+        FAILED(library->GetTypeInfo(index, &info)))
+      continue;
+    TYPEATTR* type = nullptr;
+    if (SUCCEEDED(info->GetTypeAttr(&type))) {
+      if (kind == TKIND_DISPATCH || (type->wTypeFlags & TYPEFLAG_FOLEAUTOMATION) != 0) {
+        BSTR typeName = nullptr;
+        library->GetDocumentation(static_cast<INT>(index), &typeName, nullptr, nullptr, nullptr);
+        const std::wstring key = L"Interface\\" + GuidText(type->guid);
+        const wchar_t* proxy = kind == TKIND_INTERFACE || (type->wTypeFlags & TYPEFLAG_FDUAL) != 0
+                                   ? kAutomationMarshaller
+                                   : kDispatchMarshaller;
+        if (typeName != nullptr)
+          out.interfaces.push_back({key, L"", typeName});
+        out.interfaces.push_back({key + L"\\ProxyStubClsid", L"", proxy});
+        out.interfaces.push_back({key + L"\\ProxyStubClsid32", L"", proxy});
+        out.interfaces.push_back({key + L"\\TypeLib", L"", id});
+        out.interfaces.push_back({key + L"\\TypeLib", L"Version", version});
+        out.interfaceKeys.push_back(key);
+        ::SysFreeString(typeName);
+      }
+      info->ReleaseTypeAttr(type);
+    }
+    info->Release();
+  }
+  return true;
+}
+
+}  // namespace tabforge::com
