@@ -1,27 +1,119 @@
 #include "server/apartment.h"
 
-#include <memory>
+#include <windows.h>
+
+#include <new>
+#include <utility>
 
 #include "server/windows_platform.h"
 
 namespace tabforge::com {
 
-namespace {
-
 struct Apartment {
-  Apartment() : protector(platform.Services()) { protector.vbwInitializeProtector(); }
+  explicit Apartment(DWORD owner) : thread(owner), protector(platform.Services()) {
+    protector.vbwInitializeProtector();
+  }
 
+  DWORD thread;
+  long holds = 0;
+  Apartment* next = nullptr;
   WindowsPlatform platform;
   VbwProtector protector;
 };
 
+namespace {
+
+// The live apartments, found by their thread. Apartments are few and are looked up only when an
+// object is created, so a list under a lock is enough. The lock is never held while an apartment
+// is built or torn down.
+SRWLOCK g_lock = SRWLOCK_INIT;
+Apartment* g_apartments = nullptr;
+long g_moduleReferences = 0;
+
+Apartment* FindLocked(DWORD thread) {
+  for (Apartment* a = g_apartments; a != nullptr; a = a->next) {
+    if (a->thread == thread)
+      return a;
+  }
+  return nullptr;
+}
+
+// Takes a hold on the thread's apartment, if it has one.
+Apartment* HoldExisting(DWORD thread) {
+  ::AcquireSRWLockExclusive(&g_lock);
+  Apartment* found = FindLocked(thread);
+  if (found != nullptr)
+    ++found->holds;
+  ::ReleaseSRWLockExclusive(&g_lock);
+  return found;
+}
+
+void Let(Apartment* apartment) {
+  ::AcquireSRWLockExclusive(&g_lock);
+  const bool last = --apartment->holds == 0;
+  if (last) {
+    for (Apartment** link = &g_apartments; *link != nullptr; link = &(*link)->next) {
+      if (*link == apartment) {
+        *link = apartment->next;
+        break;
+      }
+    }
+  }
+  ::ReleaseSRWLockExclusive(&g_lock);
+  if (last)
+    delete apartment;
+}
+
 }  // namespace
 
-VbwProtector& ApartmentProtector() {
-  thread_local std::unique_ptr<Apartment> apartment;
-  if (!apartment)
-    apartment = std::make_unique<Apartment>();
-  return apartment->protector;
+ApartmentHold::ApartmentHold(ApartmentHold&& other) noexcept
+    : apartment_(std::exchange(other.apartment_, nullptr)) {}
+
+ApartmentHold& ApartmentHold::operator=(ApartmentHold&& other) noexcept {
+  if (this != &other) {
+    if (apartment_ != nullptr)
+      Let(apartment_);
+    apartment_ = std::exchange(other.apartment_, nullptr);
+  }
+  return *this;
+}
+
+ApartmentHold::~ApartmentHold() {
+  if (apartment_ != nullptr)
+    Let(apartment_);
+}
+
+ApartmentHold ApartmentHold::Enter() {
+  const DWORD thread = ::GetCurrentThreadId();
+  if (Apartment* existing = HoldExisting(thread))
+    return ApartmentHold(existing);
+  // Only this thread builds its own apartment, so nobody can add it meanwhile. The start-up
+  // routine runs outside the lock: it reads the settings store and may reach the error component.
+  auto* built = new Apartment(thread);
+  built->holds = 1;
+  ::AcquireSRWLockExclusive(&g_lock);
+  built->next = g_apartments;
+  g_apartments = built;
+  ::ReleaseSRWLockExclusive(&g_lock);
+  return ApartmentHold(built);
+}
+
+ApartmentHold ApartmentHold::Current() {
+  return ApartmentHold(HoldExisting(::GetCurrentThreadId()));
+}
+
+VbwProtector& ApartmentHold::Protector() const {
+  return apartment_->protector;
+}
+
+void ModuleAddRef() {
+  ::InterlockedIncrement(&g_moduleReferences);
+}
+void ModuleRelease() {
+  ::InterlockedDecrement(&g_moduleReferences);
+}
+bool ModuleInUse() {
+  return ::InterlockedCompareExchange(&g_moduleReferences, 0, 0) != 0;
 }
 
 }  // namespace tabforge::com

@@ -1,13 +1,63 @@
-// The per-apartment state of the library: the Windows platform and the tracing module. An
-// apartment-threaded server has one apartment per thread, so the state lives in the thread.
+// The per-apartment state of the library (the Windows platform and the tracing module) and the
+// count of live objects that DllCanUnloadNow answers from.
+//
+// An apartment's state is built, and its start-up routine run, when the first object of the
+// library is created in that apartment, and it goes when the last object of the library that was
+// created there goes. It is never tied to the thread's own life: nothing of ours runs at thread
+// exit, where the loader lock is held and a call into COM, GDI+ or a library unload would freeze
+// the host. A thread that ends while objects of the library are still alive leaves its state to
+// those objects.
 #pragma once
 
 #include "tracing/vbw_protector.h"
 
 namespace tabforge::com {
 
-// The tracing module of the calling thread's apartment. The first call in a thread builds the
-// platform and the module and runs the start-up routine, once, before the first object exists.
-VbwProtector& ApartmentProtector();
+struct Apartment;
+
+// A counted hold on one apartment's state; empty when there is none.
+class ApartmentHold {
+ public:
+  ApartmentHold() = default;
+  ApartmentHold(const ApartmentHold&) = delete;
+  ApartmentHold& operator=(const ApartmentHold&) = delete;
+  ApartmentHold(ApartmentHold&& other) noexcept;
+  ApartmentHold& operator=(ApartmentHold&& other) noexcept;
+  ~ApartmentHold();
+
+  // The calling thread's apartment, built and started now if it has none. Throws std::bad_alloc.
+  static ApartmentHold Enter();
+  // The calling thread's apartment if it has one; an empty hold otherwise.
+  static ApartmentHold Current();
+
+  explicit operator bool() const { return apartment_ != nullptr; }
+  VbwProtector& Protector() const;
+
+ private:
+  explicit ApartmentHold(Apartment* apartment) : apartment_(apartment) {}
+  Apartment* apartment_ = nullptr;
+};
+
+// Every object that the library hands out, and every server lock, counts here from its creation
+// to its destruction; while the count is not zero the library must stay loaded.
+void ModuleAddRef();
+void ModuleRelease();
+bool ModuleInUse();
+
+// What each object of the library holds for its life: the module and, when it is created inside
+// one, its apartment.
+class ObjectHold {
+ public:
+  ObjectHold() : apartment_(ApartmentHold::Current()) { ModuleAddRef(); }
+  ObjectHold(const ObjectHold&) = delete;
+  ObjectHold& operator=(const ObjectHold&) = delete;
+  ~ObjectHold() {
+    apartment_ = ApartmentHold();
+    ModuleRelease();
+  }
+
+ private:
+  ApartmentHold apartment_;
+};
 
 }  // namespace tabforge::com

@@ -1,11 +1,13 @@
 // The IUnknown half that the project's COM objects share: a reference count that starts at one
-// (the creator's), deletion with the last reference, and QueryInterface for IUnknown, IDispatch
-// and the object's own interface.
+// (the creator's), deletion with the last reference, QueryInterface for IUnknown, IDispatch and
+// the object's own interface, and a hold on the module and the apartment for the object's life.
 #pragma once
 
 #include <windows.h>
 
 #include <oaidl.h>
+
+#include "server/apartment.h"
 
 namespace tabforge::com {
 
@@ -45,6 +47,7 @@ class ComObject : public Interface {
   void* QueryMore(REFIID) { return nullptr; }
 
  private:
+  ObjectHold hold_;
   ULONG references_ = 1;
 };
 

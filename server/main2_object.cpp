@@ -15,8 +15,6 @@ namespace tabforge::com {
 
 namespace {
 
-long g_moduleReferences = 0;
-
 // Runs one member's body; whatever happens inside, the caller sees success.
 template <class Body>
 HRESULT Boundary(Body&& body) noexcept {
@@ -335,16 +333,6 @@ HRESULT ArgumentFailure(HRESULT hr, const DISPPARAMS& params, const VARIANT& arg
 
 }  // namespace
 
-void ModuleAddRef() {
-  ::InterlockedIncrement(&g_moduleReferences);
-}
-void ModuleRelease() {
-  ::InterlockedDecrement(&g_moduleReferences);
-}
-bool ModuleInUse() {
-  return ::InterlockedCompareExchange(&g_moduleReferences, 0, 0) != 0;
-}
-
 ComPtr<ITypeInfo> LoadMain2TypeInfo() {
   wchar_t path[MAX_PATH * 2] = {};
   ::GetModuleFileNameW(ThisModule(), path, static_cast<DWORD>(std::size(path)));
@@ -372,9 +360,10 @@ HRESULT Main2Object::Create(REFIID riid, void** out) {
     ComPtr<ITypeInfo> typeInfo = LoadMain2TypeInfo();
     if (!typeInfo)
       return TYPE_E_CANTLOADLIBRARY;
-    // The apartment's tracing module starts before its first object exists.
-    VbwProtector& protector = ApartmentProtector();
-    auto* object = new (std::nothrow) Main2Object(protector, std::move(typeInfo));
+    // The apartment's tracing module starts before its first object exists; the object's own
+    // hold keeps it from then on.
+    const ApartmentHold apartment = ApartmentHold::Enter();
+    auto* object = new (std::nothrow) Main2Object(apartment.Protector(), std::move(typeInfo));
     if (object == nullptr)
       return E_OUTOFMEMORY;
     const HRESULT hr = object->QueryInterface(riid, out);
@@ -386,13 +375,7 @@ HRESULT Main2Object::Create(REFIID riid, void** out) {
 }
 
 Main2Object::Main2Object(VbwProtector& protector, ComPtr<ITypeInfo> typeInfo)
-    : typeInfo_(std::move(typeInfo)), core_(protector) {
-  ModuleAddRef();
-}
-
-Main2Object::~Main2Object() {
-  ModuleRelease();
-}
+    : typeInfo_(std::move(typeInfo)), core_(protector) {}
 
 HRESULT Main2Object::GetTypeInfoCount(UINT* count) {
   if (count == nullptr)

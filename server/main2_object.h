@@ -10,16 +10,11 @@
 
 #include "Tabforge_h.h"
 #include "ribbon/main2.h"
+#include "server/apartment.h"
 #include "server/com_object.h"
 #include "server/com_ptr.h"
 
 namespace tabforge::com {
-
-// Live objects and server locks of the module; DllCanUnloadNow answers from them. Only the
-// apartment's thread touches an object, but creation can happen in any apartment.
-void ModuleAddRef();
-void ModuleRelease();
-bool ModuleInUse();
 
 // The type information of the _Main2 interface in the library's own type library.
 ComPtr<ITypeInfo> LoadMain2TypeInfo();
@@ -64,7 +59,7 @@ class Main2Object final : public ComObject<Main2Object, _Main2> {
  private:
   friend class ComObject<Main2Object, _Main2>;
   Main2Object(VbwProtector& protector, ComPtr<ITypeInfo> typeInfo);
-  ~Main2Object();
+  ~Main2Object() = default;
 
   ComPtr<ITypeInfo> typeInfo_;
   Main2 core_;

@@ -86,8 +86,12 @@ class Component final : public NamedMembers {
     if (keepObjects && params != nullptr) {
       for (UINT i = 0; i < params->cArgs; ++i) {
         const VARIANT& argument = params->rgvarg[i];
-        if (V_VT(&argument) == VT_DISPATCH && V_DISPATCH(&argument) != nullptr)
-          kept.emplace_back(V_DISPATCH(&argument));
+        IDispatch* object = V_VT(&argument) == VT_DISPATCH ? V_DISPATCH(&argument)
+                            : V_VT(&argument) == (VT_BYREF | VT_DISPATCH)
+                                ? *V_DISPATCHREF(&argument)
+                                : nullptr;
+        if (object != nullptr)
+          kept.emplace_back(object);
       }
     }
     return S_OK;
@@ -151,10 +155,10 @@ class ComponentRegistration {
                                       REGCLS_MULTIPLEUSE, &cookie_),
               S_OK);
     const std::wstring clsid = GuidText(kClsidComponent);
-    EXPECT_EQ(::RegSetKeyValueW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2\\CLSID", nullptr, REG_SZ,
-                                clsid.c_str(),
-                                static_cast<DWORD>((clsid.size() + 1) * sizeof(wchar_t))),
-              ERROR_SUCCESS);
+    EXPECT_EQ(
+        ::RegSetKeyValueW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2\\CLSID", nullptr, REG_SZ,
+                          clsid.c_str(), static_cast<DWORD>((clsid.size() + 1) * sizeof(wchar_t))),
+        ERROR_SUCCESS);
   }
   ~ComponentRegistration() {
     ::CoRevokeClassObject(cookie_);
@@ -173,8 +177,8 @@ ComPtr<IDispatch> CreateMain2() {
   CLSID clsid{};
   ComPtr<IDispatch> main;
   if (FAILED(::CLSIDFromProgID(kProgId, &clsid)) ||
-      FAILED(::CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IDispatch,
-                                main.PutVoid())))
+      FAILED(
+          ::CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IDispatch, main.PutVoid())))
     return nullptr;
   return main;
 }
@@ -268,11 +272,8 @@ TEST_F(HostLife, FailingCallsWithArgumentsByValueFreeEachStringOnce) {
     std::vector<LONG> answers;  // 7 leaves the procedure, 8 asks for a dump first
   };
   const Case cases[] = {
-      {L"RibbonCallback", {7}},
-      {L"LoadImage", {7}},
-      {L"GetLabel", {7}},
-      {L"RibbonCallback", {8}},
-      {L"LoadImage", {8}},
+      {L"RibbonCallback", {7}}, {L"LoadImage", {7}}, {L"GetLabel", {7}},
+      {L"RibbonCallback", {8}}, {L"LoadImage", {8}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::Message() << std::string(c.member, c.member + std::wcslen(c.member))
@@ -419,9 +420,9 @@ int EndWithALiveInstance() {
 TEST(HostLifeModule, AProcessWithALiveInstanceEnds) {
   wchar_t self[MAX_PATH] = {};
   ASSERT_GT(::GetModuleFileNameW(nullptr, self, MAX_PATH), 0u);
-  std::wstring commandLine = L"\"" + std::wstring(self) + L"\" " +
-                             std::wstring(kLiveInstanceSwitch, kLiveInstanceSwitch +
-                                                                   std::strlen(kLiveInstanceSwitch));
+  std::wstring commandLine =
+      L"\"" + std::wstring(self) + L"\" " +
+      std::wstring(kLiveInstanceSwitch, kLiveInstanceSwitch + std::strlen(kLiveInstanceSwitch));
   STARTUPINFOW startup{};
   startup.cb = sizeof(startup);
   PROCESS_INFORMATION process{};
