@@ -1,38 +1,45 @@
 #!/usr/bin/env bash
-# Builds Tabforge.dll for 32-bit (the shipping target) and 64-bit Windows and tests it: both DLLs
-# are checked by check_pe.py (machine, the four exports, resources, version record, system-only
-# imports); the 64-bit one is registered, driven by a GoogleTest client and a VBScript under Wine,
-# unregistered, and checked gone. tabforge.exe replays a session through the registered server and
-# must print what the Linux tool prints, and a late-binding benchmark writes
-# build/win64/bench-wine.txt. Wine runs in a private prefix under build/win64, every program under
-# `timeout`, and the prefix's wineserver is stopped on exit (scripts/run-under-wine.sh).
+# Builds Tabforge.dll and tabforge.exe for 32-bit (the shipping target) and 64-bit Windows and
+# tests each under Wine: check_pe.py (machine, the four exports, resources, version record,
+# system-only imports); registration with the regsvr32 of the DLL's bitness; the GoogleTest clients
+# (every binding form, and a host's life: failing calls, apartments on threads, unload and reload, a
+# process that ends with a live instance); the VBScript suite; tabforge.exe's transcripts beside
+# the Linux tool's; unregistration, checked gone; and the late-binding benchmark, which writes
+# build/win32/bench-wine.txt and build/win64/bench-wine.txt. Wine runs in a private prefix under
+# each build folder with its heap checks on, every program under `timeout`, and the prefix's
+# wineserver is stopped on exit (scripts/run-under-wine.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-windows-deps.sh
-
-echo "== win32"
-cmake --preset win32 >/dev/null
-cmake --build --preset win32
-python3 tools/check_pe.py build/win32/server/Tabforge.dll --arch i686
 
 echo "== linux tabforge (the other side of the transcript comparison)"
 cmake --preset linux >/dev/null
 cmake --build --preset linux --target tabforge
 
-echo "== win64"
-cmake --preset win64 -DTABFORGE_HOST_TOOL="$PWD/build/linux/tools/tabforge" >/dev/null
-cmake --build --preset win64
-ctest --preset win64
+# The 32-bit DLL is the one that ships: every Wine test runs against it as well as against the
+# 64-bit one, each in a prefix of its own, with the system programs of its own bitness.
+for preset in win32 win64; do
+    echo "== $preset"
+    cmake --preset $preset -DTABFORGE_HOST_TOOL="$PWD/build/linux/tools/tabforge" >/dev/null
+    cmake --build --preset $preset
+    ctest --preset $preset
+done
 
-# One late-bound call on Tabforge.Main2 beside one on Wine's Scripting.Dictionary. The numbers are
-# reported, not judged: only a failed call fails the run.
-echo "== late-binding benchmark under Wine"
-run_wine=(scripts/run-under-wine.sh build/win64)
-"${run_wine[@]}" regsvr32 /s "$PWD/build/win64/server/Tabforge.dll"
-set +e
-"${run_wine[@]}" "$PWD/build/win64/server/late_binding_bench.exe" | tr -d '\r' \
-    | tee build/win64/bench-wine.txt
-bench_status=${PIPESTATUS[0]}
-set -e
-"${run_wine[@]}" regsvr32 /u /s "$PWD/build/win64/server/Tabforge.dll"
+# One late-bound call on Tabforge.Main2 beside one on Wine's Scripting.Dictionary, for each DLL.
+# The numbers are reported, not judged: only a failed call fails the run.
+bench_status=0
+for preset in win32 win64; do
+    echo "== late-binding benchmark under Wine ($preset)"
+    bits=${preset#win}
+    run_wine=(scripts/run-under-wine.sh --bits "$bits" "build/$preset")
+    dll="$PWD/build/$preset/server/Tabforge.dll"
+    "${run_wine[@]}" regsvr32 /s "$dll"
+    set +e
+    "${run_wine[@]}" "$PWD/build/$preset/server/late_binding_bench.exe" | tr -d '\r' \
+        | tee "build/$preset/bench-wine.txt"
+    status=${PIPESTATUS[0]}
+    set -e
+    [ "$status" -eq 0 ] || bench_status=$status
+    "${run_wine[@]}" regsvr32 /u /s "$dll"
+done
 exit "$bench_status"

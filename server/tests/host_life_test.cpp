@@ -396,20 +396,18 @@ TEST(HostLifeModule, ASecondApartmentThreadEnds) {
 
 constexpr char kLiveInstanceSwitch[] = "--end-with-a-live-instance";
 
+DWORD WINAPI HoldAnInstanceForEver(void*) {
+  ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+  IDispatch* leaked = CreateMain2().Detach();
+  ::Sleep(INFINITE);
+  return leaked != nullptr ? 0 : 1;
+}
+
 // The child's part: an instance alive, on this thread and on another, when the process ends.
 int EndWithALiveInstance() {
   if (FAILED(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)))
     return 2;
-  std::wstring document;
-  HANDLE other = ::CreateThread(
-      nullptr, 0,
-      [](void*) -> DWORD {
-        ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-        IDispatch* leaked = CreateMain2().Detach();
-        ::Sleep(INFINITE);
-        return leaked != nullptr ? 0 : 1;
-      },
-      nullptr, 0, nullptr);
+  HANDLE other = ::CreateThread(nullptr, 0, HoldAnInstanceForEver, nullptr, 0, nullptr);
   IDispatch* leaked = CreateMain2().Detach();
   if (leaked == nullptr || other == nullptr || !IsDocument(RibbonXml(leaked)))
     return 3;
