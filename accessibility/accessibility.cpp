@@ -57,16 +57,6 @@ bool ListedItself(VariantBool getDescendents, const Ref<Object>& child) {
   return !childrenWanted || childless;
 }
 
-std::int32_t CheckedIncrement(std::int32_t value) {
-  if (value == std::numeric_limits<std::int32_t>::max())
-    Raise(RunTimeError::kOverflow);
-  return value + 1;
-}
-
-std::int32_t HighestIndex(std::size_t size) {
-  return static_cast<std::int32_t>(size) - 1;
-}
-
 }  // namespace
 
 // The elements entered by one outermost search or listing, held so that an address cannot be
@@ -99,10 +89,7 @@ class Accessibility::WalkScope {
 };
 
 tracing::Module Accessibility::Trace() const noexcept {
-  return tracing::Module(
-      protector_,
-      [](const void* self) { static_cast<const Accessibility*>(self)->vbwReportModuleVariables(); },
-      this);
+  return tracing::Module(protector_, *this);
 }
 
 void Accessibility::vbwReportModuleVariables() const {
@@ -193,7 +180,7 @@ Ref<Object> Accessibility::GetAccessible(const Ref<Object>& Element, std::int32_
           TF_STEP(4) ChildrenArray = ChildrenWithinBounds(Element);
           TF_STEP(5) if (!ChildrenArray.empty()) {
             TF_STEP(6)
-            for (ndxChild = 0, highestChild = HighestIndex(ChildrenArray.size());
+            for (ndxChild = 0, highestChild = HighestIndex<std::int32_t>(ChildrenArray.size());
                  ndxChild <= highestChild; ++ndxChild) {
               TF_STEP(7) if (HoldsObject(At(ChildrenArray, ndxChild))) {
                 TF_STEP(8) Child = ToObject(At(ChildrenArray, ndxChild));
@@ -259,7 +246,7 @@ ChildList Accessibility::GetListOfChildren(const Ref<Object>& Parent, VariantBoo
         TF_STEP(2) LocalChildren = ChildrenWithinBounds(Parent);
         TF_STEP(3) if (!LocalChildren.empty()) {
           TF_STEP(4)
-          for (ndxChild = 0, highestChild = HighestIndex(LocalChildren.size());
+          for (ndxChild = 0, highestChild = HighestIndex<std::int32_t>(LocalChildren.size());
                ndxChild <= highestChild; ++ndxChild) {
             TF_STEP(5) Child = ToObject(At(LocalChildren, ndxChild));
             TF_STEP(6) if (NeitherGraphicNorText(Child)) {
@@ -274,8 +261,8 @@ ChildList Accessibility::GetListOfChildren(const Ref<Object>& Parent, VariantBoo
                   }
                   TF_STEP(11) if (!GrandChildInfo.Children.empty()) {
                     TF_STEP(12)
-                    for (ndxGrandChild = 0,
-                        highestGrandChild = HighestIndex(GrandChildInfo.Children.size());
+                    for (ndxGrandChild = 0, highestGrandChild = HighestIndex<std::int32_t>(
+                                                GrandChildInfo.Children.size());
                          ndxGrandChild <= highestGrandChild; ++ndxGrandChild) {
                       TF_STEP(13)
                       GrandChild = At(GrandChildInfo.Children, ndxGrandChild);
@@ -320,7 +307,8 @@ void Accessibility::AddChildToList(const Ref<Object>& Child, ChildList& ChildInf
         }
         TF_STEP(6) Last(ChildInfo.Children) = Child;
         TF_STEP(7) if ((State(Child) & kStateSystemSelected) == kStateSystemSelected) {
-          TF_STEP(8) ChildInfo.SelectedChild = HighestIndex(ChildInfo.Children.size());
+          TF_STEP(8)
+          ChildInfo.SelectedChild = HighestIndex<std::int32_t>(ChildInfo.Children.size());
         }
         TF_END
       });

@@ -15,10 +15,8 @@ struct Fixture {
   PortablePlatform platform;
   VbwProtector protector{platform.View()};
   Fixture() { protector.vbwInitializeProtector(); }
-  tracing::Module Trace() {
-    return tracing::Module(
-        protector, [](const void*) {}, this);
-  }
+  tracing::Module Trace() { return tracing::Module(protector, *this); }
+  void vbwReportModuleVariables() const {}
 };
 
 __attribute__((noinline)) void Untracked(int& counter) {

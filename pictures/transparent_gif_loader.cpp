@@ -86,12 +86,7 @@ TransparentGifLoader::~TransparentGifLoader() {
 }
 
 tracing::Module TransparentGifLoader::Trace() const noexcept {
-  return tracing::Module(
-      protector_,
-      [](const void* self) {
-        static_cast<const TransparentGifLoader*>(self)->vbwReportModuleVariables();
-      },
-      this);
+  return tracing::Module(protector_, *this);
 }
 
 PictureApi& TransparentGifLoader::Api() const {

@@ -44,6 +44,8 @@ class TransparentGifLoader final : public Object {
                                    PictureApi::PictureDescription& tPicConv);
   void vbwReport_TransparentGifLoader_GUID(BstrView lName, const PictureApi::Guid& record,
                                            std::int32_t lTab) const;
+  // The module report is the tracing's to call.
+  friend class tracing::Module;
   void vbwReportModuleVariables() const;
   tracing::Module Trace() const noexcept;
   // The apartment's picture services; none is "object not set".

@@ -12,13 +12,16 @@ constexpr auto kIsEmptyArrayByte =
 // constant.
 constexpr VariantBool mInIDE = kFalse;
 
+// The module as the tracing sees it: its report is the module procedure below.
+struct ModuleReport {
+  static void vbwReportModuleVariables(VbwProtector& protector) {
+    vb_language_extensions::vbwReportModuleVariables(protector);
+  }
+};
+constexpr ModuleReport kModule;
+
 tracing::Module Trace(VbwProtector& protector) noexcept {
-  return tracing::Module(
-      protector,
-      [](const void* self) {
-        vbwReportModuleVariables(*static_cast<VbwProtector*>(const_cast<void*>(self)));
-      },
-      &protector);
+  return tracing::Module(protector, kModule);
 }
 
 }  // namespace

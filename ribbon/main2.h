@@ -82,14 +82,11 @@ class Main2 {
   Ref<Object> getMorvelinTab(const Ref<Object>& RibbonCommandBar);
   std::int16_t TabIndex(const ChildList& Info, const Bstr& tabName);
   void clickWidget(const Ref<Object>& widget);
+  // The module report is the tracing's to call.
+  friend class tracing::Module;
   void vbwReportModuleVariables() const;
   // Defined here so that a procedure's runner sees the module's parts, not a returned record.
-  tracing::Module Trace() const noexcept {
-    return tracing::Module(
-        protector_,
-        [](const void* self) { static_cast<const Main2*>(self)->vbwReportModuleVariables(); },
-        this);
-  }
+  tracing::Module Trace() const noexcept { return tracing::Module(protector_, *this); }
 
   VbwProtector& protector_;
   Accessibility accessibility_{protector_};

@@ -52,16 +52,7 @@ std::int16_t LowestIndex(const ChildList& info) {
 
 // A listing's highest index as the 16-bit index that walks it.
 std::int16_t HighestIndex(const ChildList& info) {
-  const auto highest = static_cast<std::int64_t>(info.Children.size()) - 1;
-  if (highest > std::numeric_limits<std::int16_t>::max())
-    Raise(RunTimeError::kOverflow);
-  return static_cast<std::int16_t>(highest);
-}
-
-std::int16_t CheckedIncrement(std::int16_t value) {
-  if (value == std::numeric_limits<std::int16_t>::max())
-    Raise(RunTimeError::kOverflow);
-  return static_cast<std::int16_t>(value + 1);
+  return tabforge::HighestIndex<std::int16_t>(info.Children.size());
 }
 
 // An element and the ancestors that its level says it has.

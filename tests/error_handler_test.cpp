@@ -27,14 +27,9 @@ struct Walker {
   Apartment& apartment;
   std::string trail;
 
-  tracing::Module Trace() {
-    return tracing::Module(
-        apartment.protector,
-        [](const void* self) {
-          static_cast<const Walker*>(self)->apartment.protector.vbwReportToFile(
-              Bstr(kModuleBanner));
-        },
-        this);
+  tracing::Module Trace() { return tracing::Module(apartment.protector, *this); }
+  void vbwReportModuleVariables() const {
+    apartment.protector.vbwReportToFile(Bstr(kModuleBanner));
   }
 
   void GetChildren() {

@@ -29,10 +29,8 @@ struct Probe {
   Apartment& apartment;
   std::string trail;
 
-  tracing::Module Trace() {
-    return tracing::Module(
-        apartment.protector, [](const void*) {}, this);
-  }
+  tracing::Module Trace() { return tracing::Module(apartment.protector, *this); }
+  void vbwReportModuleVariables() const {}
 
   // 1: a; 2: if (condition) { 3: b }; 4: c.
   void Branch(bool condition) {

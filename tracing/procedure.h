@@ -115,20 +115,31 @@ class Body {
   FailureMode mode_ = FailureMode::kArmed;
 };
 
-// The tracing context of a module: its apartment's protector and its module-variable report.
+// The tracing context of a module: its apartment's protector and its module-variable report, which
+// is the member `vbwReportModuleVariables` of the module's object (given the protector when it
+// takes one: a module of plain procedures has no object of its own to hold it).
 class Module {
  public:
-  using Reporter = void (*)(const void* self);
-  Module(VbwProtector& protector, Reporter reportVariables, const void* self) noexcept
-      : protector_(&protector), report_(reportVariables), self_(self) {}
+  template <class Owner>
+  Module(VbwProtector& protector, Owner& owner) noexcept
+      : protector_(&protector),
+        // Erased here and restored with its own constness by the reporter below.
+        owner_(const_cast<void*>(static_cast<const void*>(&owner))),
+        report_([](void* self, VbwProtector& p) {
+          Owner& module = *static_cast<Owner*>(self);
+          if constexpr (requires { module.vbwReportModuleVariables(p); })
+            module.vbwReportModuleVariables(p);
+          else
+            module.vbwReportModuleVariables();
+        }) {}
 
   VbwProtector& protector() const noexcept { return *protector_; }
-  void ReportModuleVariables() const { report_(self_); }
+  void ReportModuleVariables() const { report_(owner_, *protector_); }
 
  private:
   VbwProtector* protector_;
-  Reporter report_;
-  const void* self_;
+  void* owner_;
+  void (*report_)(void* owner, VbwProtector& protector);
 };
 
 // Builds a procedure's parameter text; only asked for when parameter tracing is on.

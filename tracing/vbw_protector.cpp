@@ -47,13 +47,7 @@ VbwProtector::VbwProtector(const Platform& platform) : platform_(platform) {}
 VbwProtector::~VbwProtector() = default;
 
 tracing::Module VbwProtector::Trace() noexcept {
-  return tracing::Module(
-      *this,
-      [](const void* self) {
-        const_cast<VbwProtector*>(static_cast<const VbwProtector*>(self))
-            ->vbwReportModuleVariables();
-      },
-      this);
+  return tracing::Module(*this, *this);
 }
 
 std::vector<Bstr> VbwProtector::StackNames() const {
