@@ -92,9 +92,8 @@ tracing::Module Accessibility::Trace() const noexcept {
   return tracing::Module(protector_, *this);
 }
 
-void Accessibility::vbwReportModuleVariables() const {
-  protector_.vbwReportToFile(Bstr(kModuleBanner));
-}
+// The module has no variables: its section of a dump is the banner alone.
+void Accessibility::vbwReportModuleVariables() const {}
 
 std::vector<Variant> Accessibility::ChildrenWithinBounds(const Ref<Object>& Element) {
   EnterElement(Element);

@@ -247,7 +247,6 @@ void TransparentGifLoader::vbwReport_TransparentGifLoader_GUID(BstrView lName,
 }
 
 void TransparentGifLoader::vbwReportModuleVariables() const {
-  protector_.vbwReportToFile(Bstr(kModuleBanner));
   vbwReport_TransparentGifLoader_GUID(u"mIguid", mIguid, 0);
   protector_.vbwReportVariable(u"mToken", static_cast<std::int32_t>(mToken), 0);
 }

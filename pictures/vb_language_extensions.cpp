@@ -41,7 +41,6 @@ VariantBool isEmptyArrayByte(VbwProtector& protector, const ArrayRef& testArray)
 }
 
 void vbwReportModuleVariables(VbwProtector& protector) {
-  protector.vbwReportToFile(Bstr(kModuleBanner));
   protector.vbwReportVariable(u"mInIDE", mInIDE, 0);
 }
 

@@ -22,7 +22,6 @@ Bstr IdText(std::int32_t id) {
 Main2::Main2(VbwProtector& protector) : protector_(protector) {}
 
 void Main2::vbwReportModuleVariables() const {
-  protector_.vbwReportToFile(Bstr(kModuleBanner));
   protector_.vbwReportVariable(u"mEnabled", mEnabled, 0);
   protector_.vbwReportVariable(u"mQuickBookmarkEnabled", mQuickBookmarkEnabled, 0);
   protector_.vbwReportVariable(u"mProductName", mProductName, 0);

@@ -3,6 +3,7 @@
 #include <limits>
 #include <optional>
 
+#include "accessibility/roles.h"
 #include "platform/call_by_name.h"
 #include "platform/checked_access.h"
 #include "platform/failure.h"
@@ -19,9 +20,6 @@ using tracing::ParameterText;
 using tracing::Run;
 
 namespace {
-
-constexpr std::int32_t kRoleSystemPropertyPage = 38;
-constexpr std::int32_t kRoleSystemPageTabList = 60;
 
 // One search's share of the bounds: a deadline for all stages together and the attempts of the
 // stage that is waiting.
@@ -155,8 +153,8 @@ Ref<Object> Main2::getMorvelinTab(const Ref<Object>& RibbonCommandBar) {
         TF_STEP(1) budget.StartStage();
         TF_STEP(2) do {
           TF_STEP(3)
-          RibbonPropPage = accessibility_.GetAccessible(RibbonCommandBar, kRoleSystemPropertyPage,
-                                                        ribbonName, kFalse);
+          RibbonPropPage =
+              accessibility_.GetAccessible(RibbonCommandBar, kRolePropertyPage, ribbonName, kFalse);
           TF_STEP(4) if (!RibbonPropPage) {
             TF_STEP(5) if (budget.Spent()) {
               TF_STEP(6) return;
@@ -169,8 +167,8 @@ Ref<Object> Main2::getMorvelinTab(const Ref<Object>& RibbonCommandBar) {
         TF_STEP(8) budget.StartStage();
         TF_STEP(9) do {
           TF_STEP(10)
-          PageTabListClient = accessibility_.GetAccessible(RibbonPropPage, kRoleSystemPageTabList,
-                                                           ribbonTabsName, kTrue);
+          PageTabListClient =
+              accessibility_.GetAccessible(RibbonPropPage, kRolePageTabList, ribbonTabsName, kTrue);
           TF_STEP(11) if (!PageTabListClient) {
             TF_STEP(12) if (budget.Spent()) {
               TF_STEP(13) return;

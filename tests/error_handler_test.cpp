@@ -28,9 +28,7 @@ struct Walker {
   std::string trail;
 
   tracing::Module Trace() { return tracing::Module(apartment.protector, *this); }
-  void vbwReportModuleVariables() const {
-    apartment.protector.vbwReportToFile(Bstr(kModuleBanner));
-  }
+  void vbwReportModuleVariables() const {}
 
   void GetChildren() {
     std::int32_t NumChildren = 0;

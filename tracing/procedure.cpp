@@ -141,6 +141,7 @@ Frame::Resolution Frame::Tail(const Failure& failure, LocalList locals) noexcept
   }
 }
 
+// Each section starts with its banner, written here so that no module's report has to.
 void Frame::DumpStep(LocalList locals) noexcept {
   VbwProtector& protector = protector_;
   protector.vbwOpenDumpFile();
@@ -154,10 +155,12 @@ void Frame::DumpStep(LocalList locals) noexcept {
   } catch (...) {
   }
   try {
+    protector.vbwReportToFile(Bstr(kModuleBanner));
     module_.ReportModuleVariables();
   } catch (...) {
   }
   try {
+    protector.vbwReportToFile(Bstr(kGlobalBanner));
     protector.vbwReportGlobalVariables();
   } catch (...) {
   }

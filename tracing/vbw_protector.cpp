@@ -344,7 +344,6 @@ void VbwProtector::vbwReportObject(const Bstr& lName, const Ref<Object>& lObject
 }
 
 void VbwProtector::vbwReportModuleVariables() {
-  vbwReportToFile(Bstr(kModuleBanner));
   vbwReportVariable(u"mOldTraceProc", mOldTraceProc, 0);
   vbwReportVariable(u"vbwEmailRecipientAdress", vbwEmailRecipientAdress, 0);
   vbwReportVariable(u"vbwCatchException", vbwCatchException, 0);
@@ -360,7 +359,6 @@ void VbwProtector::vbwReportModuleVariables() {
 }
 
 void VbwProtector::vbwReportGlobalVariables() {
-  vbwReportToFile(Bstr(kGlobalBanner));
   vbwReportVariable(u"vbwProtector.vbwTraceProc", vbwTraceProc, 0);
   vbwReportVariable(u"vbwProtector.vbwTraceParameters", vbwTraceParameters, 0);
   vbwReportObject(u"VB.App", RuntimeObject(u"App"), 0);
