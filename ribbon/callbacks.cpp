@@ -4,7 +4,7 @@
 #include "platform/checked_access.h"
 #include "platform/failure.h"
 #include "ribbon/main2.h"
-#include "ribbon/procedures.h"
+#include "ribbon/procedure_names.h"
 #include "ribbon/string_extensions.h"
 #include "tracing/run.h"
 

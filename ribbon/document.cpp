@@ -3,7 +3,7 @@
 #include "ribbon/controls.h"
 #include "ribbon/main2.h"
 #include "ribbon/piece_list.h"
-#include "ribbon/procedures.h"
+#include "ribbon/procedure_names.h"
 #include "ribbon/string_extensions.h"
 #include "tracing/run.h"
 

@@ -7,7 +7,7 @@
 #include "platform/failure.h"
 #include "platform/variant.h"
 #include "ribbon/main2.h"
-#include "ribbon/procedures.h"
+#include "ribbon/procedure_names.h"
 #include "tracing/run.h"
 
 namespace tabforge {

@@ -3,7 +3,7 @@
 #include "pictures/transparent_gif_loader.h"
 #include "platform/failure.h"
 #include "platform/variant.h"
-#include "ribbon/procedures.h"
+#include "ribbon/procedure_names.h"
 #include "ribbon/string_extensions.h"
 #include "tracing/run.h"
 

@@ -1,4 +1,6 @@
-// The four text operations that the ribbon code calls.
+// Three of the four text operations that the ribbon code calls. The fourth, `stringArray`, which
+// joins an array of strings, is the `PieceList` of ribbon/piece_list.h: the document's arrays are
+// built and joined there without copying their pieces.
 #pragma once
 
 #include <cstdint>
