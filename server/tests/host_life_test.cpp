@@ -238,6 +238,59 @@ bool IsDocument(const std::wstring& xml) {
   return xml.rfind(L"<customUI ", 0) == 0;
 }
 
+DWORD WINAPI UseInASecondApartment(void* document) {
+  if (FAILED(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)))
+    return 1;
+  {
+    ComPtr<IDispatch> main = CreateMain2();
+    if (main)
+      *static_cast<std::wstring*>(document) = RibbonXml(main.get());
+  }
+  ::CoUninitialize();
+  return 0;
+}
+
+DWORD WINAPI LoadALibrary(void*) {
+  HMODULE library = ::LoadLibraryW(L"msxml3.dll");
+  if (library == nullptr)
+    return 1;
+  ::FreeLibrary(library);
+  return 0;
+}
+
+// Waits for a thread with a bound; a thread still running then is left behind, and says so.
+bool Ends(LPTHREAD_START_ROUTINE routine, void* argument) {
+  HANDLE thread = ::CreateThread(nullptr, 0, routine, argument, 0, nullptr);
+  if (thread == nullptr)
+    return false;
+  const bool ended = ::WaitForSingleObject(thread, kThreadBound) == WAIT_OBJECT_0;
+  ::CloseHandle(thread);
+  return ended;
+}
+
+// A thread that creates, uses, releases and uninitialises ends, and leaves the loader free: first
+// as the only thread that ever used the library (its apartment loads the library and frees it
+// again as it ends), then beside an apartment of this thread that keeps an instance.
+TEST(HostLifeThreads, ASecondApartmentThreadEnds) {
+  for (int round = 0; round < 2; ++round) {
+    std::wstring document;
+    EXPECT_TRUE(Ends(UseInASecondApartment, &document)) << "alone, round " << round;
+    EXPECT_TRUE(IsDocument(document)) << "alone, round " << round;
+    EXPECT_TRUE(Ends(LoadALibrary, nullptr)) << "alone, round " << round;
+  }
+  ASSERT_EQ(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), S_OK);
+  ComPtr<IDispatch> mine = CreateMain2();
+  ASSERT_TRUE(mine);
+  std::wstring document;
+  EXPECT_TRUE(Ends(UseInASecondApartment, &document)) << "beside";
+  EXPECT_TRUE(IsDocument(document)) << "beside";
+  EXPECT_TRUE(Ends(LoadALibrary, nullptr)) << "beside";
+  EXPECT_TRUE(IsDocument(RibbonXml(mine.get())));
+  mine.reset();
+  ::CoFreeUnusedLibrariesEx(0, 0);
+  ::CoUninitialize();
+}
+
 // An initialised Main2 in the test's apartment, with its error component registered.
 class HostLife : public ::testing::Test {
  protected:
@@ -340,57 +393,6 @@ TEST(HostLifeModule, UnloadsAfterTheLastReleaseAndLoadsAgain) {
     EXPECT_TRUE(IsDocument(RibbonXml(again.get())));
   }
   ::CoFreeUnusedLibrariesEx(0, 0);
-  ::CoUninitialize();
-}
-
-DWORD WINAPI UseInASecondApartment(void* document) {
-  if (FAILED(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)))
-    return 1;
-  {
-    ComPtr<IDispatch> main = CreateMain2();
-    if (main)
-      *static_cast<std::wstring*>(document) = RibbonXml(main.get());
-  }
-  ::CoUninitialize();
-  return 0;
-}
-
-DWORD WINAPI LoadALibrary(void*) {
-  HMODULE library = ::LoadLibraryW(L"msxml3.dll");
-  if (library == nullptr)
-    return 1;
-  ::FreeLibrary(library);
-  return 0;
-}
-
-// Waits for a thread with a bound; a thread still running then is left behind, and says so.
-bool Ends(LPTHREAD_START_ROUTINE routine, void* argument) {
-  HANDLE thread = ::CreateThread(nullptr, 0, routine, argument, 0, nullptr);
-  if (thread == nullptr)
-    return false;
-  const bool ended = ::WaitForSingleObject(thread, kThreadBound) == WAIT_OBJECT_0;
-  ::CloseHandle(thread);
-  return ended;
-}
-
-// A thread that creates, uses, releases and uninitialises ends, and leaves the loader free.
-TEST(HostLifeModule, ASecondApartmentThreadEnds) {
-  ASSERT_EQ(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), S_OK);
-  ComPtr<IDispatch> mine = CreateMain2();  // the library stays loaded in this apartment
-  ASSERT_TRUE(mine);
-  for (int round = 0; round < 2; ++round) {
-    std::wstring document;
-    EXPECT_TRUE(Ends(UseInASecondApartment, &document)) << "round " << round;
-    EXPECT_TRUE(IsDocument(document)) << "round " << round;
-  }
-  EXPECT_TRUE(Ends(LoadALibrary, nullptr));
-  EXPECT_TRUE(IsDocument(RibbonXml(mine.get())));
-  mine.reset();
-  // The last thread to use the library is another one, and the library goes with it.
-  std::wstring document;
-  EXPECT_TRUE(Ends(UseInASecondApartment, &document));
-  EXPECT_TRUE(IsDocument(document));
-  EXPECT_TRUE(Ends(LoadALibrary, nullptr));
   ::CoUninitialize();
 }
 
