@@ -57,7 +57,7 @@ HRESULT VariantAnswer(Object& element, const wchar_t* member, VARIANT child, VAR
     return E_POINTER;
   ::VariantInit(out);
   return Guard([&] {
-    ToVariant(Call(element, member, {FromVariant(child)})).DetachTo(out);
+    *out = ToVariant(Call(element, member, {FromVariant(child)})).Detach();
     return S_OK;
   });
 }
@@ -114,7 +114,7 @@ HRESULT AccessibleObject::Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* para
         V_VT(result) = VT_DISPATCH;
         V_DISPATCH(result) = DispatchOf(answer);
       } else {
-        ToVariant(answer).DetachTo(result);
+        *result = ToVariant(answer).Detach();
       }
     }
     return S_OK;
@@ -199,7 +199,7 @@ HRESULT AccessibleObject::accNavigate(LONG direction, VARIANT start, VARIANT* en
     }
     if (answer.type() == VarType::VT_EMPTY)
       return S_FALSE;
-    ToVariant(answer).DetachTo(end);
+    *end = ToVariant(answer).Detach();
     return S_OK;
   });
 }

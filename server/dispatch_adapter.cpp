@@ -95,14 +95,11 @@ HRESULT DispatchAdapter::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS*
     for (UINT i = 0; i < count; ++i) {
       VARIANT& raw = params->rgvarg[count - 1 - i];
       if (V_VT(&raw) == (VT_BYREF | VT_VARIANT) && V_VARIANTREF(&raw) != nullptr) {
-        UniqueVariant written = ToVariant(values[i]);
-        ClearVariant(V_VARIANTREF(&raw));
-        written.DetachTo(V_VARIANTREF(&raw));
+        Replace(V_VARIANTREF(&raw), ToVariant(values[i]));
       }
     }
     if (result != nullptr) {
-      UniqueVariant out = ToVariant(answer);
-      out.DetachTo(result);
+      *result = ToVariant(answer).Detach();
     }
     return S_OK;
   } catch (const Failure& failure) {

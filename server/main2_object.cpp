@@ -9,6 +9,7 @@
 
 #include "server/apartment.h"
 #include "server/conversions.h"
+#include "server/registry_entries.h"
 #include "server/windows_platform.h"
 
 namespace tabforge::com {
@@ -58,7 +59,7 @@ void SetResult(VARIANT_BOOL* result, VariantBool value) {
 }
 void SetResult(IPictureDisp** result, const Ref<Object>& picture) {
   if (result != nullptr)
-    *result = ToDispatch(picture).As<IPictureDisp>().Detach();
+    *result = ToDispatch(picture).TryAs<IPictureDisp>().Detach();
 }
 
 HMODULE ThisModule() {
@@ -123,9 +124,9 @@ class Argument {
       lentFrom_ = &source;
       return S_OK;
     }
-    const HRESULT hr = ::VariantChangeType(copy_.emplace().get(), &source, 0, type);
+    const HRESULT hr = ::VariantChangeType(copy_.emplace().Put(), &source, 0, type);
     if (SUCCEEDED(hr))
-      value_ = ValueOf(*copy_->get());
+      value_ = ValueOf(*copy_->Get());
     return hr;
   }
 
@@ -163,7 +164,7 @@ struct Answer {
       case Slot::kText:
         // A string that is not there reaches the caller as an empty one.
         V_VT(&result) = VT_BSTR;
-        V_BSTR(&result) = text.get() != nullptr ? text.Detach() : UniqueBstr(L"", 0).Detach();
+        V_BSTR(&result) = text.Get() != nullptr ? text.Detach() : ::SysAllocString(L"");
         break;
       case Slot::kTruth:
         V_VT(&result) = VT_BOOL;
@@ -334,10 +335,9 @@ HRESULT ArgumentFailure(HRESULT hr, const DISPPARAMS& params, const VARIANT& arg
 }  // namespace
 
 ComPtr<ITypeInfo> LoadMain2TypeInfo() {
-  wchar_t path[MAX_PATH * 2] = {};
-  ::GetModuleFileNameW(ThisModule(), path, static_cast<DWORD>(std::size(path)));
+  const std::wstring path = ModulePath(ThisModule());
   ComPtr<ITypeLib> library;
-  if (FAILED(::LoadTypeLibEx(path, REGKIND_NONE, library.Put())))
+  if (path.empty() || FAILED(::LoadTypeLibEx(path.c_str(), REGKIND_NONE, library.Put())))
     return nullptr;
   ComPtr<ITypeInfo> info;
   if (FAILED(library->GetTypeInfoOfGuid(IID__Main2, info.Put())))
@@ -363,12 +363,11 @@ HRESULT Main2Object::Create(REFIID riid, void** out) {
     // The apartment's tracing module starts before its first object exists; the object's own
     // hold keeps it from then on.
     const ApartmentHold apartment = ApartmentHold::Enter();
-    auto* object = new (std::nothrow) Main2Object(apartment.Protector(), std::move(typeInfo));
-    if (object == nullptr)
+    const auto object = ComPtr<Main2Object>::Attach(
+        new (std::nothrow) Main2Object(apartment.Protector(), std::move(typeInfo)));
+    if (!object)
       return E_OUTOFMEMORY;
-    const HRESULT hr = object->QueryInterface(riid, out);
-    object->Release();
-    return hr;
+    return object->QueryInterface(riid, out);
   } catch (...) {
     return E_UNEXPECTED;
   }
@@ -406,7 +405,7 @@ HRESULT Main2Object::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DI
       }
     }
   }
-  return ::DispGetIDsOfNames(typeInfo_.get(), names, count, ids);
+  return ::DispGetIDsOfNames(typeInfo_.Get(), names, count, ids);
 }
 
 // The steps, their order and the answer of each failure are the type library's own Invoke for this

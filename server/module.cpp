@@ -67,22 +67,14 @@ class ClassFactory final : public IClassFactory {
 
 ClassFactory g_factory;
 
-std::wstring ModulePath() {
-  wchar_t path[MAX_PATH * 2] = {};
-  ::GetModuleFileNameW(g_module, path, static_cast<DWORD>(std::size(path)));
-  return path;
-}
-
 bool SetValue(const std::wstring& key, const wchar_t* name, const std::wstring& value) {
-  HKEY handle = nullptr;
-  if (::RegCreateKeyExW(HKEY_CLASSES_ROOT, key.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr, &handle,
-                        nullptr) != ERROR_SUCCESS)
+  tabforge::com::UniqueHkey handle;
+  if (::RegCreateKeyExW(HKEY_CLASSES_ROOT, key.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr,
+                        handle.Put(), nullptr) != ERROR_SUCCESS)
     return false;
-  const LSTATUS status =
-      ::RegSetValueExW(handle, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
-                       static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
-  ::RegCloseKey(handle);
-  return status == ERROR_SUCCESS;
+  return ::RegSetValueExW(
+             handle.Get(), name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
+             static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t))) == ERROR_SUCCESS;
 }
 
 void DeleteTree(const std::wstring& key) {
@@ -118,10 +110,12 @@ STDAPI DllCanUnloadNow() {
 }
 
 STDAPI DllRegisterServer() {
-  std::wstring path = ModulePath();
+  std::wstring path = tabforge::com::ModulePath(g_module);
+  if (path.empty())
+    return SELFREG_E_TYPELIB;
   ComPtr<ITypeLib> library;
   if (FAILED(::LoadTypeLibEx(path.c_str(), REGKIND_NONE, library.Put())) ||
-      FAILED(::RegisterTypeLib(library.get(), path.data(), nullptr)))
+      FAILED(::RegisterTypeLib(library.Get(), path.data(), nullptr)))
     return SELFREG_E_TYPELIB;
   for (const auto& entry : tabforge::com::ServerEntries(path)) {
     if (!SetValue(entry.key, entry.name.empty() ? nullptr : entry.name.c_str(), entry.value))
