@@ -8,6 +8,7 @@
 #include <string>
 
 #include "server/apartment.h"
+#include "server/barrier.h"
 #include "server/conversions.h"
 #include "server/registry_entries.h"
 #include "server/windows_platform.h"
@@ -16,15 +17,8 @@ namespace tabforge::com {
 
 namespace {
 
-// Runs one member's body; whatever happens inside, the caller sees success.
-template <class Body>
-HRESULT Boundary(Body&& body) noexcept {
-  try {
-    body();
-  } catch (...) {
-  }
-  return S_OK;
-}
+// Whatever happens inside a member, its caller sees success.
+constexpr FailurePolicy kMemberPolicy = FailurePolicy::kAlwaysSucceed;
 
 Bstr InString(const BSTR* value) {
   return value != nullptr ? FromBstr(*value) : Bstr();
@@ -356,7 +350,7 @@ HRESULT Main2Object::Create(REFIID riid, void** out) {
   if (out == nullptr)
     return E_POINTER;
   *out = nullptr;
-  try {
+  return Barrier([&] {
     ComPtr<ITypeInfo> typeInfo = LoadMain2TypeInfo();
     if (!typeInfo)
       return TYPE_E_CANTLOADLIBRARY;
@@ -368,9 +362,7 @@ HRESULT Main2Object::Create(REFIID riid, void** out) {
     if (!object)
       return E_OUTOFMEMORY;
     return object->QueryInterface(riid, out);
-  } catch (...) {
-    return E_UNEXPECTED;
-  }
+  });
 }
 
 Main2Object::Main2Object(VbwProtector& protector, ComPtr<ITypeInfo> typeInfo)
@@ -471,70 +463,71 @@ HRESULT Main2Object::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* par
 // --- The members --------------------------------------------------------------------------------
 
 HRESULT Main2Object::Initialize(IDispatch** eventSignaller, BSTR* productName) {
-  return Boundary([&] { core_.Initialize(InObject(eventSignaller), InString(productName)); });
+  return Barrier<kMemberPolicy>(
+      [&] { core_.Initialize(InObject(eventSignaller), InString(productName)); });
 }
 
 HRESULT Main2Object::put_ribbon(IDispatch** value) {
-  return Boundary([&] { core_.ribbon(InObject(value)); });
+  return Barrier<kMemberPolicy>([&] { core_.ribbon(InObject(value)); });
 }
 
 HRESULT Main2Object::GetRibbonXML(BSTR* result) {
   ClearResult(result);
-  return Boundary([&] { SetResult(result, core_.GetRibbonXML()); });
+  return Barrier<kMemberPolicy>([&] { SetResult(result, core_.GetRibbonXML()); });
 }
 
 HRESULT Main2Object::productNameChanged(BSTR* productName) {
-  return Boundary([&] { core_.productNameChanged(InString(productName)); });
+  return Barrier<kMemberPolicy>([&] { core_.productNameChanged(InString(productName)); });
 }
 
 HRESULT Main2Object::get_GetLabel(BSTR* idStr, BSTR* result) {
   ClearResult(result);
-  return Boundary([&] { SetResult(result, core_.GetLabel(InString(idStr))); });
+  return Barrier<kMemberPolicy>([&] { SetResult(result, core_.GetLabel(InString(idStr))); });
 }
 
 HRESULT Main2Object::get_GetEnabled(BSTR* idStr, VARIANT_BOOL* result) {
   ClearResult(result);
-  return Boundary([&] { SetResult(result, core_.GetEnabled(InString(idStr))); });
+  return Barrier<kMemberPolicy>([&] { SetResult(result, core_.GetEnabled(InString(idStr))); });
 }
 
 HRESULT Main2Object::get_GetPressed(BSTR* idStr, VARIANT_BOOL* result) {
   ClearResult(result);
-  return Boundary([&] { SetResult(result, core_.GetPressed(InString(idStr))); });
+  return Barrier<kMemberPolicy>([&] { SetResult(result, core_.GetPressed(InString(idStr))); });
 }
 
 HRESULT Main2Object::get_GetScreentip(BSTR* idStr, BSTR* result) {
   ClearResult(result);
-  return Boundary([&] { SetResult(result, core_.GetScreentip(InString(idStr))); });
+  return Barrier<kMemberPolicy>([&] { SetResult(result, core_.GetScreentip(InString(idStr))); });
 }
 
 HRESULT Main2Object::get_GetImage(BSTR* idStr, IPictureDisp** result) {
   ClearResult(result);
-  return Boundary([&] { SetResult(result, core_.GetImage(InString(idStr))); });
+  return Barrier<kMemberPolicy>([&] { SetResult(result, core_.GetImage(InString(idStr))); });
 }
 
 HRESULT Main2Object::LoadImage(BSTR* id, IPictureDisp** result) {
   ClearResult(result);
-  return Boundary([&] { SetResult(result, core_.LoadImage(InString(id))); });
+  return Barrier<kMemberPolicy>([&] { SetResult(result, core_.LoadImage(InString(id))); });
 }
 
 HRESULT Main2Object::RibbonCallback(BSTR* idStr, VARIANT_BOOL* isOn) {
-  return Boundary([&] { core_.RibbonCallback(InString(idStr), InBool(isOn)); });
+  return Barrier<kMemberPolicy>([&] { core_.RibbonCallback(InString(idStr), InBool(isOn)); });
 }
 
 HRESULT Main2Object::EnableGotoQuickBookmark(VARIANT_BOOL* value) {
-  return Boundary([&] { core_.EnableGotoQuickBookmark(InBool(value)); });
+  return Barrier<kMemberPolicy>([&] { core_.EnableGotoQuickBookmark(InBool(value)); });
 }
 
 HRESULT Main2Object::UpdateLexoscopeIcon(VARIANT_BOOL* enable) {
-  return Boundary([&] { core_.UpdateLexoscopeIcon(InBool(enable)); });
+  return Barrier<kMemberPolicy>([&] { core_.UpdateLexoscopeIcon(InBool(enable)); });
 }
 
 HRESULT Main2Object::EnableToolbar(VARIANT_BOOL* value) {
-  return Boundary([&] { core_.EnableToolbar(InBool(value)); });
+  return Barrier<kMemberPolicy>([&] { core_.EnableToolbar(InBool(value)); });
 }
 
 HRESULT Main2Object::activateMorvelinTab(IDispatch** RibbonCommandBar) {
-  return Boundary([&] { core_.activateMorvelinTab(InObject(RibbonCommandBar)); });
+  return Barrier<kMemberPolicy>([&] { core_.activateMorvelinTab(InObject(RibbonCommandBar)); });
 }
 
 }  // namespace tabforge::com

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "Tabforge_h.h"
+#include "server/barrier.h"
 #include "server/com_ptr.h"
 #include "server/main2_object.h"
 #include "server/registry_entries.h"
@@ -86,6 +87,30 @@ SYSKIND ThisSysKind() {
   return sizeof(void*) == 8 ? SYS_WIN64 : SYS_WIN32;
 }
 
+HRESULT RegisterServer() {
+  std::wstring path = tabforge::com::ModulePath(g_module);
+  if (path.empty())
+    return SELFREG_E_TYPELIB;
+  ComPtr<ITypeLib> library;
+  if (FAILED(::LoadTypeLibEx(path.c_str(), REGKIND_NONE, library.Put())) ||
+      FAILED(::RegisterTypeLib(library.Get(), path.data(), nullptr)))
+    return SELFREG_E_TYPELIB;
+  for (const auto& entry : tabforge::com::ServerEntries(path)) {
+    if (!SetValue(entry.key, entry.name.empty() ? nullptr : entry.name.c_str(), entry.value))
+      return SELFREG_E_CLASS;
+  }
+  return S_OK;
+}
+
+HRESULT UnregisterServer() {
+  ::UnRegisterTypeLib(LIBID_Tabforge, TABFORGE_VERSION_MAJOR, TABFORGE_VERSION_MINOR, 0,
+                      ThisSysKind());
+  // The type library's unregistration may leave the interface key; it is ours either way.
+  for (const auto& key : tabforge::com::ServerKeys())
+    DeleteTree(key);
+  return S_OK;
+}
+
 }  // namespace
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
@@ -110,25 +135,9 @@ STDAPI DllCanUnloadNow() {
 }
 
 STDAPI DllRegisterServer() {
-  std::wstring path = tabforge::com::ModulePath(g_module);
-  if (path.empty())
-    return SELFREG_E_TYPELIB;
-  ComPtr<ITypeLib> library;
-  if (FAILED(::LoadTypeLibEx(path.c_str(), REGKIND_NONE, library.Put())) ||
-      FAILED(::RegisterTypeLib(library.Get(), path.data(), nullptr)))
-    return SELFREG_E_TYPELIB;
-  for (const auto& entry : tabforge::com::ServerEntries(path)) {
-    if (!SetValue(entry.key, entry.name.empty() ? nullptr : entry.name.c_str(), entry.value))
-      return SELFREG_E_CLASS;
-  }
-  return S_OK;
+  return tabforge::com::Barrier([] { return RegisterServer(); });
 }
 
 STDAPI DllUnregisterServer() {
-  ::UnRegisterTypeLib(LIBID_Tabforge, TABFORGE_VERSION_MAJOR, TABFORGE_VERSION_MINOR, 0,
-                      ThisSysKind());
-  // The type library's unregistration may leave the interface key; it is ours either way.
-  for (const auto& key : tabforge::com::ServerKeys())
-    DeleteTree(key);
-  return S_OK;
+  return tabforge::com::Barrier([] { return UnregisterServer(); });
 }
