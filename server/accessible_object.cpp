@@ -45,7 +45,7 @@ HRESULT VariantAnswer(Object& element, const wchar_t* member, VARIANT child, VAR
     return E_POINTER;
   ::VariantInit(out);
   return Barrier([&] {
-    *out = ToVariant(Call(element, member, {FromVariant(child)})).Detach();
+    *out = ToAutomation(Call(element, member, {FromAutomation(child)})).Detach();
     return S_OK;
   });
 }
@@ -95,7 +95,7 @@ HRESULT AccessibleObject::Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* para
         // Arguments come last to first.
         std::vector<Variant> arguments;
         for (UINT i = params != nullptr ? params->cArgs : 0; i > 0; --i)
-          arguments.push_back(FromVariant(params->rgvarg[i - 1]));
+          arguments.push_back(FromAutomation(params->rgvarg[i - 1]));
         const Variant answer =
             element_->Invoke(NameView(member->name), CallKind::kPropertyGet, arguments).Value();
         if (result != nullptr) {
@@ -103,7 +103,7 @@ HRESULT AccessibleObject::Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* para
             V_VT(result) = VT_DISPATCH;
             V_DISPATCH(result) = DispatchOf(answer);
           } else {
-            *result = ToVariant(answer).Detach();
+            *result = ToAutomation(answer).Detach();
           }
         }
         return S_OK;
@@ -140,7 +140,7 @@ HRESULT AccessibleObject::get_accChild(VARIANT child, IDispatch** out) {
     return E_POINTER;
   *out = nullptr;
   return Barrier([&] {
-    const Variant answer = Call(*element_, L"accChild", {FromVariant(child)});
+    const Variant answer = Call(*element_, L"accChild", {FromAutomation(child)});
     if (!IsObject(answer))
       return S_FALSE;
     *out = DispatchOf(answer);
@@ -153,7 +153,7 @@ HRESULT AccessibleObject::get_accName(VARIANT child, BSTR* name) {
     return E_POINTER;
   *name = nullptr;
   return Barrier([&] {
-    *name = MakeBstr(ToBstr(Call(*element_, L"accName", {FromVariant(child)}))).Detach();
+    *name = MakeBstr(ToBstr(Call(*element_, L"accName", {FromAutomation(child)}))).Detach();
     return S_OK;
   });
 }
@@ -171,8 +171,8 @@ HRESULT AccessibleObject::accNavigate(LONG direction, VARIANT start, VARIANT* en
     return E_POINTER;
   ::VariantInit(end);
   return Barrier([&] {
-    const Variant answer =
-        Call(*element_, L"accNavigate", {static_cast<std::int32_t>(direction), FromVariant(start)});
+    const Variant answer = Call(*element_, L"accNavigate",
+                                {static_cast<std::int32_t>(direction), FromAutomation(start)});
     if (IsObject(answer)) {
       V_VT(end) = VT_DISPATCH;
       V_DISPATCH(end) = DispatchOf(answer);
@@ -180,14 +180,14 @@ HRESULT AccessibleObject::accNavigate(LONG direction, VARIANT start, VARIANT* en
     }
     if (answer.type() == VarType::VT_EMPTY)
       return S_FALSE;
-    *end = ToVariant(answer).Detach();
+    *end = ToAutomation(answer).Detach();
     return S_OK;
   });
 }
 
 HRESULT AccessibleObject::accDoDefaultAction(VARIANT child) {
   return Barrier([&] {
-    Call(*element_, L"accDoDefaultAction", {FromVariant(child)});
+    Call(*element_, L"accDoDefaultAction", {FromAutomation(child)});
     return S_OK;
   });
 }

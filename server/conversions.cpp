@@ -59,7 +59,7 @@ T ReadElement(SAFEARRAY* array, LONG i) {
   } else if constexpr (std::is_same_v<T, Variant>) {
     UniqueVariant v;
     get(v.Put());
-    return FromVariant(*v.Get());
+    return FromAutomation(*v.Get());
   } else {
     T value{};
     get(&value);
@@ -82,7 +82,7 @@ void WriteElement(SAFEARRAY* array, LONG i, const T& value) {
     ComPtr<IDispatch> d = ToDispatch(value);
     put(d.Get());
   } else if constexpr (std::is_same_v<T, Variant>) {
-    UniqueVariant v = ToVariant(value);
+    UniqueVariant v = ToAutomation(value);
     put(v.Get());
   } else {
     T copy = value;
@@ -176,12 +176,12 @@ ComPtr<IUnknown> ToUnknown(const Ref<Object>& object) {
   return ComPtr<IUnknown>(dispatch.Get());
 }
 
-Variant FromVariant(const VARIANT& value) {
+Variant FromAutomation(const VARIANT& value) {
   if ((V_VT(&value) & VT_BYREF) != 0) {
     UniqueVariant copy;
     if (FAILED(::VariantCopyInd(copy.Put(), const_cast<VARIANT*>(&value))))
       Raise(RunTimeError::kTypeMismatch);
-    return FromVariant(*copy.Get());
+    return FromAutomation(*copy.Get());
   }
   const VARTYPE vt = V_VT(&value);
   if ((vt & VT_ARRAY) != 0) {
@@ -219,7 +219,7 @@ Variant FromVariant(const VARIANT& value) {
   }
 }
 
-UniqueVariant ToVariant(const Variant& input) {
+UniqueVariant ToAutomation(const Variant& input) {
   const Variant value = input.Value();
   UniqueVariant out;
   VARIANT* v = out.Get();

@@ -82,7 +82,7 @@ HRESULT DispatchAdapter::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS*
         std::vector<Variant> arguments(count);
         for (UINT i = 0; i < count; ++i) {
           const VARIANT& raw = params->rgvarg[count - 1 - i];
-          values[i] = FromVariant(raw);
+          values[i] = FromAutomation(raw);
           arguments[i] =
               V_VT(&raw) == (VT_BYREF | VT_VARIANT) ? Variant::ByRef(&values[i]) : values[i];
         }
@@ -97,11 +97,11 @@ HRESULT DispatchAdapter::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS*
         for (UINT i = 0; i < count; ++i) {
           VARIANT& raw = params->rgvarg[count - 1 - i];
           if (V_VT(&raw) == (VT_BYREF | VT_VARIANT) && V_VARIANTREF(&raw) != nullptr) {
-            Replace(V_VARIANTREF(&raw), ToVariant(values[i]));
+            Replace(V_VARIANTREF(&raw), ToAutomation(values[i]));
           }
         }
         if (result != nullptr) {
-          *result = ToVariant(answer).Detach();
+          *result = ToAutomation(answer).Detach();
         }
         return S_OK;
       },

@@ -100,7 +100,7 @@ Variant WindowsObject::Invoke(BstrView member, CallKind kind, std::span<Variant>
     VARIANT* slot = &slots[count - 1 - i];
     ::VariantInit(slot);
     const Variant& argument = arguments[i];
-    temporaries[i] = ToVariant(argument);
+    temporaries[i] = ToAutomation(argument);
     if (argument.IsByRef())
       PointAt(slot, temporaries[i].Get(), argument.RefVariant() != nullptr);
     else
@@ -125,9 +125,9 @@ Variant WindowsObject::Invoke(BstrView member, CallKind kind, std::span<Variant>
   // Write back what the callee left in the temporaries of references.
   for (std::size_t i = 0; i < count; ++i) {
     if (arguments[i].IsByRef())
-      AssignThrough(arguments[i], FromVariant(*temporaries[i].Get()));
+      AssignThrough(arguments[i], FromAutomation(*temporaries[i].Get()));
   }
-  return FromVariant(*result.Get());
+  return FromAutomation(*result.Get());
 }
 
 Ref<RibbonUi> WindowsObject::QueryRibbonUi() {
@@ -239,9 +239,9 @@ std::int32_t WindowsAccessibility::AccessibleChildren(const Ref<Object>& contain
     const HRESULT hr = ::AccessibleChildren(accessible.Get(), firstChild, count, list.data(), &got);
     // Hand every returned VARIANT to an owner before converting, so nothing leaks on a throw.
     for (LONG i = 0; i < got && i < count; ++i)
-      *raw[static_cast<std::size_t>(i)].Get() = list[static_cast<std::size_t>(i)];
+      raw[static_cast<std::size_t>(i)].Reset(list[static_cast<std::size_t>(i)]);
     for (LONG i = 0; i < got && i < count; ++i)
-      children[i] = FromVariant(*raw[static_cast<std::size_t>(i)].Get());
+      children[i] = FromAutomation(*raw[static_cast<std::size_t>(i)].Get());
     if (obtained != nullptr)
       *obtained = got;
     return hr;

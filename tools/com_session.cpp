@@ -99,11 +99,11 @@ class SignallerObject final : public SessionDispatch<SignallerObject, IDispatch>
       const UINT count = params != nullptr ? params->cArgs : 0;
       std::vector<Variant> arguments(count);
       for (UINT i = 0; i < count; ++i)
-        arguments[i] = com::FromVariant(params->rgvarg[count - 1 - i]);
+        arguments[i] = com::FromAutomation(params->rgvarg[count - 1 - i]);
       const auto kind = (flags & DISPATCH_METHOD) != 0 ? CallKind::kMethod : CallKind::kPropertyGet;
       Variant answer = signaller_->Invoke(Bstr(member->begin(), member->end()), kind, arguments);
       if (result != nullptr)
-        *result = com::ToVariant(answer).Detach();
+        *result = com::ToAutomation(answer).Detach();
       return S_OK;
     } catch (const Failure& failure) {
       // A failing macro reaches the library with its number and description, as from the
@@ -148,7 +148,8 @@ class RibbonObject final : public SessionDispatch<RibbonObject, IRibbonUI> {
       return count == 0 ? Invalidate() : DISP_E_BADPARAMCOUNT;
     if (count != 1)
       return DISP_E_BADPARAMCOUNT;
-    return Guard([&] { ribbon_->InvalidateControl(ToBstr(com::FromVariant(params->rgvarg[0]))); });
+    return Guard(
+        [&] { ribbon_->InvalidateControl(ToBstr(com::FromAutomation(params->rgvarg[0]))); });
   }
 
  private:
