@@ -56,11 +56,13 @@ void SetResult(IPictureDisp** result, const Ref<Object>& picture) {
     *result = ToDispatch(picture).TryAs<IPictureDisp>().Detach();
 }
 
+// Null when the system cannot tell.
 HMODULE ThisModule() {
   HMODULE module = nullptr;
-  ::GetModuleHandleExW(
-      GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-      reinterpret_cast<LPCWSTR>(&ThisModule), &module);
+  if (!::GetModuleHandleExW(
+          GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+          reinterpret_cast<LPCWSTR>(&ThisModule), &module))
+    return nullptr;
   return module;
 }
 

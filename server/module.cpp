@@ -102,6 +102,7 @@ HRESULT RegisterServer() {
   return S_OK;
 }
 
+// Each step is taken whatever the one before answered: unregistration removes what is there.
 HRESULT UnregisterServer() {
   ::UnRegisterTypeLib(LIBID_Tabforge, TABFORGE_VERSION_MAJOR, TABFORGE_VERSION_MINOR, 0,
                       ThisSysKind());

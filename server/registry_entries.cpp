@@ -37,6 +37,8 @@ std::wstring GuidText(REFGUID guid) {
 }
 
 std::wstring ModulePath(HMODULE module) {
+  if (module == nullptr)
+    return {};  // would be the host's own file
   // A path may be longer than MAX_PATH; the answer fills the whole buffer when it was cut short.
   std::wstring path(MAX_PATH, L'\0');
   for (;;) {

@@ -20,7 +20,7 @@ struct RegistryEntry {
 // A GUID in braces, as registry keys and values spell it.
 std::wstring GuidText(REFGUID guid);
 
-// The file `module` was loaded from; empty when it cannot be told.
+// The file `module` was loaded from; empty for no module or when it cannot be told.
 std::wstring ModulePath(HMODULE module);
 
 // What DllRegisterServer writes itself for the server at `path`: the class with its in-process

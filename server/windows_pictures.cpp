@@ -127,9 +127,8 @@ Ref<Object> WindowsPictureApi::OleCreatePictureIndirect(const PictureDescription
   ComPtr<IUnknown> created;
   ThrowIfFailed(
       ::OleCreatePictureIndirect(&picture, interfaceId, own ? TRUE : FALSE, created.PutVoid()));
-  ComPtr<IPictureDisp> dispatch = created.TryAs<IPictureDisp>();
-  if (!dispatch)
-    ThrowIfFailed(E_NOINTERFACE);
+  ComPtr<IPictureDisp> dispatch;
+  ThrowIfFailed(created.As(&dispatch));
   return MakeRef<WindowsObject>(ComPtr<IUnknown>(dispatch.Get()));
 }
 
