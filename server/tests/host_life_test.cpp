@@ -221,9 +221,9 @@ HRESULT CallByName(IDispatch* object, const wchar_t* member, std::vector<VARIANT
                     isPut ? 1u : 0u};
   EXCEPINFO exception{};
   const HRESULT hr = object->Invoke(id, IID_NULL, 0, flags, &params, result, &exception, nullptr);
-  ::SysFreeString(exception.bstrDescription);
-  ::SysFreeString(exception.bstrSource);
-  ::SysFreeString(exception.bstrHelpFile);
+  const tabforge::com::UniqueBstr owned[] = {tabforge::com::UniqueBstr(exception.bstrDescription),
+                                             tabforge::com::UniqueBstr(exception.bstrSource),
+                                             tabforge::com::UniqueBstr(exception.bstrHelpFile)};
   return hr;
 }
 

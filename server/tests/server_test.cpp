@@ -238,16 +238,14 @@ class Signaller final : public Counted {
 #pragma GCC diagnostic pop
 
 bool KeyExists(const std::wstring& key) {
-  HKEY handle = nullptr;
-  if (::RegOpenKeyExW(HKEY_CLASSES_ROOT, key.c_str(), 0, KEY_READ, &handle) != ERROR_SUCCESS)
-    return false;
-  ::RegCloseKey(handle);
-  return true;
+  tabforge::com::UniqueHkey handle;
+  return ::RegOpenKeyExW(HKEY_CLASSES_ROOT, key.c_str(), 0, KEY_READ, handle.Put()) ==
+         ERROR_SUCCESS;
 }
 
 std::wstring GuidText(REFGUID guid) {
   wchar_t text[40] = {};
-  ::StringFromGUID2(guid, text, 40);
+  EXPECT_EQ(::StringFromGUID2(guid, text, 40), 39);
   return text;
 }
 
@@ -404,14 +402,13 @@ class RecorderRegistration {
     EXPECT_EQ(::CoRegisterClassObject(kClsidRecorder, &factory_, CLSCTX_INPROC_SERVER,
                                       REGCLS_MULTIPLEUSE, &cookie_),
               S_OK);
-    HKEY key = nullptr;
+    tabforge::com::UniqueHkey key;
     EXPECT_EQ(::RegCreateKeyExW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2\\CLSID", 0, nullptr, 0,
-                                KEY_WRITE, nullptr, &key, nullptr),
+                                KEY_WRITE, nullptr, key.Put(), nullptr),
               ERROR_SUCCESS);
     const std::wstring clsid = GuidText(kClsidRecorder);
-    ::RegSetValueExW(key, nullptr, 0, REG_SZ, reinterpret_cast<const BYTE*>(clsid.c_str()),
+    ::RegSetValueExW(key.Get(), nullptr, 0, REG_SZ, reinterpret_cast<const BYTE*>(clsid.c_str()),
                      static_cast<DWORD>((clsid.size() + 1) * sizeof(wchar_t)));
-    ::RegCloseKey(key);
   }
   ~RecorderRegistration() {
     ::CoRevokeClassObject(cookie_);
