@@ -19,6 +19,7 @@
 #include "accessibility/accessible_tree.h"
 #include "platform/failure.h"
 #include "server/accessible_object.h"
+#include "server/barrier.h"
 #include "server/com_object.h"
 #include "server/com_ptr.h"
 #include "server/conversions.h"
@@ -95,28 +96,23 @@ class SignallerObject final : public SessionDispatch<SignallerObject, IDispatch>
     const std::wstring* member = MemberOf(id);
     if (member == nullptr)
       return DISP_E_MEMBERNOTFOUND;
-    try {
-      const UINT count = params != nullptr ? params->cArgs : 0;
-      std::vector<Variant> arguments(count);
-      for (UINT i = 0; i < count; ++i)
-        arguments[i] = com::FromAutomation(params->rgvarg[count - 1 - i]);
-      const auto kind = (flags & DISPATCH_METHOD) != 0 ? CallKind::kMethod : CallKind::kPropertyGet;
-      Variant answer = signaller_->Invoke(Bstr(member->begin(), member->end()), kind, arguments);
-      if (result != nullptr)
-        *result = com::ToAutomation(answer).Detach();
-      return S_OK;
-    } catch (const Failure& failure) {
-      // A failing macro reaches the library with its number and description, as from the
-      // template.
-      if (exception != nullptr) {
-        *exception = EXCEPINFO{};
-        exception->scode = com::ScodeOf(failure.number);
-        exception->bstrDescription = com::MakeBstr(failure.description).Detach();
-      }
-      return DISP_E_EXCEPTION;
-    } catch (...) {
-      return E_UNEXPECTED;
-    }
+    // A failing macro reaches the library with its number and description, as from the
+    // template.
+    return com::Barrier<com::FailurePolicy::kException>(
+        [&] {
+          const UINT count = params != nullptr ? params->cArgs : 0;
+          std::vector<Variant> arguments(count);
+          for (UINT i = 0; i < count; ++i)
+            arguments[i] = com::FromAutomation(params->rgvarg[count - 1 - i]);
+          const auto kind =
+              (flags & DISPATCH_METHOD) != 0 ? CallKind::kMethod : CallKind::kPropertyGet;
+          Variant answer =
+              signaller_->Invoke(Bstr(member->begin(), member->end()), kind, arguments);
+          if (result != nullptr)
+            *result = com::ToAutomation(answer).Detach();
+          return S_OK;
+        },
+        exception);
   }
 
  private:
@@ -133,10 +129,10 @@ class RibbonObject final : public SessionDispatch<RibbonObject, IRibbonUI> {
   }
 
   HRESULT STDMETHODCALLTYPE Invalidate() override {
-    return Guard([&] { ribbon_->Invalidate(); });
+    return com::Barrier([&] { ribbon_->Invalidate(); });
   }
   HRESULT STDMETHODCALLTYPE InvalidateControl(BSTR controlId) override {
-    return Guard([&] { ribbon_->InvalidateControl(com::FromBstr(controlId)); });
+    return com::Barrier([&] { ribbon_->InvalidateControl(com::FromBstr(controlId)); });
   }
   HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* params, VARIANT*,
                                    EXCEPINFO*, UINT*) override {
@@ -148,22 +144,13 @@ class RibbonObject final : public SessionDispatch<RibbonObject, IRibbonUI> {
       return count == 0 ? Invalidate() : DISP_E_BADPARAMCOUNT;
     if (count != 1)
       return DISP_E_BADPARAMCOUNT;
-    return Guard(
+    return com::Barrier(
         [&] { ribbon_->InvalidateControl(ToBstr(com::FromAutomation(params->rgvarg[0]))); });
   }
 
  private:
   explicit RibbonObject(Ref<RibbonUi> ribbon)
       : SessionDispatch({L"Invalidate", L"InvalidateControl"}), ribbon_(std::move(ribbon)) {}
-  template <class Body>
-  static HRESULT Guard(Body&& body) noexcept {
-    try {
-      body();
-      return S_OK;
-    } catch (...) {
-      return E_FAIL;
-    }
-  }
   Ref<RibbonUi> ribbon_;
 };
 
@@ -192,13 +179,11 @@ class ErrorComponentFactory final : public IClassFactory {
     *out = nullptr;
     if (outer != nullptr)
       return CLASS_E_NOAGGREGATION;
-    try {
+    return com::Barrier([&] {
       ComPtr<IDispatch> component =
           com::DispatchAdapter::Create(MakeRef<SessionErrorComponent>(log_, state_));
       return component->QueryInterface(riid, out);
-    } catch (...) {
-      return E_OUTOFMEMORY;
-    }
+    });
   }
   HRESULT STDMETHODCALLTYPE LockServer(BOOL) override { return S_OK; }
 
