@@ -96,13 +96,11 @@ HRESULT DispatchAdapter::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS*
         Variant answer = object_->Invoke(member, kind, arguments);
         for (UINT i = 0; i < count; ++i) {
           VARIANT& raw = params->rgvarg[count - 1 - i];
-          if (V_VT(&raw) == (VT_BYREF | VT_VARIANT) && V_VARIANTREF(&raw) != nullptr) {
+          if (V_VT(&raw) == (VT_BYREF | VT_VARIANT) && V_VARIANTREF(&raw) != nullptr)
             Replace(V_VARIANTREF(&raw), ToAutomation(values[i]));
-          }
         }
-        if (result != nullptr) {
+        if (result != nullptr)
           *result = ToAutomation(answer).Detach();
-        }
         return S_OK;
       },
       exception);
