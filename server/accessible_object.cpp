@@ -7,6 +7,7 @@
 
 #include "platform/failure.h"
 #include "platform/variant.h"
+#include "server/barrier.h"
 #include "server/conversions.h"
 
 namespace tabforge::com {
@@ -38,26 +39,13 @@ Variant Call(Object& element, const wchar_t* member, std::vector<Variant> argume
   return element.Invoke(NameView(member), CallKind::kPropertyGet, arguments).Value();
 }
 
-// Runs `body`; a failure on the way, in the core or in a conversion, becomes its status.
-template <class Body>
-HRESULT Guard(Body&& body) noexcept {
-  try {
-    return body();
-  } catch (const Failure& failure) {
-    const HRESULT status = ScodeOf(failure.number);
-    return FAILED(status) ? status : E_FAIL;
-  } catch (...) {
-    return E_FAIL;
-  }
-}
-
 // The element's answer to `member` about `child`, handed to the caller as a VARIANT.
 HRESULT VariantAnswer(Object& element, const wchar_t* member, VARIANT child, VARIANT* out) {
   if (out == nullptr)
     return E_POINTER;
   ::VariantInit(out);
-  return Guard([&] {
-    ToVariant(Call(element, member, {FromVariant(child)})).DetachTo(out);
+  return Barrier([&] {
+    *out = ToAutomation(Call(element, member, {FromAutomation(child)})).Detach();
     return S_OK;
   });
 }
@@ -102,39 +90,32 @@ HRESULT AccessibleObject::Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* para
                                    [id](const Member& m) { return m.id == id; });
   if (member == std::end(kMembers))
     return DISP_E_MEMBERNOTFOUND;
-  try {
-    // Arguments come last to first.
-    std::vector<Variant> arguments;
-    for (UINT i = params != nullptr ? params->cArgs : 0; i > 0; --i)
-      arguments.push_back(FromVariant(params->rgvarg[i - 1]));
-    const Variant answer =
-        element_->Invoke(NameView(member->name), CallKind::kPropertyGet, arguments).Value();
-    if (result != nullptr) {
-      if (IsObject(answer)) {
-        V_VT(result) = VT_DISPATCH;
-        V_DISPATCH(result) = DispatchOf(answer);
-      } else {
-        ToVariant(answer).DetachTo(result);
-      }
-    }
-    return S_OK;
-  } catch (const Failure& failure) {
-    if (exception != nullptr) {
-      *exception = EXCEPINFO{};
-      exception->scode = ScodeOf(failure.number);
-      exception->bstrDescription = MakeBstr(failure.description).Detach();
-    }
-    return DISP_E_EXCEPTION;
-  } catch (...) {
-    return E_FAIL;
-  }
+  return Barrier<FailurePolicy::kException>(
+      [&] {
+        // Arguments come last to first.
+        std::vector<Variant> arguments;
+        for (UINT i = params != nullptr ? params->cArgs : 0; i > 0; --i)
+          arguments.push_back(FromAutomation(params->rgvarg[i - 1]));
+        const Variant answer =
+            element_->Invoke(NameView(member->name), CallKind::kPropertyGet, arguments).Value();
+        if (result != nullptr) {
+          if (IsObject(answer)) {
+            V_VT(result) = VT_DISPATCH;
+            V_DISPATCH(result) = DispatchOf(answer);
+          } else {
+            *result = ToAutomation(answer).Detach();
+          }
+        }
+        return S_OK;
+      },
+      exception);
 }
 
 HRESULT AccessibleObject::get_accParent(IDispatch** parent) {
   if (parent == nullptr)
     return E_POINTER;
   *parent = nullptr;
-  return Guard([&] {
+  return Barrier([&] {
     const Variant answer = Call(*element_, L"accParent", {});
     if (!IsObject(answer))
       return S_FALSE;
@@ -147,7 +128,7 @@ HRESULT AccessibleObject::get_accChildCount(LONG* count) {
   if (count == nullptr)
     return E_POINTER;
   *count = 0;
-  return Guard([&] {
+  return Barrier([&] {
     *count = ToLong(Call(*element_, L"accChildCount", {}));
     return S_OK;
   });
@@ -158,8 +139,8 @@ HRESULT AccessibleObject::get_accChild(VARIANT child, IDispatch** out) {
   if (out == nullptr)
     return E_POINTER;
   *out = nullptr;
-  return Guard([&] {
-    const Variant answer = Call(*element_, L"accChild", {FromVariant(child)});
+  return Barrier([&] {
+    const Variant answer = Call(*element_, L"accChild", {FromAutomation(child)});
     if (!IsObject(answer))
       return S_FALSE;
     *out = DispatchOf(answer);
@@ -171,8 +152,8 @@ HRESULT AccessibleObject::get_accName(VARIANT child, BSTR* name) {
   if (name == nullptr)
     return E_POINTER;
   *name = nullptr;
-  return Guard([&] {
-    *name = MakeBstr(ToBstr(Call(*element_, L"accName", {FromVariant(child)}))).Detach();
+  return Barrier([&] {
+    *name = MakeBstr(ToBstr(Call(*element_, L"accName", {FromAutomation(child)}))).Detach();
     return S_OK;
   });
 }
@@ -189,9 +170,9 @@ HRESULT AccessibleObject::accNavigate(LONG direction, VARIANT start, VARIANT* en
   if (end == nullptr)
     return E_POINTER;
   ::VariantInit(end);
-  return Guard([&] {
-    const Variant answer =
-        Call(*element_, L"accNavigate", {static_cast<std::int32_t>(direction), FromVariant(start)});
+  return Barrier([&] {
+    const Variant answer = Call(*element_, L"accNavigate",
+                                {static_cast<std::int32_t>(direction), FromAutomation(start)});
     if (IsObject(answer)) {
       V_VT(end) = VT_DISPATCH;
       V_DISPATCH(end) = DispatchOf(answer);
@@ -199,14 +180,14 @@ HRESULT AccessibleObject::accNavigate(LONG direction, VARIANT start, VARIANT* en
     }
     if (answer.type() == VarType::VT_EMPTY)
       return S_FALSE;
-    ToVariant(answer).DetachTo(end);
+    *end = ToAutomation(answer).Detach();
     return S_OK;
   });
 }
 
 HRESULT AccessibleObject::accDoDefaultAction(VARIANT child) {
-  return Guard([&] {
-    Call(*element_, L"accDoDefaultAction", {FromVariant(child)});
+  return Barrier([&] {
+    Call(*element_, L"accDoDefaultAction", {FromAutomation(child)});
     return S_OK;
   });
 }

@@ -1,6 +1,10 @@
-// Owners of COM and graphics resources: interface references, strings, variants, memory blocks,
-// bitmap handles and GDI+ bitmaps. Nothing else in the server calls Release, SysFreeString,
-// VariantClear, GlobalFree, DeleteObject or GdipDisposeImage.
+// Owners of COM and system resources: interface references, strings, variants, arrays, registry
+// keys, memory blocks, bitmap handles and GDI+ bitmaps. Nothing else in the server or the tools
+// calls Release, SysFreeString, VariantClear, SafeArrayDestroy, RegCloseKey, GlobalFree,
+// DeleteObject or GdipDisposeImage.
+//
+// Every owner has the same methods: Get, Reset, Detach, Put (for out-parameters: lets go of the
+// current value first) and InOut (for [in, out] parameters).
 #pragma once
 
 #include <windows.h>
@@ -13,6 +17,7 @@
 #include <gdiplus.h>
 
 #include <cstddef>
+#include <type_traits>
 #include <utility>
 
 namespace tabforge::com {
@@ -30,7 +35,7 @@ class ComPtr {
   }
   ComPtr(const ComPtr& other) : ComPtr(other.p_) {}
   ComPtr(ComPtr&& other) noexcept : p_(std::exchange(other.p_, nullptr)) {}
-  ~ComPtr() { reset(); }
+  ~ComPtr() { Reset(); }
   ComPtr& operator=(ComPtr other) noexcept {
     std::swap(p_, other.p_);
     return *this;
@@ -43,26 +48,35 @@ class ComPtr {
     return result;
   }
   [[nodiscard]] T* Detach() noexcept { return std::exchange(p_, nullptr); }
-  void reset() noexcept {
+  void Reset() noexcept {
     if (T* old = std::exchange(p_, nullptr))
       old->Release();
   }
-  // For out-parameters: lets go of the current reference first.
   T** Put() noexcept {
-    reset();
+    Reset();
     return &p_;
   }
   void** PutVoid() noexcept { return reinterpret_cast<void**>(Put()); }
 
+  // Asks for another interface of the same object and reports the answer; `out` is null unless
+  // it succeeds.
   template <class U>
-  ComPtr<U> As() const noexcept {
+  HRESULT As(ComPtr<U>* out) const noexcept {
+    out->Reset();
+    if (p_ == nullptr)
+      return E_POINTER;
+    return p_->QueryInterface(__uuidof(U), out->PutVoid());
+  }
+  // The same question for callers to whom an object without the interface is an ordinary case:
+  // null when it has none.
+  template <class U>
+  ComPtr<U> TryAs() const noexcept {
     ComPtr<U> result;
-    if (p_ != nullptr)
-      p_->QueryInterface(__uuidof(U), result.PutVoid());
+    As(&result);
     return result;
   }
 
-  T* get() const noexcept { return p_; }
+  T* Get() const noexcept { return p_; }
   T* operator->() const noexcept { return p_; }
   explicit operator bool() const noexcept { return p_ != nullptr; }
 
@@ -70,83 +84,60 @@ class ComPtr {
   T* p_ = nullptr;
 };
 
-// An owned BSTR.
-class UniqueBstr {
+// An owned value of type `T`, released with `release` unless it is handed on with Detach. `T` is
+// a handle, empty when it is the type's zero value, or a VARIANT, empty when VT_EMPTY; a VARIANT
+// is reached through its address, as every automation call takes it.
+template <class T, auto release>
+class UniqueHandle {
+  static constexpr bool kByAddress = std::is_class_v<T>;
+
  public:
-  UniqueBstr() = default;
-  explicit UniqueBstr(BSTR s) noexcept : s_(s) {}
-  UniqueBstr(const wchar_t* text, UINT length) : s_(::SysAllocStringLen(text, length)) {}
-  UniqueBstr(UniqueBstr&& other) noexcept : s_(std::exchange(other.s_, nullptr)) {}
-  UniqueBstr& operator=(UniqueBstr&& other) noexcept {
+  UniqueHandle() noexcept = default;
+  explicit UniqueHandle(T value) noexcept : value_(value) {}
+  UniqueHandle(UniqueHandle&& other) noexcept : value_(std::exchange(other.value_, T{})) {}
+  UniqueHandle& operator=(UniqueHandle&& other) noexcept {
     if (this != &other)
-      Reset(std::exchange(other.s_, nullptr));
+      Reset(std::exchange(other.value_, T{}));
     return *this;
   }
-  UniqueBstr(const UniqueBstr&) = delete;
-  UniqueBstr& operator=(const UniqueBstr&) = delete;
-  ~UniqueBstr() { Reset(); }
+  UniqueHandle(const UniqueHandle&) = delete;
+  UniqueHandle& operator=(const UniqueHandle&) = delete;
+  ~UniqueHandle() { Reset(); }
 
-  void Reset(BSTR s = nullptr) noexcept {
-    if (BSTR old = std::exchange(s_, s))
-      ::SysFreeString(old);
+  void Reset(T value = T{}) noexcept {
+    T old = std::exchange(value_, value);
+    if (!IsEmpty(old))
+      release(old);
   }
-  [[nodiscard]] BSTR Detach() noexcept { return std::exchange(s_, nullptr); }
-  BSTR* Put() noexcept {
+  [[nodiscard]] T Detach() noexcept { return std::exchange(value_, T{}); }
+  T* Put() noexcept {
     Reset();
-    return &s_;
+    return &value_;
   }
-  // For [in, out] parameters: the callee reads the string and may replace it.
-  BSTR* InOut() noexcept { return &s_; }
-  BSTR get() const noexcept { return s_; }
-  UINT Length() const noexcept { return ::SysStringLen(s_); }
+  // The callee reads the value and may replace it, releasing the old one itself.
+  T* InOut() noexcept { return &value_; }
+
+  auto Get() const noexcept {
+    if constexpr (kByAddress)
+      return &value_;
+    else
+      return value_;
+  }
+  T* Get() noexcept requires kByAddress { return &value_; }
+  const T* operator->() const noexcept requires kByAddress { return &value_; }
+  T* operator->() noexcept requires kByAddress { return &value_; }
+  explicit operator bool() const noexcept { return !IsEmpty(value_); }
 
  private:
-  BSTR s_ = nullptr;
-};
-
-// Frees the string that a caller's BSTR variable holds and stores a new one in it; the helper
-// for [in, out] string parameters.
-inline void ReplaceBstr(BSTR* slot, UniqueBstr value) noexcept {
-  UniqueBstr old(*slot);
-  *slot = value.Detach();
-}
-
-// An owned VARIANT, cleared on destruction.
-class UniqueVariant {
- public:
-  UniqueVariant() noexcept { ::VariantInit(&v_); }
-  UniqueVariant(UniqueVariant&& other) noexcept : v_(other.v_) { ::VariantInit(&other.v_); }
-  UniqueVariant& operator=(UniqueVariant&& other) noexcept {
-    if (this != &other) {
-      Clear();
-      v_ = other.v_;
-      ::VariantInit(&other.v_);
-    }
-    return *this;
+  static bool IsEmpty(const T& value) noexcept {
+    if constexpr (std::is_same_v<T, VARIANT>)
+      return V_VT(&value) == VT_EMPTY;
+    else
+      return value == T{};
   }
-  UniqueVariant(const UniqueVariant&) = delete;
-  UniqueVariant& operator=(const UniqueVariant&) = delete;
-  ~UniqueVariant() { Clear(); }
 
-  void Clear() noexcept { ::VariantClear(&v_); }
-  // Hands the contents over to a VARIANT the caller owns (which must be empty or uninitialised).
-  void DetachTo(VARIANT* target) noexcept {
-    *target = v_;
-    ::VariantInit(&v_);
-  }
-  VARIANT* get() noexcept { return &v_; }
-  const VARIANT* get() const noexcept { return &v_; }
-  VARIANT* operator->() noexcept { return &v_; }
-  const VARIANT* operator->() const noexcept { return &v_; }
-
- private:
-  VARIANT v_;
+  T value_{};
 };
-
-// Clears a VARIANT owned elsewhere (a caller's out-slot) through the one place that may.
-inline void ClearVariant(VARIANT* v) noexcept {
-  ::VariantClear(v);
-}
 
 // Handles that the core holds as numbers come back here to be released, so that each release
 // function has exactly one caller. Each answers as the function it wraps.
@@ -160,42 +151,34 @@ inline Gdiplus::GpStatus DisposeGdiplusImage(Gdiplus::GpImage* image) noexcept {
   return Gdiplus::DllExports::GdipDisposeImage(image);
 }
 
-// An owned handle of one of the kinds above, released unless it is handed on with Detach.
-template <class Handle, auto release>
-class UniqueHandle {
- public:
-  UniqueHandle() = default;
-  explicit UniqueHandle(Handle h) noexcept : h_(h) {}
-  UniqueHandle(UniqueHandle&& other) noexcept : h_(std::exchange(other.h_, nullptr)) {}
-  UniqueHandle& operator=(UniqueHandle&& other) noexcept {
-    if (this != &other)
-      Reset(std::exchange(other.h_, nullptr));
-    return *this;
-  }
-  UniqueHandle(const UniqueHandle&) = delete;
-  UniqueHandle& operator=(const UniqueHandle&) = delete;
-  ~UniqueHandle() { Reset(); }
+// Clears a copy of a VARIANT: its contents are what the owner held. (A named function rather
+// than a lambda, so that the owner is the same type in every file.)
+inline void ClearVariantCopy(VARIANT v) noexcept {
+  ::VariantClear(&v);
+}
+inline void DisposeGdiplusBitmap(Gdiplus::GpBitmap* bitmap) noexcept {
+  DisposeGdiplusImage(bitmap);
+}
 
-  void Reset(Handle h = nullptr) noexcept {
-    if (Handle old = std::exchange(h_, h))
-      release(old);
-  }
-  [[nodiscard]] Handle Detach() noexcept { return std::exchange(h_, nullptr); }
-  Handle* Put() noexcept {
-    Reset();
-    return &h_;
-  }
-  Handle get() const noexcept { return h_; }
-  explicit operator bool() const noexcept { return h_ != nullptr; }
-
- private:
-  Handle h_ = nullptr;
-};
-
+using UniqueBstr = UniqueHandle<BSTR, ::SysFreeString>;
+using UniqueVariant = UniqueHandle<VARIANT, ClearVariantCopy>;
+using UniqueSafeArray = UniqueHandle<SAFEARRAY*, ::SafeArrayDestroy>;
+// Never one of the predefined roots (HKEY_CLASSES_ROOT and the like), which nobody owns.
+using UniqueHkey = UniqueHandle<HKEY, ::RegCloseKey>;
 using UniqueGlobal = UniqueHandle<HGLOBAL, FreeGlobal>;
 using UniqueHBitmap = UniqueHandle<HBITMAP, DeleteBitmap>;
-using UniqueGdiplusBitmap = UniqueHandle<Gdiplus::GpBitmap*, [](Gdiplus::GpBitmap* bitmap) {
-  DisposeGdiplusImage(bitmap);
-}>;
+using UniqueGdiplusBitmap = UniqueHandle<Gdiplus::GpBitmap*, DisposeGdiplusBitmap>;
+
+// Stores `value` in a slot that a caller owns and releases what the slot held: the helper for
+// [in, out] parameters and for slots handed over by reference.
+template <class T, auto release>
+void Replace(T* slot, UniqueHandle<T, release> value) noexcept {
+  UniqueHandle<T, release> old(std::exchange(*slot, value.Detach()));
+}
+
+// Empties a VARIANT owned elsewhere (a caller's slot).
+inline void ClearVariant(VARIANT* v) noexcept {
+  Replace(v, UniqueVariant());
+}
 
 }  // namespace tabforge::com

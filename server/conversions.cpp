@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cwctype>
+#include <limits>
+#include <memory>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -16,133 +18,110 @@ namespace {
 
 constexpr HRESULT kControlFacilityMask = static_cast<HRESULT>(0x800A0000);
 
+// Arrays cross in both directions through the same pair of element functions, so that a core
+// array and its automation form agree on element types and bounds whichever way it goes.
+
+// An empty list of the core's element type for automation element type `vt`.
+SafeArray::Elements EmptyElements(VARTYPE vt) {
+  switch (vt) {
+    case VT_UI1:
+      return std::vector<std::uint8_t>();
+    case VT_I2:
+      return std::vector<std::int16_t>();
+    case VT_I4:
+      return std::vector<std::int32_t>();
+    case VT_BSTR:
+      return std::vector<Bstr>();
+    case VT_DISPATCH:
+      return std::vector<Ref<Object>>();
+    case VT_VARIANT:
+      return std::vector<Variant>();
+    default:
+      Raise(RunTimeError::kTypeMismatch);
+  }
+}
+
+// Element `i` of `array` as the core holds it; SafeArrayGetElement hands over a copy.
 template <class T>
-void ForEachElement(LONG lower, LONG upper, T&& visit) {
-  for (LONG i = lower; i <= upper; ++i)
-    visit(i);
+T ReadElement(SAFEARRAY* array, LONG i) {
+  auto get = [&](void* out) {
+    if (FAILED(::SafeArrayGetElement(array, &i, out)))
+      Raise(RunTimeError::kSubscriptOutOfRange);
+  };
+  if constexpr (std::is_same_v<T, Bstr>) {
+    UniqueBstr s;
+    get(s.Put());
+    return FromBstr(s.Get());
+  } else if constexpr (std::is_same_v<T, Ref<Object>>) {
+    ComPtr<IDispatch> d;
+    get(d.Put());
+    return WrapDispatch(d.Get());
+  } else if constexpr (std::is_same_v<T, Variant>) {
+    UniqueVariant v;
+    get(v.Put());
+    return FromAutomation(*v.Get());
+  } else {
+    T value{};
+    get(&value);
+    return value;
+  }
+}
+
+// Stores `value` as element `i` of `array`; SafeArrayPutElement takes a copy, and takes strings
+// and objects themselves rather than their address.
+template <class T>
+void WriteElement(SAFEARRAY* array, LONG i, const T& value) {
+  auto put = [&](void* in) {
+    if (FAILED(::SafeArrayPutElement(array, &i, in)))
+      Raise(RunTimeError::kOutOfMemory);
+  };
+  if constexpr (std::is_same_v<T, Bstr>) {
+    UniqueBstr s = MakeBstr(value);
+    put(s.Get());
+  } else if constexpr (std::is_same_v<T, Ref<Object>>) {
+    ComPtr<IDispatch> d = ToDispatch(value);
+    put(d.Get());
+  } else if constexpr (std::is_same_v<T, Variant>) {
+    UniqueVariant v = ToAutomation(value);
+    put(v.Get());
+  } else {
+    T copy = value;
+    put(&copy);
+  }
 }
 
 // A one-dimensional array of the element type `vt` as a core array.
 ArrayRef FromSafeArray(SAFEARRAY* array, VARTYPE vt) {
   if (array == nullptr)
     return nullptr;
-  if (::SafeArrayGetDim(array) != 1)
-    Raise(RunTimeError::kTypeMismatch);
   LONG lower = 0;
   LONG upper = -1;
-  ::SafeArrayGetLBound(array, 1, &lower);
-  ::SafeArrayGetUBound(array, 1, &upper);
-  auto get = [&](LONG i, void* out) {
-    if (FAILED(::SafeArrayGetElement(array, &i, out)))
-      Raise(RunTimeError::kSubscriptOutOfRange);
-  };
-  switch (vt) {
-    case VT_UI1: {
-      std::vector<std::uint8_t> out;
-      ForEachElement(lower, upper, [&](LONG i) {
-        BYTE b = 0;
-        get(i, &b);
-        out.push_back(b);
-      });
-      return MakeArray(std::move(out), lower);
-    }
-    case VT_I2: {
-      std::vector<std::int16_t> out;
-      ForEachElement(lower, upper, [&](LONG i) {
-        SHORT s = 0;
-        get(i, &s);
-        out.push_back(s);
-      });
-      return MakeArray(std::move(out), lower);
-    }
-    case VT_I4: {
-      std::vector<std::int32_t> out;
-      ForEachElement(lower, upper, [&](LONG i) {
-        LONG l = 0;
-        get(i, &l);
-        out.push_back(l);
-      });
-      return MakeArray(std::move(out), lower);
-    }
-    case VT_BSTR: {
-      std::vector<Bstr> out;
-      ForEachElement(lower, upper, [&](LONG i) {
-        UniqueBstr s;
-        get(i, s.Put());
-        out.push_back(FromBstr(s.get()));
-      });
-      return MakeArray(std::move(out), lower);
-    }
-    case VT_DISPATCH: {
-      std::vector<Ref<Object>> out;
-      ForEachElement(lower, upper, [&](LONG i) {
-        ComPtr<IDispatch> d;
-        get(i, d.Put());
-        out.push_back(WrapDispatch(d.get()));
-      });
-      return MakeArray(std::move(out), lower);
-    }
-    case VT_VARIANT: {
-      std::vector<Variant> out;
-      ForEachElement(lower, upper, [&](LONG i) {
-        UniqueVariant v;
-        get(i, v.get());
-        out.push_back(FromVariant(*v.get()));
-      });
-      return MakeArray(std::move(out), lower);
-    }
-    default:
-      Raise(RunTimeError::kTypeMismatch);
-  }
+  if (::SafeArrayGetDim(array) != 1 || FAILED(::SafeArrayGetLBound(array, 1, &lower)) ||
+      FAILED(::SafeArrayGetUBound(array, 1, &upper)))
+    Raise(RunTimeError::kTypeMismatch);
+  auto out = std::make_shared<SafeArray>(SafeArray{lower, EmptyElements(vt)});
+  std::visit(
+      [&](auto& elements) {
+        using T = typename std::decay_t<decltype(elements)>::value_type;
+        for (LONG i = lower; i <= upper; ++i)
+          elements.push_back(ReadElement<T>(array, i));
+      },
+      out->elements);
+  return out;
 }
 
-// An owner of a SAFEARRAY until it is handed to a VARIANT.
-class UniqueSafeArray {
- public:
-  explicit UniqueSafeArray(SAFEARRAY* array) : array_(array) {
-    if (array_ == nullptr)
-      Raise(RunTimeError::kOutOfMemory);
-  }
-  UniqueSafeArray(const UniqueSafeArray&) = delete;
-  UniqueSafeArray& operator=(const UniqueSafeArray&) = delete;
-  ~UniqueSafeArray() {
-    if (array_ != nullptr)
-      ::SafeArrayDestroy(array_);
-  }
-  SAFEARRAY* get() const { return array_; }
-  SAFEARRAY* Detach() { return std::exchange(array_, nullptr); }
-
- private:
-  SAFEARRAY* array_;
-};
-
+// A core array as a one-dimensional SAFEARRAY of its own element type and bounds.
 SAFEARRAY* ToSafeArray(const SafeArray& array) {
-  const VarType elementType = array.ElementType();
-  UniqueSafeArray out(::SafeArrayCreateVector(static_cast<VARTYPE>(elementType), array.lowerBound,
-                                              static_cast<ULONG>(array.Count())));
-  auto put = [&](std::int64_t k, void* value) {
-    LONG i = array.lowerBound + static_cast<LONG>(k);
-    if (FAILED(::SafeArrayPutElement(out.get(), &i, value)))
-      Raise(RunTimeError::kOutOfMemory);
-  };
+  if (array.UpperBound() > std::numeric_limits<LONG>::max())
+    Raise(RunTimeError::kOverflow);
+  UniqueSafeArray out(::SafeArrayCreateVector(static_cast<VARTYPE>(array.ElementType()),
+                                              array.lowerBound, static_cast<ULONG>(array.Count())));
+  if (!out)
+    Raise(RunTimeError::kOutOfMemory);
   std::visit(
       [&](const auto& elements) {
-        using T = typename std::decay_t<decltype(elements)>::value_type;
-        for (std::size_t k = 0; k < elements.size(); ++k) {
-          if constexpr (std::is_same_v<T, Bstr>) {
-            UniqueBstr s = MakeBstr(elements[k]);
-            put(static_cast<std::int64_t>(k), s.get());  // SafeArrayPutElement copies
-          } else if constexpr (std::is_same_v<T, Ref<Object>>) {
-            ComPtr<IDispatch> d = ToDispatch(elements[k]);
-            put(static_cast<std::int64_t>(k), d.get());
-          } else if constexpr (std::is_same_v<T, Variant>) {
-            UniqueVariant v = ToVariant(elements[k]);
-            put(static_cast<std::int64_t>(k), v.get());
-          } else {
-            T value = elements[k];
-            put(static_cast<std::int64_t>(k), &value);
-          }
-        }
+        for (std::size_t k = 0; k < elements.size(); ++k)
+          WriteElement(out.Get(), array.lowerBound + static_cast<LONG>(k), elements[k]);
       },
       array.elements);
   return out.Detach();
@@ -157,8 +136,9 @@ Bstr FromBstr(BSTR s) {
 }
 
 UniqueBstr MakeBstr(BstrView text) {
-  UniqueBstr s(reinterpret_cast<const wchar_t*>(text.data()), static_cast<UINT>(text.size()));
-  if (s.get() == nullptr)
+  UniqueBstr s(::SysAllocStringLen(reinterpret_cast<const wchar_t*>(text.data()),
+                                   static_cast<UINT>(text.size())));
+  if (!s)
     Raise(RunTimeError::kOutOfMemory);
   return s;
 }
@@ -175,9 +155,9 @@ Ref<Object> WrapDispatch(IDispatch* dispatch) {
 Ref<Object> WrapUnknown(IUnknown* unknown) {
   if (unknown == nullptr)
     return nullptr;
-  ComPtr<IDispatch> dispatch = ComPtr<IUnknown>(unknown).As<IDispatch>();
+  ComPtr<IDispatch> dispatch = ComPtr<IUnknown>(unknown).TryAs<IDispatch>();
   if (dispatch)
-    return WrapDispatch(dispatch.get());
+    return WrapDispatch(dispatch.Get());
   return MakeRef<WindowsObject>(ComPtr<IUnknown>(unknown));
 }
 
@@ -193,15 +173,15 @@ ComPtr<IUnknown> ToUnknown(const Ref<Object>& object) {
   if (auto* outside = dynamic_cast<WindowsObject*>(object.get()))
     return outside->Unknown();
   ComPtr<IDispatch> dispatch = ToDispatch(object);
-  return ComPtr<IUnknown>(dispatch.get());
+  return ComPtr<IUnknown>(dispatch.Get());
 }
 
-Variant FromVariant(const VARIANT& value) {
+Variant FromAutomation(const VARIANT& value) {
   if ((V_VT(&value) & VT_BYREF) != 0) {
     UniqueVariant copy;
-    if (FAILED(::VariantCopyInd(copy.get(), const_cast<VARIANT*>(&value))))
+    if (FAILED(::VariantCopyInd(copy.Put(), const_cast<VARIANT*>(&value))))
       Raise(RunTimeError::kTypeMismatch);
-    return FromVariant(*copy.get());
+    return FromAutomation(*copy.Get());
   }
   const VARTYPE vt = V_VT(&value);
   if ((vt & VT_ARRAY) != 0) {
@@ -230,19 +210,19 @@ Variant FromVariant(const VARIANT& value) {
     default: {
       // Other numbers arrive as the nearest whole number, everything else as text.
       UniqueVariant converted;
-      if (SUCCEEDED(::VariantChangeType(converted.get(), const_cast<VARIANT*>(&value), 0, VT_I4)))
-        return Variant(std::int32_t{V_I4(converted.get())});
-      if (SUCCEEDED(::VariantChangeType(converted.get(), const_cast<VARIANT*>(&value), 0, VT_BSTR)))
-        return Variant(FromBstr(V_BSTR(converted.get())));
+      if (SUCCEEDED(::VariantChangeType(converted.Put(), const_cast<VARIANT*>(&value), 0, VT_I4)))
+        return Variant(std::int32_t{V_I4(converted.Get())});
+      if (SUCCEEDED(::VariantChangeType(converted.Put(), const_cast<VARIANT*>(&value), 0, VT_BSTR)))
+        return Variant(FromBstr(V_BSTR(converted.Get())));
       Raise(RunTimeError::kTypeMismatch);
     }
   }
 }
 
-UniqueVariant ToVariant(const Variant& input) {
+UniqueVariant ToAutomation(const Variant& input) {
   const Variant value = input.Value();
   UniqueVariant out;
-  VARIANT* v = out.get();
+  VARIANT* v = out.Get();
   const VarType type = value.type();
   if (IsArrayType(type)) {
     const ArrayRef& array = value.Array();

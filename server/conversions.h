@@ -37,10 +37,10 @@ ComPtr<IUnknown> ToUnknown(const Ref<Object>& object);
 
 // A VARIANT as a core value; references are followed. Throws `Failure` (type mismatch) for a
 // type the core does not know.
-Variant FromVariant(const VARIANT& value);
+Variant FromAutomation(const VARIANT& value);
 // A core value as an owned VARIANT; references are followed. Throws `Failure` for what has no
 // automation form.
-UniqueVariant ToVariant(const Variant& value);
+UniqueVariant ToAutomation(const Variant& value);
 
 // Member names compare without regard to case, as everywhere in automation.
 bool SameMemberName(BstrView a, BstrView b);

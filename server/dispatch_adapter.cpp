@@ -5,6 +5,7 @@
 
 #include "platform/failure.h"
 #include "platform/variant.h"
+#include "server/barrier.h"
 #include "server/conversions.h"
 
 namespace tabforge::com {
@@ -51,7 +52,7 @@ HRESULT DispatchAdapter::GetTypeInfo(UINT, LCID, ITypeInfo** out) {
 HRESULT DispatchAdapter::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DISPID* ids) {
   if (names == nullptr || ids == nullptr)
     return E_POINTER;
-  try {
+  return Barrier([&] {
     // The member name gets an id; named arguments are not supported.
     for (UINT i = 1; i < count; ++i)
       ids[i] = DISPID_UNKNOWN;
@@ -64,60 +65,45 @@ HRESULT DispatchAdapter::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID
     }
     ids[0] = static_cast<DISPID>(found - names_.begin()) + 1;
     return count > 1 ? DISP_E_UNKNOWNNAME : S_OK;
-  } catch (...) {
-    return E_OUTOFMEMORY;
-  }
+  });
 }
 
 HRESULT DispatchAdapter::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* params,
                                 VARIANT* result, EXCEPINFO* exception, UINT*) {
   if (id < 1 || static_cast<std::size_t>(id) > names_.size())
     return DISP_E_MEMBERNOTFOUND;
-  const Bstr member = names_[static_cast<std::size_t>(id) - 1];
-  try {
-    const UINT count = params != nullptr ? params->cArgs : 0;
-    // Arguments in declared order; a VARIANT passed by reference is written back after the call.
-    std::vector<Variant> values(count);
-    std::vector<Variant> arguments(count);
-    for (UINT i = 0; i < count; ++i) {
-      const VARIANT& raw = params->rgvarg[count - 1 - i];
-      values[i] = FromVariant(raw);
-      arguments[i] = V_VT(&raw) == (VT_BYREF | VT_VARIANT) ? Variant::ByRef(&values[i]) : values[i];
-    }
-    CallKind kind = CallKind::kMethod;
-    if ((flags & DISPATCH_PROPERTYPUTREF) != 0)
-      kind = CallKind::kPropertyPutRef;
-    else if ((flags & DISPATCH_PROPERTYPUT) != 0)
-      kind = CallKind::kPropertyPut;
-    else if ((flags & DISPATCH_METHOD) == 0)
-      kind = CallKind::kPropertyGet;
-    Variant answer = object_->Invoke(member, kind, arguments);
-    for (UINT i = 0; i < count; ++i) {
-      VARIANT& raw = params->rgvarg[count - 1 - i];
-      if (V_VT(&raw) == (VT_BYREF | VT_VARIANT) && V_VARIANTREF(&raw) != nullptr) {
-        UniqueVariant written = ToVariant(values[i]);
-        ClearVariant(V_VARIANTREF(&raw));
-        written.DetachTo(V_VARIANTREF(&raw));
-      }
-    }
-    if (result != nullptr) {
-      UniqueVariant out = ToVariant(answer);
-      out.DetachTo(result);
-    }
-    return S_OK;
-  } catch (const Failure& failure) {
-    if (failure.number == static_cast<std::int32_t>(RunTimeError::kMemberNotFound))
-      return DISP_E_MEMBERNOTFOUND;
-    if (exception != nullptr) {
-      *exception = EXCEPINFO{};
-      exception->scode = ScodeOf(failure.number);
-      exception->bstrSource = MakeBstr(u"Tabforge").Detach();
-      exception->bstrDescription = MakeBstr(failure.description).Detach();
-    }
-    return DISP_E_EXCEPTION;
-  } catch (...) {
-    return E_UNEXPECTED;
-  }
+  return Barrier<FailurePolicy::kException>(
+      [&] {
+        const Bstr member = names_[static_cast<std::size_t>(id) - 1];
+        const UINT count = params != nullptr ? params->cArgs : 0;
+        // Arguments in declared order; a VARIANT passed by reference is written back after the
+        // call.
+        std::vector<Variant> values(count);
+        std::vector<Variant> arguments(count);
+        for (UINT i = 0; i < count; ++i) {
+          const VARIANT& raw = params->rgvarg[count - 1 - i];
+          values[i] = FromAutomation(raw);
+          arguments[i] =
+              V_VT(&raw) == (VT_BYREF | VT_VARIANT) ? Variant::ByRef(&values[i]) : values[i];
+        }
+        CallKind kind = CallKind::kMethod;
+        if ((flags & DISPATCH_PROPERTYPUTREF) != 0)
+          kind = CallKind::kPropertyPutRef;
+        else if ((flags & DISPATCH_PROPERTYPUT) != 0)
+          kind = CallKind::kPropertyPut;
+        else if ((flags & DISPATCH_METHOD) == 0)
+          kind = CallKind::kPropertyGet;
+        Variant answer = object_->Invoke(member, kind, arguments);
+        for (UINT i = 0; i < count; ++i) {
+          VARIANT& raw = params->rgvarg[count - 1 - i];
+          if (V_VT(&raw) == (VT_BYREF | VT_VARIANT) && V_VARIANTREF(&raw) != nullptr)
+            Replace(V_VARIANTREF(&raw), ToAutomation(values[i]));
+        }
+        if (result != nullptr)
+          *result = ToAutomation(answer).Detach();
+        return S_OK;
+      },
+      exception);
 }
 
 }  // namespace tabforge::com

@@ -8,22 +8,17 @@
 #include <string>
 
 #include "server/apartment.h"
+#include "server/barrier.h"
 #include "server/conversions.h"
+#include "server/registry_entries.h"
 #include "server/windows_platform.h"
 
 namespace tabforge::com {
 
 namespace {
 
-// Runs one member's body; whatever happens inside, the caller sees success.
-template <class Body>
-HRESULT Boundary(Body&& body) noexcept {
-  try {
-    body();
-  } catch (...) {
-  }
-  return S_OK;
-}
+// Whatever happens inside a member, its caller sees success.
+constexpr FailurePolicy kMemberPolicy = FailurePolicy::kAlwaysSucceed;
 
 Bstr InString(const BSTR* value) {
   return value != nullptr ? FromBstr(*value) : Bstr();
@@ -58,14 +53,16 @@ void SetResult(VARIANT_BOOL* result, VariantBool value) {
 }
 void SetResult(IPictureDisp** result, const Ref<Object>& picture) {
   if (result != nullptr)
-    *result = ToDispatch(picture).As<IPictureDisp>().Detach();
+    *result = ToDispatch(picture).TryAs<IPictureDisp>().Detach();
 }
 
+// Null when the system cannot tell.
 HMODULE ThisModule() {
   HMODULE module = nullptr;
-  ::GetModuleHandleExW(
-      GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-      reinterpret_cast<LPCWSTR>(&ThisModule), &module);
+  if (!::GetModuleHandleExW(
+          GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+          reinterpret_cast<LPCWSTR>(&ThisModule), &module))
+    return nullptr;
   return module;
 }
 
@@ -123,9 +120,9 @@ class Argument {
       lentFrom_ = &source;
       return S_OK;
     }
-    const HRESULT hr = ::VariantChangeType(copy_.emplace().get(), &source, 0, type);
+    const HRESULT hr = ::VariantChangeType(copy_.emplace().Put(), &source, 0, type);
     if (SUCCEEDED(hr))
-      value_ = ValueOf(*copy_->get());
+      value_ = ValueOf(*copy_->Get());
     return hr;
   }
 
@@ -163,7 +160,7 @@ struct Answer {
       case Slot::kText:
         // A string that is not there reaches the caller as an empty one.
         V_VT(&result) = VT_BSTR;
-        V_BSTR(&result) = text.get() != nullptr ? text.Detach() : UniqueBstr(L"", 0).Detach();
+        V_BSTR(&result) = text.Get() != nullptr ? text.Detach() : ::SysAllocString(L"");
         break;
       case Slot::kTruth:
         V_VT(&result) = VT_BOOL;
@@ -334,10 +331,9 @@ HRESULT ArgumentFailure(HRESULT hr, const DISPPARAMS& params, const VARIANT& arg
 }  // namespace
 
 ComPtr<ITypeInfo> LoadMain2TypeInfo() {
-  wchar_t path[MAX_PATH * 2] = {};
-  ::GetModuleFileNameW(ThisModule(), path, static_cast<DWORD>(std::size(path)));
+  const std::wstring path = ModulePath(ThisModule());
   ComPtr<ITypeLib> library;
-  if (FAILED(::LoadTypeLibEx(path, REGKIND_NONE, library.Put())))
+  if (path.empty() || FAILED(::LoadTypeLibEx(path.c_str(), REGKIND_NONE, library.Put())))
     return nullptr;
   ComPtr<ITypeInfo> info;
   if (FAILED(library->GetTypeInfoOfGuid(IID__Main2, info.Put())))
@@ -356,22 +352,19 @@ HRESULT Main2Object::Create(REFIID riid, void** out) {
   if (out == nullptr)
     return E_POINTER;
   *out = nullptr;
-  try {
+  return Barrier([&] {
     ComPtr<ITypeInfo> typeInfo = LoadMain2TypeInfo();
     if (!typeInfo)
       return TYPE_E_CANTLOADLIBRARY;
     // The apartment's tracing module starts before its first object exists; the object's own
     // hold keeps it from then on.
     const ApartmentHold apartment = ApartmentHold::Enter();
-    auto* object = new (std::nothrow) Main2Object(apartment.Protector(), std::move(typeInfo));
-    if (object == nullptr)
+    const auto object = ComPtr<Main2Object>::Attach(
+        new (std::nothrow) Main2Object(apartment.Protector(), std::move(typeInfo)));
+    if (!object)
       return E_OUTOFMEMORY;
-    const HRESULT hr = object->QueryInterface(riid, out);
-    object->Release();
-    return hr;
-  } catch (...) {
-    return E_UNEXPECTED;
-  }
+    return object->QueryInterface(riid, out);
+  });
 }
 
 Main2Object::Main2Object(VbwProtector& protector, ComPtr<ITypeInfo> typeInfo)
@@ -406,7 +399,7 @@ HRESULT Main2Object::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DI
       }
     }
   }
-  return ::DispGetIDsOfNames(typeInfo_.get(), names, count, ids);
+  return ::DispGetIDsOfNames(typeInfo_.Get(), names, count, ids);
 }
 
 // The steps, their order and the answer of each failure are the type library's own Invoke for this
@@ -472,70 +465,71 @@ HRESULT Main2Object::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* par
 // --- The members --------------------------------------------------------------------------------
 
 HRESULT Main2Object::Initialize(IDispatch** eventSignaller, BSTR* productName) {
-  return Boundary([&] { core_.Initialize(InObject(eventSignaller), InString(productName)); });
+  return Barrier<kMemberPolicy>(
+      [&] { core_.Initialize(InObject(eventSignaller), InString(productName)); });
 }
 
 HRESULT Main2Object::put_ribbon(IDispatch** value) {
-  return Boundary([&] { core_.ribbon(InObject(value)); });
+  return Barrier<kMemberPolicy>([&] { core_.ribbon(InObject(value)); });
 }
 
 HRESULT Main2Object::GetRibbonXML(BSTR* result) {
   ClearResult(result);
-  return Boundary([&] { SetResult(result, core_.GetRibbonXML()); });
+  return Barrier<kMemberPolicy>([&] { SetResult(result, core_.GetRibbonXML()); });
 }
 
 HRESULT Main2Object::productNameChanged(BSTR* productName) {
-  return Boundary([&] { core_.productNameChanged(InString(productName)); });
+  return Barrier<kMemberPolicy>([&] { core_.productNameChanged(InString(productName)); });
 }
 
 HRESULT Main2Object::get_GetLabel(BSTR* idStr, BSTR* result) {
   ClearResult(result);
-  return Boundary([&] { SetResult(result, core_.GetLabel(InString(idStr))); });
+  return Barrier<kMemberPolicy>([&] { SetResult(result, core_.GetLabel(InString(idStr))); });
 }
 
 HRESULT Main2Object::get_GetEnabled(BSTR* idStr, VARIANT_BOOL* result) {
   ClearResult(result);
-  return Boundary([&] { SetResult(result, core_.GetEnabled(InString(idStr))); });
+  return Barrier<kMemberPolicy>([&] { SetResult(result, core_.GetEnabled(InString(idStr))); });
 }
 
 HRESULT Main2Object::get_GetPressed(BSTR* idStr, VARIANT_BOOL* result) {
   ClearResult(result);
-  return Boundary([&] { SetResult(result, core_.GetPressed(InString(idStr))); });
+  return Barrier<kMemberPolicy>([&] { SetResult(result, core_.GetPressed(InString(idStr))); });
 }
 
 HRESULT Main2Object::get_GetScreentip(BSTR* idStr, BSTR* result) {
   ClearResult(result);
-  return Boundary([&] { SetResult(result, core_.GetScreentip(InString(idStr))); });
+  return Barrier<kMemberPolicy>([&] { SetResult(result, core_.GetScreentip(InString(idStr))); });
 }
 
 HRESULT Main2Object::get_GetImage(BSTR* idStr, IPictureDisp** result) {
   ClearResult(result);
-  return Boundary([&] { SetResult(result, core_.GetImage(InString(idStr))); });
+  return Barrier<kMemberPolicy>([&] { SetResult(result, core_.GetImage(InString(idStr))); });
 }
 
 HRESULT Main2Object::LoadImage(BSTR* id, IPictureDisp** result) {
   ClearResult(result);
-  return Boundary([&] { SetResult(result, core_.LoadImage(InString(id))); });
+  return Barrier<kMemberPolicy>([&] { SetResult(result, core_.LoadImage(InString(id))); });
 }
 
 HRESULT Main2Object::RibbonCallback(BSTR* idStr, VARIANT_BOOL* isOn) {
-  return Boundary([&] { core_.RibbonCallback(InString(idStr), InBool(isOn)); });
+  return Barrier<kMemberPolicy>([&] { core_.RibbonCallback(InString(idStr), InBool(isOn)); });
 }
 
 HRESULT Main2Object::EnableGotoQuickBookmark(VARIANT_BOOL* value) {
-  return Boundary([&] { core_.EnableGotoQuickBookmark(InBool(value)); });
+  return Barrier<kMemberPolicy>([&] { core_.EnableGotoQuickBookmark(InBool(value)); });
 }
 
 HRESULT Main2Object::UpdateLexoscopeIcon(VARIANT_BOOL* enable) {
-  return Boundary([&] { core_.UpdateLexoscopeIcon(InBool(enable)); });
+  return Barrier<kMemberPolicy>([&] { core_.UpdateLexoscopeIcon(InBool(enable)); });
 }
 
 HRESULT Main2Object::EnableToolbar(VARIANT_BOOL* value) {
-  return Boundary([&] { core_.EnableToolbar(InBool(value)); });
+  return Barrier<kMemberPolicy>([&] { core_.EnableToolbar(InBool(value)); });
 }
 
 HRESULT Main2Object::activateMorvelinTab(IDispatch** RibbonCommandBar) {
-  return Boundary([&] { core_.activateMorvelinTab(InObject(RibbonCommandBar)); });
+  return Barrier<kMemberPolicy>([&] { core_.activateMorvelinTab(InObject(RibbonCommandBar)); });
 }
 
 }  // namespace tabforge::com

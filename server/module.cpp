@@ -11,6 +11,7 @@
 #include <string>
 
 #include "Tabforge_h.h"
+#include "server/barrier.h"
 #include "server/com_ptr.h"
 #include "server/main2_object.h"
 #include "server/registry_entries.h"
@@ -67,22 +68,14 @@ class ClassFactory final : public IClassFactory {
 
 ClassFactory g_factory;
 
-std::wstring ModulePath() {
-  wchar_t path[MAX_PATH * 2] = {};
-  ::GetModuleFileNameW(g_module, path, static_cast<DWORD>(std::size(path)));
-  return path;
-}
-
 bool SetValue(const std::wstring& key, const wchar_t* name, const std::wstring& value) {
-  HKEY handle = nullptr;
-  if (::RegCreateKeyExW(HKEY_CLASSES_ROOT, key.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr, &handle,
-                        nullptr) != ERROR_SUCCESS)
+  tabforge::com::UniqueHkey handle;
+  if (::RegCreateKeyExW(HKEY_CLASSES_ROOT, key.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr,
+                        handle.Put(), nullptr) != ERROR_SUCCESS)
     return false;
-  const LSTATUS status =
-      ::RegSetValueExW(handle, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
-                       static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
-  ::RegCloseKey(handle);
-  return status == ERROR_SUCCESS;
+  return ::RegSetValueExW(
+             handle.Get(), name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
+             static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t))) == ERROR_SUCCESS;
 }
 
 void DeleteTree(const std::wstring& key) {
@@ -92,6 +85,31 @@ void DeleteTree(const std::wstring& key) {
 
 SYSKIND ThisSysKind() {
   return sizeof(void*) == 8 ? SYS_WIN64 : SYS_WIN32;
+}
+
+HRESULT RegisterServer() {
+  std::wstring path = tabforge::com::ModulePath(g_module);
+  if (path.empty())
+    return SELFREG_E_TYPELIB;
+  ComPtr<ITypeLib> library;
+  if (FAILED(::LoadTypeLibEx(path.c_str(), REGKIND_NONE, library.Put())) ||
+      FAILED(::RegisterTypeLib(library.Get(), path.data(), nullptr)))
+    return SELFREG_E_TYPELIB;
+  for (const auto& entry : tabforge::com::ServerEntries(path)) {
+    if (!SetValue(entry.key, entry.name.empty() ? nullptr : entry.name.c_str(), entry.value))
+      return SELFREG_E_CLASS;
+  }
+  return S_OK;
+}
+
+// Each step is taken whatever the one before answered: unregistration removes what is there.
+HRESULT UnregisterServer() {
+  ::UnRegisterTypeLib(LIBID_Tabforge, TABFORGE_VERSION_MAJOR, TABFORGE_VERSION_MINOR, 0,
+                      ThisSysKind());
+  // The type library's unregistration may leave the interface key; it is ours either way.
+  for (const auto& key : tabforge::com::ServerKeys())
+    DeleteTree(key);
+  return S_OK;
 }
 
 }  // namespace
@@ -118,23 +136,9 @@ STDAPI DllCanUnloadNow() {
 }
 
 STDAPI DllRegisterServer() {
-  std::wstring path = ModulePath();
-  ComPtr<ITypeLib> library;
-  if (FAILED(::LoadTypeLibEx(path.c_str(), REGKIND_NONE, library.Put())) ||
-      FAILED(::RegisterTypeLib(library.get(), path.data(), nullptr)))
-    return SELFREG_E_TYPELIB;
-  for (const auto& entry : tabforge::com::ServerEntries(path)) {
-    if (!SetValue(entry.key, entry.name.empty() ? nullptr : entry.name.c_str(), entry.value))
-      return SELFREG_E_CLASS;
-  }
-  return S_OK;
+  return tabforge::com::Barrier([] { return RegisterServer(); });
 }
 
 STDAPI DllUnregisterServer() {
-  ::UnRegisterTypeLib(LIBID_Tabforge, TABFORGE_VERSION_MAJOR, TABFORGE_VERSION_MINOR, 0,
-                      ThisSysKind());
-  // The type library's unregistration may leave the interface key; it is ours either way.
-  for (const auto& key : tabforge::com::ServerKeys())
-    DeleteTree(key);
-  return S_OK;
+  return tabforge::com::Barrier([] { return UnregisterServer(); });
 }

@@ -1,8 +1,10 @@
 #include "server/registry_entries.h"
 
 #include <cwchar>
+#include <iterator>
 
 #include "Tabforge_h.h"
+#include "server/com_ptr.h"
 #include "tabforge_version.h"
 
 namespace tabforge::com {
@@ -29,8 +31,28 @@ std::wstring InterfaceKey() {
 
 std::wstring GuidText(REFGUID guid) {
   wchar_t text[40] = {};
-  ::StringFromGUID2(guid, text, 40);
-  return text;
+  const int written = ::StringFromGUID2(guid, text, static_cast<int>(std::size(text)));
+  // The count includes the terminator; none is written when the buffer is too small.
+  return written > 0 ? std::wstring(text, static_cast<std::size_t>(written - 1)) : std::wstring();
+}
+
+std::wstring ModulePath(HMODULE module) {
+  if (module == nullptr)
+    return {};  // would be the host's own file
+  // A path may be longer than MAX_PATH; the answer fills the whole buffer when it was cut short.
+  std::wstring path(MAX_PATH, L'\0');
+  for (;;) {
+    const DWORD length = ::GetModuleFileNameW(module, path.data(), static_cast<DWORD>(path.size()));
+    if (length == 0)
+      return {};
+    if (length < path.size()) {
+      path.resize(length);
+      return path;
+    }
+    if (path.size() >= 32768)  // the longest path the system has
+      return {};
+    path.resize(path.size() * 2);
+  }
 }
 
 std::vector<RegistryEntry> ServerEntries(const std::wstring& path) {
@@ -71,13 +93,11 @@ bool ReadTypeLibraryEntries(ITypeLib* library, const std::wstring& path, TypeLib
   library->ReleaseTLibAttr(attributes);
 
   // The library's title is its description, or its name when it has none.
-  BSTR name = nullptr;
-  BSTR description = nullptr;
-  if (FAILED(library->GetDocumentation(-1, &name, &description, nullptr, nullptr)))
+  UniqueBstr name;
+  UniqueBstr description;
+  if (FAILED(library->GetDocumentation(-1, name.Put(), description.Put(), nullptr, nullptr)))
     return false;
-  const std::wstring title = description != nullptr ? description : name != nullptr ? name : L"";
-  ::SysFreeString(name);
-  ::SysFreeString(description);
+  const std::wstring title = description ? description.Get() : name ? name.Get() : L"";
   // With no help folder given, the file's own folder stands in.
   const std::wstring folder = path.substr(0, path.find_last_of(L'\\'));
   out.library = {{out.versionKey, L"", title},
@@ -90,32 +110,32 @@ bool ReadTypeLibraryEntries(ITypeLib* library, const std::wstring& path, TypeLib
   const UINT count = library->GetTypeInfoCount();
   for (UINT index = 0; index < count; ++index) {
     TYPEKIND kind = TKIND_MAX;
-    ITypeInfo* info = nullptr;
+    ComPtr<ITypeInfo> info;
     if (FAILED(library->GetTypeInfoType(index, &kind)) ||
         (kind != TKIND_INTERFACE && kind != TKIND_DISPATCH) ||
-        FAILED(library->GetTypeInfo(index, &info)))
+        FAILED(library->GetTypeInfo(index, info.Put())))
       continue;
     TYPEATTR* type = nullptr;
     if (SUCCEEDED(info->GetTypeAttr(&type))) {
       if (kind == TKIND_DISPATCH || (type->wTypeFlags & TYPEFLAG_FOLEAUTOMATION) != 0) {
-        BSTR typeName = nullptr;
-        library->GetDocumentation(static_cast<INT>(index), &typeName, nullptr, nullptr, nullptr);
+        UniqueBstr typeName;
+        if (FAILED(library->GetDocumentation(static_cast<INT>(index), typeName.Put(), nullptr,
+                                             nullptr, nullptr)))
+          typeName.Reset();
         const std::wstring key = L"Interface\\" + GuidText(type->guid);
         const wchar_t* proxy = kind == TKIND_INTERFACE || (type->wTypeFlags & TYPEFLAG_FDUAL) != 0
                                    ? kAutomationMarshaller
                                    : kDispatchMarshaller;
-        if (typeName != nullptr)
-          out.interfaces.push_back({key, L"", typeName});
+        if (typeName)
+          out.interfaces.push_back({key, L"", typeName.Get()});
         out.interfaces.push_back({key + L"\\ProxyStubClsid", L"", proxy});
         out.interfaces.push_back({key + L"\\ProxyStubClsid32", L"", proxy});
         out.interfaces.push_back({key + L"\\TypeLib", L"", id});
         out.interfaces.push_back({key + L"\\TypeLib", L"Version", version});
         out.interfaceKeys.push_back(key);
-        ::SysFreeString(typeName);
       }
       info->ReleaseTypeAttr(type);
     }
-    info->Release();
   }
   return true;
 }

@@ -17,7 +17,11 @@ struct RegistryEntry {
   std::wstring value;
 };
 
+// A GUID in braces, as registry keys and values spell it.
 std::wstring GuidText(REFGUID guid);
+
+// The file `module` was loaded from; empty for no module or when it cannot be told.
+std::wstring ModulePath(HMODULE module);
 
 // What DllRegisterServer writes itself for the server at `path`: the class with its in-process
 // server and threading model, the program id, and the interface. The type library's entries come

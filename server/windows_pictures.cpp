@@ -73,19 +73,19 @@ Ref<Object> WindowsPictureApi::CreateStreamOnHGlobal(std::uintptr_t block, bool 
                                      stream.Put())) ||
       !stream)
     return nullptr;
-  return MakeRef<WindowsObject>(ComPtr<IUnknown>(stream.get()));
+  return MakeRef<WindowsObject>(ComPtr<IUnknown>(stream.Get()));
 }
 
 std::int32_t WindowsPictureApi::GdipCreateBitmapFromStream(const Ref<Object>& stream,
                                                            std::uintptr_t* bitmap) {
   *bitmap = 0;
   const auto* object = dynamic_cast<const WindowsObject*>(stream.get());
-  ComPtr<IStream> source = object != nullptr ? object->Unknown().As<IStream>() : nullptr;
+  ComPtr<IStream> source = object != nullptr ? object->Unknown().TryAs<IStream>() : nullptr;
   if (!source)
     return Gdiplus::InvalidParameter;
   UniqueGdiplusBitmap created;
   const Gdiplus::Status status =
-      Gdiplus::DllExports::GdipCreateBitmapFromStream(source.get(), created.Put());
+      Gdiplus::DllExports::GdipCreateBitmapFromStream(source.Get(), created.Put());
   if (status == Gdiplus::Ok)
     *bitmap = ToNumber(created.Detach());
   return static_cast<std::int32_t>(status);
@@ -127,10 +127,9 @@ Ref<Object> WindowsPictureApi::OleCreatePictureIndirect(const PictureDescription
   ComPtr<IUnknown> created;
   ThrowIfFailed(
       ::OleCreatePictureIndirect(&picture, interfaceId, own ? TRUE : FALSE, created.PutVoid()));
-  ComPtr<IPictureDisp> dispatch = created.As<IPictureDisp>();
-  if (!dispatch)
-    ThrowIfFailed(E_NOINTERFACE);
-  return MakeRef<WindowsObject>(ComPtr<IUnknown>(dispatch.get()));
+  ComPtr<IPictureDisp> dispatch;
+  ThrowIfFailed(created.As(&dispatch));
+  return MakeRef<WindowsObject>(ComPtr<IUnknown>(dispatch.Get()));
 }
 
 }  // namespace tabforge::com

@@ -57,7 +57,7 @@ void ThrowIfFailed(HRESULT hr, EXCEPINFO* exception) {
     exception->bstrDescription = exception->bstrSource = exception->bstrHelpFile = nullptr;
     const std::int32_t number =
         exception->scode != 0 ? NumberOf(exception->scode) : std::int32_t{exception->wCode};
-    Raise(number, FromBstr(description.get()));
+    Raise(number, FromBstr(description.Get()));
   }
   const std::int32_t number = NumberOf(hr);
   if (number >= 0 && number <= 0xFFFF)
@@ -68,7 +68,7 @@ void ThrowIfFailed(HRESULT hr, EXCEPINFO* exception) {
 // --- WindowsObject ------------------------------------------------------------------------------
 
 WindowsObject::WindowsObject(ComPtr<IUnknown> unknown)
-    : unknown_(std::move(unknown)), dispatch_(unknown_.As<IDispatch>()) {}
+    : unknown_(std::move(unknown)), dispatch_(unknown_.TryAs<IDispatch>()) {}
 
 DISPID WindowsObject::FindMember(BstrView member) {
   if (!dispatch_)
@@ -79,9 +79,9 @@ DISPID WindowsObject::FindMember(BstrView member) {
   HRESULT hr = dispatch_->GetIDsOfNames(IID_NULL, names, 1, LOCALE_USER_DEFAULT, &id);
   if (hr == E_NOTIMPL) {
     // Script objects may only know names through IDispatchEx.
-    if (ComPtr<IDispatchEx> ex = dispatch_.As<IDispatchEx>()) {
+    if (ComPtr<IDispatchEx> ex = dispatch_.TryAs<IDispatchEx>()) {
       UniqueBstr bstrName = MakeBstr(member);
-      hr = ex->GetDispID(bstrName.get(), fdexNameCaseInsensitive, &id);
+      hr = ex->GetDispID(bstrName.Get(), fdexNameCaseInsensitive, &id);
     }
   }
   if (FAILED(hr))
@@ -100,11 +100,11 @@ Variant WindowsObject::Invoke(BstrView member, CallKind kind, std::span<Variant>
     VARIANT* slot = &slots[count - 1 - i];
     ::VariantInit(slot);
     const Variant& argument = arguments[i];
-    temporaries[i] = ToVariant(argument);
+    temporaries[i] = ToAutomation(argument);
     if (argument.IsByRef())
-      PointAt(slot, temporaries[i].get(), argument.RefVariant() != nullptr);
+      PointAt(slot, temporaries[i].Get(), argument.RefVariant() != nullptr);
     else
-      *slot = *temporaries[i].get();  // a shallow view; the temporary keeps ownership
+      *slot = *temporaries[i].Get();  // a shallow view; the temporary keeps ownership
   }
 
   DISPID putId = DISPID_PROPERTYPUT;
@@ -119,19 +119,19 @@ Variant WindowsObject::Invoke(BstrView member, CallKind kind, std::span<Variant>
   if (kind == CallKind::kMethod)
     flags |= DISPATCH_PROPERTYGET;
   HRESULT hr = dispatch_->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, flags, &params,
-                                 isPut ? nullptr : result.get(), &exception, &argumentError);
+                                 isPut ? nullptr : result.Get(), &exception, &argumentError);
   ThrowIfFailed(hr, &exception);
 
   // Write back what the callee left in the temporaries of references.
   for (std::size_t i = 0; i < count; ++i) {
     if (arguments[i].IsByRef())
-      AssignThrough(arguments[i], FromVariant(*temporaries[i].get()));
+      AssignThrough(arguments[i], FromAutomation(*temporaries[i].Get()));
   }
-  return FromVariant(*result.get());
+  return FromAutomation(*result.Get());
 }
 
 Ref<RibbonUi> WindowsObject::QueryRibbonUi() {
-  ComPtr<IRibbonUI> ribbon = unknown_.As<IRibbonUI>();
+  ComPtr<IRibbonUI> ribbon = unknown_.TryAs<IRibbonUI>();
   if (!ribbon)
     return nullptr;
   return MakeRef<WindowsRibbonUi>(Ref<WindowsObject>(this), std::move(ribbon));
@@ -152,7 +152,7 @@ void WindowsRibbonUi::Invalidate() {
 
 void WindowsRibbonUi::InvalidateControl(const Bstr& controlId) {
   UniqueBstr id = MakeBstr(controlId);
-  ThrowIfFailed(ribbon_->InvalidateControl(id.get()));
+  ThrowIfFailed(ribbon_->InvalidateControl(id.Get()));
 }
 
 // --- Host ---------------------------------------------------------------------------------------
@@ -189,7 +189,7 @@ Ref<Object> WindowsObjectFactory::CreateObject(BstrView progId) {
   if (FAILED(::CLSIDFromProgID(name.c_str(), &clsid)) ||
       FAILED(::CoCreateInstance(clsid, nullptr, CLSCTX_ALL, IID_IUnknown, unknown.PutVoid())))
     Raise(RunTimeError::kCannotCreateObject);
-  return WrapUnknown(unknown.get());
+  return WrapUnknown(unknown.Get());
 }
 
 // --- System facts -------------------------------------------------------------------------------
@@ -228,7 +228,7 @@ std::int32_t WindowsAccessibility::AccessibleChildren(const Ref<Object>& contain
     *obtained = 0;
   try {
     ComPtr<IDispatch> dispatch = ToDispatch(container);
-    ComPtr<IAccessible> accessible = dispatch.As<IAccessible>();
+    ComPtr<IAccessible> accessible = dispatch.TryAs<IAccessible>();
     if (!accessible || count <= 0)
       return E_INVALIDARG;
     std::vector<UniqueVariant> raw(static_cast<std::size_t>(count));
@@ -236,12 +236,12 @@ std::int32_t WindowsAccessibility::AccessibleChildren(const Ref<Object>& contain
     for (VARIANT& v : list)
       ::VariantInit(&v);
     LONG got = 0;
-    const HRESULT hr = ::AccessibleChildren(accessible.get(), firstChild, count, list.data(), &got);
+    const HRESULT hr = ::AccessibleChildren(accessible.Get(), firstChild, count, list.data(), &got);
     // Hand every returned VARIANT to an owner before converting, so nothing leaks on a throw.
     for (LONG i = 0; i < got && i < count; ++i)
-      *raw[static_cast<std::size_t>(i)].get() = list[static_cast<std::size_t>(i)];
+      raw[static_cast<std::size_t>(i)].Reset(list[static_cast<std::size_t>(i)]);
     for (LONG i = 0; i < got && i < count; ++i)
-      children[i] = FromVariant(*raw[static_cast<std::size_t>(i)].get());
+      children[i] = FromAutomation(*raw[static_cast<std::size_t>(i)].Get());
     if (obtained != nullptr)
       *obtained = got;
     return hr;

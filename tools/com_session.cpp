@@ -19,10 +19,12 @@
 #include "accessibility/accessible_tree.h"
 #include "platform/failure.h"
 #include "server/accessible_object.h"
+#include "server/barrier.h"
 #include "server/com_object.h"
 #include "server/com_ptr.h"
 #include "server/conversions.h"
 #include "server/dispatch_adapter.h"
+#include "server/registry_entries.h"
 #include "server/windows_platform.h"
 #include "tools/session_objects.h"
 
@@ -94,28 +96,23 @@ class SignallerObject final : public SessionDispatch<SignallerObject, IDispatch>
     const std::wstring* member = MemberOf(id);
     if (member == nullptr)
       return DISP_E_MEMBERNOTFOUND;
-    try {
-      const UINT count = params != nullptr ? params->cArgs : 0;
-      std::vector<Variant> arguments(count);
-      for (UINT i = 0; i < count; ++i)
-        arguments[i] = com::FromVariant(params->rgvarg[count - 1 - i]);
-      const auto kind = (flags & DISPATCH_METHOD) != 0 ? CallKind::kMethod : CallKind::kPropertyGet;
-      Variant answer = signaller_->Invoke(Bstr(member->begin(), member->end()), kind, arguments);
-      if (result != nullptr)
-        com::ToVariant(answer).DetachTo(result);
-      return S_OK;
-    } catch (const Failure& failure) {
-      // A failing macro reaches the library with its number and description, as from the
-      // template.
-      if (exception != nullptr) {
-        *exception = EXCEPINFO{};
-        exception->scode = com::ScodeOf(failure.number);
-        exception->bstrDescription = com::MakeBstr(failure.description).Detach();
-      }
-      return DISP_E_EXCEPTION;
-    } catch (...) {
-      return E_UNEXPECTED;
-    }
+    // A failing macro reaches the library with its number and description, as from the
+    // template.
+    return com::Barrier<com::FailurePolicy::kException>(
+        [&] {
+          const UINT count = params != nullptr ? params->cArgs : 0;
+          std::vector<Variant> arguments(count);
+          for (UINT i = 0; i < count; ++i)
+            arguments[i] = com::FromAutomation(params->rgvarg[count - 1 - i]);
+          const auto kind =
+              (flags & DISPATCH_METHOD) != 0 ? CallKind::kMethod : CallKind::kPropertyGet;
+          Variant answer =
+              signaller_->Invoke(Bstr(member->begin(), member->end()), kind, arguments);
+          if (result != nullptr)
+            *result = com::ToAutomation(answer).Detach();
+          return S_OK;
+        },
+        exception);
   }
 
  private:
@@ -132,10 +129,10 @@ class RibbonObject final : public SessionDispatch<RibbonObject, IRibbonUI> {
   }
 
   HRESULT STDMETHODCALLTYPE Invalidate() override {
-    return Guard([&] { ribbon_->Invalidate(); });
+    return com::Barrier([&] { ribbon_->Invalidate(); });
   }
   HRESULT STDMETHODCALLTYPE InvalidateControl(BSTR controlId) override {
-    return Guard([&] { ribbon_->InvalidateControl(com::FromBstr(controlId)); });
+    return com::Barrier([&] { ribbon_->InvalidateControl(com::FromBstr(controlId)); });
   }
   HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* params, VARIANT*,
                                    EXCEPINFO*, UINT*) override {
@@ -147,21 +144,13 @@ class RibbonObject final : public SessionDispatch<RibbonObject, IRibbonUI> {
       return count == 0 ? Invalidate() : DISP_E_BADPARAMCOUNT;
     if (count != 1)
       return DISP_E_BADPARAMCOUNT;
-    return Guard([&] { ribbon_->InvalidateControl(ToBstr(com::FromVariant(params->rgvarg[0]))); });
+    return com::Barrier(
+        [&] { ribbon_->InvalidateControl(ToBstr(com::FromAutomation(params->rgvarg[0]))); });
   }
 
  private:
   explicit RibbonObject(Ref<RibbonUi> ribbon)
       : SessionDispatch({L"Invalidate", L"InvalidateControl"}), ribbon_(std::move(ribbon)) {}
-  template <class Body>
-  static HRESULT Guard(Body&& body) noexcept {
-    try {
-      body();
-      return S_OK;
-    } catch (...) {
-      return E_FAIL;
-    }
-  }
   Ref<RibbonUi> ribbon_;
 };
 
@@ -190,13 +179,11 @@ class ErrorComponentFactory final : public IClassFactory {
     *out = nullptr;
     if (outer != nullptr)
       return CLASS_E_NOAGGREGATION;
-    try {
+    return com::Barrier([&] {
       ComPtr<IDispatch> component =
           com::DispatchAdapter::Create(MakeRef<SessionErrorComponent>(log_, state_));
       return component->QueryInterface(riid, out);
-    } catch (...) {
-      return E_OUTOFMEMORY;
-    }
+    });
   }
   HRESULT STDMETHODCALLTYPE LockServer(BOOL) override { return S_OK; }
 
@@ -247,15 +234,14 @@ class ErrorComponentRegistration {
     return state;
   }
   void EnterProgId(const CLSID& clsid) {
-    wchar_t text[64] = {};
-    ::StringFromGUID2(clsid, text, 64);
-    HKEY key = nullptr;
-    if (::RegCreateKeyExW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2\\CLSID", 0, nullptr, 0,
-                          KEY_WRITE, nullptr, &key, nullptr) != ERROR_SUCCESS)
+    const std::wstring text = com::GuidText(clsid);
+    com::UniqueHkey key;
+    if (text.empty() ||
+        ::RegCreateKeyExW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2\\CLSID", 0, nullptr, 0,
+                          KEY_WRITE, nullptr, key.Put(), nullptr) != ERROR_SUCCESS ||
+        ::RegSetValueExW(key.Get(), nullptr, 0, REG_SZ, reinterpret_cast<const BYTE*>(text.c_str()),
+                         static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))) != ERROR_SUCCESS)
       throw std::runtime_error("cannot enter the program id MorvelinError.Main2");
-    ::RegSetValueExW(key, nullptr, 0, REG_SZ, reinterpret_cast<const BYTE*>(text),
-                     static_cast<DWORD>((std::wcslen(text) + 1) * sizeof(wchar_t)));
-    ::RegCloseKey(key);
     entered_ = true;
   }
   void RemoveProgId() {
@@ -286,13 +272,13 @@ class LateBound {
     for (std::size_t i = 0; i < arguments.size(); ++i) {
       VARIANT& reference = references[arguments.size() - 1 - i];
       V_VT(&reference) = VT_BYREF | VT_VARIANT;
-      V_VARIANTREF(&reference) = arguments[i].get();
+      V_VARIANTREF(&reference) = arguments[i].Get();
     }
     DISPPARAMS params{references.data(), nullptr, static_cast<UINT>(references.size()), 0};
     UniqueVariant result;
     EXCEPINFO exception{};
     const HRESULT hr = object_->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, flags, &params,
-                                       result.get(), &exception, nullptr);
+                                       result.Get(), &exception, nullptr);
     UniqueBstr source(exception.bstrSource);
     UniqueBstr description(exception.bstrDescription);
     UniqueBstr help(exception.bstrHelpFile);
@@ -335,22 +321,22 @@ class LateBound {
 
 UniqueVariant Text(BstrView text) {
   UniqueVariant value;
-  V_VT(value.get()) = VT_BSTR;
-  V_BSTR(value.get()) = com::MakeBstr(text).Detach();
+  V_VT(value.Get()) = VT_BSTR;
+  V_BSTR(value.Get()) = com::MakeBstr(text).Detach();
   return value;
 }
 
 UniqueVariant Flag(bool flag) {
   UniqueVariant value;
-  V_VT(value.get()) = VT_BOOL;
-  V_BOOL(value.get()) = flag ? VARIANT_TRUE : VARIANT_FALSE;
+  V_VT(value.Get()) = VT_BOOL;
+  V_BOOL(value.Get()) = flag ? VARIANT_TRUE : VARIANT_FALSE;
   return value;
 }
 
 UniqueVariant ObjectValue(const ComPtr<IDispatch>& object) {
   UniqueVariant value;
-  V_VT(value.get()) = VT_DISPATCH;
-  V_DISPATCH(value.get()) = ComPtr<IDispatch>(object).Detach();
+  V_VT(value.Get()) = VT_DISPATCH;
+  V_DISPATCH(value.Get()) = ComPtr<IDispatch>(object).Detach();
   return value;
 }
 
@@ -362,7 +348,7 @@ std::vector<UniqueVariant> Arguments(Values&&... values) {
 }
 
 UniqueVariant As(UniqueVariant value, VARTYPE type, const char* member) {
-  const HRESULT hr = ::VariantChangeType(value.get(), value.get(), 0, type);
+  const HRESULT hr = ::VariantChangeType(value.Get(), value.Get(), 0, type);
   if (FAILED(hr))
     Fail(std::string("the result of ") + member, hr);
   return value;
@@ -395,7 +381,7 @@ class ComTarget final : public SessionTarget {
     auto arguments = Arguments(ObjectValue(signaller_), Text(productName));
     main2_.Call(L"Initialize", DISPATCH_METHOD, arguments);
   }
-  void Ribbon() override { main2_.PutRef(L"ribbon", ribbon_.get()); }
+  void Ribbon() override { main2_.PutRef(L"ribbon", ribbon_.Get()); }
   Bstr GetRibbonXML() override {
     std::vector<UniqueVariant> none;
     return TextOf(main2_.Call(L"GetRibbonXML", DISPATCH_METHOD, none), "GetRibbonXML");
@@ -442,27 +428,27 @@ class ComTarget final : public SessionTarget {
   }
   static Bstr TextOf(UniqueVariant value, const char* member) {
     UniqueVariant text = As(std::move(value), VT_BSTR, member);
-    return com::FromBstr(V_BSTR(text.get()));
+    return com::FromBstr(V_BSTR(text.Get()));
   }
   static bool FlagOf(UniqueVariant value, const char* member) {
     UniqueVariant flag = As(std::move(value), VT_BOOL, member);
-    return V_BOOL(flag.get()) != VARIANT_FALSE;
+    return V_BOOL(flag.Get()) != VARIANT_FALSE;
   }
   // Pictures answer their size by name, as a macro reads it.
   static SessionPicture PictureOf(UniqueVariant value) {
     SessionPicture picture;
-    if (V_VT(value.get()) != VT_DISPATCH || V_DISPATCH(value.get()) == nullptr)
+    if (V_VT(value.Get()) != VT_DISPATCH || V_DISPATCH(value.Get()) == nullptr)
       return picture;
     picture.present = true;
     try {
-      LateBound object{ComPtr<IDispatch>(V_DISPATCH(value.get()))};
+      LateBound object{ComPtr<IDispatch>(V_DISPATCH(value.Get()))};
       std::vector<UniqueVariant> none;
       const UniqueVariant width =
           As(object.Call(L"Width", DISPATCH_PROPERTYGET, none), VT_I4, "Width");
       const UniqueVariant height =
           As(object.Call(L"Height", DISPATCH_PROPERTYGET, none), VT_I4, "Height");
-      picture.widthHimetric = V_I4(width.get());
-      picture.heightHimetric = V_I4(height.get());
+      picture.widthHimetric = V_I4(width.Get());
+      picture.heightHimetric = V_I4(height.Get());
       picture.sized = true;
     } catch (const std::runtime_error&) {
     }
@@ -507,7 +493,7 @@ Bstr LateBoundRibbonXml(BstrView productName) {
   std::vector<UniqueVariant> none;
   UniqueVariant document =
       As(main2.Call(L"GetRibbonXML", DISPATCH_METHOD, none), VT_BSTR, "GetRibbonXML");
-  return com::FromBstr(V_BSTR(document.get()));
+  return com::FromBstr(V_BSTR(document.Get()));
 }
 
 }  // namespace tabforge::cli

@@ -70,16 +70,15 @@ class ClassesKey {
   ClassesKey(HKEY hive, REGSAM view) : hive_(hive), view_(view) {}
 
   bool Write(const RegistryEntry& entry) const {
-    HKEY key = nullptr;
+    com::UniqueHkey key;
     if (::RegCreateKeyExW(hive_, Path(entry.key).c_str(), 0, nullptr, 0,
-                          KEY_WRITE | ViewOf(entry.key), nullptr, &key, nullptr) != ERROR_SUCCESS)
+                          KEY_WRITE | ViewOf(entry.key), nullptr, key.Put(),
+                          nullptr) != ERROR_SUCCESS)
       return false;
-    const LSTATUS status =
-        ::RegSetValueExW(key, entry.name.empty() ? nullptr : entry.name.c_str(), 0, REG_SZ,
-                         reinterpret_cast<const BYTE*>(entry.value.c_str()),
-                         static_cast<DWORD>((entry.value.size() + 1) * sizeof(wchar_t)));
-    ::RegCloseKey(key);
-    return status == ERROR_SUCCESS;
+    return ::RegSetValueExW(key.Get(), entry.name.empty() ? nullptr : entry.name.c_str(), 0, REG_SZ,
+                            reinterpret_cast<const BYTE*>(entry.value.c_str()),
+                            static_cast<DWORD>((entry.value.size() + 1) * sizeof(wchar_t))) ==
+           ERROR_SUCCESS;
   }
 
   // Deletes `name` with everything below it; a key that is not there is already deleted.
@@ -87,17 +86,16 @@ class ClassesKey {
     const std::wstring path = Path(name);
     const std::wstring parentPath = path.substr(0, path.find_last_of(L'\\'));
     const std::wstring leaf = path.substr(parentPath.size() + 1);
-    HKEY parent = nullptr;
+    com::UniqueHkey parent;
     const REGSAM view = ViewOf(name);
     const LSTATUS opened =
-        ::RegOpenKeyExW(hive_, parentPath.c_str(), 0, KEY_READ | KEY_WRITE | view, &parent);
+        ::RegOpenKeyExW(hive_, parentPath.c_str(), 0, KEY_READ | KEY_WRITE | view, parent.Put());
     if (opened == ERROR_FILE_NOT_FOUND)
       return true;
     if (opened != ERROR_SUCCESS)
       return false;
-    const LSTATUS status = ::RegDeleteTreeW(parent, leaf.c_str());
-    const LSTATUS deleted = ::RegDeleteKeyExW(parent, leaf.c_str(), view, 0);
-    ::RegCloseKey(parent);
+    const LSTATUS status = ::RegDeleteTreeW(parent.Get(), leaf.c_str());
+    const LSTATUS deleted = ::RegDeleteKeyExW(parent.Get(), leaf.c_str(), view, 0);
     return (status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND) &&
            (deleted == ERROR_SUCCESS || deleted == ERROR_FILE_NOT_FOUND);
   }
@@ -109,19 +107,18 @@ class ClassesKey {
 
   std::vector<std::wstring> Subkeys(const std::wstring& name) const {
     std::vector<std::wstring> names;
-    HKEY key = nullptr;
-    if (::RegOpenKeyExW(hive_, Path(name).c_str(), 0, KEY_READ | ViewOf(name), &key) !=
+    com::UniqueHkey key;
+    if (::RegOpenKeyExW(hive_, Path(name).c_str(), 0, KEY_READ | ViewOf(name), key.Put()) !=
         ERROR_SUCCESS)
       return names;
     wchar_t text[256];
     for (DWORD index = 0;; ++index) {
       DWORD length = static_cast<DWORD>(std::size(text));
-      if (::RegEnumKeyExW(key, index, text, &length, nullptr, nullptr, nullptr, nullptr) !=
+      if (::RegEnumKeyExW(key.Get(), index, text, &length, nullptr, nullptr, nullptr, nullptr) !=
           ERROR_SUCCESS)
         break;
       names.emplace_back(text, length);
     }
-    ::RegCloseKey(key);
     return names;
   }
 
@@ -160,7 +157,7 @@ int Write(const std::wstring& path, const ClassesKey& own, const ClassesKey& oth
   com::ComPtr<ITypeLib> library;
   com::TypeLibraryEntries typeLibrary;
   if (FAILED(::LoadTypeLibEx(path.c_str(), REGKIND_NONE, library.Put())) ||
-      !com::ReadTypeLibraryEntries(library.get(), path, typeLibrary)) {
+      !com::ReadTypeLibraryEntries(library.Get(), path, typeLibrary)) {
     std::cerr << "tabforge register: cannot read the type library of the DLL\n";
     return 1;
   }
@@ -187,7 +184,7 @@ int Remove(const std::wstring& path, const ClassesKey& own, const ClassesKey& ot
   com::TypeLibraryEntries typeLibrary;
   bool removed = true;
   if (SUCCEEDED(::LoadTypeLibEx(path.c_str(), REGKIND_NONE, library.Put())) &&
-      com::ReadTypeLibraryEntries(library.get(), path, typeLibrary)) {
+      com::ReadTypeLibraryEntries(library.Get(), path, typeLibrary)) {
     const std::wstring& platformKey = typeLibrary.library[1].key;
     removed = own.DeleteTree(platformKey);
     own.DeleteIfEmpty(platformKey.substr(0, platformKey.find_last_of(L'\\')));

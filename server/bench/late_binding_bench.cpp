@@ -51,8 +51,8 @@ DISPID IdOf(const ComPtr<IDispatch>& object, const wchar_t* member) {
 
 UniqueVariant Text(const wchar_t* text) {
   UniqueVariant value;
-  V_VT(value.get()) = VT_BSTR;
-  V_BSTR(value.get()) = ::SysAllocString(text);
+  V_VT(value.Get()) = VT_BSTR;
+  V_BSTR(value.Get()) = ::SysAllocString(text);
   return value;
 }
 
@@ -83,10 +83,10 @@ bool Get(const ComPtr<IDispatch>& object, const wchar_t* member, DISPID id, cons
   DISPPARAMS params{form.byReference ? &reference : &argument, nullptr, 1, 0};
   UniqueVariant result;
   if (FAILED(object->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_PROPERTYGET, &params,
-                            result.get(), nullptr, nullptr)) ||
-      FAILED(::VariantChangeType(result.get(), result.get(), 0, VT_BOOL)))
+                            result.Get(), nullptr, nullptr)) ||
+      FAILED(::VariantChangeType(result.Get(), result.Get(), 0, VT_BOOL)))
     return false;
-  answer = V_BOOL(result.get());
+  answer = V_BOOL(result.Get());
   return true;
 }
 
@@ -134,14 +134,14 @@ int Run() {
   // The state of a running add-in: initialised, with the control's answer known.
   {
     UniqueVariant nothing;
-    V_VT(nothing.get()) = VT_DISPATCH;
-    V_DISPATCH(nothing.get()) = nullptr;
+    V_VT(nothing.Get()) = VT_DISPATCH;
+    V_DISPATCH(nothing.Get()) = nullptr;
     UniqueVariant name = Text(L"Morvelin");
     VARIANT references[2];
     V_VT(&references[0]) = VT_BYREF | VT_VARIANT;
-    V_VARIANTREF(&references[0]) = name.get();
+    V_VARIANTREF(&references[0]) = name.Get();
     V_VT(&references[1]) = VT_BYREF | VT_VARIANT;
-    V_VARIANTREF(&references[1]) = nothing.get();
+    V_VARIANTREF(&references[1]) = nothing.Get();
     DISPPARAMS params{references, nullptr, 2, 0};
     if (!Check(main2->Invoke(IdOf(main2, L"Initialize"), IID_NULL, LOCALE_USER_DEFAULT,
                              DISPATCH_METHOD, &params, nullptr, nullptr, nullptr),
@@ -153,7 +153,7 @@ int Run() {
     VARIANT item;
     V_VT(&item) = VT_BOOL;
     V_BOOL(&item) = VARIANT_TRUE;
-    VARIANT arguments[2] = {item, *key.get()};  // last argument first
+    VARIANT arguments[2] = {item, *key.Get()};  // last argument first
     DISPPARAMS params{arguments, nullptr, 2, 0};
     if (!Check(dictionary->Invoke(IdOf(dictionary, L"Add"), IID_NULL, LOCALE_USER_DEFAULT,
                                   DISPATCH_METHOD, &params, nullptr, nullptr, nullptr),
@@ -166,17 +166,17 @@ int Run() {
   UniqueVariant id = Text(L"MVN16");
   VARIANT_BOOL answer = VARIANT_FALSE;
   VARIANT_BOOL found = VARIANT_FALSE;
-  ComPtr<_Main2> direct = main2.As<_Main2>();
+  ComPtr<_Main2> direct = main2.TryAs<_Main2>();
   if (!direct)
     return 1;
-  BSTR idText = V_BSTR(id.get());
+  BSTR idText = V_BSTR(id.Get());
   // Each form on both objects, in turns, and last the same member through the interface's own
   // slot: what is left of a late-bound call without the dispatch machinery, that is the member's
   // body and its string and truth-value conversions.
   std::vector<std::function<bool()>> calls;
   for (const Form& form : kForms) {
-    calls.push_back([&] { return Get(main2, L"GetEnabled", getEnabled, form, *id.get(), answer); });
-    calls.push_back([&] { return Get(dictionary, L"Item", item, form, *id.get(), found); });
+    calls.push_back([&] { return Get(main2, L"GetEnabled", getEnabled, form, *id.Get(), answer); });
+    calls.push_back([&] { return Get(dictionary, L"Item", item, form, *id.Get(), found); });
   }
   calls.push_back([&] {
     VARIANT_BOOL enabled = VARIANT_FALSE;

@@ -185,20 +185,20 @@ ComPtr<IDispatch> CreateMain2() {
 
 UniqueVariant Text(const wchar_t* text) {
   UniqueVariant v;
-  V_VT(v.get()) = VT_BSTR;
-  V_BSTR(v.get()) = ::SysAllocString(text);
+  V_VT(v.Get()) = VT_BSTR;
+  V_BSTR(v.Get()) = ::SysAllocString(text);
   return v;
 }
 UniqueVariant Truth(bool value) {
   UniqueVariant v;
-  V_VT(v.get()) = VT_BOOL;
-  V_BOOL(v.get()) = value ? VARIANT_TRUE : VARIANT_FALSE;
+  V_VT(v.Get()) = VT_BOOL;
+  V_BOOL(v.Get()) = value ? VARIANT_TRUE : VARIANT_FALSE;
   return v;
 }
 UniqueVariant Object(IDispatch* object) {
   UniqueVariant v;
-  V_VT(v.get()) = VT_DISPATCH;
-  V_DISPATCH(v.get()) = object;
+  V_VT(v.Get()) = VT_DISPATCH;
+  V_DISPATCH(v.Get()) = object;
   object->AddRef();
   return v;
 }
@@ -229,9 +229,9 @@ HRESULT CallByName(IDispatch* object, const wchar_t* member, std::vector<VARIANT
 
 std::wstring RibbonXml(IDispatch* main) {
   UniqueVariant xml;
-  if (FAILED(CallByName(main, L"GetRibbonXML", {}, xml.get())) || V_VT(xml.get()) != VT_BSTR)
+  if (FAILED(CallByName(main, L"GetRibbonXML", {}, xml.Get())) || V_VT(xml.Get()) != VT_BSTR)
     return {};
-  return std::wstring(V_BSTR(xml.get()), ::SysStringLen(V_BSTR(xml.get())));
+  return std::wstring(V_BSTR(xml.Get()), ::SysStringLen(V_BSTR(xml.Get())));
 }
 
 bool IsDocument(const std::wstring& xml) {
@@ -244,7 +244,7 @@ DWORD WINAPI UseInASecondApartment(void* document) {
   {
     ComPtr<IDispatch> main = CreateMain2();
     if (main)
-      *static_cast<std::wstring*>(document) = RibbonXml(main.get());
+      *static_cast<std::wstring*>(document) = RibbonXml(main.Get());
   }
   ::CoUninitialize();
   return 0;
@@ -285,8 +285,8 @@ TEST(HostLifeThreads, ASecondApartmentThreadEnds) {
   EXPECT_TRUE(Ends(UseInASecondApartment, &document)) << "beside";
   EXPECT_TRUE(IsDocument(document)) << "beside";
   EXPECT_TRUE(Ends(LoadALibrary, nullptr)) << "beside";
-  EXPECT_TRUE(IsDocument(RibbonXml(mine.get())));
-  mine.reset();
+  EXPECT_TRUE(IsDocument(RibbonXml(mine.Get())));
+  mine.Reset();
   ::CoFreeUnusedLibrariesEx(0, 0);
   ::CoUninitialize();
 }
@@ -300,10 +300,10 @@ class HostLife : public ::testing::Test {
     ASSERT_TRUE(main = CreateMain2());
     UniqueVariant signallerValue = Object(&signaller);
     UniqueVariant name = Text(L"Morvelin");
-    ASSERT_EQ(CallByName(main.get(), L"Initialize", {signallerValue.get(), name.get()}), S_OK);
+    ASSERT_EQ(CallByName(main.Get(), L"Initialize", {signallerValue.Get(), name.Get()}), S_OK);
   }
   void TearDown() override {
-    main.reset();
+    main.Reset();
     component.kept.clear();
     registration_.reset();
     ::CoUninitialize();
@@ -337,13 +337,13 @@ TEST_F(HostLife, FailingCallsWithArgumentsByValueFreeEachStringOnce) {
     UniqueVariant id = Text(std::wstring(c.member) == L"LoadImage" ? L"5" : L"MVNx");
     UniqueVariant off = Truth(false);
     UniqueVariant result;
-    std::vector<VARIANT*> arguments{id.get()};
+    std::vector<VARIANT*> arguments{id.Get()};
     if (std::wstring(c.member) == L"RibbonCallback")
-      arguments.push_back(off.get());
-    EXPECT_EQ(CallByName(main.get(), c.member, arguments, result.get()), S_OK);
+      arguments.push_back(off.Get());
+    EXPECT_EQ(CallByName(main.Get(), c.member, arguments, result.Get()), S_OK);
     // The caller's own string is untouched.
-    ASSERT_EQ(V_VT(id.get()), VT_BSTR);
-    EXPECT_NE(V_BSTR(id.get()), nullptr);
+    ASSERT_EQ(V_VT(id.Get()), VT_BSTR);
+    EXPECT_NE(V_BSTR(id.Get()), nullptr);
     EXPECT_NE(std::count(component.calls.begin(), component.calls.end(), L"vbwErrorHandler"), 0);
   }
 }
@@ -354,9 +354,9 @@ TEST_F(HostLife, TheLibraryStaysWhileTheComponentHoldsADumpsObject) {
   component.keepObjects = true;
   UniqueVariant id = Text(L"MVNx");
   UniqueVariant off = Truth(false);
-  EXPECT_EQ(CallByName(main.get(), L"RibbonCallback", {id.get(), off.get()}), S_OK);
+  EXPECT_EQ(CallByName(main.Get(), L"RibbonCallback", {id.Get(), off.Get()}), S_OK);
   ASSERT_FALSE(component.kept.empty());
-  main.reset();
+  main.Reset();
 
   HMODULE library = ::GetModuleHandleW(L"Tabforge.dll");
   ASSERT_NE(library, nullptr);
@@ -382,7 +382,7 @@ TEST(HostLifeModule, UnloadsAfterTheLastReleaseAndLoadsAgain) {
   {
     ComPtr<IDispatch> first = CreateMain2();
     ASSERT_TRUE(first);
-    EXPECT_TRUE(IsDocument(RibbonXml(first.get())));
+    EXPECT_TRUE(IsDocument(RibbonXml(first.Get())));
   }
   ::CoFreeUnusedLibrariesEx(0, 0);
   EXPECT_EQ(::GetModuleHandleW(L"Tabforge.dll"), nullptr);
@@ -390,7 +390,7 @@ TEST(HostLifeModule, UnloadsAfterTheLastReleaseAndLoadsAgain) {
     ComPtr<IDispatch> again = CreateMain2();
     ASSERT_TRUE(again);
     EXPECT_NE(::GetModuleHandleW(L"Tabforge.dll"), nullptr);
-    EXPECT_TRUE(IsDocument(RibbonXml(again.get())));
+    EXPECT_TRUE(IsDocument(RibbonXml(again.Get())));
   }
   ::CoFreeUnusedLibrariesEx(0, 0);
   ::CoUninitialize();

@@ -143,10 +143,10 @@ class Recorder final : public Counted {
         LONG slot = 5;
         UniqueBstr name;
         if (SUCCEEDED(::SafeArrayGetElement(*V_ARRAYREF(&stack), &slot, name.Put())))
-          stackSlot5.emplace_back(name.get() != nullptr ? name.get() : L"");
+          stackSlot5.emplace_back(name.Get() != nullptr ? name.Get() : L"");
         const std::wstring text = L"Written " + std::to_wstring(stackSlot5.size());
         UniqueBstr written(::SysAllocString(text.c_str()));
-        ::SafeArrayPutElement(*V_ARRAYREF(&stack), &slot, written.get());
+        ::SafeArrayPutElement(*V_ARRAYREF(&stack), &slot, written.Get());
       }
       if (result != nullptr) {
         V_VT(result) = VT_I4;
@@ -212,14 +212,14 @@ class Signaller final : public Counted {
     if (params == nullptr || params->cArgs != 1)
       return DISP_E_BADPARAMCOUNT;
     UniqueVariant argument;
-    if (FAILED(::VariantCopyInd(argument.get(), &params->rgvarg[0])))
+    if (FAILED(::VariantCopyInd(argument.Get(), &params->rgvarg[0])))
       return DISP_E_TYPEMISMATCH;
-    if (member == L"Run" && V_VT(argument.get()) == VT_BSTR) {
-      macros.emplace_back(V_BSTR(argument.get()), ::SysStringLen(V_BSTR(argument.get())));
+    if (member == L"Run" && V_VT(argument.Get()) == VT_BSTR) {
+      macros.emplace_back(V_BSTR(argument.Get()), ::SysStringLen(V_BSTR(argument.Get())));
       return S_OK;
     }
-    if (member == L"getToolbarIconBits" && V_VT(argument.get()) == VT_I2) {
-      images.push_back(V_I2(argument.get()));
+    if (member == L"getToolbarIconBits" && V_VT(argument.Get()) == VT_I2) {
+      images.push_back(V_I2(argument.Get()));
       SAFEARRAY* bytes = ::SafeArrayCreateVector(VT_UI1, 0, sizeof kIconPng);
       void* data = nullptr;
       ::SafeArrayAccessData(bytes, &data);
@@ -238,16 +238,14 @@ class Signaller final : public Counted {
 #pragma GCC diagnostic pop
 
 bool KeyExists(const std::wstring& key) {
-  HKEY handle = nullptr;
-  if (::RegOpenKeyExW(HKEY_CLASSES_ROOT, key.c_str(), 0, KEY_READ, &handle) != ERROR_SUCCESS)
-    return false;
-  ::RegCloseKey(handle);
-  return true;
+  tabforge::com::UniqueHkey handle;
+  return ::RegOpenKeyExW(HKEY_CLASSES_ROOT, key.c_str(), 0, KEY_READ, handle.Put()) ==
+         ERROR_SUCCESS;
 }
 
 std::wstring GuidText(REFGUID guid) {
   wchar_t text[40] = {};
-  ::StringFromGUID2(guid, text, 40);
+  EXPECT_EQ(::StringFromGUID2(guid, text, 40), 39);
   return text;
 }
 
@@ -293,7 +291,7 @@ TEST_F(Registered, InitializeAndRibbonThroughTheInterface) {
     ASSERT_TRUE(main);
     IDispatch* signallerArgument = &signaller;
     UniqueBstr name(::SysAllocString(L"Morvelin"));
-    BSTR nameArgument = name.get();
+    BSTR nameArgument = name.Get();
     EXPECT_EQ(main->Initialize(&signallerArgument, &nameArgument), S_OK);
     EXPECT_GT(signaller.references, 1u) << "Initialize holds the signalling object";
 
@@ -391,7 +389,7 @@ TEST_F(Registered, NamesMapAsTheTypeLibraryMapsThem) {
     std::vector<DISPID> ours(count, 0x5EED);
     std::vector<DISPID> theirs(count, 0x5EED);
     EXPECT_EQ(main->GetIDsOfNames(IID_NULL, names.data(), count, 0, ours.data()),
-              ::DispGetIDsOfNames(info.get(), names.data(), count, theirs.data()))
+              ::DispGetIDsOfNames(info.Get(), names.data(), count, theirs.data()))
         << question[0];
     EXPECT_EQ(ours, theirs) << question[0];
   }
@@ -404,14 +402,13 @@ class RecorderRegistration {
     EXPECT_EQ(::CoRegisterClassObject(kClsidRecorder, &factory_, CLSCTX_INPROC_SERVER,
                                       REGCLS_MULTIPLEUSE, &cookie_),
               S_OK);
-    HKEY key = nullptr;
+    tabforge::com::UniqueHkey key;
     EXPECT_EQ(::RegCreateKeyExW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2\\CLSID", 0, nullptr, 0,
-                                KEY_WRITE, nullptr, &key, nullptr),
+                                KEY_WRITE, nullptr, key.Put(), nullptr),
               ERROR_SUCCESS);
     const std::wstring clsid = GuidText(kClsidRecorder);
-    ::RegSetValueExW(key, nullptr, 0, REG_SZ, reinterpret_cast<const BYTE*>(clsid.c_str()),
+    ::RegSetValueExW(key.Get(), nullptr, 0, REG_SZ, reinterpret_cast<const BYTE*>(clsid.c_str()),
                      static_cast<DWORD>((clsid.size() + 1) * sizeof(wchar_t)));
-    ::RegCloseKey(key);
   }
   ~RecorderRegistration() {
     ::CoRevokeClassObject(cookie_);
@@ -435,19 +432,21 @@ class Members : public Registered {
     ASSERT_TRUE(main);
     IDispatch* signallerArgument = &signaller;
     UniqueBstr name(::SysAllocString(L"Morvelin"));
-    BSTR nameArgument = name.get();
+    BSTR nameArgument = name.Get();
     ASSERT_EQ(main->Initialize(&signallerArgument, &nameArgument), S_OK);
     IDispatch* ribbonArgument = &ribbon;
     ASSERT_EQ(main->put_ribbon(&ribbonArgument), S_OK);
   }
   void TearDown() override {
-    main.reset();
+    main.Reset();
     registration_.reset();
     Registered::TearDown();
   }
 
   static UniqueBstr Bstr(const wchar_t* text) { return UniqueBstr(::SysAllocString(text)); }
-  static std::wstring Text(const UniqueBstr& s) { return std::wstring(s.get(), s.Length()); }
+  static std::wstring Text(const UniqueBstr& s) {
+    return std::wstring(s.Get(), ::SysStringLen(s.Get()));
+  }
   std::wstring Label(const wchar_t* id) {
     UniqueBstr idStr = Bstr(id);
     UniqueBstr result;
@@ -476,14 +475,14 @@ class Members : public Registered {
   }
   static UniqueVariant Str(const wchar_t* text) {
     UniqueVariant v;
-    V_VT(v.get()) = VT_BSTR;
-    V_BSTR(v.get()) = ::SysAllocString(text);
+    V_VT(v.Get()) = VT_BSTR;
+    V_BSTR(v.Get()) = ::SysAllocString(text);
     return v;
   }
   static UniqueVariant Bool(bool value) {
     UniqueVariant v;
-    V_VT(v.get()) = VT_BOOL;
-    V_BOOL(v.get()) = value ? VARIANT_TRUE : VARIANT_FALSE;
+    V_VT(v.Get()) = VT_BOOL;
+    V_BOOL(v.Get()) = value ? VARIANT_TRUE : VARIANT_FALSE;
     return v;
   }
 
@@ -588,7 +587,7 @@ TEST_F(Members, ImagesAreRealPicturesOfTheTemplatesBytes) {
   ComPtr<IPictureDisp> image;
   ASSERT_EQ(main->get_GetImage(apply.InOut(), image.Put()), S_OK);
   ASSERT_TRUE(image);
-  ComPtr<IPicture> picture = image.As<IPicture>();
+  ComPtr<IPicture> picture = image.TryAs<IPicture>();
   ASSERT_TRUE(picture);
   SHORT type = 0;
   OLE_XSIZE_HIMETRIC width = 0;
@@ -608,7 +607,7 @@ TEST_F(Members, ImagesAreRealPicturesOfTheTemplatesBytes) {
   EXPECT_EQ(main->LoadImage(five.InOut(), first.Put()), S_OK);
   EXPECT_EQ(main->LoadImage(five.InOut(), second.Put()), S_OK);
   ASSERT_TRUE(first && second);
-  EXPECT_NE(first.get(), second.get());
+  EXPECT_NE(first.Get(), second.Get());
   EXPECT_EQ(signaller.images, (std::vector<int>{102, 303, 303}));
 
   // Slot 2 has no picture: nothing is fetched and the answer is null.
@@ -670,41 +669,42 @@ TEST_F(AccessibleTree, ElementsAnswerThroughOleacc) {
   UniqueVariant children[3];
   VARIANT raw[3];
   LONG got = 0;
-  ASSERT_EQ(::AccessibleChildren(client.get(), 0, 3, raw, &got), S_OK);
+  ASSERT_EQ(::AccessibleChildren(client.Get(), 0, 3, raw, &got), S_OK);
   ASSERT_EQ(got, 3);
   for (int i = 0; i < 3; ++i)
-    *children[i].get() = raw[i];
-  ASSERT_EQ(V_VT(children[0].get()), VT_DISPATCH);
-  EXPECT_EQ(V_VT(children[1].get()), VT_I4);
-  EXPECT_EQ(V_I4(children[1].get()), 2);
-  ASSERT_EQ(V_VT(children[2].get()), VT_DISPATCH);
+    *children[i].Get() = raw[i];
+  ASSERT_EQ(V_VT(children[0].Get()), VT_DISPATCH);
+  EXPECT_EQ(V_VT(children[1].Get()), VT_I4);
+  EXPECT_EQ(V_I4(children[1].Get()), 2);
+  ASSERT_EQ(V_VT(children[2].Get()), VT_DISPATCH);
 
   VARIANT self;
   V_VT(&self) = VT_I4;
   V_I4(&self) = CHILDID_SELF;
-  ComPtr<IAccessible> home = ComPtr<IDispatch>(V_DISPATCH(children[0].get())).As<IAccessible>();
+  ComPtr<IAccessible> home = ComPtr<IDispatch>(V_DISPATCH(children[0].Get())).TryAs<IAccessible>();
   ASSERT_TRUE(home);
   UniqueBstr name;
   EXPECT_EQ(home->get_accName(self, name.Put()), S_OK);
-  EXPECT_EQ(std::wstring(name.get(), name.Length()), L"Home");
+  EXPECT_EQ(std::wstring(name.Get(), ::SysStringLen(name.Get())), L"Home");
   UniqueVariant state;
-  EXPECT_EQ(home->get_accState(self, state.get()), S_OK);
-  EXPECT_EQ(V_I4(state.get()), 2);
+  EXPECT_EQ(home->get_accState(self, state.Get()), S_OK);
+  EXPECT_EQ(V_I4(state.Get()), 2);
   ComPtr<IDispatch> parent;
   EXPECT_EQ(home->get_accParent(parent.Put()), S_OK);
   UniqueBstr parentName;
-  EXPECT_EQ(parent.As<IAccessible>()->get_accName(self, parentName.Put()), S_OK);
-  EXPECT_EQ(std::wstring(parentName.get(), parentName.Length()), L"client");
+  EXPECT_EQ(parent.TryAs<IAccessible>()->get_accName(self, parentName.Put()), S_OK);
+  EXPECT_EQ(std::wstring(parentName.Get(), ::SysStringLen(parentName.Get())), L"client");
 
-  ComPtr<IAccessible> broken = ComPtr<IDispatch>(V_DISPATCH(children[2].get())).As<IAccessible>();
+  ComPtr<IAccessible> broken =
+      ComPtr<IDispatch>(V_DISPATCH(children[2].Get())).TryAs<IAccessible>();
   UniqueBstr nothing;
   EXPECT_TRUE(FAILED(broken->get_accName(self, nothing.Put())));
-  EXPECT_EQ(nothing.get(), nullptr);
+  EXPECT_EQ(nothing.Get(), nullptr);
 }
 
 TEST_F(Members, ActivateTabPressesTheProductsTab) {
   RibbonTree tree;
-  IDispatch* commandBar = tree.commandBar.get();
+  IDispatch* commandBar = tree.commandBar.Get();
   EXPECT_EQ(main->activateMorvelinTab(&commandBar), S_OK);
   EXPECT_EQ(tree.Presses(), (std::map<std::u16string, int>{{u"Morvelin", 1}}));
   EXPECT_TRUE(recorder.errorNumbers.empty());
@@ -729,7 +729,7 @@ HRESULT InvokeThroughTypeLibrary(const ComPtr<_Main2>& main, DISPID id, WORD fla
     }
   }
   const ComPtr<ITypeInfo> info = TypeLibraryInterface();
-  return ::DispInvoke(main.get(), info.get(), id, flags, params, result, nullptr, argumentError);
+  return ::DispInvoke(main.Get(), info.Get(), id, flags, params, result, nullptr, argumentError);
 }
 
 HRESULT InvokeThroughServer(const ComPtr<_Main2>& main, DISPID id, WORD flags, DISPPARAMS* params,
@@ -798,7 +798,7 @@ class Side {
     main_ = Create();
     IDispatch* signaller = &signaller_;
     UniqueBstr name(::SysAllocString(L"Morvelin"));
-    BSTR nameArgument = name.get();
+    BSTR nameArgument = name.Get();
     EXPECT_EQ(main_->Initialize(&signaller, &nameArgument), S_OK);
     IDispatch* ribbon = &ribbon_;
     EXPECT_EQ(main_->put_ribbon(&ribbon), S_OK);
@@ -836,7 +836,7 @@ class Side {
     for (std::size_t i = values_.size(); i-- > 0;) {
       const bool byReference = (V_VT(&values_[i]) & VT_BYREF) != 0;
       log.push_back(L"argument " +
-                    (byReference ? Describe(*variables_[i].get()) : Describe(values_[i])));
+                    (byReference ? Describe(*variables_[i].Get()) : Describe(values_[i])));
     }
     for (const auto& macro : signaller_.macros)
       log.push_back(L"Run " + macro);
@@ -858,8 +858,9 @@ class Side {
       main_->get_GetLabel(idStr.InOut(), label.Put());
       main_->get_GetEnabled(idStr.InOut(), &enabled);
       main_->get_GetPressed(idStr.InOut(), &pressed);
-      log.push_back(std::wstring(control) + L" " + std::wstring(label.get(), label.Length()) +
-                    L" " + std::to_wstring(enabled) + L" " + std::to_wstring(pressed));
+      log.push_back(std::wstring(control) + L" " +
+                    std::wstring(label.Get(), ::SysStringLen(label.Get())) + L" " +
+                    std::to_wstring(enabled) + L" " + std::to_wstring(pressed));
     }
     return log;
   }
@@ -867,11 +868,11 @@ class Side {
   // After the last release, each object that the call handed in holds the references it held
   // before: none taken for good, none let go twice.
   std::wstring ReferencesLeft() {
-    main_.reset();
+    main_.Reset();
     for (VARIANT& value : values_)
       tabforge::com::ClearVariant(&value);
     for (UniqueVariant& variable : variables_)
-      variable.Clear();
+      variable.Reset();
     return std::to_wstring(signaller_.references) + L" " + std::to_wstring(ribbon_.references);
   }
 
@@ -894,7 +895,7 @@ class Side {
       case Party::kRibbon:
         return &ribbon_;
       case Party::kCommandBar:
-        return tree_.commandBar.get();
+        return tree_.commandBar.Get();
       case Party::kNone:
         break;
     }
@@ -903,7 +904,7 @@ class Side {
 
   // Puts the argument's value in `variable` and passes it in `slot` as `arg` says.
   void Fill(const Arg& arg, VARIANT& slot, UniqueVariant& variable) {
-    VARIANT* value = variable.get();
+    VARIANT* value = variable.Get();
     V_VT(value) = arg.type;
     switch (arg.type) {
       case VT_BSTR:
@@ -970,10 +971,10 @@ class Side {
         if (object == nullptr)
           return kind + L"nothing";
         for (Party party : {Party::kSignaller, Party::kRibbon, Party::kCommandBar}) {
-          if (ComPtr<IUnknown>(object).As<IDispatch>().get() == ObjectOf(party))
+          if (ComPtr<IUnknown>(object).TryAs<IDispatch>().Get() == ObjectOf(party))
             return kind + std::to_wstring(static_cast<int>(party));
         }
-        ComPtr<IPicture> picture = ComPtr<IUnknown>(object).As<IPicture>();
+        ComPtr<IPicture> picture = ComPtr<IUnknown>(object).TryAs<IPicture>();
         OLE_XSIZE_HIMETRIC width = 0;
         if (picture)
           picture->get_Width(&width);
