@@ -45,8 +45,8 @@ bool HasRoleAndName(const Ref<Object>& element, std::int32_t role, const Bstr& n
 
 // The role is read once for each comparison, and both are made.
 bool NeitherGraphicNorText(const Ref<Object>& child) {
-  const bool notGraphic = Role(child) != kRoleSystemGraphic;
-  const bool notText = Role(child) != kRoleSystemStaticText;
+  const bool notGraphic = Role(child) != kRoleGraphic;
+  const bool notText = Role(child) != kRoleStaticText;
   return notGraphic && notText;
 }
 

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "accessibility/roles.h"
 #include "platform/object.h"
 #include "platform/variant.h"
 #include "platform/variant_bool.h"
@@ -46,8 +47,6 @@ inline constexpr auto kReportChildList =
 
 inline constexpr std::int32_t kChildIdSelf = 0;
 inline constexpr std::int32_t kNavDirFirstChild = 7;
-inline constexpr std::int32_t kRoleSystemGraphic = 40;
-inline constexpr std::int32_t kRoleSystemStaticText = 41;
 inline constexpr std::int32_t kStateSystemSelected = 0x2;
 // Unavailable (0x1) and invisible (0x8000): such an element is not listed.
 inline constexpr std::int32_t kStateHidden = 0x8001;
