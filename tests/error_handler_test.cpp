@@ -78,15 +78,6 @@ std::string Banner(BstrView banner) {
   return LogText(Variant(Bstr(banner)));
 }
 
-TEST_F(Handler, KeyHoldsModuleNumberAndLineBetweenControlCharacters) {
-  const Bstr key = apartment.protector.hash(u"Main2", -5, 240);
-  EXPECT_EQ(key, Bstr(u"\0Main2\1-5\1"
-                      u"240\0",
-                      14));
-  EXPECT_EQ(apartment.protector.hash(u"Main2", -5, 240), key);
-  EXPECT_FALSE(IsTrue(apartment.protector.alwaysIgnore(u"", key)));
-}
-
 TEST_F(Handler, DumpThenLeaveSendsTheWholeSequenceInOrder) {
   apartment.faults.FailAt(u"Accessibility.GetChildren", 1, 1, 440);
   script.answers = {std::int32_t{8}, std::int32_t{7}};
@@ -118,13 +109,6 @@ TEST_F(Handler, DumpThenLeaveSendsTheWholeSequenceInOrder) {
   EXPECT_FALSE(apartment.protector.ErrorComponent());
   EXPECT_EQ(walker.trail, "");
   EXPECT_EQ(apartment.protector.Depth(), 0);
-}
-
-TEST_F(Handler, BannersAreEightySixCharacters) {
-  for (BstrView banner : {kLocalBanner, kModuleBanner, kGlobalBanner}) {
-    EXPECT_EQ(banner.size(), 86u);
-    EXPECT_EQ(banner.substr(0, 2), u"\r\n");
-  }
 }
 
 TEST_F(Handler, IgnoreAlwaysIsRememberedByModuleNumberAndLine) {

@@ -403,21 +403,5 @@ TEST(VbLanguageExtensions, OnlyAnArrayWithoutStorageIsEmpty) {
   EXPECT_TRUE(apartment.script->log.empty());
 }
 
-TEST(VbLanguageExtensions, DumpReportsItsOneModuleVariable) {
-  Apartment apartment;
-  apartment.faults.FailAt(u"VBLanguageExtensions.isEmptyArrayByte", 1);
-  apartment.script->answers = {std::int32_t{8}, std::int32_t{7}};
-  vb_language_extensions::isEmptyArrayByte(apartment.protector, nullptr);
-  const auto& log = apartment.script->log;
-  const auto banner = std::find_if(log.begin(), log.end(), [](const std::string& line) {
-    return line.find("MODULE LEVEL") != std::string::npos;
-  });
-  ASSERT_NE(banner, log.end());
-  ASSERT_NE(banner + 1, log.end());
-  EXPECT_EQ(*(banner + 1), R"(vbwReportVariable(BSTR "mInIDE", BOOL 0, I4 0))");
-  EXPECT_EQ(*(banner - 1),
-            R"(vbwReportVariable(BSTR "testArray", ARRAY(UI1) undimensioned, I4 0))");
-}
-
 }  // namespace
 }  // namespace tabforge::testing
