@@ -272,15 +272,22 @@ void Record(const ComponentScript& script, std::map<std::string, Told>& told,
     procedure.lines.insert(std::stoi(m[3].str()));
     if (line + 1 == log.end() || line[1] != "vbwOpenDumpFile()")
       continue;
-    std::string names = "dump";
+    // At the first statement the locals hold their starting values: those are told too.
+    const bool first = std::stoi(m[3].str()) % 100 == 1;
+    std::string names = first ? "starts" : "dump";
     int nested = 0;  // dumps of failures while this one is written
+    int banners = 0;
     for (auto at = line + 2; at != log.end() && (nested > 0 || *at != "vbwCloseDumpFile()"); ++at) {
-      if (*at == "vbwOpenDumpFile()" || *at == "vbwCloseDumpFile()")
+      if (*at == "vbwOpenDumpFile()" || *at == "vbwCloseDumpFile()") {
         nested += *at == "vbwOpenDumpFile()" ? 1 : -1;
-      else if (nested == 0 && at->rfind(report, 0) == 0)
-        names += " " + at->substr(report.size(), at->find("\", ") - report.size());
-      else if (nested == 0 && at->rfind("vbwReportToFile(", 0) == 0)
+      } else if (nested == 0 && at->rfind(report, 0) == 0) {
+        const auto end = first && banners == 1 ? at->size() - 7 : at->find("\", ");
+        names += " " + std::regex_replace(at->substr(report.size(), end - report.size()),
+                                          std::regex("\", "), "=");
+      } else if (nested == 0 && at->rfind("vbwReportToFile(", 0) == 0) {
         names += " |";
+        ++banners;
+      }
     }
     procedure.dumps.insert(names);
   }

@@ -22,16 +22,6 @@ class Spine : public ::testing::Test {
   Ref<Object> signaller = MakeRef<PlainObject>();
 };
 
-TEST_F(Spine, NewInstanceHoldsZeroes) {
-  EXPECT_EQ(main2.enabled(), kFalse);
-  EXPECT_EQ(main2.quickBookmarkEnabled(), kFalse);
-  EXPECT_EQ(main2.lexoscopeOn(), kFalse);
-  EXPECT_EQ(main2.productName(), u"");
-  EXPECT_FALSE(main2.ribbonUi());
-  EXPECT_FALSE(main2.eventSignaller());
-  EXPECT_FALSE(main2.productNameSensitiveControls());
-}
-
 TEST_F(Spine, InitializeSetsStateAndLabelTemplatesInOrder) {
   main2.Initialize(signaller, u"Morvelin");
   EXPECT_EQ(main2.productName(), u"Morvelin");
