@@ -75,6 +75,7 @@ TEST(Dictionary, KeepsKeysInTheOrderOfAddingAndRefusesASecondAdd) {
   EXPECT_EQ(FailureNumber([&] { call(u"Add", {std::int32_t{4}, Variant(u"again")}); }), 457);
   EXPECT_EQ(ToBstr(call(u"Item", {std::int32_t{4}})), u"four");
   EXPECT_EQ(ToVariantBool(call(u"Exists", {std::int32_t{9}})), kFalse);
+  EXPECT_EQ(ToVariantBool(call(u"Exists", {std::int32_t{1}})), kTrue);
   EXPECT_EQ(ToBstr(call(u"Item", {std::int32_t{9}})), u"");  // reading adds the key
   EXPECT_EQ(ToLong(call(u"Count", {})), 3);
   EXPECT_EQ(Describe(call(u"Keys", {})), "ARRAY(VARIANT) 3");
