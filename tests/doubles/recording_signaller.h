@@ -20,6 +20,8 @@ class RecordingSignaller final : public Object {
   explicit RecordingSignaller(std::vector<std::string>* log = nullptr) : log_(log) {}
   Variant Invoke(BstrView member, CallKind, std::span<Variant> arguments) override {
     if (member == u"Run" && arguments.size() == 1 && log_ != nullptr) {
+      if (fail)
+        Raise(5, u"template failed");
       log_->push_back("signaller.Run " + ToUtf8(ToBstr(arguments[0])));
       if (onRun)
         onRun(ToBstr(arguments[0]));
