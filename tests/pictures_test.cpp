@@ -76,6 +76,18 @@ TEST_F(Loader, TransparentPngIsCompositedOverBlueWithAlphaKept) {
   EXPECT_EQ(bitmap.Pixel(0, 1), 0x8000807Fu);  // half green over blue
   EXPECT_EQ(bitmap.Pixel(1, 1), 0x400305C7u);  // (10,20,30) at 64 over blue
   EXPECT_EQ(loader->picConv().hbitmap, dynamic_cast<PortablePicture&>(*picture).handle());
+  // The platform makes a picture of that handle for IPicture and IPictureDisp (…81) only.
+  PictureApi::Guid iid = TransparentGifLoader::kIPicture;
+  for (std::uint32_t data1 : {0x7BF80980u, 0x7BF80981u, 0x7BF80982u}) {
+    iid.Data1 = data1;
+    bool refused = false;
+    try {
+      api.OleCreatePictureIndirect(loader->picConv(), iid, false);
+    } catch (const Failure&) {
+      refused = true;
+    }
+    EXPECT_EQ(refused, data1 == 0x7BF80982u) << data1;
+  }
 }
 
 TEST_F(Loader, OpaquePngKeepsItsColoursAndGifTransparencyReadsBlue) {
