@@ -421,6 +421,19 @@ TEST(FaultInjection, EveryStatementOfEveryMemberFailsWithEveryAnswer) {
       covered.insert(target);
   }
 
+  // With parameter tracing, every entry of every procedure fails, answered "dump" then "continue":
+  // each dump shows the entered procedure's parameter text.
+  for (const Member& member : Members()) {
+    Host host(State::kConnected);
+    host.apartment.protector.vbwTraceParameters = kTrue;
+    host.apartment.faults.FailAt(u"vbwProtector.vbwProcIn", 1, /*times=*/1000);
+    for (int i = 0; i < 1000; ++i)
+      host.apartment.script->answers.insert(host.apartment.script->answers.end(), {8, 5});
+    member.call(host);
+    EXPECT_EQ(host.apartment.protector.Depth(), 0) << member.name << " traced";
+    Record(*host.apartment.script, told, "vbwProtector.vbwProcIn");
+  }
+
   ExpectGolden(told);
 
   std::vector<std::string> unreached;
