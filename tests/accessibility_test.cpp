@@ -284,8 +284,11 @@ TEST(AccessibleTree, FieldsSetStateCountFailuresAndSimpleChildIds) {
   Ref<Object> root(tree.root);
   EXPECT_EQ(tree.root->state(), 0x8001);
   EXPECT_EQ(ToLong(CallByName(root, u"accChildCount", CallKind::kPropertyGet)), -2);
+  tree.root->SetFailing(u"accRole");  // failing twice is failing
   EXPECT_THROW(CallByName(root, u"accRole", CallKind::kPropertyGet, kChildIdSelf), Failure);
   EXPECT_THROW(CallByName(root, u"accParent", CallKind::kPropertyGet), Failure);
+  tree.root->SetFailing(u"accRole", false);  // un-failing undoes it
+  EXPECT_EQ(ToLong(CallByName(root, u"accRole", CallKind::kPropertyGet, kChildIdSelf)), 10);
   const Variant children = CallByName(root, kPortableChildrenMember, CallKind::kPropertyGet);
   const auto& entries = std::get<std::vector<Variant>>(children.Array()->elements);
   EXPECT_THAT(entries, ElementsAre(Variant(std::int32_t{1}), Variant(std::int32_t{2})));

@@ -284,6 +284,8 @@ void Record(const ComponentScript& script, std::map<std::string, Told>& told,
         const auto end = first && banners == 1 ? at->size() - 7 : at->find("\", ");
         names += " " + std::regex_replace(at->substr(report.size(), end - report.size()),
                                           std::regex("\", "), "=");
+        if (!at->ends_with(", I4 0)"))  // an indent other than none
+          names += "@" + at->substr(at->rfind(", ") + 2);
       } else if (nested == 0 && at->rfind("vbwReportToFile(", 0) == 0) {
         names += " |";
         ++banners;
