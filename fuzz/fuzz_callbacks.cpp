@@ -16,6 +16,7 @@
 
 #include "doubles/recording_component.h"
 #include "doubles/recording_ribbon.h"
+#include "doubles/recording_signaller.h"
 #include "fuzz/input_bytes.h"
 #include "platform/failure.h"
 #include "platform/portable/portable_platform.h"
@@ -34,28 +35,6 @@ constexpr std::uint8_t kSignallerFails = 0x10;
 constexpr std::uint8_t kInjectFaults = 0x20;
 constexpr std::uint8_t kUtf16 = 0x40;
 constexpr std::uint8_t kToggles = 0x80;
-
-// The template's signalling object: presses do nothing, every icon number gets the same bytes.
-class FuzzSignaller final : public Object {
- public:
-  explicit FuzzSignaller(std::vector<std::uint8_t> iconBits) : iconBits_(std::move(iconBits)) {}
-  Variant Invoke(BstrView member, CallKind, std::span<Variant> arguments) override {
-    if (fail)
-      Raise(5, u"template failed");
-    if (member == u"Run" && arguments.size() == 1)
-      return {};
-    if (member == u"getToolbarIconBits" && arguments.size() == 1) {
-      if (iconBits_.empty())
-        return Variant(VarType::VT_UI1, ArrayRef());
-      return Variant(VarType::VT_UI1, MakeArray(iconBits_));
-    }
-    Raise(RunTimeError::kMemberNotFound);
-  }
-  bool fail = false;
-
- private:
-  std::vector<std::uint8_t> iconBits_;
-};
 
 // Fails the statements at the chosen positions in the order statements start.
 class VisitFaults final : public tracing::FaultInjector {
@@ -128,9 +107,12 @@ void RunOne(InputBytes& input) {
     faults.number = kAnswers[input.Below(8)] + 4;
     protector.SetFaultInjector(&faults);
   }
-  auto signaller = MakeRef<FuzzSignaller>(input.Take(input.Word()));
-  signaller->fail = (mode & kSignallerFails) != 0;
   std::vector<std::string> log;
+  auto signaller = MakeRef<testing::RecordingSignaller>(&log);
+  const std::vector<std::uint8_t> iconBits = input.Take(input.Word());
+  if (!iconBits.empty())
+    signaller->fallback = Variant(VarType::VT_UI1, MakeArray(iconBits));
+  signaller->fail = (mode & kSignallerFails) != 0;
   auto ribbon = MakeRef<testing::RecordingRibbon>(&log);
   ribbon->fail = (mode & kRibbonFails) != 0;
 
@@ -140,6 +122,7 @@ void RunOne(InputBytes& input) {
       std::abort();
     }
     log.clear();
+    signaller->asked.clear();
     if (script)
       script->log.clear();
   };

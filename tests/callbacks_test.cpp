@@ -4,6 +4,7 @@
 
 #include "apartment.h"
 #include "doubles/recording_ribbon.h"
+#include "doubles/recording_signaller.h"
 #include "ribbon/main2.h"
 
 namespace tabforge::testing {
@@ -24,7 +25,7 @@ class Callbacks : public ::testing::Test {
   Apartment apartment;
   std::vector<std::string> log;
   Ref<RecordingRibbon> ribbon = MakeRef<RecordingRibbon>(&log);
-  Ref<MacroSignaller> signaller = MakeRef<MacroSignaller>(&log);
+  Ref<RecordingSignaller> signaller = MakeRef<RecordingSignaller>(&log);
   Main2 main2{apartment.protector};
 };
 

@@ -6,64 +6,18 @@
 #include <string>
 #include <vector>
 
-#include "apartment.h"
-#include "tracing/run.h"
+#include "probe.h"
 
 namespace tabforge::testing {
 namespace {
 
 using ::testing::ElementsAre;
 using ::testing::SizeIs;
-using tracing::Body;
-using tracing::DefineProcedure;
-using tracing::LocalReport;
-using tracing::Run;
-
-constexpr auto kGetChildren = DefineProcedure(u"Accessibility.GetChildren", 400);
-constexpr auto kOther = DefineProcedure(u"Accessibility.Other", 500);
-
-// A procedure shaped like the walker's child enumeration: its locals and an empty module report.
-struct Walker {
-  Apartment& apartment;
-  std::string trail;
-
-  tracing::Module Trace() { return tracing::Module(apartment.protector, *this); }
-  void vbwReportModuleVariables() const {}
-
-  void GetChildren() {
-    std::int32_t NumChildren = 0;
-    std::int32_t NumReturned = 0;
-    std::vector<Variant> ChildrenArray;
-    Ref<Object> Element;
-    Run(
-        Trace(), kGetChildren, tracing::NoParameters,
-        [&](LocalReport& l) {
-          l.Add(u"NumChildren", NumChildren);
-          l.Add(u"NumReturned", NumReturned);
-          l.Add(u"ChildrenArray", ChildrenArray);
-          l.Add(u"Element", Element);
-        },
-        [&](Body& body) {
-          TF_BEGIN(body)
-          TF_STEP(1) trail += "1";
-          TF_STEP(2) trail += "2";
-          TF_END
-        });
-  }
-
-  void Other() {
-    Run(Trace(), kOther, tracing::NoParameters, tracing::NoLocals, [&](Body& body) {
-      TF_BEGIN(body)
-      TF_STEP(1) trail += "o";
-      TF_END
-    });
-  }
-};
 
 class Handler : public ::testing::Test {
  protected:
   Apartment apartment;
-  Walker walker{apartment, {}};
+  Probe probe{apartment, {}};
   ComponentScript& script = *apartment.script;
 };
 
@@ -71,22 +25,13 @@ std::string Banner(BstrView banner) {
   return LogText(Variant(Bstr(banner)));
 }
 
-TEST_F(Handler, KeyHoldsModuleNumberAndLineBetweenControlCharacters) {
-  const Bstr key = apartment.protector.hash(u"Main2", -5, 240);
-  EXPECT_EQ(key, Bstr(u"\0Main2\1-5\1"
-                      u"240\0",
-                      14));
-  EXPECT_EQ(apartment.protector.hash(u"Main2", -5, 240), key);
-  EXPECT_FALSE(IsTrue(apartment.protector.alwaysIgnore(u"", key)));
-}
-
 TEST_F(Handler, DumpThenLeaveSendsTheWholeSequenceInOrder) {
-  apartment.faults.FailAt(u"Accessibility.GetChildren", 1, 1, 440);
+  apartment.faults.FailAt(u"Probe.Children", 1, 1, 440);
   script.answers = {std::int32_t{8}, std::int32_t{7}};
-  walker.GetChildren();
+  probe.Children();
 
   const std::string handler = R"(vbwErrorHandler(I4 440, BSTR "injected", BSTR "Tabforge", )"
-                              R"(BSTR "Accessibility", BSTR "GetChildren", I4 401, I2 1, )"
+                              R"(BSTR "Probe", BSTR "Children", I4 701, I2 1, )"
                               R"(ARRAY(BSTR) 64))";
   EXPECT_THAT(
       script.log,
@@ -106,58 +51,51 @@ TEST_F(Handler, DumpThenLeaveSendsTheWholeSequenceInOrder) {
                   R"(vbwReportObject(BSTR "VB.Printer", DISPATCH nothing, I4 0))",
                   "vbwCloseDumpFile()",
                   R"(vbwErrorHandler(I4 -1, BSTR "injected", BSTR "Tabforge", )"
-                  R"(BSTR "Accessibility", BSTR "GetChildren", I4 401, I2 1, ARRAY(BSTR) 64))"));
+                  R"(BSTR "Probe", BSTR "Children", I4 701, I2 1, ARRAY(BSTR) 64))"));
   EXPECT_EQ(script.created, 1);
   EXPECT_FALSE(apartment.protector.ErrorComponent());
-  EXPECT_EQ(walker.trail, "");
+  EXPECT_EQ(probe.trail, "");
   EXPECT_EQ(apartment.protector.Depth(), 0);
 }
 
-TEST_F(Handler, BannersAreEightySixCharacters) {
-  for (BstrView banner : {kLocalBanner, kModuleBanner, kGlobalBanner}) {
-    EXPECT_EQ(banner.size(), 86u);
-    EXPECT_EQ(banner.substr(0, 2), u"\r\n");
-  }
-}
-
 TEST_F(Handler, IgnoreAlwaysIsRememberedByModuleNumberAndLine) {
-  apartment.faults.FailAt(u"Accessibility.GetChildren", 1, 2);
+  apartment.faults.FailAt(u"Probe.Children", 1, 2);
   script.answers = {std::int32_t{6}};
-  walker.GetChildren();
-  EXPECT_EQ(walker.trail, "2");  // answered as ignore once
-  walker.GetChildren();          // the same failure again: not asked, goes on
-  EXPECT_EQ(walker.trail, "22");
+  probe.Children();
+  EXPECT_EQ(probe.trail, "2");  // answered as ignore once
+  probe.Children();             // the same failure again: not asked, goes on
+  EXPECT_EQ(probe.trail, "22");
   EXPECT_THAT(script.CallsTo("vbwErrorHandler"), SizeIs(1));
   EXPECT_FALSE(apartment.protector.ErrorComponent());
 
   // Another line of the same module still reaches the component.
-  apartment.faults.FailAt(u"Accessibility.GetChildren", 2);
-  walker.GetChildren();
+  apartment.faults.FailAt(u"Probe.Children", 2);
+  probe.Children();
   EXPECT_THAT(script.CallsTo("vbwErrorHandler"), SizeIs(2));
 }
 
 TEST_F(Handler, EndThreadKeepsTheComponentForExitThread) {
-  apartment.faults.FailAt(u"Accessibility.GetChildren", 1);
+  apartment.faults.FailAt(u"Probe.Children", 1);
   script.answers = {std::int32_t{3}};
-  walker.GetChildren();
+  probe.Children();
   EXPECT_THAT(script.Members(),
               ElementsAre("vbwInitializeProtector", "vbwErrorHandler", "vbwExitThread"));
   EXPECT_FALSE(apartment.protector.ErrorComponent());
-  EXPECT_EQ(walker.trail, "");
+  EXPECT_EQ(probe.trail, "");
 }
 
 TEST_F(Handler, RetryEmptiesTheComponentAndAFreshOneAnswersTheNext) {
-  apartment.faults.FailAt(u"Accessibility.GetChildren", 1, 2);
+  apartment.faults.FailAt(u"Probe.Children", 1, 2);
   script.answers = {std::int32_t{4}, std::int32_t{5}};
-  walker.GetChildren();
-  EXPECT_EQ(walker.trail, "2");
+  probe.Children();
+  EXPECT_EQ(probe.trail, "2");
   EXPECT_EQ(script.created, 2);
   EXPECT_THAT(script.CallsTo("vbwInitializeProtector"), SizeIs(2));
 }
 
 TEST_F(Handler, UnknownAnswersAreReturnedAndEmptyTheComponent) {
   for (std::int32_t answer : {1, 2, 9}) {
-    apartment.faults.FailAt(u"Accessibility.GetChildren", 1);
+    apartment.faults.FailAt(u"Probe.Children", 1);
     script.answers = {answer};
     EXPECT_EQ(apartment.protector.vbwErrorHandler(answer * 100, u"d", u"Tabforge", u"M", u"P", 1),
               answer);
@@ -184,11 +122,11 @@ TEST_F(Handler, WithoutComponentEveryFailureLeavesAndTriesCreationAgain) {
     ++attempts;
     Raise(RunTimeError::kCannotCreateObject);
   });
-  apartment.faults.FailAt(u"Accessibility.GetChildren", 1, 2);
-  walker.GetChildren();
-  walker.GetChildren();
+  apartment.faults.FailAt(u"Probe.Children", 1, 2);
+  probe.Children();
+  probe.Children();
   EXPECT_EQ(attempts, 2);
-  EXPECT_EQ(walker.trail, "");
+  EXPECT_EQ(probe.trail, "");
   EXPECT_EQ(apartment.protector.Depth(), 0);
 }
 
@@ -216,27 +154,27 @@ TEST_F(Handler, ComponentChangesSwitchesAndTheStackThroughTheirReferences) {
 }
 
 TEST_F(Handler, DumpForeverEndsAfterTheBound) {
-  apartment.faults.FailAt(u"Accessibility.GetChildren", 1);
+  apartment.faults.FailAt(u"Probe.Children", 1);
   script.fallback = std::int32_t{8};
-  walker.GetChildren();
+  probe.Children();
   EXPECT_THAT(script.CallsTo("vbwOpenDumpFile"),
               SizeIs(apartment.protector.limits.maxDumpsPerFailure));
-  EXPECT_EQ(walker.trail, "");
+  EXPECT_EQ(probe.trail, "");
   EXPECT_EQ(apartment.protector.Depth(), 0);
   // The bound let the component go: the next failure creates and starts a new one.
   EXPECT_FALSE(apartment.protector.ErrorComponent());
-  apartment.faults.FailAt(u"Accessibility.Other", 1);
+  apartment.faults.FailAt(u"Probe.Other", 1);
   script.fallback = std::int32_t{7};
-  walker.Other();
+  probe.Other();
   EXPECT_EQ(script.created, 2);
   EXPECT_THAT(script.CallsTo("vbwInitializeProtector"), SizeIs(2));
 }
 
 TEST_F(Handler, FailingDumpOpeningWithDumpForeverEnds) {
-  apartment.faults.FailAt(u"Accessibility.GetChildren", 1);
+  apartment.faults.FailAt(u"Probe.Children", 1);
   script.fallback = std::int32_t{8};
   script.failOpenDump = true;
-  walker.GetChildren();
+  probe.Children();
   // Every opening fails and is answered with another dump; the nesting bound ends it.
   EXPECT_GT(script.CallsTo("vbwOpenDumpFile").size(), 1u);
   EXPECT_LT(script.log.size(), 1'000'000u);
@@ -246,10 +184,10 @@ TEST_F(Handler, FailingDumpOpeningWithDumpForeverEnds) {
 }
 
 TEST_F(Handler, FailedOpeningThatLeavesDoesNotEndTheDump) {
-  apartment.faults.FailAt(u"Accessibility.GetChildren", 1, 1, 440);
+  apartment.faults.FailAt(u"Probe.Children", 1, 1, 440);
   script.failOpenDump = true;
   script.answers = {std::int32_t{8}, std::int32_t{7}};
-  walker.GetChildren();
+  probe.Children();
   // The opening's answer let the component go; the dump step goes on with its next call, and each
   // call that needs the component fails and tells a new one, the close last.
   std::vector<std::string> told;
@@ -269,24 +207,24 @@ TEST_F(Handler, FailedOpeningThatLeavesDoesNotEndTheDump) {
 }
 
 TEST_F(Handler, NestedFailureThatEmptiesTheComponentDoesNotBreakTheOuterCall) {
-  apartment.faults.FailAt(u"Accessibility.GetChildren", 1);
+  apartment.faults.FailAt(u"Probe.Children", 1);
   int nested = 0;
   script.onFailure = [&](std::span<Variant>) {
     if (nested++ > 0)
       return;
-    apartment.faults.FailAt(u"Accessibility.Other", 1);
-    walker.Other();  // fails, is answered, and empties the shared field
+    apartment.faults.FailAt(u"Probe.Other", 1);
+    probe.Other();  // fails, is answered, and empties the shared field
   };
   script.answers = {std::int32_t{7}, std::int32_t{5}};
-  walker.GetChildren();
+  probe.Children();
   // The nested failure took answer 7 and the outer one got 5 from a component that the outer
   // call still held.
-  EXPECT_EQ(walker.trail, "2");
+  EXPECT_EQ(probe.trail, "2");
   EXPECT_EQ(apartment.protector.Depth(), 0);
 }
 
 TEST_F(Handler, ErrObjectDescribesTheFailureBeingHandled) {
-  apartment.faults.FailAt(u"Accessibility.GetChildren", 2, 1, 91);
+  apartment.faults.FailAt(u"Probe.Children", 2, 1, 91);
   script.answers = {std::int32_t{8}, std::int32_t{7}};
   Ref<Object> err;
   // Catch the object as it is reported.
@@ -306,10 +244,10 @@ TEST_F(Handler, ErrObjectDescribesTheFailureBeingHandled) {
     catcher->target = &err;
     return Ref<Object>(catcher);
   });
-  walker.GetChildren();
+  probe.Children();
   ASSERT_TRUE(err);
   EXPECT_EQ(ToLong(err->Invoke(u"Number", CallKind::kPropertyGet, {})), 91);
-  EXPECT_EQ(ToLong(err->Invoke(u"Erl", CallKind::kPropertyGet, {})), 402);
+  EXPECT_EQ(ToLong(err->Invoke(u"Erl", CallKind::kPropertyGet, {})), 702);
   EXPECT_EQ(ToBstr(err->Invoke(u"source", CallKind::kPropertyGet, {})), u"Tabforge");
 }
 

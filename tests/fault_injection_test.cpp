@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -243,6 +244,75 @@ void ExpectConversation(const ComponentScript& script, const Answers& answers,
   }
 }
 
+// --- What the component is told
+// --------------------------------------------------------------------
+
+// Per procedure, as the component names it: the line of each statement that failed, and the
+// variables of every dump taken during it (locals | module | globals). Checked against
+// fault_injection.golden, into which the procedures' locals and statement numbers were written.
+struct Told {
+  std::set<int> lines;
+  std::set<std::string> dumps;
+};
+
+// What the component was told of the injected failures, of `only` procedure if one is given.
+void Record(const ComponentScript& script, std::map<std::string, Told>& told,
+            const std::string& only = {}) {
+  static const std::regex handler(
+      R"re(^vbwErrorHandler\(I4 -?\d+, BSTR "injected", BSTR "[^"]*", BSTR "([^"]*)", )re"
+      R"re(BSTR "([^"]*)", I4 (-?\d+),)re");
+  const std::string report = R"(vbwReportVariable(BSTR ")";
+  const auto& log = script.log;
+  for (auto line = log.begin(); line != log.end(); ++line) {
+    std::smatch m;
+    if (!std::regex_search(*line, m, handler) ||
+        (!only.empty() && only != m[1].str() + "." + m[2].str()))
+      continue;
+    Told& procedure = told[m[1].str() + "." + m[2].str()];
+    procedure.lines.insert(std::stoi(m[3].str()));
+    if (line + 1 == log.end() || line[1] != "vbwOpenDumpFile()")
+      continue;
+    // At the first statement the locals hold their starting values: those are told too.
+    const bool first = std::stoi(m[3].str()) % 100 == 1;
+    std::string names = first ? "starts" : "dump";
+    int nested = 0;  // dumps of failures while this one is written
+    int banners = 0;
+    for (auto at = line + 2; at != log.end() && (nested > 0 || *at != "vbwCloseDumpFile()"); ++at) {
+      if (*at == "vbwOpenDumpFile()" || *at == "vbwCloseDumpFile()") {
+        nested += *at == "vbwOpenDumpFile()" ? 1 : -1;
+      } else if (nested == 0 && at->rfind(report, 0) == 0) {
+        const auto end = first && banners == 1 ? at->size() - 7 : at->find("\", ");
+        names += " " + std::regex_replace(at->substr(report.size(), end - report.size()),
+                                          std::regex("\", "), "=");
+        if (!at->ends_with(", I4 0)"))  // an indent other than none
+          names += "@" + at->substr(at->rfind(", ") + 2);
+      } else if (nested == 0 && at->rfind("vbwReportToFile(", 0) == 0) {
+        names += " |";
+        ++banners;
+      }
+    }
+    procedure.dumps.insert(names);
+  }
+}
+
+void ExpectGolden(const std::map<std::string, Told>& told) {
+  std::string text;
+  for (const auto& [procedure, facts] : told) {
+    text += procedure + " lines";
+    for (int line : facts.lines)
+      text += " " + std::to_string(line);
+    text += "\n";
+    for (const auto& dump : facts.dumps)
+      text += procedure + " " + dump + "\n";
+  }
+  const std::string path = std::string(TABFORGE_SOURCE_DIR) + "/tests/fault_injection.golden";
+  if (std::getenv("TABFORGE_UPDATE_GOLDEN")) {
+    std::ofstream(path) << text;
+    return;
+  }
+  EXPECT_EQ(text, ReadSource("tests/fault_injection.golden"));
+}
+
 // --- The suite -----------------------------------------------------------------------------------
 
 TEST(FaultInjection, EveryStatementOfEveryMemberFailsWithEveryAnswer) {
@@ -250,6 +320,7 @@ TEST(FaultInjection, EveryStatementOfEveryMemberFailsWithEveryAnswer) {
   ASSERT_GT(existing.size(), 200u) << "the source scan found too few statements";
   std::set<Statement> covered;   // made to fail at least once
   std::set<Statement> handling;  // run at all, in any of the runs
+  std::map<std::string, Told> told;
   int runs = 0;
 
   for (State state : {State::kNew, State::kInitialized, State::kConnected}) {
@@ -290,6 +361,7 @@ TEST(FaultInjection, EveryStatementOfEveryMemberFailsWithEveryAnswer) {
               host.apartment.faults.injectedModes.front() == tracing::FailureMode::kArmed;
           if (armed)
             ExpectConversation(*host.apartment.script, answers, where);
+          Record(*host.apartment.script, told);
           if (armed && answers.component && answers.answers.front() == kIgnoreAlways) {
             EXPECT_FALSE(host.apartment.protector.RememberedErrors().empty()) << where;
           }
@@ -325,6 +397,7 @@ TEST(FaultInjection, EveryStatementOfEveryMemberFailsWithEveryAnswer) {
                                 answers.name;
       EXPECT_EQ(host.apartment.protector.Depth(), 0) << where;
       EXPECT_FALSE(host.apartment.protector.ErrorComponent()) << where;
+      Record(*host.apartment.script, told, ToUtf8(target.first));
       if (host.apartment.faults.Visits(target.first, target.second) > 0)
         covered.insert(target);
     }
@@ -349,6 +422,21 @@ TEST(FaultInjection, EveryStatementOfEveryMemberFailsWithEveryAnswer) {
     if (host.apartment.faults.injectedModes.size() == 3)
       covered.insert(target);
   }
+
+  // With parameter tracing, every entry of every procedure fails, answered "dump" then "continue":
+  // each dump shows the entered procedure's parameter text.
+  for (const Member& member : Members()) {
+    Host host(State::kConnected);
+    host.apartment.protector.vbwTraceParameters = kTrue;
+    host.apartment.faults.FailAt(u"vbwProtector.vbwProcIn", 1, /*times=*/1000);
+    for (int i = 0; i < 1000; ++i)
+      host.apartment.script->answers.insert(host.apartment.script->answers.end(), {8, 5});
+    member.call(host);
+    EXPECT_EQ(host.apartment.protector.Depth(), 0) << member.name << " traced";
+    Record(*host.apartment.script, told, "vbwProtector.vbwProcIn");
+  }
+
+  ExpectGolden(told);
 
   std::vector<std::string> unreached;
   int reachedThatExist = 0;

@@ -22,16 +22,6 @@ class Spine : public ::testing::Test {
   Ref<Object> signaller = MakeRef<PlainObject>();
 };
 
-TEST_F(Spine, NewInstanceHoldsZeroes) {
-  EXPECT_EQ(main2.enabled(), kFalse);
-  EXPECT_EQ(main2.quickBookmarkEnabled(), kFalse);
-  EXPECT_EQ(main2.lexoscopeOn(), kFalse);
-  EXPECT_EQ(main2.productName(), u"");
-  EXPECT_FALSE(main2.ribbonUi());
-  EXPECT_FALSE(main2.eventSignaller());
-  EXPECT_FALSE(main2.productNameSensitiveControls());
-}
-
 TEST_F(Spine, InitializeSetsStateAndLabelTemplatesInOrder) {
   main2.Initialize(signaller, u"Morvelin");
   EXPECT_EQ(main2.productName(), u"Morvelin");
@@ -85,64 +75,6 @@ TEST_F(Spine, FailedTableCreationLeavesTheLaterStepsToTheirTails) {
   const auto calls = apartment.script->CallsTo("vbwErrorHandler");
   ASSERT_GE(calls.size(), 2u);
   EXPECT_THAT(calls[1], ::testing::HasSubstr(R"(BSTR "initProductNameSensitiveControl", I4 1601)"));
-}
-
-// A dump during any of Main2's procedures reports the procedure's locals, then the fields in
-// their order, then the globals.
-TEST(Dump, EveryProcedureReportsItsLocalsThenTheFields) {
-  struct Case {
-    const char16_t* procedure;
-    const char* locals;
-    void (*call)(Main2&);
-  };
-  const Case cases[] = {
-      {u"Main2.Initialize", "productName eventSignaller ",
-       [](Main2& m) { m.Initialize(nullptr, u"Morvelin"); }},
-      {u"Main2.initProductNameSensitiveControl", "id labelTemplate ",
-       [](Main2& m) { m.Initialize(nullptr, u"Morvelin"); }},
-      {u"Main2.ribbon[Let]", "ribbon ", [](Main2& m) { m.ribbon(nullptr); }},
-      {u"Main2.GetRibbonXML", "strs strs2 strs3 ", [](Main2& m) { m.GetRibbonXML(); }},
-      {u"Main2.AddButton", "id ", [](Main2& m) { m.GetRibbonXML(); }},
-      {u"Main2.AddButtonImpl",
-       "id label tooltip shortCutKey size showLabel imageMso buttonType strs offset ",
-       [](Main2& m) { m.GetRibbonXML(); }},
-      {u"Main2.productNameChanged", "productName id ",
-       [](Main2& m) { m.productNameChanged(u"Quill"); }},
-      {u"Main2.GetLabel[Get]", "idStr id ", [](Main2& m) { m.GetLabel(u"MVN0"); }},
-      {u"Main2.GetEnabled[Get]", "idStr id ", [](Main2& m) { m.GetEnabled(u"MVN0"); }},
-      {u"Main2.GetPressed[Get]", "idStr id ", [](Main2& m) { m.GetPressed(u"MVN0"); }},
-      {u"Main2.GetScreentip[Get]", "idStr id isOn ", [](Main2& m) { m.GetScreentip(u"MVN0"); }},
-      {u"Main2.GetImage[Get]", "idStr id index ", [](Main2& m) { m.GetImage(u"MVN0"); }},
-      {u"Main2.LoadImage", "id index ", [](Main2& m) { m.LoadImage(u"0"); }},
-      {u"Main2.convertToId", "idStr ", [](Main2& m) { m.GetLabel(u"MVN0"); }},
-      {u"Main2.RibbonCallback", "idStr isOn index id ",
-       [](Main2& m) { m.RibbonCallback(u"MVN0", kFalse); }},
-      {u"Main2.EnableGotoQuickBookmark", "value ",
-       [](Main2& m) { m.EnableGotoQuickBookmark(kTrue); }},
-      {u"Main2.UpdateLexoscopeIcon", "enable ", [](Main2& m) { m.UpdateLexoscopeIcon(kTrue); }},
-      {u"Main2.InvalidateRibbonControl", "id ", [](Main2& m) { m.UpdateLexoscopeIcon(kTrue); }},
-      {u"Main2.EnableToolbar", "value ", [](Main2& m) { m.EnableToolbar(kTrue); }},
-  };
-  for (const Case& c : cases) {
-    Apartment apartment;
-    Main2 main2(apartment.protector);
-    apartment.faults.FailAt(c.procedure, 1);
-    apartment.script->answers = {std::int32_t{8}, std::int32_t{5}};
-    c.call(main2);
-    std::string names;
-    const auto& log = apartment.script->log;
-    for (auto line = std::find(log.begin(), log.end(), "vbwOpenDumpFile()");
-         line != log.end() && *line != "vbwCloseDumpFile()"; ++line) {
-      const std::string report = R"(vbwReportVariable(BSTR ")";
-      if (line->rfind(report, 0) == 0)
-        names += line->substr(report.size(), line->find("\", ") - report.size()) + " ";
-    }
-    EXPECT_EQ(names, std::string(c.locals) +
-                         "mEnabled mQuickBookmarkEnabled mProductName mLexoscopeOn mRibbon "
-                         "mTransparentGifLoader mEventSignaller mProductNameSensitiveControls "
-                         "vbwProtector.vbwTraceProc vbwProtector.vbwTraceParameters ")
-        << ToUtf8(c.procedure);
-  }
 }
 
 TEST(StringExtensionsTest, ReplaceTextIsOnePassAndExact) {

@@ -3,6 +3,9 @@
 
 #include "platform/failure.h"
 #include "platform/variant.h"
+#include "ribbon/dictionary.h"
+#include "ribbon/string_extensions.h"
+#include "tracing/runtime_objects.h"
 
 namespace tabforge {
 namespace {
@@ -23,6 +26,61 @@ TEST(Text, Utf8RoundTripAndReplacement) {
   EXPECT_EQ(ToUtf8(Bstr(1, u'\xD800')), "\xEF\xBF\xBD");
   EXPECT_EQ(DecimalText(-2147483648LL), u"-2147483648");
   EXPECT_EQ(DecimalText(0), u"0");
+}
+
+TEST(Text, EveryEncodedLengthsEdgeConvertsBothWays) {
+  const std::pair<Bstr, std::string> both[] = {
+      {u"\x7F", "\x7F"},
+      {u"\x80", "\xC2\x80"},
+      {u"\x7FF", "\xDF\xBF"},
+      {u"\x800", "\xE0\xA0\x80"},
+      {u"\xFFFF", "\xEF\xBF\xBF"},
+      {u"\xD800\xDC00", "\xF0\x90\x80\x80"},
+      {u"\xDBFF\xDFFF", "\xF4\x8F\xBF\xBF"},
+  };
+  for (const auto& [utf16, utf8] : both) {
+    EXPECT_EQ(ToUtf8(utf16), utf8);
+    EXPECT_EQ(FromUtf8(utf8), utf16) << utf8;
+  }
+  // Surrogates that make no pair, and UTF-8 past U+10FFFF, overlong or cut short: each unit
+  // that cannot be read is one replacement.
+  EXPECT_EQ(ToUtf8(u"\xDC00\xD800"
+                   u"A\xDBFF\xE000"),
+            "\xEF\xBF\xBD\xEF\xBF\xBD"
+            "A\xEF\xBF\xBD\xEE\x80\x80");
+  for (const char* bad :
+       {"\xF4\x90\x80\x80", "\xF0\x8F\xBF\xBF", "\xED\xA0\x80\x80", "\xC1\xBF\xE0\xA0"})
+    EXPECT_EQ(FromUtf8(bad), Bstr(4, u'\xFFFD')) << bad;
+}
+
+// Names and text compared without case fold A to Z and nothing beside them.
+TEST(Text, CaseIsIgnoredFromAToZOnly) {
+  const auto properties = MakeRef<PropertyObject>(
+      std::vector<std::pair<Bstr, Variant>>{{u"AZaz", std::int32_t{1}}, {u"@[", std::int32_t{2}}});
+  for (const char16_t* name : {u"AZaz", u"azAZ", u"aZAz"})
+    EXPECT_EQ(ToLong(properties->Invoke(name, CallKind::kPropertyGet, {})), 1);
+  for (const char16_t* name : {u"`{", u"@{", u"`["})
+    EXPECT_EQ(FailureNumber([&] { properties->Invoke(name, CallKind::kPropertyGet, {}); }), 438);
+  EXPECT_EQ(StringExtensions::replaceText(u"AZaz@[", u"azAZ", u"x", 1, -1, 1), u"x@[");
+  EXPECT_EQ(StringExtensions::replaceText(u"@[", u"`{", u"x", 1, -1, 1), u"@[");
+}
+
+TEST(Dictionary, KeepsKeysInTheOrderOfAddingAndRefusesASecondAdd) {
+  const auto table = MakeRef<Dictionary>();
+  auto call = [&](const char16_t* member, std::vector<Variant> arguments) {
+    return table->Invoke(member, CallKind::kMethod, arguments);
+  };
+  call(u"Add", {std::int32_t{4}, Variant(u"four")});
+  call(u"Add", {std::int32_t{1}, Variant(u"one")});
+  EXPECT_EQ(FailureNumber([&] { call(u"Add", {std::int32_t{4}, Variant(u"again")}); }), 457);
+  EXPECT_EQ(ToBstr(call(u"Item", {std::int32_t{4}})), u"four");
+  EXPECT_EQ(ToVariantBool(call(u"Exists", {std::int32_t{9}})), kFalse);
+  EXPECT_EQ(ToVariantBool(call(u"Exists", {std::int32_t{1}})), kTrue);
+  EXPECT_EQ(ToBstr(call(u"Item", {std::int32_t{9}})), u"");  // reading adds the key
+  EXPECT_EQ(ToLong(call(u"Count", {})), 3);
+  EXPECT_EQ(Describe(call(u"Keys", {})), "ARRAY(VARIANT) 3");
+  EXPECT_EQ(table->Keys(), (std::vector<std::int32_t>{4, 1, 9}));
+  EXPECT_EQ(FailureNumber([&] { call(u"Remove", {std::int32_t{4}}); }), 438);
 }
 
 TEST(Conversions, IntegerTextAcceptsOnlyPlainDecimals) {

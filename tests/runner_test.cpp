@@ -4,122 +4,12 @@
 
 #include <string>
 
-#include "apartment.h"
-#include "tracing/run.h"
+#include "probe.h"
 
 namespace tabforge::testing {
 namespace {
 
 using ::testing::ElementsAre;
-using tracing::Body;
-using tracing::DefineProcedure;
-using tracing::LocalReport;
-using tracing::ParameterText;
-using tracing::Run;
-
-constexpr auto kBranch = DefineProcedure(u"Probe.Branch", 100);
-constexpr auto kLoop = DefineProcedure(u"Probe.Loop", 200);
-constexpr auto kNest = DefineProcedure(u"Probe.Nest", 300);
-constexpr auto kEarly = DefineProcedure(u"Probe.Early", 400);
-constexpr auto kParams = DefineProcedure(u"Probe.Params", 500);
-constexpr auto kModes = DefineProcedure(u"Probe.Modes", 600);
-
-// A module of probe procedures whose bodies log what they run.
-struct Probe {
-  Apartment& apartment;
-  std::string trail;
-
-  tracing::Module Trace() { return tracing::Module(apartment.protector, *this); }
-  void vbwReportModuleVariables() const {}
-
-  // 1: a; 2: if (condition) { 3: b }; 4: c.
-  void Branch(bool condition) {
-    Run(Trace(), kBranch, tracing::NoParameters, tracing::NoLocals, [&](Body& body) {
-      TF_BEGIN(body)
-      TF_STEP(1) trail += "a";
-      TF_STEP(2) if (condition) {
-        TF_STEP(3) trail += "b";
-      }
-      TF_STEP(4) trail += "c";
-      TF_END
-    });
-  }
-
-  // 1: x; 2: for i in 0..1 { 3: i }; 4: y.
-  void Loop() {
-    int i = 0;
-    Run(Trace(), kLoop, tracing::NoParameters, tracing::NoLocals, [&](Body& body) {
-      TF_BEGIN(body)
-      TF_STEP(1) trail += "x";
-      TF_STEP(2) for (i = 0; i < 2; ++i) {
-        TF_STEP(3) trail += std::to_string(i);
-      }
-      TF_STEP(4) trail += "y";
-      TF_END
-    });
-  }
-
-  // 1: a; 2: pass-over; 3: if (condition) { 4: b }; 5: exit on failure; 6: c; 7: d.
-  void Modes(bool condition) {
-    Run(Trace(), kModes, tracing::NoParameters, tracing::NoLocals, [&](Body& body) {
-      TF_BEGIN(body)
-      TF_STEP(1) trail += "a";
-      TF_PASS_OVER(2)
-      TF_STEP(3) if (condition) {
-        TF_STEP(4) trail += "b";
-      }
-      TF_EXIT_ON_FAILURE(5)
-      TF_STEP(6) trail += "c";
-      TF_STEP(7) trail += "d";
-      TF_END
-    });
-  }
-
-  // Recurses `levels` deep; the innermost call records the depth it sees.
-  void Nest(int levels, int& deepest) {
-    Run(Trace(), kNest, tracing::NoParameters, tracing::NoLocals, [&](Body& body) {
-      TF_BEGIN(body)
-      TF_STEP(1) if (levels > 1) {
-        TF_STEP(2) Nest(levels - 1, deepest);
-      }
-      TF_STEP(3) if (levels == 1) {
-        TF_STEP(4) deepest = apartment.protector.Depth();
-      }
-      TF_END
-    });
-  }
-
-  void Early() {
-    Run(Trace(), kEarly, tracing::NoParameters, tracing::NoLocals, [&](Body& body) {
-      TF_BEGIN(body)
-      TF_STEP(1) trail += "1";
-      TF_STEP(2) return;
-      TF_STEP(3) trail += "3";
-      TF_END
-    });
-  }
-
-  void Params(int count) {
-    std::int32_t first = 7;
-    Bstr second = u"two";
-    Run(
-        Trace(), kParams,
-        [&](ParameterText& p) {
-          if (count >= 1)
-            p.Add(u"first", first);
-          if (count >= 2)
-            p.Add(u"second", second);
-          if (count >= 3)
-            p.AddRecord(u"Info");
-        },
-        tracing::NoLocals,
-        [&](Body& body) {
-          TF_BEGIN(body)
-          TF_STEP(1) trail += "p";
-          TF_END
-        });
-  }
-};
 
 class Runner : public ::testing::Test {
  protected:
@@ -127,48 +17,64 @@ class Runner : public ::testing::Test {
   Probe probe{apartment, {}};
 };
 
-TEST_F(Runner, FailureFreeRunTouchesNoComponent) {
-  probe.Branch(true);
-  EXPECT_EQ(probe.trail, "abc");
-  EXPECT_TRUE(apartment.script->log.empty());
-  EXPECT_EQ(apartment.protector.Depth(), 0);
-}
+// Each row: the probe called ("Branch+" is Branch(true)), the statements made to fail (procedure,
+// step, times), the handler's answers, what ran and how often the handler was asked.
+struct Failing {
+  const char16_t* procedure;
+  int step;
+  int times = 1;
+};
+struct FlowCase {
+  std::string call;
+  std::vector<Failing> failures;
+  std::vector<std::int32_t> answers;
+  const char* trail;
+  std::size_t handlerCalls;
+};
 
-TEST_F(Runner, ContinueAfterFailedConditionRunsTheTrueBranch) {
-  apartment.faults.FailAt(u"Probe.Branch", 2);
-  apartment.script->answers = {std::int32_t{5}};
-  probe.Branch(false);
-  EXPECT_EQ(probe.trail, "abc");
-  EXPECT_EQ(apartment.protector.Depth(), 0);
-}
-
-TEST_F(Runner, PassOverAfterFailedConditionRunsTheTrueBranchWithoutHandler) {
-  apartment.faults.FailAt(u"Probe.Modes", 3);
-  probe.Modes(false);
-  EXPECT_EQ(probe.trail, "abcd");
-  EXPECT_TRUE(apartment.script->log.empty());
-}
-
-// A continue or a pass-over lands on the change of mode behind the failed statement.
-TEST_F(Runner, ChangesOfModeAreNeverSkipped) {
-  apartment.faults.FailAt(u"Probe.Modes", 1);
-  apartment.faults.FailAt(u"Probe.Modes", 3);
-  apartment.faults.FailAt(u"Probe.Modes", 6);
-  apartment.script->answers = {std::int32_t{5}};
-  probe.Modes(false);
-  // 1 is answered "continue"; 3 is passed over into the branch; 6 leaves without the handler.
-  EXPECT_EQ(probe.trail, "b");
-  EXPECT_EQ(apartment.script->CallsTo("vbwErrorHandler").size(), 1u);
-  EXPECT_EQ(apartment.protector.Depth(), 0);
-}
-
-TEST_F(Runner, RetryRunsTheFailingStatementAgain) {
-  apartment.faults.FailAt(u"Probe.Branch", 3, /*times=*/2);
-  apartment.script->answers = {std::int32_t{4}, std::int32_t{4}};
-  probe.Branch(true);
-  EXPECT_EQ(probe.trail, "abc");
-  EXPECT_EQ(apartment.faults.Visits(u"Probe.Branch", 3), 3);
-  EXPECT_EQ(apartment.script->CallsTo("vbwErrorHandler").size(), 2u);
+TEST_F(Runner, FailuresTakeTheFlowTheirModeAndAnswerSay) {
+  const FlowCase cases[] = {
+      {"Branch+", {}, {}, "abc", 0},
+      {"Branch-", {{u"Probe.Branch", 2}}, {5}, "abc", 1},  // continue runs the true branch
+      {"Modes-", {{u"Probe.Modes", 3}}, {}, "abcd", 0},    // pass-over: the same, no handler
+      // A continue or pass-over lands on the change of mode behind the failed statement: 1 is
+      // answered "continue"; 3 is passed over into the branch; 6 leaves without the handler.
+      {"Modes-", {{u"Probe.Modes", 1}, {u"Probe.Modes", 3}, {u"Probe.Modes", 6}}, {5}, "b", 1},
+      {"Branch+", {{u"Probe.Branch", 3, 2}}, {4, 4}, "abc", 2},  // retry, twice
+      // The head never ran: the body runs with what the loop variable held, then the loop goes on.
+      {"Loop", {{u"Probe.Loop", 2}}, {5}, "x01y", 1},
+      {"Modes+", {{u"Probe.Modes", 7}}, {}, "abc", 0},  // exit on failure, no handler
+      {"Early", {}, {}, "1", 0},
+      // Leave, and answers that are none of the known ones.
+      {"Branch+", {{u"Probe.Branch", 3}}, {0}, "a", 1},
+      {"Branch+", {{u"Probe.Branch", 3}}, {1}, "a", 1},
+      {"Branch+", {{u"Probe.Branch", 3}}, {2}, "a", 1},
+      {"Branch+", {{u"Probe.Branch", 3}}, {7}, "a", 1},
+      {"Branch+", {{u"Probe.Branch", 3}}, {9}, "a", 1},
+      {"Branch+", {{u"Probe.Branch", 3}}, {-3}, "a", 1},
+  };
+  for (const FlowCase& c : cases) {
+    Apartment fresh;
+    Probe run{fresh, {}};
+    for (const Failing& f : c.failures)
+      fresh.faults.FailAt(f.procedure, f.step, f.times);
+    fresh.script->answers.assign(c.answers.begin(), c.answers.end());
+    if (c.call == "Loop")
+      run.Loop();
+    else if (c.call == "Early")
+      run.Early();
+    else if (c.call.starts_with("Branch"))
+      run.Branch(c.call.back() == '+');
+    else
+      run.Modes(c.call.back() == '+');
+    const std::string row = "row " + std::to_string(&c - cases);
+    EXPECT_EQ(run.trail, c.trail) << row;
+    EXPECT_EQ(fresh.script->CallsTo("vbwErrorHandler").size(), c.handlerCalls) << row;
+    if (c.handlerCalls == 0) {
+      EXPECT_EQ(fresh.script->created, 0) << row;
+    }
+    EXPECT_EQ(fresh.protector.Depth(), 0) << row;
+  }
 }
 
 TEST_F(Runner, RetryOfAStatementThatAlwaysFailsIsBounded) {
@@ -178,40 +84,6 @@ TEST_F(Runner, RetryOfAStatementThatAlwaysFailsIsBounded) {
   EXPECT_EQ(probe.trail, "");
   EXPECT_EQ(apartment.faults.Visits(u"Probe.Branch", 1),
             apartment.protector.limits.maxRetriesPerRun + 1);
-  EXPECT_EQ(apartment.protector.Depth(), 0);
-}
-
-TEST_F(Runner, ContinueAfterFailedLoopHeadEntersTheBody) {
-  apartment.faults.FailAt(u"Probe.Loop", 2);
-  apartment.script->answers = {std::int32_t{5}};
-  probe.Loop();
-  // The head never ran, so the body runs with whatever the loop variable held, then the loop
-  // goes on by its own condition.
-  EXPECT_EQ(probe.trail, "x01y");
-}
-
-TEST_F(Runner, LeaveAnswersEndTheProcedureWithExitTracking) {
-  for (std::int32_t answer : {0, 1, 2, 6 + 1, 9, -3}) {
-    probe.trail.clear();
-    apartment.faults.FailAt(u"Probe.Branch", 3);
-    apartment.script->answers = {answer};
-    probe.Branch(true);
-    EXPECT_EQ(probe.trail, "a") << "answer " << answer;
-    EXPECT_EQ(apartment.protector.Depth(), 0) << "answer " << answer;
-  }
-}
-
-TEST_F(Runner, ExitOnFailureLeavesWithoutHandler) {
-  apartment.faults.FailAt(u"Probe.Modes", 7);
-  probe.Modes(true);
-  EXPECT_EQ(probe.trail, "abc");
-  EXPECT_TRUE(apartment.script->log.empty());
-  EXPECT_EQ(apartment.protector.Depth(), 0);
-}
-
-TEST_F(Runner, EarlyExitTracksOnce) {
-  probe.Early();
-  EXPECT_EQ(probe.trail, "1");
   EXPECT_EQ(apartment.protector.Depth(), 0);
 }
 
@@ -274,18 +146,15 @@ class ParameterTexts : public Runner {
   }
 };
 
-TEST_F(ParameterTexts, NoParametersGiveBareBrackets) {
-  EXPECT_EQ(TextFor(0), "vbwReportVariable(BSTR \"lParameters\", BSTR \"()\", I4 0)");
-}
-
-TEST_F(ParameterTexts, PiecesAreEmptyInAFailureFreeEntry) {
-  // The text is built at entry, before the failure: no component is alive to give the pieces.
-  EXPECT_EQ(TextFor(2), R"(vbwReportVariable(BSTR "lParameters", BSTR "(, ) ", I4 0))");
-}
-
-TEST_F(ParameterTexts, RecordsGiveAFixedPiece) {
-  EXPECT_EQ(TextFor(3), R"(vbwReportVariable(BSTR "lParameters", )"
-                        R"(BSTR "(, , Info = {User Defined Type}) ", I4 0))");
+// The text is built at entry, before the failure: no component is alive to give the pieces.
+TEST_F(ParameterTexts, EntryTextsHaveEmptyPiecesAndRecordsAFixedOne) {
+  const std::pair<int, const char*> cases[] = {
+      {0, "\"()\""}, {2, "\"(, ) \""}, {3, "\"(, , Info = {User Defined Type}) \""}};
+  for (const auto& [count, text] : cases) {
+    apartment.script->log.clear();
+    EXPECT_EQ(TextFor(count),
+              "vbwReportVariable(BSTR \"lParameters\", BSTR " + std::string(text) + ", I4 0)");
+  }
 }
 
 TEST_F(ParameterTexts, PiecesComeFromALiveComponent) {

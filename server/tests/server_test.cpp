@@ -444,47 +444,6 @@ class Members : public Registered {
   }
 
   static UniqueBstr Bstr(const wchar_t* text) { return UniqueBstr(::SysAllocString(text)); }
-  static std::wstring Text(const UniqueBstr& s) {
-    return std::wstring(s.Get(), ::SysStringLen(s.Get()));
-  }
-  std::wstring Label(const wchar_t* id) {
-    UniqueBstr idStr = Bstr(id);
-    UniqueBstr result;
-    EXPECT_EQ(main->get_GetLabel(idStr.InOut(), result.Put()), S_OK);
-    return Text(result);
-  }
-  bool Enabled(const wchar_t* id) {
-    UniqueBstr idStr = Bstr(id);
-    VARIANT_BOOL result = 1;
-    EXPECT_EQ(main->get_GetEnabled(idStr.InOut(), &result), S_OK);
-    EXPECT_TRUE(result == VARIANT_TRUE || result == VARIANT_FALSE);
-    return result == VARIANT_TRUE;
-  }
-
-  // Calls a member the way a late-bound caller does once it has the member's id: every argument a
-  // variable passed by reference, the result in a VARIANT.
-  HRESULT CallById(DISPID id, WORD flags, std::vector<VARIANT*> variables, VARIANT* result) {
-    std::vector<VARIANT> arguments(variables.size());
-    for (std::size_t i = 0; i < variables.size(); ++i) {
-      VARIANT& slot = arguments[variables.size() - 1 - i];
-      V_VT(&slot) = VT_BYREF | VT_VARIANT;
-      V_VARIANTREF(&slot) = variables[i];
-    }
-    DISPPARAMS params{arguments.data(), nullptr, static_cast<UINT>(arguments.size()), 0};
-    return main->Invoke(id, IID_NULL, 0, flags, &params, result, nullptr, nullptr);
-  }
-  static UniqueVariant Str(const wchar_t* text) {
-    UniqueVariant v;
-    V_VT(v.Get()) = VT_BSTR;
-    V_BSTR(v.Get()) = ::SysAllocString(text);
-    return v;
-  }
-  static UniqueVariant Bool(bool value) {
-    UniqueVariant v;
-    V_VT(v.Get()) = VT_BOOL;
-    V_BOOL(v.Get()) = value ? VARIANT_TRUE : VARIANT_FALSE;
-    return v;
-  }
 
   Signaller signaller;
   FakeRibbon ribbon;
@@ -494,16 +453,6 @@ class Members : public Registered {
  private:
   std::unique_ptr<RecorderRegistration> registration_;
 };
-
-constexpr wchar_t kCustomUiStart[] =
-    L"<customUI xmlns=\"http://schemas.microsoft.com/office/2006/01/customui\"";
-
-std::size_t Count(const std::wstring& text, const std::wstring& part) {
-  std::size_t n = 0;
-  for (auto at = text.find(part); at != std::wstring::npos; at = text.find(part, at + 1))
-    ++n;
-  return n;
-}
 
 // The word processor's ribbon as an accessibility tree, its elements reachable through IAccessible
 // and by name, as the word processor's own are.
@@ -524,63 +473,6 @@ struct RibbonTree {
   Ref<AccessibleElement> root;
   ComPtr<IDispatch> commandBar;
 };
-
-TEST_F(Members, DocumentAndAnswersThroughTheInterface) {
-  UniqueBstr xml;
-  ASSERT_EQ(main->GetRibbonXML(xml.Put()), S_OK);
-  const std::wstring document = Text(xml);
-  EXPECT_EQ(document.rfind(kCustomUiStart, 0), 0u) << document.substr(0, 80);
-  EXPECT_EQ(Count(document, L" id=\"MVN"), 26u);
-
-  EXPECT_EQ(Label(L"MVN4"), L"About Morvelin / Login to Morvelin");
-  EXPECT_EQ(Label(L"MVN26"), L"Use Morvelin");
-  EXPECT_EQ(Label(L"MVN5"), L"");
-  EXPECT_FALSE(Enabled(L"MVN16"));
-  EXPECT_TRUE(Enabled(L"MVN5"));
-
-  UniqueBstr id = Bstr(L"MVN23");
-  VARIANT_BOOL pressed = VARIANT_TRUE;
-  EXPECT_EQ(main->get_GetPressed(id.InOut(), &pressed), S_OK);
-  EXPECT_EQ(pressed, VARIANT_FALSE);
-  UniqueBstr tip;
-  EXPECT_EQ(main->get_GetScreentip(id.InOut(), tip.Put()), S_OK);
-  EXPECT_EQ(Text(tip), L"Turn Lexoscope on");
-  EXPECT_EQ(Text(id), L"MVN23") << "the caller's variable keeps its text";
-  EXPECT_TRUE(recorder.errorNumbers.empty());
-}
-
-TEST_F(Members, ChangesInvalidateOnlyWhatTheyChange) {
-  VARIANT_BOOL off = VARIANT_FALSE;
-  VARIANT_BOOL on = VARIANT_TRUE;
-  EXPECT_EQ(main->EnableToolbar(&off), S_OK);
-  EXPECT_EQ(main->EnableToolbar(&off), S_OK);
-  EXPECT_EQ(main->EnableGotoQuickBookmark(&on), S_OK);
-  EXPECT_EQ(main->EnableGotoQuickBookmark(&on), S_OK);
-  EXPECT_EQ(main->UpdateLexoscopeIcon(&on), S_OK);
-  EXPECT_EQ(main->UpdateLexoscopeIcon(&on), S_OK);
-  EXPECT_EQ(ribbon.Take(),
-            (std::vector<std::wstring>{L"Invalidate", L"InvalidateControl MVN16",
-                                       L"InvalidateControl MVN23", L"InvalidateControl MVN23"}));
-  EXPECT_FALSE(Enabled(L"MVN5"));
-
-  UniqueBstr name = Bstr(L"Morvelin Pro");
-  EXPECT_EQ(main->productNameChanged(name.InOut()), S_OK);
-  EXPECT_EQ(ribbon.Take(),
-            (std::vector<std::wstring>{L"InvalidateControl MVN0", L"InvalidateControl MVN4",
-                                       L"InvalidateControl MVN1", L"InvalidateControl MVN26"}));
-  EXPECT_EQ(Label(L"MVN0"), L"Apply Morvelin Pro");
-  EXPECT_TRUE(recorder.errorNumbers.empty());
-}
-
-TEST_F(Members, RibbonCallbackRunsTheControlsMacro) {
-  UniqueBstr reference = Bstr(L"MVN5");
-  UniqueBstr toggle = Bstr(L"MVN23");
-  VARIANT_BOOL off = VARIANT_FALSE;
-  VARIANT_BOOL on = VARIANT_TRUE;
-  EXPECT_EQ(main->RibbonCallback(reference.InOut(), &off), S_OK);
-  EXPECT_EQ(main->RibbonCallback(toggle.InOut(), &on), S_OK);
-  EXPECT_EQ(signaller.macros, (std::vector<std::wstring>{L"InsertReference", L"ToggleLexoscope"}));
-}
 
 TEST_F(Members, ImagesAreRealPicturesOfTheTemplatesBytes) {
   UniqueBstr apply = Bstr(L"MVN0");
@@ -700,14 +592,6 @@ TEST_F(AccessibleTree, ElementsAnswerThroughOleacc) {
   UniqueBstr nothing;
   EXPECT_TRUE(FAILED(broken->get_accName(self, nothing.Put())));
   EXPECT_EQ(nothing.Get(), nullptr);
-}
-
-TEST_F(Members, ActivateTabPressesTheProductsTab) {
-  RibbonTree tree;
-  IDispatch* commandBar = tree.commandBar.Get();
-  EXPECT_EQ(main->activateMorvelinTab(&commandBar), S_OK);
-  EXPECT_EQ(tree.Presses(), (std::map<std::u16string, int>{{u"Morvelin", 1}}));
-  EXPECT_TRUE(recorder.errorNumbers.empty());
 }
 
 // --- Late binding: the server's own Invoke beside the type library's ---------------------------

@@ -1,7 +1,7 @@
-// Recording doubles of the host's objects: a ribbon and a signalling object that log their calls.
+// Recording doubles of the host's objects: a ribbon that logs its calls, and an object that is
+// none.
 #pragma once
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -28,26 +28,6 @@ class RecordingRibbon final : public RibbonUi {
     Raise(RunTimeError::kMemberNotFound);
   }
   bool fail = false;
-
- private:
-  std::vector<std::string>* log_;
-};
-
-// The template's signalling object as far as presses go: records Run, and can call back into the
-// library from a macro.
-class MacroSignaller final : public Object {
- public:
-  explicit MacroSignaller(std::vector<std::string>* log) : log_(log) {}
-  Variant Invoke(BstrView member, CallKind, std::span<Variant> arguments) override {
-    if (member == u"Run" && arguments.size() == 1) {
-      log_->push_back("signaller.Run " + ToUtf8(ToBstr(arguments[0])));
-      if (onRun)
-        onRun(ToBstr(arguments[0]));
-      return {};
-    }
-    Raise(RunTimeError::kMemberNotFound);
-  }
-  std::function<void(const Bstr&)> onRun;
 
  private:
   std::vector<std::string>* log_;

@@ -1,9 +1,12 @@
-// The template's signalling object, as far as pictures go: answers getToolbarIconBits with the
-// bytes set for an image number and records every number it is asked for.
+// The template's signalling object: answers getToolbarIconBits with the bytes set for an image
+// number and records every number it is asked for; given a log, records each Run and may call back
+// into the library from the macro, and without one lacks every macro.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <string>
 #include <vector>
 
 #include "platform/failure.h"
@@ -14,7 +17,16 @@ namespace tabforge::testing {
 
 class RecordingSignaller final : public Object {
  public:
+  explicit RecordingSignaller(std::vector<std::string>* log = nullptr) : log_(log) {}
   Variant Invoke(BstrView member, CallKind, std::span<Variant> arguments) override {
+    if (member == u"Run" && arguments.size() == 1 && log_ != nullptr) {
+      if (fail)
+        Raise(5, u"template failed");
+      log_->push_back("signaller.Run " + ToUtf8(ToBstr(arguments[0])));
+      if (onRun)
+        onRun(ToBstr(arguments[0]));
+      return {};
+    }
     if (member != u"getToolbarIconBits" || arguments.size() != 1)
       Raise(RunTimeError::kMemberNotFound);
     // The number comes by reference; anything else is recorded as -1.
@@ -31,6 +43,10 @@ class RecordingSignaller final : public Object {
   // A byte array that was never dimensioned, as the template gives for a number it lacks.
   Variant fallback{VarType::VT_UI1, ArrayRef()};
   bool fail = false;
+  std::function<void(const Bstr&)> onRun;
+
+ private:
+  std::vector<std::string>* log_;
 };
 
 }  // namespace tabforge::testing
