@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "server/com_ptr.h"
+#include "server/tests/dispatch_double.h"
 
 namespace {
 
@@ -35,48 +36,9 @@ constexpr DWORD kThreadBound = 20000;  // milliseconds for a thread or a child p
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
-// A dispatch object whose members are known by the names it has been asked for.
-class NamedMembers : public IDispatch {
- public:
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
-    if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IDispatch)) {
-      *out = static_cast<IDispatch*>(this);
-      AddRef();
-      return S_OK;
-    }
-    *out = nullptr;
-    return E_NOINTERFACE;
-  }
-  ULONG STDMETHODCALLTYPE AddRef() override { return ++references; }
-  ULONG STDMETHODCALLTYPE Release() override { return --references; }
-  HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override {
-    *count = 0;
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT, LCID,
-                                          DISPID* ids) override {
-    members.emplace_back(names[0]);
-    ids[0] = static_cast<DISPID>(members.size());
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* params,
-                                   VARIANT* result, EXCEPINFO*, UINT*) override {
-    if (id < 1 || static_cast<std::size_t>(id) > members.size())
-      return DISP_E_MEMBERNOTFOUND;
-    calls.push_back(members[static_cast<std::size_t>(id) - 1]);
-    return Answer(calls.back(), params, result);
-  }
-  virtual HRESULT Answer(const std::wstring&, DISPPARAMS*, VARIANT*) { return S_OK; }
-
-  ULONG references = 1;  // the test's own
-  std::vector<std::wstring> members;
-  std::vector<std::wstring> calls;
-};
-
 // The error component: answers the handler from a list (the last answer for ever) and, when told
 // to, keeps every object that a dump hands it.
-class Component final : public NamedMembers {
+class Component final : public DispatchDouble {
  public:
   HRESULT Answer(const std::wstring& member, DISPPARAMS* params, VARIANT* result) override {
     if (member == L"vbwErrorHandler" && result != nullptr) {
@@ -104,7 +66,7 @@ class Component final : public NamedMembers {
 
 // The template's signalling object: runs every macro and answers every icon with a text instead of
 // bytes.
-class Signaller final : public NamedMembers {
+class Signaller final : public DispatchDouble {
  public:
   HRESULT Answer(const std::wstring& member, DISPPARAMS*, VARIANT* result) override {
     if (member == L"getToolbarIconBits" && result != nullptr) {
@@ -333,7 +295,7 @@ TEST_F(HostLife, FailingCallsWithArgumentsByValueFreeEachStringOnce) {
                                       << " answered " << c.answers.front());
     component.answers = c.answers;
     component.answered = 0;
-    component.calls.clear();
+    component.invoked.clear();
     UniqueVariant id = Text(std::wstring(c.member) == L"LoadImage" ? L"5" : L"MVNx");
     UniqueVariant off = Truth(false);
     UniqueVariant result;
@@ -344,7 +306,8 @@ TEST_F(HostLife, FailingCallsWithArgumentsByValueFreeEachStringOnce) {
     // The caller's own string is untouched.
     ASSERT_EQ(V_VT(id.Get()), VT_BSTR);
     EXPECT_NE(V_BSTR(id.Get()), nullptr);
-    EXPECT_NE(std::count(component.calls.begin(), component.calls.end(), L"vbwErrorHandler"), 0);
+    EXPECT_NE(std::count(component.invoked.begin(), component.invoked.end(), L"vbwErrorHandler"),
+              0);
   }
 }
 

@@ -23,6 +23,7 @@
 #include "accessibility/accessible_tree.h"
 #include "server/accessible_object.h"
 #include "server/com_ptr.h"
+#include "server/tests/dispatch_double.h"
 #include "server/windows_platform.h"
 
 namespace {
@@ -44,44 +45,8 @@ constexpr CLSID kClsidRecorder = {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
-// A plain dispatch object that counts references, standing in for the template's objects.
-class Counted : public IDispatch {
- public:
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
-    if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IDispatch)) {
-      *out = static_cast<IDispatch*>(this);
-      AddRef();
-      return S_OK;
-    }
-    *out = nullptr;
-    return E_NOINTERFACE;
-  }
-  ULONG STDMETHODCALLTYPE AddRef() override { return ++references; }
-  ULONG STDMETHODCALLTYPE Release() override { return --references; }
-  HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override {
-    *count = 0;
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT, LCID,
-                                          DISPID* ids) override {
-    calls.emplace_back(names[0]);
-    ids[0] = static_cast<DISPID>(calls.size());
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* params,
-                                   VARIANT* result, EXCEPINFO*, UINT*) override {
-    arguments.push_back(params != nullptr ? params->cArgs : 0);
-    if (id < 1 || static_cast<std::size_t>(id) > calls.size())
-      return DISP_E_MEMBERNOTFOUND;
-    return OnInvoke(calls[static_cast<std::size_t>(id) - 1], params, result);
-  }
-  virtual HRESULT OnInvoke(const std::wstring&, DISPPARAMS*, VARIANT*) { return S_OK; }
-
-  ULONG references = 1;  // the test's own
-  std::vector<std::wstring> calls;
-  std::vector<UINT> arguments;
-};
+// A plain dispatch object standing in for the template's objects.
+using Counted = DispatchDouble;
 
 // The ribbon: answers IRibbonUI and records what is invalidated.
 class FakeRibbon final : public IRibbonUI {
@@ -131,7 +96,7 @@ class FakeRibbon final : public IRibbonUI {
 // with "leave".
 class Recorder final : public Counted {
  public:
-  HRESULT OnInvoke(const std::wstring& member, DISPPARAMS* params, VARIANT* result) override {
+  HRESULT Answer(const std::wstring& member, DISPPARAMS* params, VARIANT* result) override {
     if (member == L"vbwErrorHandler" && params != nullptr && params->cArgs > 0) {
       // The failure number is the first argument, the last in DISPPARAMS, by reference.
       const VARIANT& number = params->rgvarg[params->cArgs - 1];
@@ -208,7 +173,7 @@ constexpr unsigned char kIconPng[] = {
 // same icon for every image number it is asked for.
 class Signaller final : public Counted {
  public:
-  HRESULT OnInvoke(const std::wstring& member, DISPPARAMS* params, VARIANT* result) override {
+  HRESULT Answer(const std::wstring& member, DISPPARAMS* params, VARIANT* result) override {
     if (params == nullptr || params->cArgs != 1)
       return DISP_E_BADPARAMCOUNT;
     UniqueVariant argument;
