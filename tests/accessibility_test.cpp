@@ -153,7 +153,18 @@ TEST_F(Walker, ListingKeepsLeavesWithTheirLevelsAndDropsFilteredSubtrees) {
   ChildList direct = List(root, kFalse, isOK);
   EXPECT_THAT(Names(direct), ElementsAre(u"A", u"B"));
   EXPECT_THAT(direct.Levels, ElementsAre(0, 0));
+  EXPECT_EQ(direct.SelectedChild, 0);  // none selected
   ExpectNothingReported();
+
+  // The selected child is the last one selected; an empty or fully filtered listing succeeds.
+  auto two =
+      Parse("10 \"c\"\n  37 \"a\"\n  37 \"b\" state=0x2\n  37 \"c\"\n  37 \"d\" state=0x2\n");
+  EXPECT_EQ(List(two, kFalse, isOK).SelectedChild, 3);
+  for (const char* text : {"10 \"client\"\n  40 \"graphic\"\n", "10 \"empty\"\n"}) {
+    isOK = kFalse;
+    EXPECT_THAT(List(Parse(text), kTrue, isOK).Children, IsEmpty());
+    EXPECT_EQ(isOK, kTrue);
+  }
 }
 
 TEST_F(Walker, SimpleChildFailsItsOwnLevelOnly) {
@@ -177,27 +188,6 @@ TEST_F(Walker, SimpleChildFailsItsOwnLevelOnly) {
   EXPECT_EQ(isOK, kTrue);
   EXPECT_THAT(Names(list), ElementsAre(u"B"));
   ExpectNothingReported();
-}
-
-TEST_F(Walker, EmptyOrFullyFilteredListingSucceeds) {
-  auto root = Parse(
-      "10 \"client\"\n"
-      "  40 \"graphic\"\n");
-  VariantBool isOK = kFalse;
-  EXPECT_THAT(List(root, kTrue, isOK).Children, IsEmpty());
-  EXPECT_EQ(isOK, kTrue);
-  isOK = kFalse;
-  EXPECT_THAT(List(Parse("10 \"empty\"\n"), kTrue, isOK).Children, IsEmpty());
-  EXPECT_EQ(isOK, kTrue);
-}
-
-TEST_F(Walker, SelectedChildIsTheLastSelectedOrZero) {
-  VariantBool isOK = kFalse;
-  auto none = Parse("10 \"c\"\n  37 \"a\"\n  37 \"b\"\n");
-  EXPECT_EQ(List(none, kFalse, isOK).SelectedChild, 0);
-  auto two =
-      Parse("10 \"c\"\n  37 \"a\"\n  37 \"b\" state=0x2\n  37 \"c\"\n  37 \"d\" state=0x2\n");
-  EXPECT_EQ(List(two, kFalse, isOK).SelectedChild, 3);
 }
 
 TEST_F(Walker, TreesThatLeadBackOrGoTooDeepEnd) {

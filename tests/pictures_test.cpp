@@ -361,25 +361,6 @@ TEST_F(Loader, ByNameTakesAByteArrayByValueOrReferenceAndNothingElse) {
   }
 }
 
-TEST_F(Loader, DumpOfTheLoaderReportsTheGuidFieldsThenTheToken) {
-  ArrayRef bytes = Bytes(RgbaPng(2, 2, kTransparentPixels));
-  api.refusePictures = true;
-  apartment.script->answers = {std::int32_t{8}, std::int32_t{7}};
-  EXPECT_FALSE(loader->LoadTransparentGif(bytes));
-  const auto& log = apartment.script->log;
-  const auto from = std::find(log.begin(), log.end(), "vbwOpenDumpFile()");
-  ASSERT_NE(from, log.end());
-  const std::vector<std::string> dump(from + 2, from + 10);
-  EXPECT_THAT(dump[0], HasSubstr(R"(BSTR "hBmp", I4 )"));
-  EXPECT_EQ(dump[1], R"(vbwReportToFile(BSTR "oNewPic = {Unknown Type}"))");
-  EXPECT_THAT(dump[2], HasSubstr("MODULE LEVEL"));
-  EXPECT_EQ(dump[3], R"(vbwReportVariable(BSTR "mIguid.Data1", I4 2079852928, I4 0))");
-  EXPECT_EQ(dump[4], R"(vbwReportVariable(BSTR "mIguid.Data2", I2 -16590, I4 0))");
-  EXPECT_EQ(dump[5], R"(vbwReportVariable(BSTR "mIguid.Data3", I2 4122, I4 0))");
-  EXPECT_EQ(dump[6], R"(vbwReportVariable(BSTR "mIguid.Data4", ARRAY(UI1) 8, I4 0))");
-  EXPECT_THAT(dump[7], HasSubstr(R"(BSTR "mToken", I4 )"));
-}
-
 TEST(StbAllocationBound, RefusesLargerRequestsKeepsTheBlockAndRestoresTheBoundBefore) {
   using portable::StbMalloc;
   using portable::StbRealloc;

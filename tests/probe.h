@@ -1,5 +1,5 @@
 // Probe procedures for the statement runner and the failure handler: branches, a loop, changes of
-// mode, nesting, early exit, parameters, and locals of each kind for a dump.
+// mode, nesting, early exit, and locals of each kind for a dump.
 #pragma once
 
 #include <string>
@@ -20,7 +20,6 @@ constexpr auto kBranch = DefineProcedure(u"Probe.Branch", 100);
 constexpr auto kLoop = DefineProcedure(u"Probe.Loop", 200);
 constexpr auto kNest = DefineProcedure(u"Probe.Nest", 300);
 constexpr auto kEarly = DefineProcedure(u"Probe.Early", 400);
-constexpr auto kParams = DefineProcedure(u"Probe.Params", 500);
 constexpr auto kModes = DefineProcedure(u"Probe.Modes", 600);
 constexpr auto kChildren = DefineProcedure(u"Probe.Children", 700);
 constexpr auto kOther = DefineProcedure(u"Probe.Other", 800);
@@ -99,27 +98,6 @@ struct Probe {
       TF_STEP(3) trail += "3";
       TF_END
     });
-  }
-
-  void Params(int count) {
-    std::int32_t first = 7;
-    Bstr second = u"two";
-    Run(
-        Trace(), kParams,
-        [&](ParameterText& p) {
-          if (count >= 1)
-            p.Add(u"first", first);
-          if (count >= 2)
-            p.Add(u"second", second);
-          if (count >= 3)
-            p.AddRecord(u"Info");
-        },
-        tracing::NoLocals,
-        [&](Body& body) {
-          TF_BEGIN(body)
-          TF_STEP(1) trail += "p";
-          TF_END
-        });
   }
 
   // Shaped like the walker's child enumeration: 1 and 2 log themselves; locals of each kind.

@@ -87,25 +87,21 @@ TEST_F(Runner, RetryOfAStatementThatAlwaysFailsIsBounded) {
   EXPECT_EQ(apartment.protector.Depth(), 0);
 }
 
-TEST_F(Runner, DepthSixtyFourStoresTheLastSlot) {
-  int deepest = 0;
-  probe.Nest(64, deepest);
-  EXPECT_EQ(deepest, 64);
-  EXPECT_EQ(apartment.protector.StackSlot(64), u"Probe.Nest");
-  EXPECT_EQ(apartment.protector.Depth(), 0);
-}
-
-TEST_F(Runner, DepthSixtyFiveCountsWithoutStoring) {
-  // Mark slot 1 with another name so that an overwrite would show.
-  probe.Early();
+// The stack keeps sixty-four names; deeper calls are counted and not stored, and a return at
+// depth zero stays there.
+TEST_F(Runner, TheStackNamesSixtyFourLevelsAndCountsTheRest) {
   int deepest = 0;
   probe.Nest(65, deepest);
   EXPECT_EQ(deepest, 65);
-  EXPECT_EQ(apartment.protector.StackSlot(1), u"Probe.Nest");
   EXPECT_EQ(apartment.protector.StackSlot(64), u"Probe.Nest");
+  EXPECT_EQ(apartment.protector.StackSlot(2), u"Probe.Nest");  // names above the depth are kept
   EXPECT_EQ(apartment.protector.Depth(), 0);
-  // Names above the depth are kept, not cleared.
-  EXPECT_EQ(apartment.protector.StackSlot(2), u"Probe.Nest");
+  apartment.protector.vbwProcOut(u"Probe.Nest");
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+
+  apartment.protector.vbwTraceProc = kFalse;  // nothing is tracked
+  probe.Nest(3, deepest);
+  EXPECT_EQ(deepest, 0);
 }
 
 TEST_F(Runner, RefusedEntryCountsNothingHoweverOftenRetried) {
@@ -118,47 +114,16 @@ TEST_F(Runner, RefusedEntryCountsNothingHoweverOftenRetried) {
   EXPECT_EQ(apartment.protector.Depth(), 0);
 }
 
-TEST_F(Runner, ProcOutAtDepthZeroStaysAtZero) {
-  apartment.protector.vbwProcOut(u"Probe.Nest");
-  EXPECT_EQ(apartment.protector.Depth(), 0);
-}
-
-TEST_F(Runner, WithoutTraceProcNothingIsTracked) {
-  apartment.protector.vbwTraceProc = kFalse;
-  int deepest = -1;
-  probe.Nest(3, deepest);
-  EXPECT_EQ(deepest, 0);
-}
-
-// The parameter text is seen only where it goes: the local report of vbwProcIn's own tail.
-class ParameterTexts : public Runner {
- protected:
-  std::string TextFor(int count) {
-    apartment.protector.vbwTraceParameters = kTrue;
-    apartment.faults.FailAt(u"vbwProtector.vbwProcIn", 1);
-    apartment.script->answers = {std::int32_t{8}, std::int32_t{7}};
-    probe.Params(count);
-    for (const auto& line : apartment.script->CallsTo("vbwReportVariable")) {
-      if (line.find("\"lParameters\"") != std::string::npos)
-        return line;
-    }
-    return "none";
-  }
-};
-
-// The text is built at entry, before the failure: no component is alive to give the pieces.
-TEST_F(ParameterTexts, EntryTextsHaveEmptyPiecesAndRecordsAFixedOne) {
-  const std::pair<int, const char*> cases[] = {
-      {0, "\"()\""}, {2, "\"(, ) \""}, {3, "\"(, , Info = {User Defined Type}) \""}};
-  for (const auto& [count, text] : cases) {
-    apartment.script->log.clear();
-    EXPECT_EQ(TextFor(count),
-              "vbwReportVariable(BSTR \"lParameters\", BSTR " + std::string(text) + ", I4 0)");
-  }
-}
-
-TEST_F(ParameterTexts, PiecesComeFromALiveComponent) {
+// Parameter texts as the entries build them are in the sweep's golden table; here, the pieces
+// that only a live component gives.
+TEST_F(Runner, ParameterPiecesComeFromALiveComponentOnly) {
   apartment.protector.vbwTraceParameters = kTrue;
+  tracing::ParameterText without(apartment.protector);
+  without.Add(u"a", std::int32_t{1});
+  without.Add(u"b", Bstr(u"x"));
+  EXPECT_EQ(std::move(without).Finish(), u"(, ) ");
+  EXPECT_TRUE(apartment.script->log.empty());
+
   // Keep a component alive (an answer 8 does), then build a text while it is.
   apartment.faults.FailAt(u"Probe.Branch", 1);
   apartment.script->answers = {std::int32_t{8}};
@@ -172,25 +137,6 @@ TEST_F(ParameterTexts, PiecesComeFromALiveComponent) {
   };
   probe.Branch(true);
   EXPECT_EQ(text, u"(<first>) ");
-}
-
-TEST_F(ParameterTexts, WithoutComponentPiecesAreEmpty) {
-  apartment.protector.vbwTraceParameters = kTrue;
-  tracing::ParameterText text(apartment.protector);
-  text.Add(u"a", std::int32_t{1});
-  text.Add(u"b", Bstr(u"x"));
-  EXPECT_EQ(std::move(text).Finish(), u"(, ) ");
-  tracing::ParameterText one(apartment.protector);
-  one.Add(u"a", std::int32_t{1});
-  EXPECT_EQ(std::move(one).Finish(), u"() ");
-  EXPECT_TRUE(apartment.script->log.empty());
-}
-
-TEST_F(ParameterTexts, NotBuiltWhenParameterTracingIsOff) {
-  apartment.protector.vbwTraceParameters = kFalse;
-  apartment.script->log.clear();
-  probe.Params(2);
-  EXPECT_EQ(apartment.script->created, 0);
 }
 
 }  // namespace

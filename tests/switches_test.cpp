@@ -1,8 +1,8 @@
-// Start-up of the tracing module: the switch table for every tracing request.
+// Start-up of the tracing module: the switches that follow the tracing request, from the command
+// line and from the settings, and what is tracked before and after start-up.
 #include <gtest/gtest.h>
 
 #include <optional>
-#include <ostream>
 #include <string>
 
 #include "platform/portable/portable_platform.h"
@@ -11,106 +11,75 @@
 namespace tabforge {
 namespace {
 
-struct Case {
-  const char16_t* commandLine;
-  std::optional<const char16_t*> setting;
-  bool requested;
-};
+TEST(Switches, FollowTheTracingRequestOfTheCommandLineOrTheSetting) {
+  struct Case {
+    const char16_t* commandLine;
+    std::optional<const char16_t*> setting;
+    bool requested;
+  };
+  const Case cases[] = {
+      {u"WINWORD.EXE", std::nullopt, false},
+      {u"WINWORD.EXE /trace", std::nullopt, true},
+      {u"WINWORD.EXE /tracer", std::nullopt, true},
+      {u"WINWORD.EXE x/trace/y", std::nullopt, true},
+      {u"WINWORD.EXE /TRACE", std::nullopt, false},
+      {u"WINWORD.EXE /Trace", std::nullopt, false},
+      {u"WINWORD.EXE", u"1", true},
+      {u"WINWORD.EXE /trace", u"0", true},
+      {u"WINWORD.EXE", u"01", false},
+      {u"WINWORD.EXE", u" 1", false},
+      {u"WINWORD.EXE", u"1 ", false},
+      {u"WINWORD.EXE", u"one", false},
+      {u"WINWORD.EXE", u"", false},
+      {u"WINWORD.EXE", u"True", false},
+  };
+  for (const Case& c : cases) {
+    PortablePlatform platform;
+    platform.host.SetCommandLine(c.commandLine);
+    if (c.setting)
+      platform.host.SetSetting(u"Tabforge", u"Init", u"vbwTrace", *c.setting);
+    VbwProtector protector(platform.View());
+    protector.vbwInitializeProtector();
+    const std::string where =
+        ToUtf8(c.commandLine) + ", setting " + ToUtf8(c.setting.value_or(u"-"));
+    const VariantBool request = ToVariantBool(c.requested);
+    EXPECT_EQ(protector.vbwTraceParameters, request) << where;
+    EXPECT_EQ(protector.mOldTraceProc, request) << where;
+    EXPECT_EQ(protector.vbwTraceLine, request) << where;
+    EXPECT_EQ(protector.vbwTraceProc, kTrue) << where;
+    EXPECT_TRUE(protector.StackAllocated()) << where;
+  }
 
-// Failure messages show the case as text.
-void PrintTo(const Case& c, std::ostream* os) {
-  *os << '"' << ToUtf8(c.commandLine) << "\", setting "
-      << (c.setting ? '"' + ToUtf8(*c.setting) + '"' : std::string("absent"));
-}
-
-// Test names: the case's place in the table and what it expects.
-std::string CaseName(const ::testing::TestParamInfo<Case>& info) {
-  return "Case" + std::to_string(info.index) + (info.param.requested ? "_Traced" : "_Untraced");
-}
-
-class Switches : public ::testing::TestWithParam<Case> {};
-
-TEST_P(Switches, FollowTheTracingRequest) {
-  const Case& c = GetParam();
-  PortablePlatform platform;
-  platform.host.SetCommandLine(c.commandLine);
-  if (c.setting)
-    platform.host.SetSetting(u"Tabforge", u"Init", u"vbwTrace", *c.setting);
-  VbwProtector protector(platform.View());
-  protector.vbwInitializeProtector();
-
-  const VariantBool request = ToVariantBool(c.requested);
-  EXPECT_EQ(protector.vbwTraceProc, kTrue);
-  EXPECT_EQ(protector.vbwTraceParameters, request);
-  EXPECT_EQ(protector.mOldTraceProc, request);
-  EXPECT_EQ(protector.vbwTraceLine, request);
-  EXPECT_EQ(protector.vbwCatchException, kTrue);
-  EXPECT_EQ(protector.vbwCallStack, kTrue);
-  EXPECT_EQ(protector.vbwSystemInfo, kTrue);
-  EXPECT_EQ(protector.vbwScreenshot, kTrue);
-  EXPECT_FALSE(protector.vbwEmailRecipientAdress.empty());
-  EXPECT_TRUE(protector.StackAllocated());
-  EXPECT_EQ(protector.Depth(), 0);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    CommandLineAndSetting, Switches,
-    ::testing::Values(Case{u"WINWORD.EXE", std::nullopt, false},
-                      Case{u"WINWORD.EXE /trace", std::nullopt, true},
-                      Case{u"WINWORD.EXE /tracer", std::nullopt, true},
-                      Case{u"WINWORD.EXE x/trace/y", std::nullopt, true},
-                      Case{u"WINWORD.EXE /TRACE", std::nullopt, false},
-                      Case{u"WINWORD.EXE /Trace", std::nullopt, false},
-                      Case{u"WINWORD.EXE", u"1", true}, Case{u"WINWORD.EXE /trace", u"0", true},
-                      Case{u"WINWORD.EXE /trace", u"1", true}, Case{u"WINWORD.EXE", u"01", false},
-                      Case{u"WINWORD.EXE", u" 1", false}, Case{u"WINWORD.EXE", u"1 ", false},
-                      Case{u"WINWORD.EXE", u"one", false}, Case{u"WINWORD.EXE", u"", false},
-                      Case{u"WINWORD.EXE", u"True", false}),
-    CaseName);
-
-TEST(SwitchesStartUp, SettingsFileFeedsTheRequest) {
+  // The same request from a settings file.
   PortablePlatform platform;
   const std::string path = ::testing::TempDir() + "tabforge-settings.txt";
-  {
-    std::FILE* f = std::fopen(path.c_str(), "w");
-    ASSERT_NE(f, nullptr);
-    std::fputs("# per-user settings\nTabforge/Init/vbwTrace=1\n", f);
-    std::fclose(f);
-  }
+  std::FILE* f = std::fopen(path.c_str(), "w");
+  ASSERT_NE(f, nullptr);
+  std::fputs("# per-user settings\nTabforge/Init/vbwTrace=1\n", f);
+  std::fclose(f);
   ASSERT_TRUE(platform.host.LoadSettingsFile(path));
+  EXPECT_FALSE(platform.host.LoadSettingsFile(path + ".missing"));
   VbwProtector protector(platform.View());
   protector.vbwInitializeProtector();
   EXPECT_EQ(protector.vbwTraceParameters, kTrue);
-  EXPECT_FALSE(platform.host.LoadSettingsFile(path + ".missing"));
 }
 
-TEST(SwitchesStartUp, SecondApartmentHasItsOwnStack) {
+TEST(Switches, EachApartmentTracksOnItsOwnAndNamesOnlyAfterStartUp) {
   PortablePlatform platform;
   VbwProtector first(platform.View());
   VbwProtector second(platform.View());
+  first.vbwProcIn(u"Main2.Initialize", u"");  // before start-up: counted, not named
+  EXPECT_EQ(first.Depth(), 1);
+  EXPECT_FALSE(first.StackAllocated());
+  EXPECT_EQ(first.StackSlot(1), u"");
   first.vbwInitializeProtector();
   first.vbwProcIn(u"Main2.Initialize", u"");
   second.vbwInitializeProtector();
-  EXPECT_EQ(first.Depth(), 1);
+  EXPECT_EQ(first.StackSlot(2), u"Main2.Initialize");
   EXPECT_EQ(second.Depth(), 0);
   EXPECT_EQ(second.StackSlot(1), u"");
-}
-
-TEST(SwitchesStartUp, ExitThreadWithoutComponentDoesNothing) {
-  PortablePlatform platform;
-  VbwProtector protector(platform.View());
-  protector.vbwInitializeProtector();
-  protector.vbwExitThread();
-  EXPECT_FALSE(protector.ErrorComponent());
-}
-
-TEST(SwitchesStartUp, WithoutStartUpTrackingCountsWithoutNames) {
-  PortablePlatform platform;
-  VbwProtector protector(platform.View());
-  protector.vbwProcIn(u"Main2.Initialize", u"");
-  EXPECT_EQ(protector.Depth(), 1);
-  EXPECT_FALSE(protector.StackAllocated());
-  EXPECT_EQ(protector.StackSlot(1), u"");
+  second.vbwExitThread();  // without a component: nothing
+  EXPECT_FALSE(second.ErrorComponent());
 }
 
 }  // namespace
