@@ -5,8 +5,7 @@
 #include <libxml/tree.h>
 
 #include <algorithm>
-#include <map>
-#include <set>
+#include <regex>
 #include <string>
 
 #include "apartment.h"
@@ -97,55 +96,20 @@ TEST(Document, FollowsTheProductNameInThreePlacesOnly) {
   EXPECT_EQ(count, 3u);
 }
 
-// Structure, read back through libxml2.
-struct Elements {
-  std::map<std::string, int> counts;
-  std::vector<std::string> problems;
-  std::set<std::string> ids;
-  std::vector<std::string> order;  // control ids in document order
-};
-
-void Walk(xmlNode* node, Elements& out) {
-  for (; node != nullptr; node = node->next) {
-    if (node->type != XML_ELEMENT_NODE)
-      continue;
-    const std::string name = reinterpret_cast<const char*>(node->name);
-    ++out.counts[name];
-    auto has = [&](const char* attribute) {
-      return xmlHasProp(node, reinterpret_cast<const xmlChar*>(attribute)) != nullptr;
-    };
-    if (xmlChar* id = xmlGetProp(node, reinterpret_cast<const xmlChar*>("id"))) {
-      const std::string text = reinterpret_cast<const char*>(id);
-      if (!out.ids.insert(text).second)
-        out.problems.push_back("repeated id " + text);
-      if (text.rfind("MVN", 0) == 0)
-        out.order.push_back(text);
-      xmlFree(id);
-    }
-    if (has("label") && has("getLabel"))
-      out.problems.push_back(name + " has label and getLabel");
-    if (has("image") + has("imageMso") + has("getImage") > 1) {
-      out.problems.push_back(name + " has more than one image attribute");
-    }
-    Walk(node->children, out);
-  }
-}
-
-TEST(Document, IsWellFormedWithTwentySixUniqueControls) {
+// Well-formed for any name, with the controls in the order the ribbon shows them. Which attributes
+// may stand together is the custom-UI check's to say (its tests take this document).
+TEST(Document, IsWellFormedWithItsControlsInOrder) {
   for (BstrView name : {u"Morvelin", u"Quill Pro", u"A"}) {
     const std::string xml = Document(name);
     xmlDoc* doc = xmlReadMemory(xml.data(), static_cast<int>(xml.size()), "ribbon.xml", nullptr,
                                 XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
-    ASSERT_NE(doc, nullptr) << "not well-formed";
-    Elements elements;
-    Walk(xmlDocGetRootElement(doc), elements);
+    EXPECT_NE(doc, nullptr) << "not well-formed";
     xmlFreeDoc(doc);
-    EXPECT_EQ(elements.counts["button"], 25);
-    EXPECT_EQ(elements.counts["toggleButton"], 1);
-    EXPECT_EQ(elements.counts["tab"], 2);
-    EXPECT_EQ(elements.counts["group"], 6);
-    EXPECT_TRUE(elements.problems.empty()) << elements.problems.front();
-    EXPECT_THAT(elements.order,
+    std::vector<std::string> order;
+    const std::regex id(R"re( id="(MVN\d+)")re");
+    for (std::sregex_iterator it(xml.begin(), xml.end(), id), end; it != end; ++it)
+      order.push_back((*it)[1]);
+    EXPECT_THAT(order,
                 ::testing::ElementsAre("MVN26", "MVN0", "MVN1", "MVN2", "MVN4", "MVN24", "MVN25",
                                        "MVN5", "MVN6", "MVN7", "MVN15", "MVN13", "MVN14", "MVN8",
                                        "MVN9", "MVN10", "MVN11", "MVN12", "MVN16", "MVN17", "MVN18",
