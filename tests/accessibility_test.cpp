@@ -222,25 +222,6 @@ TEST_F(Walker, TreesThatLeadBackOrGoTooDeepEnd) {
   ExpectNothingReported();
 }
 
-TEST(AccessibleTree, ParsesTheSampleRibbonAndAnswersByName) {
-  ParsedTree tree = ParseAccessibleTree(SampleRibbonText(u"Morvelin"));
-  ASSERT_EQ(tree.error, "");
-  AccessibleElement* tab = tree.root->Find(u"Morvelin");
-  ASSERT_NE(tab, nullptr);
-  EXPECT_EQ(tab->role(), kRolePageTab);
-  EXPECT_EQ(tab->parent()->parent()->name(), u"Ribbon Tabs");
-  EXPECT_EQ(tree.root->Find(u"Home")->state(), 0x2);
-
-  Ref<Object> object(tab);
-  EXPECT_EQ(ToBstr(CallByName(object, u"accName", CallKind::kPropertyGet, kChildIdSelf)),
-            u"Morvelin");
-  EXPECT_EQ(ToObject(CallByName(object, u"accParent", CallKind::kPropertyGet)).get(),
-            tab->parent());
-  tab->SetFailing(u"accName");
-  EXPECT_THROW(CallByName(object, u"accName", CallKind::kPropertyGet, kChildIdSelf), Failure);
-  EXPECT_EQ(tab->Calls(u"accName"), 2);
-}
-
 TEST(AccessibleTree, RejectsMalformedLinesWithTheirNumbers) {
   struct Case {
     const char* text;
