@@ -278,6 +278,7 @@ TEST(AccessibleTree, ChildByIdIsTheElementOrNothingForASimpleChild) {
   EXPECT_EQ(child(1), Variant(Ref<Object>(tree.root->Find(u"x"))));
   EXPECT_EQ(child(2).type(), VarType::VT_EMPTY);
   EXPECT_THROW(child(0), Failure);
+  EXPECT_THROW(CallByName(root, u"accChild", CallKind::kPropertyGet), Failure);  // no id
   EXPECT_THROW(child(3), Failure);
 }
 

@@ -145,6 +145,11 @@ TEST_F(Handler, ComponentChangesSwitchesAndTheStackThroughTheirReferences) {
   EXPECT_EQ(apartment.protector.vbwTraceLine, kTrue);
   EXPECT_EQ(apartment.protector.Depth(), 2);
   EXPECT_EQ(apartment.protector.StackSlot(5), u"Changed");
+
+  // An erased stack stores no names until the apartment starts again.
+  script.onFailure = [](std::span<Variant> arguments) { *arguments[7].RefArray() = nullptr; };
+  apartment.protector.vbwErrorHandler(5, u"d", u"Tabforge", u"M", u"P", 2);
+  EXPECT_FALSE(apartment.protector.StackAllocated());
 }
 
 TEST_F(Handler, DumpForeverEndsAfterTheBound) {
@@ -219,12 +224,16 @@ TEST_F(Handler, ErrObjectDescribesTheFailureBeingHandled) {
   apartment.faults.FailAt(u"Probe.Children", 2, 1, 91);
   script.answers = {std::int32_t{8}, std::int32_t{7}};
   Ref<Object> err;
+  Ref<Object> app;
   // Catch the object as it is reported.
   struct Catcher final : Object {
     Ref<Object>* target;
+    Ref<Object>* appTarget;
     Variant Invoke(BstrView member, CallKind, std::span<Variant> args) override {
       if (member == u"vbwReportObject" && ToBstr(args[0]) == u"Err")
         *target = ToObject(args[1]);
+      if (member == u"vbwReportObject" && ToBstr(args[0]) == u"VB.App")
+        *appTarget = ToObject(args[1]);
       if (member == u"vbwErrorHandler")
         return std::int32_t{calls++ == 0 ? 8 : 7};
       return {};
@@ -234,6 +243,7 @@ TEST_F(Handler, ErrObjectDescribesTheFailureBeingHandled) {
   apartment.platform.objects.Register(Bstr(kErrorComponentProgId), [&] {
     auto catcher = MakeRef<Catcher>();
     catcher->target = &err;
+    catcher->appTarget = &app;
     return Ref<Object>(catcher);
   });
   probe.Children();
@@ -241,6 +251,11 @@ TEST_F(Handler, ErrObjectDescribesTheFailureBeingHandled) {
   EXPECT_EQ(ToLong(err->Invoke(u"Number", CallKind::kPropertyGet, {})), 91);
   EXPECT_EQ(ToLong(err->Invoke(u"Erl", CallKind::kPropertyGet, {})), 702);
   EXPECT_EQ(ToBstr(err->Invoke(u"source", CallKind::kPropertyGet, {})), u"Tabforge");
+  ASSERT_TRUE(app);
+  EXPECT_EQ(ToBstr(app->Invoke(u"Title", CallKind::kPropertyGet, {})), u"Tabforge");
+  EXPECT_EQ(ToLong(app->Invoke(u"Major", CallKind::kPropertyGet, {})) * 100 +
+                ToLong(app->Invoke(u"Minor", CallKind::kPropertyGet, {})),
+            100);
 }
 
 }  // namespace

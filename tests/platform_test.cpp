@@ -102,6 +102,8 @@ TEST(Conversions, TaggedValuesFollowTheRunTimeRules) {
   EXPECT_EQ(ToLong(Variant()), 0);
   EXPECT_EQ(ToLong(Variant(kTrue)), -1);
   EXPECT_EQ(ToBstr(Variant(kTrue)), u"True");
+  EXPECT_EQ(ToVariantBool(Variant(u"True")), kTrue);
+  EXPECT_EQ(ToVariantBool(Variant(u"False")), kFalse);
   EXPECT_EQ(ToBstr(Variant(std::int16_t{-3})), u"-3");
   EXPECT_EQ(FailureNumber([] { ToBstr(Variant::Null()); }),
             static_cast<std::int32_t>(RunTimeError::kInvalidUseOfNull));
