@@ -7,29 +7,10 @@
 #include <string_view>
 
 #include <jpeglib.h>
+#include <zlib.h>
 
 namespace tabforge::testing {
 namespace {
-
-std::uint32_t Crc32(const std::uint8_t* data, std::size_t size) {
-  std::uint32_t crc = 0xFFFFFFFFu;
-  for (std::size_t i = 0; i < size; ++i) {
-    crc ^= data[i];
-    for (int bit = 0; bit < 8; ++bit)
-      crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
-  }
-  return ~crc;
-}
-
-std::uint32_t Adler32(const std::vector<std::uint8_t>& data) {
-  std::uint32_t a = 1;
-  std::uint32_t b = 0;
-  for (std::uint8_t byte : data) {
-    a = (a + byte) % 65521;
-    b = (b + a) % 65521;
-  }
-  return b << 16 | a;
-}
 
 void PutBigEndian(std::vector<std::uint8_t>& out, std::uint32_t value) {
   for (int shift = 24; shift >= 0; shift -= 8)
@@ -42,26 +23,16 @@ void PutChunk(std::vector<std::uint8_t>& out, std::string_view type,
   const std::size_t start = out.size();
   out.insert(out.end(), type.begin(), type.end());
   out.insert(out.end(), data.begin(), data.end());
-  PutBigEndian(out, Crc32(out.data() + start, out.size() - start));
+  PutBigEndian(out, static_cast<std::uint32_t>(crc32(0, out.data() + start,
+                                                         static_cast<uInt>(out.size() - start))));
 }
 
-// A zlib stream of stored (uncompressed) deflate blocks.
-std::vector<std::uint8_t> Stored(const std::vector<std::uint8_t>& raw) {
-  std::vector<std::uint8_t> out{0x78, 0x01};
-  std::size_t at = 0;
-  do {
-    const std::size_t length = std::min<std::size_t>(raw.size() - at, 65535);
-    const bool last = at + length == raw.size();
-    out.push_back(last ? 1 : 0);
-    out.push_back(static_cast<std::uint8_t>(length));
-    out.push_back(static_cast<std::uint8_t>(length >> 8));
-    out.push_back(static_cast<std::uint8_t>(~length));
-    out.push_back(static_cast<std::uint8_t>(~length >> 8));
-    out.insert(out.end(), raw.begin() + static_cast<std::ptrdiff_t>(at),
-               raw.begin() + static_cast<std::ptrdiff_t>(at + length));
-    at += length;
-  } while (at < raw.size());
-  PutBigEndian(out, Adler32(raw));
+// A zlib stream of `raw`.
+std::vector<std::uint8_t> Deflated(const std::vector<std::uint8_t>& raw) {
+  uLongf size = compressBound(static_cast<uLong>(raw.size()));
+  std::vector<std::uint8_t> out(size);
+  compress2(out.data(), &size, raw.data(), static_cast<uLong>(raw.size()), 9);
+  out.resize(size);
   return out;
 }
 
@@ -82,7 +53,7 @@ std::vector<std::uint8_t> Png(std::uint32_t width, std::uint32_t height, std::ui
                pixels.begin() + static_cast<std::ptrdiff_t>((y + 1) * row));
   }
   raw.resize(raw.size() + trailing);
-  PutChunk(out, "IDAT", Stored(raw));
+  PutChunk(out, "IDAT", Deflated(raw));
   PutChunk(out, "IEND", {});
   return out;
 }

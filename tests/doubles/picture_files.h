@@ -6,14 +6,13 @@
 
 namespace tabforge::testing {
 
-// A PNG of 8-bit red, green, blue, alpha pixels (4 bytes each, rows top down), its image data
-// in stored deflate blocks.
+// A PNG of 8-bit red, green, blue, alpha pixels (4 bytes each, rows top down).
 std::vector<std::uint8_t> RgbaPng(std::uint32_t width, std::uint32_t height,
                                   const std::vector<std::uint8_t>& rgba);
 // The same for opaque red, green, blue pixels (3 bytes each).
 std::vector<std::uint8_t> RgbPng(std::uint32_t width, std::uint32_t height,
                                  const std::vector<std::uint8_t>& rgb);
-// RgbPng with `trailing` zero bytes compressed after the last row, which decoders ignore.
+// RgbPng with `trailing` zero bytes deflated after the last row, which decoders ignore.
 std::vector<std::uint8_t> RgbPngWithTrailingData(std::uint32_t width, std::uint32_t height,
                                                  const std::vector<std::uint8_t>& rgb,
                                                  std::size_t trailing);
