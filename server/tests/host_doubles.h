@@ -30,15 +30,14 @@ inline std::wstring GuidText(REFGUID guid) {
   return text;
 }
 
-// A value as the platform writes it as text; objects are not asked for theirs.
+// A value as the platform writes it as text, references followed; objects are not asked for theirs.
 inline std::wstring TextOf(const VARIANT& value) {
-  UniqueVariant plain;
+  const VARTYPE type = V_VT(&value) & VT_TYPEMASK;
   UniqueVariant text;
-  if (FAILED(::VariantCopyInd(plain.Put(), const_cast<VARIANT*>(&value))))
-    return L"?";
-  if (V_VT(plain.Get()) == VT_DISPATCH || V_VT(plain.Get()) == VT_UNKNOWN)
+  if (type == VT_DISPATCH || type == VT_UNKNOWN)
     return L"object";
-  if (FAILED(::VariantChangeType(text.Put(), plain.Get(), VARIANT_ALPHABOOL, VT_BSTR)))
+  if (FAILED(::VariantChangeType(text.Put(), const_cast<VARIANT*>(&value), VARIANT_ALPHABOOL,
+                                 VT_BSTR)))
     return L"?";
   return std::wstring(V_BSTR(text.Get()), ::SysStringLen(V_BSTR(text.Get())));
 }
@@ -108,11 +107,41 @@ class DispatchDouble : public Interface {
   std::vector<std::wstring> invoked;
 };
 
-// The error component: answers the handler from `answers` in turn, the last for ever (7, leave,
-// when there are none), records each failure's number, and reads then writes slot 5 of the stack
-// it is handed. When told to, it keeps every object handed to it and fails the dump's opening.
-class ErrorComponent final : public DispatchDouble<> {
+// The error component "MorvelinError.Main2", registered in this process while it lives. It answers
+// the handler from `answers` in turn, the last for ever (7, leave, when there are none), records
+// each failure's number, and reads then writes slot 5 of the stack it is handed. When told to, it
+// keeps every object handed to it and fails the dump's opening.
+class ErrorComponent final : public DispatchDouble<>, public IClassFactory {
  public:
+  ErrorComponent() {
+    EXPECT_EQ(::CoRegisterClassObject(kClsid, static_cast<IClassFactory*>(this),
+                                      CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE, &cookie_),
+              S_OK);
+    const std::wstring clsid = GuidText(kClsid);
+    EXPECT_EQ(
+        ::RegSetKeyValueW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2\\CLSID", nullptr, REG_SZ,
+                          clsid.c_str(), static_cast<DWORD>((clsid.size() + 1) * sizeof(wchar_t))),
+        ERROR_SUCCESS);
+  }
+  ~ErrorComponent() override {
+    ::CoRevokeClassObject(cookie_);
+    ::RegDeleteTreeW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2");
+  }
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
+    if (!IsEqualIID(riid, IID_IClassFactory))
+      return DispatchDouble::QueryInterface(riid, out);
+    *out = static_cast<IClassFactory*>(this);
+    AddRef();
+    return S_OK;
+  }
+  ULONG STDMETHODCALLTYPE AddRef() override { return DispatchDouble::AddRef(); }
+  ULONG STDMETHODCALLTYPE Release() override { return DispatchDouble::Release(); }
+  HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown*, REFIID riid, void** out) override {
+    ++created;
+    return DispatchDouble::QueryInterface(riid, out);
+  }
+  HRESULT STDMETHODCALLTYPE LockServer(BOOL) override { return S_OK; }
+
   HRESULT Answer(const std::wstring& member, DISPPARAMS* params, VARIANT* result) override {
     if (params == nullptr)
       return S_OK;
@@ -155,48 +184,12 @@ class ErrorComponent final : public DispatchDouble<> {
   bool keepObjects = false;
   bool failOpenDump = false;
   std::vector<ComPtr<IDispatch>> kept;
-};
-
-// Makes `component` the error component "MorvelinError.Main2" while it lives, and counts the
-// instances the library creates.
-class ComponentRegistration final : public IClassFactory {
- public:
-  explicit ComponentRegistration(ErrorComponent& component) : component_(component) {
-    EXPECT_EQ(
-        ::CoRegisterClassObject(kClsid, this, CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE, &cookie_),
-        S_OK);
-    const std::wstring clsid = GuidText(kClsid);
-    EXPECT_EQ(
-        ::RegSetKeyValueW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2\\CLSID", nullptr, REG_SZ,
-                          clsid.c_str(), static_cast<DWORD>((clsid.size() + 1) * sizeof(wchar_t))),
-        ERROR_SUCCESS);
-  }
-  ~ComponentRegistration() {
-    ::CoRevokeClassObject(cookie_);
-    ::RegDeleteTreeW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2");
-  }
-  ComponentRegistration(const ComponentRegistration&) = delete;
-  ComponentRegistration& operator=(const ComponentRegistration&) = delete;
-
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
-    *out = IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IClassFactory) ? this : nullptr;
-    return *out != nullptr ? S_OK : E_NOINTERFACE;
-  }
-  ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
-  ULONG STDMETHODCALLTYPE Release() override { return 1; }
-  HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown*, REFIID riid, void** out) override {
-    ++created;
-    return component_.QueryInterface(riid, out);
-  }
-  HRESULT STDMETHODCALLTYPE LockServer(BOOL) override { return S_OK; }
-
   int created = 0;
 
  private:
   // {7A2C1E55-3B9D-4C1F-8E62-0D4B7A9F1C38}
   static constexpr CLSID kClsid = {
       0x7a2c1e55, 0x3b9d, 0x4c1f, {0x8e, 0x62, 0x0d, 0x4b, 0x7a, 0x9f, 0x1c, 0x38}};
-  ErrorComponent& component_;
   DWORD cookie_ = 0;
 };
 

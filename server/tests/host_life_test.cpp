@@ -56,16 +56,19 @@ DWORD WINAPI LoadALibrary(void*) {
   return library != nullptr && ::FreeLibrary(library) ? 0 : 1;
 }
 
-// True when a thread running `routine` ends within the bound and succeeds; one still running then
-// is left behind.
-bool EndsWell(LPTHREAD_START_ROUTINE routine) {
-  HANDLE thread = ::CreateThread(nullptr, 0, routine, nullptr, 0, nullptr);
+// True when a thread or a process ends within the bound and succeeds; one still running then is
+// left behind.
+bool EndsWell(HANDLE handle, BOOL(WINAPI* exitCode)(HANDLE, DWORD*) = ::GetExitCodeThread) {
   DWORD code = 99;
-  const bool ended = thread != nullptr && ::WaitForSingleObject(thread, kBound) == WAIT_OBJECT_0 &&
-                     ::GetExitCodeThread(thread, &code) && code == 0;
-  if (thread != nullptr)
-    ::CloseHandle(thread);
-  return ended;
+  const bool well = handle != nullptr && ::WaitForSingleObject(handle, kBound) == WAIT_OBJECT_0 &&
+                    exitCode(handle, &code) && code == 0;
+  if (handle != nullptr)
+    ::CloseHandle(handle);
+  return well;
+}
+
+HANDLE Start(LPTHREAD_START_ROUTINE routine) {
+  return ::CreateThread(nullptr, 0, routine, nullptr, 0, nullptr);
 }
 
 // A thread that creates, uses, releases and uninitialises ends, and leaves the loader free: twice
@@ -76,8 +79,8 @@ TEST(HostLifeModule, ApartmentThreadsEndAndTheLibraryUnloadsAndLoadsAgain) {
   Apartment apartment;
   for (int round = 0; round < 3; ++round) {
     ComPtr<IDispatch> mine = round == 2 ? CreateMain2() : nullptr;
-    EXPECT_TRUE(EndsWell(UseInASecondApartment)) << round;
-    EXPECT_TRUE(EndsWell(LoadALibrary)) << round;
+    EXPECT_TRUE(EndsWell(Start(UseInASecondApartment))) << round;
+    EXPECT_TRUE(EndsWell(Start(LoadALibrary))) << round;
     EXPECT_EQ(GivesADocument(mine.Get()), round == 2);
   }
   ::CoFreeUnusedLibrariesEx(0, 0);
@@ -123,7 +126,6 @@ class HostLife : public ::testing::Test {
 
   Apartment apartment;
   ErrorComponent component;
-  ComponentRegistration registration{component};
   Signaller signaller;
   ComPtr<IDispatch> main;
 };
@@ -177,7 +179,7 @@ DWORD WINAPI HoldAnInstanceForEver(void*) {
 int EndWithALiveInstance() {
   if (FAILED(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)))
     return 2;
-  HANDLE other = ::CreateThread(nullptr, 0, HoldAnInstanceForEver, nullptr, 0, nullptr);
+  HANDLE other = Start(HoldAnInstanceForEver);
   IDispatch* leaked = CreateMain2().Detach();
   if (other == nullptr || !GivesADocument(leaked))
     return 3;
@@ -195,15 +197,8 @@ TEST(HostLifeModule, AProcessWithALiveInstanceEnds) {
   PROCESS_INFORMATION process{};
   ASSERT_TRUE(::CreateProcessW(self, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr,
                                nullptr, &startup, &process));
-  const DWORD waited = ::WaitForSingleObject(process.hProcess, kBound);
-  DWORD code = 99;
-  ::GetExitCodeProcess(process.hProcess, &code);
-  if (waited != WAIT_OBJECT_0)
-    ::TerminateProcess(process.hProcess, 1);
   ::CloseHandle(process.hThread);
-  ::CloseHandle(process.hProcess);
-  EXPECT_EQ(waited, WAIT_OBJECT_0);
-  EXPECT_EQ(code, 0u);
+  EXPECT_TRUE(EndsWell(process.hProcess, ::GetExitCodeProcess));
 }
 
 }  // namespace
