@@ -150,16 +150,12 @@ TEST_F(Registered, NamesMapAsTheTypeLibraryMapsThem) {
   ASSERT_TRUE(main && info && SUCCEEDED(info->GetTypeAttr(&attributes)));
   const UINT members = attributes->cFuncs;
   info->ReleaseTypeAttr(attributes);
-  std::vector<std::vector<std::wstring>> questions = {
-      {L"getlabel", L"IDSTR"},
-      {L"Initialize", L"productName", L"eventSignaller"},
-      {L"GetEnabled", L"result"},
-      {L"RibbonCallback", L"isOn", L"noSuchParameter"},
-      {L"NoSuchMember"},
-      {L"NoSuchMember", L"idStr"},
-      {L"QueryInterface"},
-      {L"invoke"},
-      {L"GetEnabled "}};
+  std::vector<std::wstring> questions = {
+      L"getlabel,IDSTR",    L"Initialize,productName,eventSignaller",
+      L"GetEnabled,result", L"RibbonCallback,isOn,noSuchParameter",
+      L"NoSuchMember",      L"NoSuchMember,idStr",
+      L"QueryInterface",    L"invoke",
+      L"GetEnabled "};
   for (UINT i = 0; i < members; ++i) {
     FUNCDESC* function = nullptr;
     UniqueBstr name;
@@ -168,20 +164,23 @@ TEST_F(Registered, NamesMapAsTheTypeLibraryMapsThem) {
     info->ReleaseFuncDesc(function);
     std::wstring upper = Text(name.Get());
     std::transform(upper.begin(), upper.end(), upper.begin(), std::towupper);
-    questions.push_back({Text(name.Get())});
-    questions.push_back({upper});
+    questions.insert(questions.end(), {Text(name.Get()), upper});
   }
-  for (auto& question : questions) {
+  for (const std::wstring& question : questions) {
+    std::wistringstream in(question);
+    std::vector<std::wstring> words;
     std::vector<LPOLESTR> names;
-    for (auto& name : question)
-      names.push_back(name.data());
+    for (std::wstring word; std::getline(in, word, L',');)
+      words.push_back(word);
+    for (std::wstring& word : words)
+      names.push_back(word.data());
     const UINT count = static_cast<UINT>(names.size());
     std::vector<DISPID> ours(count, 0x5EED);
     std::vector<DISPID> theirs(count, 0x5EED);
     EXPECT_EQ(main->GetIDsOfNames(IID_NULL, names.data(), count, 0, ours.data()),
               ::DispGetIDsOfNames(info.Get(), names.data(), count, theirs.data()))
-        << question[0];
-    EXPECT_EQ(ours, theirs) << question[0];
+        << question;
+    EXPECT_EQ(ours, theirs) << question;
   }
 }
 
@@ -355,10 +354,6 @@ struct Side {
     }
     std::reverse(slots.begin(), slots.end());
   }
-  ~Side() {
-    for (VARIANT& slot : slots)
-      tabforge::com::ClearVariant(&slot);
-  }
 
   // Reads one argument: a type and a value ("s:MVN4", "b:1", "i:5", "d:2.5"), an object
   // ("o:signaller", "o:ribbon", "o:bar", or "u:..." as IUnknown), "m" missing, "e" empty or "n"
@@ -368,19 +363,17 @@ struct Side {
     if (pass == L'&' || pass == L'*')
       text.remove_prefix(1);
     const std::wstring value(text.substr(std::min<std::size_t>(2, text.size())));
+    constexpr VARTYPE kTypes[] = {VT_BSTR,    VT_BOOL,  VT_I4,    VT_R8,  VT_DISPATCH,
+                                  VT_UNKNOWN, VT_ERROR, VT_EMPTY, VT_NULL};
+    const std::size_t kind = std::min<std::size_t>(std::wstring_view(L"sbidoume").find(text[0]), 8);
     VARIANT* v = variable.Get();
-    if (text[0] == L'o' || text[0] == L'u') {
-      V_VT(v) = text[0] == L'o' ? VT_DISPATCH : VT_UNKNOWN;
-      V_DISPATCH(v) = Party(value);
-      V_DISPATCH(v)->AddRef();
-    } else if (text[0] == L'm') {
-      V_VT(v) = VT_ERROR;
-      V_ERROR(v) = DISP_E_PARAMNOTFOUND;
-    } else if (text[0] == L'n') {
-      V_VT(v) = VT_NULL;
-    } else if (text[0] != L'e') {
-      constexpr VARTYPE kTypes[] = {VT_BSTR, VT_BOOL, VT_I4, VT_R8};
-      variable = Value(kTypes[std::wstring_view(L"sbid").find(text[0])], value.c_str());
+    if (kind < 4) {
+      variable = Value(kTypes[kind], value.c_str());
+    } else {
+      V_VT(v) = kTypes[kind];
+      V_ERROR(v) = DISP_E_PARAMNOTFOUND;  // what a missing argument holds
+      if (kind < 6)
+        (V_DISPATCH(v) = Party(value))->AddRef();
     }
     if (pass == L'&') {
       V_VT(&slot) = static_cast<VARTYPE>(VT_BYREF | V_VT(v));
@@ -403,18 +396,15 @@ struct Side {
       return type + L"null";
     if (V_VT(&v) != VT_DISPATCH && V_VT(&v) != VT_UNKNOWN)
       return type + TextOf(v);
-    const ComPtr<IUnknown> object(V_UNKNOWN(&v));
+    IUnknown* object = V_UNKNOWN(&v);
     for (const wchar_t* party : {L"signaller", L"ribbon", L"bar"}) {
-      if (object && object.TryAs<IDispatch>().Get() == Party(party))
+      if (object != nullptr && object == Party(party))
         return type + party;
     }
-    const ComPtr<IPicture> picture = object.TryAs<IPicture>();
-    OLE_XSIZE_HIMETRIC width = 0;
-    if (picture)
+    OLE_XSIZE_HIMETRIC width = -1;
+    if (const auto picture = ComPtr<IUnknown>(object).TryAs<IPicture>())
       picture->get_Width(&width);
-    return type + (!object   ? L"nothing"
-                   : picture ? L"picture " + std::to_wstring(width)
-                             : L"other");
+    return type + (object != nullptr ? L"picture " + std::to_wstring(width) : L"nothing");
   }
 
   // Makes the call through the server's Invoke or the type library's, and tells what it answered
@@ -567,6 +557,7 @@ TEST_F(Members, InvokeAnswersAsTheTypeLibrary) {
     EXPECT_EQ(ours.argumentError, call.argumentError);
     EXPECT_TRUE(theirs.argumentError == call.argumentError || theirs.argumentError == kUntouched);
     EXPECT_EQ(ours.ReferencesLeft(), L"1 1");
+    theirs.ReferencesLeft();  // Wine's own keeps a reference when the count is wrong
   }
 }
 
