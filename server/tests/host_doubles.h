@@ -117,11 +117,9 @@ class ErrorComponent final : public DispatchDouble<>, public IClassFactory {
     EXPECT_EQ(::CoRegisterClassObject(kClsid, static_cast<IClassFactory*>(this),
                                       CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE, &cookie_),
               S_OK);
-    const std::wstring clsid = GuidText(kClsid);
-    EXPECT_EQ(
-        ::RegSetKeyValueW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2\\CLSID", nullptr, REG_SZ,
-                          clsid.c_str(), static_cast<DWORD>((clsid.size() + 1) * sizeof(wchar_t))),
-        ERROR_SUCCESS);
+    EXPECT_EQ(::RegSetValueW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2\\CLSID", REG_SZ,
+                             GuidText(kClsid).c_str(), 0),
+              ERROR_SUCCESS);
   }
   ~ErrorComponent() override {
     ::CoRevokeClassObject(cookie_);
