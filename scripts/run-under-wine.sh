@@ -14,8 +14,9 @@
 # latter.
 #
 # Every run has WINEDEBUG=warn+heap,err+heap: a string or a block freed twice, or a pointer that
-# is no block of the heap, makes Wine say so, and any such line fails the run. A double free in a
-# host is a crash later and anywhere, so this is checked on every call of every test.
+# is no block of the heap, makes Wine say so, and any such line fails the run, as does a crash. A
+# double free in a host is a crash later and anywhere, so this is checked on every call of every
+# test.
 #
 # Unix paths of existing files among the arguments are passed as Z:\... paths (Wine's cscript
 # cannot open "/path/x.vbs" and exits 1 without a message). Wine's cscript exits 0 even when the
@@ -126,6 +127,11 @@ case "$(basename "${program,,}")" in
 esac
 if grep -qE '^[0-9a-f]+:(warn|err):heap' "$heap"; then
     echo "run-under-wine: Wine's heap checks reported the lines above" >&2
+    [ $rc -ne 0 ] || rc=1
+fi
+# A crash ends the process through Wine's debugger, whose exit status is not always the crash's.
+if grep -qE '^wine: Unhandled' "$heap"; then
+    echo "run-under-wine: '$program' crashed" >&2
     [ $rc -ne 0 ] || rc=1
 fi
 rm -f "$out" "$heap"

@@ -10,20 +10,18 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <cwctype>
-#include <map>
-#include <memory>
+#include <sstream>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "Tabforge_h.h"
 #include "accessibility/accessible_tree.h"
 #include "server/accessible_object.h"
-#include "server/com_ptr.h"
-#include "server/tests/dispatch_double.h"
+#include "server/tests/host_doubles.h"
 #include "server/windows_platform.h"
 
 namespace {
@@ -31,176 +29,58 @@ namespace {
 using tabforge::AccessibleElement;
 using tabforge::ParseAccessibleTree;
 using tabforge::Ref;
-using tabforge::SampleRibbonText;
 using tabforge::com::AccessibleObject;
-using tabforge::com::ComPtr;
-using tabforge::com::UniqueBstr;
-using tabforge::com::UniqueVariant;
 
-// {3F1E2B7C-8D4A-4E6B-9C21-5A7D0E4B8F13}: the recording error component of these tests.
-constexpr CLSID kClsidRecorder = {
-    0x3f1e2b7c, 0x8d4a, 0x4e6b, {0x9c, 0x21, 0x5a, 0x7d, 0x0e, 0x4b, 0x8f, 0x13}};
+std::wstring Text(BSTR text) {
+  return std::wstring(text, ::SysStringLen(text));
+}
+UniqueBstr Bstr(const wchar_t* text) {
+  return UniqueBstr(::SysAllocString(text));
+}
 
-// COM interfaces have no virtual destructor by design; objects delete themselves in Release.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
-
-// A plain dispatch object standing in for the template's objects.
-using Counted = DispatchDouble;
-
-// The ribbon: answers IRibbonUI and records what is invalidated.
-class FakeRibbon final : public IRibbonUI {
+// The ribbon, which records what it is told to invalidate.
+class FakeRibbon final : public DispatchDouble<IRibbonUI> {
  public:
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
-    if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IDispatch) ||
-        IsEqualIID(riid, __uuidof(IRibbonUI))) {
-      if (IsEqualIID(riid, __uuidof(IRibbonUI)))
-        ++ribbonQueries;
-      *out = static_cast<IRibbonUI*>(this);
-      AddRef();
-      return S_OK;
-    }
-    *out = nullptr;
-    return E_NOINTERFACE;
-  }
-  ULONG STDMETHODCALLTYPE AddRef() override { return ++references; }
-  ULONG STDMETHODCALLTYPE Release() override { return --references; }
-  HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override {
-    *count = 0;
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) override {
-    return DISP_E_UNKNOWNNAME;
-  }
-  HRESULT STDMETHODCALLTYPE Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*,
-                                   UINT*) override {
-    return DISP_E_MEMBERNOTFOUND;
-  }
   HRESULT STDMETHODCALLTYPE Invalidate() override {
-    invalidated.emplace_back(L"Invalidate");
+    invoked.emplace_back(L"Invalidate");
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE InvalidateControl(BSTR id) override {
-    invalidated.push_back(L"InvalidateControl " + std::wstring(id, ::SysStringLen(id)));
+    invoked.push_back(L"InvalidateControl " + Text(id));
     return S_OK;
   }
-  std::vector<std::wstring> Take() { return std::exchange(invalidated, {}); }
-
-  ULONG references = 1;
-  int ribbonQueries = 0;
-  std::vector<std::wstring> invalidated;
-};
-
-// The error component: records every member called and answers the handler from `answers`, then
-// with "leave".
-class Recorder final : public Counted {
- public:
-  HRESULT Answer(const std::wstring& member, DISPPARAMS* params, VARIANT* result) override {
-    if (member == L"vbwErrorHandler" && params != nullptr && params->cArgs > 0) {
-      // The failure number is the first argument, the last in DISPPARAMS, by reference.
-      const VARIANT& number = params->rgvarg[params->cArgs - 1];
-      if ((V_VT(&number) & VT_BYREF) != 0 && (V_VT(&number) & VT_TYPEMASK) == VT_I4)
-        errorNumbers.push_back(*V_I4REF(&number));
-      // The stack, the last argument, goes by reference: read slot 5 as it comes, then write it.
-      VARIANT& stack = params->rgvarg[0];
-      if (V_VT(&stack) == (VT_BYREF | VT_ARRAY | VT_BSTR) && *V_ARRAYREF(&stack) != nullptr) {
-        LONG slot = 5;
-        UniqueBstr name;
-        if (SUCCEEDED(::SafeArrayGetElement(*V_ARRAYREF(&stack), &slot, name.Put())))
-          stackSlot5.emplace_back(name.Get() != nullptr ? name.Get() : L"");
-        const std::wstring text = L"Written " + std::to_wstring(stackSlot5.size());
-        UniqueBstr written(::SysAllocString(text.c_str()));
-        ::SafeArrayPutElement(*V_ARRAYREF(&stack), &slot, written.Get());
-      }
-      if (result != nullptr) {
-        V_VT(result) = VT_I4;
-        V_I4(result) = 7;
-        if (!answers.empty()) {
-          V_I4(result) = answers.front();
-          answers.erase(answers.begin());
-        }
-      }
-    }
-    if (member == L"vbwOpenDumpFile" && failOpenDump)
-      return static_cast<HRESULT>(0x800A004B);  // run-time error 75, path/file access
-    return S_OK;
-  }
-  std::vector<LONG> errorNumbers;
-  std::vector<std::wstring> stackSlot5;
-  std::vector<LONG> answers;  // then 7, leave
-  bool failOpenDump = false;
-};
-
-class RecorderFactory final : public IClassFactory {
- public:
-  explicit RecorderFactory(Recorder& recorder) : recorder_(recorder) {}
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
-    if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IClassFactory)) {
-      *out = static_cast<IClassFactory*>(this);
-      return S_OK;
-    }
-    *out = nullptr;
-    return E_NOINTERFACE;
-  }
-  ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
-  ULONG STDMETHODCALLTYPE Release() override { return 1; }
-  HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown*, REFIID riid, void** out) override {
-    ++created;
-    return recorder_.QueryInterface(riid, out);
-  }
-  HRESULT STDMETHODCALLTYPE LockServer(BOOL) override { return S_OK; }
-  int created = 0;
-
- private:
-  Recorder& recorder_;
 };
 
 // A 96 x 48 PNG of one translucent colour: 96 pixels are 2540 HIMETRIC at 96 dots an inch.
-constexpr unsigned char kIconPng[] = {
-    0x89, 0x50, 0x4E, 0x47, 0x0D, 0x0A, 0x1A, 0x0A, 0x00, 0x00, 0x00, 0x0D, 0x49, 0x48, 0x44, 0x52,
-    0x00, 0x00, 0x00, 0x60, 0x00, 0x00, 0x00, 0x30, 0x08, 0x06, 0x00, 0x00, 0x00, 0xEE, 0x16, 0x7F,
-    0xCF, 0x00, 0x00, 0x00, 0x5F, 0x49, 0x44, 0x41, 0x54, 0x78, 0xDA, 0xED, 0xD1, 0x31, 0x01, 0x00,
-    0x00, 0x04, 0x00, 0x41, 0x51, 0x44, 0x15, 0x4D, 0x33, 0x22, 0x18, 0x2D, 0x37, 0x7C, 0x81, 0xBF,
-    0xC8, 0xEA, 0xD1, 0x5F, 0x61, 0x02, 0x00, 0x00, 0x02, 0x00, 0x40, 0x00, 0x00, 0x08, 0x00, 0x00,
-    0x01, 0x00, 0x20, 0x00, 0x00, 0x04, 0x00, 0x80, 0x00, 0x00, 0x10, 0x00, 0x00, 0x02, 0x00, 0x40,
-    0x00, 0x00, 0x08, 0x00, 0x00, 0x01, 0x00, 0x20, 0x00, 0x00, 0x04, 0x00, 0x80, 0x00, 0x00, 0x10,
-    0x00, 0x00, 0x02, 0x00, 0x40, 0x00, 0x00, 0x08, 0x00, 0x00, 0x01, 0x00, 0x20, 0x00, 0x00, 0x04,
-    0x00, 0x80, 0xEE, 0x16, 0x1A, 0x07, 0xB0, 0x77, 0xCB, 0x4D, 0x63, 0xD8, 0x00, 0x00, 0x00, 0x00,
-    0x49, 0x45, 0x4E, 0x44, 0xAE, 0x42, 0x60, 0x82};
+constexpr char kIconPng[] =
+    "\x89\x50\x4E\x47\x0D\x0A\x1A\x0A\x00\x00\x00\x0D\x49\x48\x44\x52\x00\x00\x00\x60\x00\x00\x00"
+    "\x30\x08\x06\x00\x00\x00\xEE\x16\x7F\xCF\x00\x00\x00\x5F\x49\x44\x41\x54\x78\xDA\xED\xD1\x31"
+    "\x01\x00\x00\x04\x00\x41\x51\x44\x15\x4D\x33\x22\x18\x2D\x37\x7C\x81\xBF\xC8\xEA\xD1\x5F\x61"
+    "\x02\x00\x00\x02\x00\x40\x00\x00\x08\x00\x00\x01\x00\x20\x00\x00\x04\x00\x80\x00\x00\x10\x00"
+    "\x00\x02\x00\x40\x00\x00\x08\x00\x00\x01\x00\x20\x00\x00\x04\x00\x80\x00\x00\x10\x00\x00\x02"
+    "\x00\x40\x00\x00\x08\x00\x00\x01\x00\x20\x00\x00\x04\x00\x80\xEE\x16\x1A\x07\xB0\x77\xCB\x4D"
+    "\x63\xD8\x00\x00\x00\x00\x49\x45\x4E\x44\xAE\x42\x60\x82";
 
-// The template's signalling object: records the macros it is asked to run and hands out the
-// same icon for every image number it is asked for.
-class Signaller final : public Counted {
+// The template's signalling object, which hands out the same icon for every image.
+class Signaller final : public DispatchDouble<> {
  public:
-  HRESULT Answer(const std::wstring& member, DISPPARAMS* params, VARIANT* result) override {
-    if (params == nullptr || params->cArgs != 1)
-      return DISP_E_BADPARAMCOUNT;
-    UniqueVariant argument;
-    if (FAILED(::VariantCopyInd(argument.Get(), &params->rgvarg[0])))
-      return DISP_E_TYPEMISMATCH;
-    if (member == L"Run" && V_VT(argument.Get()) == VT_BSTR) {
-      macros.emplace_back(V_BSTR(argument.Get()), ::SysStringLen(V_BSTR(argument.Get())));
+  HRESULT Answer(const std::wstring& member, DISPPARAMS*, VARIANT* result) override {
+    if (member != L"getToolbarIconBits" || result == nullptr)
       return S_OK;
-    }
-    if (member == L"getToolbarIconBits" && V_VT(argument.Get()) == VT_I2) {
-      images.push_back(V_I2(argument.Get()));
-      SAFEARRAY* bytes = ::SafeArrayCreateVector(VT_UI1, 0, sizeof kIconPng);
-      void* data = nullptr;
-      ::SafeArrayAccessData(bytes, &data);
-      std::memcpy(data, kIconPng, sizeof kIconPng);
-      ::SafeArrayUnaccessData(bytes);
-      V_VT(result) = VT_ARRAY | VT_UI1;
-      V_ARRAY(result) = bytes;
-      return S_OK;
-    }
-    return DISP_E_MEMBERNOTFOUND;
+    V_VT(result) = VT_ARRAY | VT_UI1;
+    V_ARRAY(result) = ::SafeArrayCreateVector(VT_UI1, 0, sizeof kIconPng - 1);
+    std::memcpy(V_ARRAY(result)->pvData, kIconPng, sizeof kIconPng - 1);
+    return S_OK;
   }
-  std::vector<std::wstring> macros;
-  std::vector<int> images;
 };
 
-#pragma GCC diagnostic pop
+// Hands `main` the signalling object, the product name "Morvelin" and the ribbon through the
+// vtable, as the template's early-bound calls do.
+void Connect(_Main2* main, IDispatch* signaller, IDispatch* ribbon) {
+  UniqueBstr name = Bstr(L"Morvelin");
+  EXPECT_EQ(main->Initialize(&signaller, name.InOut()), S_OK);
+  EXPECT_EQ(main->put_ribbon(&ribbon), S_OK);
+}
 
 bool KeyExists(const std::wstring& key) {
   tabforge::com::UniqueHkey handle;
@@ -208,99 +88,13 @@ bool KeyExists(const std::wstring& key) {
          ERROR_SUCCESS;
 }
 
-std::wstring GuidText(REFGUID guid) {
-  wchar_t text[40] = {};
-  EXPECT_EQ(::StringFromGUID2(guid, text, 40), 39);
-  return text;
+// The keys of the class, the program id, the interface and the type library.
+std::vector<std::wstring> ServerKeys() {
+  return {L"CLSID\\" + GuidText(CLSID_Main2), L"Tabforge.Main2",
+          L"Interface\\" + GuidText(IID__Main2), L"TypeLib\\" + GuidText(LIBID_Tabforge)};
 }
 
-class ComTest : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_TRUE(SUCCEEDED(::CoInitialize(nullptr))); }
-  void TearDown() override { ::CoUninitialize(); }
-};
-
-class Registered : public ComTest {
- protected:
-  ComPtr<_Main2> Create() {
-    CLSID clsid{};
-    EXPECT_EQ(::CLSIDFromProgID(L"Tabforge.Main2", &clsid), S_OK);
-    EXPECT_TRUE(IsEqualCLSID(clsid, CLSID_Main2));
-    ComPtr<_Main2> main;
-    EXPECT_EQ(::CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID__Main2, main.PutVoid()),
-              S_OK);
-    return main;
-  }
-};
-
-TEST_F(Registered, RegistryHoldsTheClassProgIdAndInterface) {
-  const std::wstring clsid = L"CLSID\\" + GuidText(CLSID_Main2);
-  EXPECT_TRUE(KeyExists(clsid + L"\\InprocServer32"));
-  EXPECT_TRUE(KeyExists(clsid + L"\\ProgID"));
-  EXPECT_TRUE(KeyExists(L"Tabforge.Main2\\CLSID"));
-  EXPECT_TRUE(KeyExists(L"Interface\\" + GuidText(IID__Main2) + L"\\ProxyStubClsid32"));
-  EXPECT_TRUE(KeyExists(L"TypeLib\\" + GuidText(LIBID_Tabforge)));
-  wchar_t model[32] = {};
-  DWORD bytes = sizeof(model);
-  EXPECT_EQ(::RegGetValueW(HKEY_CLASSES_ROOT, (clsid + L"\\InprocServer32").c_str(),
-                           L"ThreadingModel", RRF_RT_REG_SZ, nullptr, model, &bytes),
-            ERROR_SUCCESS);
-  EXPECT_EQ(std::wstring(model), L"Apartment");
-}
-
-TEST_F(Registered, InitializeAndRibbonThroughTheInterface) {
-  Counted signaller;
-  FakeRibbon ribbon;
-  {
-    ComPtr<_Main2> main = Create();
-    ASSERT_TRUE(main);
-    IDispatch* signallerArgument = &signaller;
-    UniqueBstr name(::SysAllocString(L"Morvelin"));
-    BSTR nameArgument = name.Get();
-    EXPECT_EQ(main->Initialize(&signallerArgument, &nameArgument), S_OK);
-    EXPECT_GT(signaller.references, 1u) << "Initialize holds the signalling object";
-
-    IDispatch* ribbonArgument = &ribbon;
-    EXPECT_EQ(main->put_ribbon(&ribbonArgument), S_OK);
-    EXPECT_EQ(ribbon.ribbonQueries, 1);
-    EXPECT_GT(ribbon.references, 1u) << "ribbon holds the ribbon object";
-
-    // Null pointers are nothing, not a crash.
-    EXPECT_EQ(main->Initialize(nullptr, nullptr), S_OK);
-  }
-  EXPECT_EQ(signaller.references, 1u) << "the last release lets go of the signalling object";
-  EXPECT_EQ(ribbon.references, 1u) << "the last release lets go of the ribbon";
-}
-
-// The interface's members and their dispatch ids, which the template's compiled calls rely on.
-constexpr std::pair<std::wstring_view, DISPID> kDispatchIds[] = {
-    {L"Initialize", 0x60030007},
-    {L"ribbon", 0x68030006},
-    {L"GetRibbonXML", 0x60030009},
-    {L"productNameChanged", 0x6003000C},
-    {L"GetLabel", 0x68030005},
-    {L"GetEnabled", 0x68030004},
-    {L"GetPressed", 0x68030003},
-    {L"GetScreentip", 0x68030002},
-    {L"GetImage", 0x68030000},
-    {L"LoadImage", 0x6003000D},
-    {L"RibbonCallback", 0x6003000F},
-    {L"EnableGotoQuickBookmark", 0x60030010},
-    {L"UpdateLexoscopeIcon", 0x60030011},
-    {L"EnableToolbar", 0x60030013},
-    {L"activateMorvelinTab", 0x60030014},
-};
-
-DISPID DispatchId(std::wstring_view member) {
-  for (const auto& [name, id] : kDispatchIds) {
-    if (name == member)
-      return id;
-  }
-  ADD_FAILURE() << "no such member";
-  return DISPID_UNKNOWN;
-}
-
-// _Main2 as the registered type library describes the interface, whose members the vtable has,
+// _Main2 as the registered type library describes the interface whose members the vtable has,
 // read apart from anything that the server answers.
 ComPtr<ITypeInfo> TypeLibraryInterface() {
   ComPtr<ITypeLib> library;
@@ -309,684 +103,422 @@ ComPtr<ITypeInfo> TypeLibraryInterface() {
   ComPtr<ITypeInfo> info;
   EXPECT_EQ(::LoadRegTypeLib(LIBID_Tabforge, 1, 0, 0, library.Put()), S_OK);
   if (library && SUCCEEDED(library->GetTypeInfoOfGuid(IID__Main2, dispatch.Put())) &&
-      SUCCEEDED(dispatch->GetRefTypeOfImplType(static_cast<UINT>(-1), &reference))) {
-    EXPECT_EQ(dispatch->GetRefTypeInfo(reference, info.Put()), S_OK);
-  }
+      SUCCEEDED(dispatch->GetRefTypeOfImplType(static_cast<UINT>(-1), &reference)))
+    dispatch->GetRefTypeInfo(reference, info.Put());
   return info;
 }
 
-// Every member's name maps to its id in any case of letters, and every name, the member's
-// parameters and the inherited members included, maps as the type library maps it.
-TEST_F(Registered, NamesMapAsTheTypeLibraryMapsThem) {
-  ComPtr<_Main2> main = Create();
-  ASSERT_TRUE(main);
-  ComPtr<ITypeInfo> info = TypeLibraryInterface();
-  ASSERT_TRUE(info);
-  auto upper = [](std::wstring s) {
-    for (wchar_t& c : s)
-      c = static_cast<wchar_t>(std::towupper(c));
-    return s;
-  };
-  std::vector<std::vector<std::wstring>> questions;
-  for (const auto& [member, expected] : kDispatchIds) {
-    std::wstring name(member);
-    LPOLESTR names[] = {name.data()};
-    DISPID id = 0;
-    EXPECT_EQ(main->GetIDsOfNames(IID_NULL, names, 1, 0, &id), S_OK) << name;
-    EXPECT_EQ(id, expected) << name;
-    questions.push_back({name});
-    questions.push_back({upper(name)});
-  }
-  questions.push_back({L"getlabel", L"IDSTR"});
-  questions.push_back({L"Initialize", L"productName", L"eventSignaller"});
-  questions.push_back({L"GetEnabled", L"result"});
-  questions.push_back({L"RibbonCallback", L"isOn", L"noSuchParameter"});
-  questions.push_back({L"NoSuchMember"});
-  questions.push_back({L"NoSuchMember", L"idStr"});
-  questions.push_back({L"QueryInterface"});
-  questions.push_back({L"invoke"});
-  questions.push_back({L"GetEnabled "});
-  for (auto& question : questions) {
-    std::vector<LPOLESTR> names;
-    for (auto& name : question)
-      names.push_back(name.data());
-    const UINT count = static_cast<UINT>(names.size());
-    std::vector<DISPID> ours(count, 0x5EED);
-    std::vector<DISPID> theirs(count, 0x5EED);
-    EXPECT_EQ(main->GetIDsOfNames(IID_NULL, names.data(), count, 0, ours.data()),
-              ::DispGetIDsOfNames(info.Get(), names.data(), count, theirs.data()))
-        << question[0];
-    EXPECT_EQ(ours, theirs) << question[0];
-  }
+struct ComTest : ::testing::Test {
+  Apartment apartment;
+};
+using Registered = ComTest;
+using AccessibleTree = ComTest;
+using Unregistered = ComTest;
+
+TEST_F(Registered, RegistryHoldsTheClassProgIdInterfaceAndTypeLibrary) {
+  const std::vector<std::wstring> keys = ServerKeys();
+  for (const std::wstring& key : {keys[0] + L"\\InprocServer32", keys[0] + L"\\ProgID",
+                                  keys[1] + L"\\CLSID", keys[2] + L"\\ProxyStubClsid32", keys[3]})
+    EXPECT_TRUE(KeyExists(key)) << key;
+  wchar_t model[32] = {};
+  DWORD bytes = sizeof(model);
+  EXPECT_EQ(::RegGetValueW(HKEY_CLASSES_ROOT, (keys[0] + L"\\InprocServer32").c_str(),
+                           L"ThreadingModel", RRF_RT_REG_SZ, nullptr, model, &bytes),
+            ERROR_SUCCESS);
+  EXPECT_STREQ(model, L"Apartment");
+  CLSID clsid{};
+  EXPECT_EQ(::CLSIDFromProgID(L"Tabforge.Main2", &clsid), S_OK);
+  EXPECT_TRUE(IsEqualCLSID(clsid, CLSID_Main2));
 }
 
-// Registers `recorder` as the error component "MorvelinError.Main2" for the life of the object.
-class RecorderRegistration {
- public:
-  explicit RecorderRegistration(Recorder& recorder) : factory_(recorder) {
-    EXPECT_EQ(::CoRegisterClassObject(kClsidRecorder, &factory_, CLSCTX_INPROC_SERVER,
-                                      REGCLS_MULTIPLEUSE, &cookie_),
-              S_OK);
-    tabforge::com::UniqueHkey key;
-    EXPECT_EQ(::RegCreateKeyExW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2\\CLSID", 0, nullptr, 0,
-                                KEY_WRITE, nullptr, key.Put(), nullptr),
-              ERROR_SUCCESS);
-    const std::wstring clsid = GuidText(kClsidRecorder);
-    ::RegSetValueExW(key.Get(), nullptr, 0, REG_SZ, reinterpret_cast<const BYTE*>(clsid.c_str()),
-                     static_cast<DWORD>((clsid.size() + 1) * sizeof(wchar_t)));
-  }
-  ~RecorderRegistration() {
-    ::CoRevokeClassObject(cookie_);
-    ::RegDeleteTreeW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2");
-    ::RegDeleteKeyW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2");
-  }
-  int created() const { return factory_.created; }
+TEST_F(Unregistered, NothingOfTheServerIsLeftInTheRegistry) {
+  for (const std::wstring& key : ServerKeys())
+    EXPECT_FALSE(KeyExists(key)) << key;
+  EXPECT_FALSE(CreateMain2());
+}
 
- private:
-  RecorderFactory factory_;
-  DWORD cookie_ = 0;
-};
-
-// Every member of an initialised Main2 with a ribbon, as the template and the ribbon call them.
-class Members : public Registered {
+// An initialised Main2 with a ribbon, and the error component registered.
+class Members : public ComTest {
  protected:
   void SetUp() override {
-    Registered::SetUp();
-    registration_ = std::make_unique<RecorderRegistration>(recorder);
-    main = Create();
-    ASSERT_TRUE(main);
-    IDispatch* signallerArgument = &signaller;
-    UniqueBstr name(::SysAllocString(L"Morvelin"));
-    BSTR nameArgument = name.Get();
-    ASSERT_EQ(main->Initialize(&signallerArgument, &nameArgument), S_OK);
-    IDispatch* ribbonArgument = &ribbon;
-    ASSERT_EQ(main->put_ribbon(&ribbonArgument), S_OK);
-  }
-  void TearDown() override {
-    main.Reset();
-    registration_.reset();
-    Registered::TearDown();
+    ASSERT_TRUE(main = CreateMain2().TryAs<_Main2>());
+    Connect(main.Get(), &signaller, &ribbon);
   }
 
-  static UniqueBstr Bstr(const wchar_t* text) { return UniqueBstr(::SysAllocString(text)); }
-
+  ErrorComponent recorder;
   Signaller signaller;
   FakeRibbon ribbon;
-  Recorder recorder;
   ComPtr<_Main2> main;
-
- private:
-  std::unique_ptr<RecorderRegistration> registration_;
 };
 
-// The word processor's ribbon as an accessibility tree, its elements reachable through IAccessible
-// and by name, as the word processor's own are.
-struct RibbonTree {
-  explicit RibbonTree(std::u16string_view productName = u"Morvelin")
-      : root(ParseAccessibleTree(SampleRibbonText(productName)).root),
-        commandBar(ComPtr<IDispatch>::Attach(
-            AccessibleObject::Create(Ref<tabforge::Object>(root)).Detach())) {}
-  // The presses of every element, by name.
-  std::map<std::u16string, int> Presses() {
-    std::map<std::u16string, int> presses;
-    root->VisitAll([&](AccessibleElement& element) {
-      if (element.presses() > 0)
-        presses[element.name()] += element.presses();
-    });
-    return presses;
-  }
-  Ref<AccessibleElement> root;
-  ComPtr<IDispatch> commandBar;
-};
-
-TEST_F(Members, ImagesAreRealPicturesOfTheTemplatesBytes) {
-  UniqueBstr apply = Bstr(L"MVN0");
-  ComPtr<IPictureDisp> image;
-  ASSERT_EQ(main->get_GetImage(apply.InOut(), image.Put()), S_OK);
-  ASSERT_TRUE(image);
-  ComPtr<IPicture> picture = image.TryAs<IPicture>();
-  ASSERT_TRUE(picture);
+// The objects handed in are held until the last release; the pictures are real ones, a new one
+// for each load, and none where the table has none.
+TEST_F(Members, HoldsItsObjectsAndMakesRealPicturesOfTheTemplatesBytes) {
+  EXPECT_EQ(ribbon.queried, 1);
+  EXPECT_GT(signaller.references, 1u);
+  EXPECT_GT(ribbon.references, 1u);
+  UniqueBstr ids[] = {Bstr(L"MVN0"), Bstr(L"5"), Bstr(L"2")};
+  ComPtr<IPictureDisp> image, first, second, nothing;
+  EXPECT_EQ(main->get_GetImage(ids[0].InOut(), image.Put()), S_OK);
+  EXPECT_EQ(main->LoadImage(ids[1].InOut(), first.Put()), S_OK);
+  EXPECT_EQ(main->LoadImage(ids[1].InOut(), second.Put()), S_OK);
+  EXPECT_EQ(main->LoadImage(ids[2].InOut(), nothing.Put()), S_OK);
+  const ComPtr<IPicture> picture = image.TryAs<IPicture>();
   SHORT type = 0;
-  OLE_XSIZE_HIMETRIC width = 0;
-  OLE_YSIZE_HIMETRIC height = 0;
-  EXPECT_EQ(picture->get_Type(&type), S_OK);
-  EXPECT_EQ(type, PICTYPE_BITMAP);
-  EXPECT_EQ(picture->get_Width(&width), S_OK);
-  EXPECT_EQ(picture->get_Height(&height), S_OK);
-  EXPECT_EQ(width, 2540);
-  EXPECT_EQ(height, 1270);
-  EXPECT_EQ(signaller.images, std::vector<int>{102});
-
-  // Two loads of the same bytes are two pictures.
-  UniqueBstr five = Bstr(L"5");
-  ComPtr<IPictureDisp> first;
-  ComPtr<IPictureDisp> second;
-  EXPECT_EQ(main->LoadImage(five.InOut(), first.Put()), S_OK);
-  EXPECT_EQ(main->LoadImage(five.InOut(), second.Put()), S_OK);
-  ASSERT_TRUE(first && second);
+  OLE_XSIZE_HIMETRIC width = 0, height = 0;
+  ASSERT_TRUE(picture && first && second);
+  EXPECT_TRUE(SUCCEEDED(picture->get_Type(&type)) && SUCCEEDED(picture->get_Width(&width)) &&
+              SUCCEEDED(picture->get_Height(&height)));
+  EXPECT_EQ(std::vector<LONG>({type, width, height}),
+            (std::vector<LONG>{PICTYPE_BITMAP, 2540, 1270}));
   EXPECT_NE(first.Get(), second.Get());
-  EXPECT_EQ(signaller.images, (std::vector<int>{102, 303, 303}));
-
-  // Slot 2 has no picture: nothing is fetched and the answer is null.
-  UniqueBstr none = Bstr(L"2");
-  ComPtr<IPictureDisp> nothing;
-  EXPECT_EQ(main->LoadImage(none.InOut(), nothing.Put()), S_OK);
   EXPECT_FALSE(nothing);
-  EXPECT_EQ(signaller.images.size(), 3u);
-  EXPECT_TRUE(recorder.errorNumbers.empty());
+  EXPECT_EQ(signaller.invoked.size(), 3u) << "nothing fetched for an image without a picture";
+  EXPECT_TRUE(recorder.errors.empty());
+  EXPECT_EQ(main->Initialize(nullptr, nullptr), S_OK) << "null pointers are nothing";
+  main.Reset();
+  EXPECT_EQ(signaller.references + ribbon.references, 2u) << "each let go of";
 }
 
-TEST_F(Members, AFailureInsideReachesTheErrorComponentAndTheCallSucceeds) {
+// A failure inside reaches a component of its own and never the caller; the component writes into
+// the library's own stack; a failed dump opening does not end the dump.
+TEST_F(Members, FailuresReachTheErrorComponentAndNeverTheCaller) {
+  DispatchDouble<> notARibbon;
+  IDispatch* argument = &notARibbon;
+  EXPECT_EQ(main->put_ribbon(&argument), S_OK);
   UniqueBstr pastTheTable = Bstr(L"27");
   ComPtr<IPictureDisp> nothing;
-  EXPECT_EQ(main->LoadImage(pastTheTable.InOut(), nothing.Put()), S_OK);
-  EXPECT_FALSE(nothing);
-  EXPECT_EQ(recorder.errorNumbers, std::vector<LONG>{9});
-}
-
-TEST_F(Members, TheComponentWritesIntoTheLibrarysOwnStack) {
-  for (int i = 0; i < 2; ++i) {
-    UniqueBstr pastTheTable = Bstr(L"27");
-    ComPtr<IPictureDisp> nothing;
+  for (int i = 0; i < 2; ++i)
     EXPECT_EQ(main->LoadImage(pastTheTable.InOut(), nothing.Put()), S_OK);
-  }
-  // Slot 5 lies above the depth, so only the component's own write can have changed it.
-  ASSERT_EQ(recorder.stackSlot5.size(), 2u);
-  EXPECT_EQ(recorder.stackSlot5[1], L"Written 1");
-}
+  EXPECT_FALSE(nothing);
+  EXPECT_EQ(recorder.errors, (std::vector<LONG>{13, 9, 9}));
+  EXPECT_EQ(recorder.created, 3);
+  // Slot 5 lies above the depth, so only the component's own write can be there.
+  ASSERT_EQ(recorder.stackSlot5.size(), 3u);
+  EXPECT_EQ(recorder.stackSlot5[2], L"Written 2");
 
-TEST_F(Members, AFailedDumpOpeningDoesNotEndTheDump) {
   recorder.answers = {8, 7};
   recorder.failOpenDump = true;
-  UniqueBstr pastTheTable = Bstr(L"27");
-  ComPtr<IPictureDisp> nothing;
+  recorder.errors.clear();
   EXPECT_EQ(main->LoadImage(pastTheTable.InOut(), nothing.Put()), S_OK);
-  // The opening's answer let the component go; the dump step goes on, and each of its calls that
+  // The opening's answer let the component go; the dump goes on, and each of its calls that
   // needs the component (three banners, four objects, the close) fails and is told; then -1.
-  EXPECT_EQ(recorder.errorNumbers, (std::vector<LONG>{9, 75, 91, 91, 91, 91, 91, 91, 91, 91, -1}));
+  EXPECT_EQ(recorder.errors, (std::vector<LONG>{9, 75, 91, 91, 91, 91, 91, 91, 91, 91, -1}));
 }
 
 // A tree's elements as oleacc and a caller see them: children as objects or, for a simple child,
-// as its id; names, states and parents; a failing member fails.
-class AccessibleTree : public ComTest {};
-
+// as its id; names, states and parents; a failing member fails and names nothing.
 TEST_F(AccessibleTree, ElementsAnswerThroughOleacc) {
   const auto root = ParseAccessibleTree(
-                        "10 \"client\"\n"
-                        "  37 \"Home\" state=0x2\n"
-                        "  37 \"\" simple\n"
+                        "10 \"client\"\n  37 \"Home\" state=0x2\n  37 \"\" simple\n"
                         "  37 \"Broken\" fail=accName\n")
                         .root;
-  ASSERT_TRUE(root);
   ComPtr<IAccessible> client = AccessibleObject::Create(Ref<tabforge::Object>(root));
   LONG count = 0;
-  ASSERT_EQ(client->get_accChildCount(&count), S_OK);
-  EXPECT_EQ(count, 3);
-
-  UniqueVariant children[3];
   VARIANT raw[3];
-  LONG got = 0;
-  ASSERT_EQ(::AccessibleChildren(client.Get(), 0, 3, raw, &got), S_OK);
-  ASSERT_EQ(got, 3);
-  for (int i = 0; i < 3; ++i)
+  ASSERT_EQ(client->get_accChildCount(&count), S_OK);
+  ASSERT_EQ(::AccessibleChildren(client.Get(), 0, 3, raw, &count), S_OK);
+  UniqueVariant children[3];
+  for (LONG i = 0; i < count; ++i)
     *children[i].Get() = raw[i];
-  ASSERT_EQ(V_VT(children[0].Get()), VT_DISPATCH);
-  EXPECT_EQ(V_VT(children[1].Get()), VT_I4);
-  EXPECT_EQ(V_I4(children[1].Get()), 2);
-  ASSERT_EQ(V_VT(children[2].Get()), VT_DISPATCH);
-
+  ASSERT_EQ(count, 3);
+  EXPECT_TRUE(V_VT(children[1].Get()) == VT_I4 && V_I4(children[1].Get()) == 2);
   VARIANT self;
   V_VT(&self) = VT_I4;
   V_I4(&self) = CHILDID_SELF;
+  // The name, or whether the call failed and left the name empty.
+  const auto nameOf = [&](IDispatch* element) {
+    UniqueBstr name;
+    const ComPtr<IAccessible> accessible = ComPtr<IDispatch>(element).TryAs<IAccessible>();
+    const HRESULT hr = accessible ? accessible->get_accName(self, name.Put()) : E_POINTER;
+    return SUCCEEDED(hr) ? Text(name.Get()) : name ? L"failed, named" : L"failed";
+  };
   ComPtr<IAccessible> home = ComPtr<IDispatch>(V_DISPATCH(children[0].Get())).TryAs<IAccessible>();
-  ASSERT_TRUE(home);
-  UniqueBstr name;
-  EXPECT_EQ(home->get_accName(self, name.Put()), S_OK);
-  EXPECT_EQ(std::wstring(name.Get(), ::SysStringLen(name.Get())), L"Home");
-  UniqueVariant state;
-  EXPECT_EQ(home->get_accState(self, state.Get()), S_OK);
-  EXPECT_EQ(V_I4(state.Get()), 2);
   ComPtr<IDispatch> parent;
+  UniqueVariant state;
+  ASSERT_TRUE(home && V_VT(children[2].Get()) == VT_DISPATCH);
   EXPECT_EQ(home->get_accParent(parent.Put()), S_OK);
-  UniqueBstr parentName;
-  EXPECT_EQ(parent.TryAs<IAccessible>()->get_accName(self, parentName.Put()), S_OK);
-  EXPECT_EQ(std::wstring(parentName.Get(), ::SysStringLen(parentName.Get())), L"client");
-
-  ComPtr<IAccessible> broken =
-      ComPtr<IDispatch>(V_DISPATCH(children[2].Get())).TryAs<IAccessible>();
-  UniqueBstr nothing;
-  EXPECT_TRUE(FAILED(broken->get_accName(self, nothing.Put())));
-  EXPECT_EQ(nothing.Get(), nullptr);
+  EXPECT_EQ(home->get_accState(self, state.Get()), S_OK);
+  EXPECT_EQ(TextOf(*state.Get()), L"2");
+  EXPECT_EQ(nameOf(home.Get()) + L"," + nameOf(parent.Get()) + L"," +
+                nameOf(V_DISPATCH(children[2].Get())),
+            L"Home,client,failed");
 }
 
-// --- Late binding: the server's own Invoke beside the type library's ---------------------------
+// --- Late binding: the server's own Invoke beside the type library's ----------------------------
+
+constexpr UINT kUntouched = 0xDEADBEEF;
+// Flags of the table alone: the call has no result, or no DISPPARAMS at all.
+constexpr WORD kNoResult = 0x4000;
+constexpr WORD kNoParams = 0x2000;
+
+// One late-bound call: the names whose ids are asked, the member's first (or a bare `id` when
+// there are none), the kind of call, the arguments first to last as `Side::Fill` reads them, what
+// both Invokes answer, the argument that the server names for a type mismatch, and the ids of the
+// named arguments, the last ones.
+struct LateCall {
+  std::vector<const wchar_t*> names;
+  WORD flags;
+  const wchar_t* arguments;
+  HRESULT expected;
+  UINT argumentError = kUntouched;
+  std::vector<DISPID> named = {};
+  DISPID id = DISPID_UNKNOWN;
+};
 
 // The type library's Invoke on the object's vtable, as the server answered before it had its own.
-// The server has always taken a script's variable (VT_BYREF|VT_VARIANT) that holds the parameter's
-// type as a reference to that type, which the type library's Invoke does not do by itself.
-HRESULT InvokeThroughTypeLibrary(const ComPtr<_Main2>& main, DISPID id, WORD flags,
+// The server has always taken a script's variable that holds the parameter's type as a reference
+// to that type, and `Set obj.ribbon = r`, neither of which the type library's Invoke does itself.
+HRESULT InvokeThroughTypeLibrary(ITypeInfo* info, _Main2* main, DISPID id, WORD flags,
                                  DISPPARAMS* params, VARIANT* result, UINT* argumentError) {
   for (UINT i = 0; params != nullptr && i < params->cArgs; ++i) {
     VARIANT& argument = params->rgvarg[i];
-    if (V_VT(&argument) != (VT_BYREF | VT_VARIANT))
-      continue;
-    VARIANT* variable = V_VARIANTREF(&argument);
-    const VARTYPE type = V_VT(variable);
-    if (type == VT_BSTR || type == VT_BOOL || type == VT_DISPATCH) {
-      V_VT(&argument) = static_cast<VARTYPE>(VT_BYREF | type);
+    VARIANT* variable =
+        V_VT(&argument) == (VT_BYREF | VT_VARIANT) ? V_VARIANTREF(&argument) : &argument;
+    const VARTYPE held = V_VT(variable);
+    if (variable != &argument && (held == VT_BSTR || held == VT_BOOL || held == VT_DISPATCH)) {
       V_BYREF(&argument) = &V_BSTR(variable);
+      V_VT(&argument) = VT_BYREF | held;
     }
   }
-  const ComPtr<ITypeInfo> info = TypeLibraryInterface();
-  return ::DispInvoke(main.Get(), info.Get(), id, flags, params, result, nullptr, argumentError);
+  return ::DispInvoke(main, info, id,
+                      flags == DISPATCH_PROPERTYPUTREF ? DISPATCH_PROPERTYPUT : flags, params,
+                      result, nullptr, argumentError);
 }
 
-HRESULT InvokeThroughServer(const ComPtr<_Main2>& main, DISPID id, WORD flags, DISPPARAMS* params,
-                            VARIANT* result, UINT* argumentError) {
-  return main->Invoke(id, IID_NULL, 0, flags, params, result, nullptr, argumentError);
-}
-
-// How a caller passes one argument: by value, as a reference to the value's type, or as a
-// reference to a VARIANT that holds it (a script's variable).
-enum class Pass { kValue, kReference, kVariable };
-// Which of a side's objects an object argument is.
-enum class Party { kNone, kSignaller, kRibbon, kCommandBar };
-
-struct Arg {
-  VARTYPE type;
-  Pass pass = Pass::kValue;
-  const wchar_t* text = L"";
-  double number = 0;
-  Party party = Party::kNone;
-};
-Arg Str(const wchar_t* text, Pass pass = Pass::kValue) {
-  return {VT_BSTR, pass, text};
-}
-Arg Truth(bool value, Pass pass = Pass::kValue) {
-  return {VT_BOOL, pass, L"", value ? -1.0 : 0.0};
-}
-Arg Num(VARTYPE type, double value, Pass pass = Pass::kValue) {
-  return {type, pass, L"", value};
-}
-Arg Obj(Party party, Pass pass = Pass::kValue, VARTYPE type = VT_DISPATCH) {
-  return {type, pass, L"", 0, party};
-}
-Arg Missing() {
-  return {VT_ERROR, Pass::kValue, L"", static_cast<double>(DISP_E_PARAMNOTFOUND)};
-}
-Arg Empty() {
-  return {VT_EMPTY};
-}
-Arg Null() {
-  return {VT_NULL};
-}
-
-constexpr UINT kUntouched = 0xDEADBEEF;
-constexpr LONG kResultSentinel = 0x5EED;
-
-// One late-bound call: the member by name (or a bare id), the kind of call, the arguments first to
-// last, the names of the last arguments (rgdispidNamedArgs), and what both Invokes must answer.
-struct LateCall {
-  std::wstring_view member;
-  WORD flags;
-  std::vector<Arg> arguments;
-  HRESULT expected;
-  std::vector<DISPID> names = {};
-  UINT argumentError = kUntouched;  // ours; the platform's may leave it untouched
-  WORD typeLibraryFlags = 0;        // when the type library is asked otherwise
-  DISPID id = DISPID_UNKNOWN;       // when `member` is empty
-  bool withResult = true;
-  bool withParams = true;
-};
-
-// A Main2 initialised with a signalling object and a ribbon of its own, the arguments of one call
-// and what the call did, as text that the two sides compare.
-class Side {
- public:
-  explicit Side(const LateCall& call) {
-    main_ = Create();
-    IDispatch* signaller = &signaller_;
-    UniqueBstr name(::SysAllocString(L"Morvelin"));
-    BSTR nameArgument = name.Get();
-    EXPECT_EQ(main_->Initialize(&signaller, &nameArgument), S_OK);
-    IDispatch* ribbon = &ribbon_;
-    EXPECT_EQ(main_->put_ribbon(&ribbon), S_OK);
-    ribbon_.Take();
-    ribbon_.ribbonQueries = 0;
-    const std::size_t count = call.arguments.size();
-    values_.resize(count);
-    for (std::size_t i = 0; i < count; ++i)
-      Fill(call.arguments[i], values_[count - 1 - i], variables_[count - 1 - i]);
-    names_ = call.names;
-  }
-  Side(const Side&) = delete;
-  Side& operator=(const Side&) = delete;
-  ~Side() {
-    for (VARIANT& value : values_)
-      tabforge::com::ClearVariant(&value);
+// A Main2 connected to a signalling object and a ribbon of its own, one call's arguments, and
+// what the call did, as text that the two sides compare.
+struct Side {
+  explicit Side(const LateCall& call) : named(call.named) {
+    main = CreateMain2().TryAs<_Main2>();
+    Connect(main.Get(), &signaller, &ribbon);
+    ribbon.invoked.clear();
+    ribbon.queried = 0;
+    std::wistringstream in(call.arguments);
+    for (std::wstring argument; in >> argument;) {
+      VARIANT& slot = slots.emplace_back();
+      Fill(argument, slot, variables[slots.size() - 1]);
+    }
+    std::reverse(slots.begin(), slots.end());
   }
 
-  // Runs the call through `invoke` and tells what it answered and what it did.
-  template <class Invoke>
-  std::vector<std::wstring> Run(const LateCall& call, WORD flags, Invoke&& invoke,
-                                Recorder& recorder) {
-    const DISPID id = call.member.empty() ? call.id : DispatchId(call.member);
-    DISPPARAMS params{values_.data(), names_.data(), static_cast<UINT>(values_.size()),
-                      static_cast<UINT>(names_.size())};
+  // Reads one argument: a type and a value ("s:MVN4", "b:1", "i:5", "d:2.5"), an object
+  // ("o:signaller", "o:ribbon", "o:bar", or "u:..." as IUnknown), "m" missing, "e" empty or "n"
+  // null; by value, after "&" by reference to its type, after "*" as a script's variable.
+  void Fill(std::wstring_view text, VARIANT& slot, UniqueVariant& variable) {
+    const wchar_t pass = text[0];
+    if (pass == L'&' || pass == L'*')
+      text.remove_prefix(1);
+    const std::wstring value(text.substr(std::min<std::size_t>(2, text.size())));
+    constexpr VARTYPE kTypes[] = {VT_BSTR,    VT_BOOL,  VT_I4,    VT_R8,  VT_DISPATCH,
+                                  VT_UNKNOWN, VT_ERROR, VT_EMPTY, VT_NULL};
+    const std::size_t kind = std::min<std::size_t>(std::wstring_view(L"sbidoume").find(text[0]), 8);
+    VARIANT* v = variable.Get();
+    if (kind < 4) {
+      variable = Value(kTypes[kind], value.c_str());
+    } else {
+      V_VT(v) = kTypes[kind];
+      V_ERROR(v) = DISP_E_PARAMNOTFOUND;  // what a missing argument holds
+      if (kind < 6)
+        (V_DISPATCH(v) = Party(value))->AddRef();
+    }
+    if (pass == L'&') {
+      V_VT(&slot) = static_cast<VARTYPE>(VT_BYREF | V_VT(v));
+      V_BYREF(&slot) = &V_BSTR(v);
+    } else if (pass == L'*') {
+      V_VT(&slot) = VT_BYREF | VT_VARIANT;
+      V_VARIANTREF(&slot) = v;
+    } else {
+      slot = variable.Detach();
+    }
+  }
+
+  IDispatch* Party(std::wstring_view name) {
+    return name == L"signaller" ? &signaller : name == L"ribbon" ? &ribbon : bar.Get();
+  }
+
+  std::wstring Describe(const VARIANT& v) {
+    const std::wstring type = std::to_wstring(V_VT(&v)) + L" ";
+    if (V_VT(&v) == VT_BSTR && V_BSTR(&v) == nullptr)
+      return type + L"null";
+    if (V_VT(&v) != VT_DISPATCH && V_VT(&v) != VT_UNKNOWN)
+      return type + TextOf(v);
+    IUnknown* object = V_UNKNOWN(&v);
+    for (const wchar_t* party : {L"signaller", L"ribbon", L"bar"}) {
+      if (object != nullptr && object == Party(party))
+        return type + party;
+    }
+    OLE_XSIZE_HIMETRIC width = -1;
+    if (const auto picture = ComPtr<IUnknown>(object).TryAs<IPicture>())
+      picture->get_Width(&width);
+    return type + (object != nullptr ? L"picture " + std::to_wstring(width) : L"nothing");
+  }
+
+  // Asks for the ids and makes the call through the server's own GetIDsOfNames and Invoke or the
+  // type library's, and tells what they answered and what the call did.
+  std::vector<std::wstring> Run(const LateCall& call, ITypeInfo* info, bool throughTypeLibrary,
+                                const ErrorComponent& recorder) {
+    std::vector<LPOLESTR> names;
+    for (const wchar_t* name : call.names)
+      names.push_back(const_cast<LPOLESTR>(name));
+    const UINT count = static_cast<UINT>(names.size());
+    std::vector<DISPID> ids(count, 0x5EED);
+    const HRESULT found = count == 0 ? S_OK
+                          : throughTypeLibrary
+                              ? ::DispGetIDsOfNames(info, names.data(), count, ids.data())
+                              : main->GetIDsOfNames(IID_NULL, names.data(), count, 0, ids.data());
+    const DISPID id = count == 0 ? call.id : ids[0];
+    const WORD flags = call.flags & ~(kNoResult | kNoParams);
+    DISPPARAMS params{slots.data(), named.data(), static_cast<UINT>(slots.size()),
+                      static_cast<UINT>(named.size())};
+    DISPPARAMS* passed = (call.flags & kNoParams) != 0 ? nullptr : &params;
     VARIANT result;
     V_VT(&result) = VT_I4;
-    V_I4(&result) = kResultSentinel;
-    const std::size_t failures = recorder.errorNumbers.size();
-    hr = invoke(main_, id, flags, call.withParams ? &params : nullptr,
-                call.withResult ? &result : nullptr, &argumentError);
-    std::vector<std::wstring> log;
-    log.push_back(L"result " + Describe(result));
+    V_I4(&result) = 0x5EED;
+    VARIANT* answer = (call.flags & kNoResult) != 0 ? nullptr : &result;
+    const std::size_t failures = recorder.errors.size();
+    hr = throughTypeLibrary
+             ? InvokeThroughTypeLibrary(info, main.Get(), id, flags, passed, answer, &argumentError)
+             : main->Invoke(id, IID_NULL, 0, flags, passed, answer, nullptr, &argumentError);
+    std::vector<std::wstring> log{L"names " + std::to_wstring(found),
+                                  L"result " + Describe(result)};
+    for (DISPID each : ids)
+      log.push_back(L"id " + std::to_wstring(each));
     tabforge::com::ClearVariant(&result);
-    for (std::size_t i = values_.size(); i-- > 0;) {
-      const bool byReference = (V_VT(&values_[i]) & VT_BYREF) != 0;
-      log.push_back(L"argument " +
-                    (byReference ? Describe(*variables_[i].Get()) : Describe(values_[i])));
+    for (std::size_t i = 0; i < slots.size(); ++i) {
+      const VARIANT& slot = slots[slots.size() - 1 - i];
+      log.push_back(L"argument " + Describe(V_ISBYREF(&slot) ? *variables[i].Get() : slot));
     }
-    for (const auto& macro : signaller_.macros)
-      log.push_back(L"Run " + macro);
-    for (int image : signaller_.images)
-      log.push_back(L"getToolbarIconBits " + std::to_wstring(image));
-    for (const auto& line : ribbon_.Take())
-      log.push_back(line);
-    log.push_back(L"ribbon queried " + std::to_wstring(ribbon_.ribbonQueries));
-    for (const auto& [name, presses] : tree_.Presses())
-      log.push_back(L"pressed " + std::wstring(name.begin(), name.end()));
-    for (std::size_t i = failures; i < recorder.errorNumbers.size(); ++i)
-      log.push_back(L"failure " + std::to_wstring(recorder.errorNumbers[i]));
+    log.insert(log.end(), signaller.invoked.begin(), signaller.invoked.end());
+    log.insert(log.end(), ribbon.invoked.begin(), ribbon.invoked.end());
+    log.push_back(L"ribbon queried " + std::to_wstring(ribbon.queried));
+    root->VisitAll([&](AccessibleElement& element) {
+      if (element.presses() > 0)
+        log.push_back(L"pressed " + std::wstring(element.name().begin(), element.name().end()));
+    });
+    for (std::size_t i = failures; i < recorder.errors.size(); ++i)
+      log.push_back(L"failure " + std::to_wstring(recorder.errors[i]));
     // What the members answer now, read through the vtable.
     for (const wchar_t* control : {L"MVN0", L"MVN5", L"MVN16", L"MVN23"}) {
-      UniqueBstr idStr(::SysAllocString(control));
+      UniqueBstr idStr = Bstr(control);
       UniqueBstr label;
       VARIANT_BOOL enabled = 1;
       VARIANT_BOOL pressed = 1;
-      main_->get_GetLabel(idStr.InOut(), label.Put());
-      main_->get_GetEnabled(idStr.InOut(), &enabled);
-      main_->get_GetPressed(idStr.InOut(), &pressed);
-      log.push_back(std::wstring(control) + L" " +
-                    std::wstring(label.Get(), ::SysStringLen(label.Get())) + L" " +
-                    std::to_wstring(enabled) + L" " + std::to_wstring(pressed));
+      main->get_GetLabel(idStr.InOut(), label.Put());
+      main->get_GetEnabled(idStr.InOut(), &enabled);
+      main->get_GetPressed(idStr.InOut(), &pressed);
+      log.push_back(Text(label.Get()) + L" " + std::to_wstring(enabled) + L" " +
+                    std::to_wstring(pressed));
     }
     return log;
   }
 
-  // After the last release, each object that the call handed in holds the references it held
-  // before: none taken for good, none let go twice.
+  // After the last release, each object handed in holds the test's own reference alone.
   std::wstring ReferencesLeft() {
-    main_.Reset();
-    for (VARIANT& value : values_)
-      tabforge::com::ClearVariant(&value);
-    for (UniqueVariant& variable : variables_)
+    main.Reset();
+    for (VARIANT& slot : slots)
+      tabforge::com::ClearVariant(&slot);
+    for (UniqueVariant& variable : variables)
       variable.Reset();
-    return std::to_wstring(signaller_.references) + L" " + std::to_wstring(ribbon_.references);
+    return std::to_wstring(signaller.references) + L" " + std::to_wstring(ribbon.references);
   }
 
+  Signaller signaller;
+  FakeRibbon ribbon;
+  Ref<AccessibleElement> root = ParseAccessibleTree(tabforge::SampleRibbonText()).root;
+  ComPtr<IDispatch> bar =
+      ComPtr<IDispatch>::Attach(AccessibleObject::Create(Ref<tabforge::Object>(root)).Detach());
+  UniqueVariant variables[3];  // what the arguments passed by reference refer to
+  std::vector<VARIANT> slots;  // rgvarg: the last argument first
+  std::vector<DISPID> named;
+  ComPtr<_Main2> main;
   HRESULT hr = E_FAIL;
   UINT argumentError = kUntouched;
-
- private:
-  static ComPtr<_Main2> Create() {
-    ComPtr<_Main2> main;
-    EXPECT_EQ(
-        ::CoCreateInstance(CLSID_Main2, nullptr, CLSCTX_INPROC_SERVER, IID__Main2, main.PutVoid()),
-        S_OK);
-    return main;
-  }
-
-  IDispatch* ObjectOf(Party party) {
-    switch (party) {
-      case Party::kSignaller:
-        return &signaller_;
-      case Party::kRibbon:
-        return &ribbon_;
-      case Party::kCommandBar:
-        return tree_.commandBar.Get();
-      case Party::kNone:
-        break;
-    }
-    return nullptr;
-  }
-
-  // Puts the argument's value in `variable` and passes it in `slot` as `arg` says.
-  void Fill(const Arg& arg, VARIANT& slot, UniqueVariant& variable) {
-    VARIANT* value = variable.Get();
-    V_VT(value) = arg.type;
-    switch (arg.type) {
-      case VT_BSTR:
-        V_BSTR(value) = ::SysAllocString(arg.text);
-        break;
-      case VT_BOOL:
-        V_BOOL(value) = arg.number != 0 ? VARIANT_TRUE : VARIANT_FALSE;
-        break;
-      case VT_I4:
-        V_I4(value) = static_cast<LONG>(arg.number);
-        break;
-      case VT_R8:
-        V_R8(value) = arg.number;
-        break;
-      case VT_ERROR:
-        V_ERROR(value) = static_cast<SCODE>(static_cast<long long>(arg.number));
-        break;
-      case VT_DISPATCH:
-      case VT_UNKNOWN:
-        V_UNKNOWN(value) = ObjectOf(arg.party);
-        V_UNKNOWN(value)->AddRef();
-        break;
-      default:
-        break;
-    }
-    switch (arg.pass) {
-      case Pass::kValue:
-        slot = *value;
-        ::VariantInit(value);
-        break;
-      case Pass::kReference:
-        V_VT(&slot) = static_cast<VARTYPE>(VT_BYREF | arg.type);
-        V_BYREF(&slot) = &V_BSTR(value);
-        break;
-      case Pass::kVariable:
-        V_VT(&slot) = VT_BYREF | VT_VARIANT;
-        V_VARIANTREF(&slot) = value;
-        break;
-    }
-  }
-
-  std::wstring Describe(const VARIANT& v) {
-    switch (V_VT(&v)) {
-      case VT_EMPTY:
-        return L"empty";
-      case VT_NULL:
-        return L"null";
-      case VT_BSTR:
-        return V_BSTR(&v) == nullptr
-                   ? L"string null"
-                   : L"string \"" + std::wstring(V_BSTR(&v), ::SysStringLen(V_BSTR(&v))) + L"\"";
-      case VT_BOOL:
-        return L"truth " + std::to_wstring(V_BOOL(&v));
-      case VT_I4:
-        return L"long " + std::to_wstring(V_I4(&v));
-      case VT_R8:
-        return L"double " + std::to_wstring(V_R8(&v));
-      case VT_ERROR:
-        return L"error " + std::to_wstring(V_ERROR(&v));
-      case VT_DISPATCH:
-      case VT_UNKNOWN: {
-        const std::wstring kind = V_VT(&v) == VT_DISPATCH ? L"object " : L"unknown ";
-        IUnknown* object = V_UNKNOWN(&v);
-        if (object == nullptr)
-          return kind + L"nothing";
-        for (Party party : {Party::kSignaller, Party::kRibbon, Party::kCommandBar}) {
-          if (ComPtr<IUnknown>(object).TryAs<IDispatch>().Get() == ObjectOf(party))
-            return kind + std::to_wstring(static_cast<int>(party));
-        }
-        ComPtr<IPicture> picture = ComPtr<IUnknown>(object).TryAs<IPicture>();
-        OLE_XSIZE_HIMETRIC width = 0;
-        if (picture)
-          picture->get_Width(&width);
-        return kind + (picture ? L"picture " + std::to_wstring(width) : L"other");
-      }
-      default:
-        return L"type " + std::to_wstring(V_VT(&v));
-    }
-  }
-
-  Signaller signaller_;
-  FakeRibbon ribbon_;
-  RibbonTree tree_;
-  ComPtr<_Main2> main_;
-  std::vector<VARIANT> values_;  // rgvarg: the last argument first
-  UniqueVariant variables_[3];   // what the arguments passed by reference refer to
-  std::vector<DISPID> names_;
 };
 
-const std::vector<LateCall>& LateCalls() {
-  constexpr WORD kMethod = DISPATCH_METHOD;
-  constexpr WORD kGet = DISPATCH_PROPERTYGET;
-  constexpr WORD kScript = DISPATCH_METHOD | DISPATCH_PROPERTYGET;
-  constexpr WORD kPut = DISPATCH_PROPERTYPUT;
-  constexpr DISPID kPutName = DISPID_PROPERTYPUT;
-  const Pass ref = Pass::kReference;
-  const Pass var = Pass::kVariable;
-  static const std::vector<LateCall> calls = {
-      {L"Initialize", kMethod, {Obj(Party::kSignaller, var), Str(L"Quill", var)}, S_OK},
-      {L"Initialize", kMethod, {Obj(Party::kSignaller), Str(L"Quill")}, S_OK},
-      {L"Initialize", kMethod, {Obj(Party::kSignaller, ref), Str(L"Quill", ref)}, S_OK},
-      {L"Initialize",
-       kMethod,
-       {Obj(Party::kSignaller, Pass::kValue, VT_UNKNOWN), Num(VT_I4, 7)},
-       S_OK},
-      {L"Initialize", kMethod, {Empty(), Str(L"Quill")}, DISP_E_TYPEMISMATCH, {}, 1},
-      {L"Initialize", kMethod, {Obj(Party::kSignaller)}, DISP_E_BADPARAMCOUNT},
-      {L"ribbon", kPut, {Obj(Party::kRibbon)}, S_OK, {kPutName}},
-      {L"ribbon", kPut, {Obj(Party::kRibbon, var)}, S_OK, {kPutName}},
-      {L"ribbon",
-       DISPATCH_PROPERTYPUTREF,
-       {Obj(Party::kRibbon)},
-       S_OK,
-       {kPutName},
-       kUntouched,
-       kPut},
-      {L"ribbon", kPut, {Obj(Party::kSignaller, ref)}, S_OK, {kPutName}},
-      {L"ribbon", kPut, {Obj(Party::kRibbon)}, DISP_E_PARAMNOTFOUND},
-      {L"ribbon", kGet, {}, DISP_E_MEMBERNOTFOUND},
-      {L"ribbon", kScript, {}, DISP_E_MEMBERNOTFOUND},
-      {L"GetRibbonXML", kMethod, {}, S_OK},
-      {L"GetRibbonXML", kScript, {}, S_OK},
-      {L"GetRibbonXML", kGet, {}, DISP_E_MEMBERNOTFOUND},
-      {L"GetRibbonXML", kMethod, {Str(L"MVN4")}, DISP_E_BADPARAMCOUNT},
-      {L"productNameChanged", kMethod, {Str(L"Quill", var)}, S_OK},
-      {L"productNameChanged", kMethod, {Num(VT_R8, 2.5)}, S_OK},
-      {L"GetLabel", kGet, {Str(L"MVN4")}, S_OK},
-      {L"GetLabel", kScript, {Str(L"MVN0", var)}, S_OK},
-      {L"GetLabel", kGet, {Str(L"MVN26", ref)}, S_OK},
-      {L"GetLabel", kGet, {}, DISP_E_BADPARAMCOUNT},
-      {L"GetLabel", kGet, {Str(L"MVN4"), Str(L"MVN4")}, DISP_E_BADPARAMCOUNT},
-      {L"GetLabel", kPut, {Str(L"MVN4"), Str(L"MVN4")}, DISP_E_MEMBERNOTFOUND, {kPutName}},
-      {L"GetLabel", kPut, {Str(L"MVN4")}, DISP_E_MEMBERNOTFOUND, {kPutName}},
-      {L"GetEnabled", kGet, {Str(L"MVN16")}, S_OK},
-      {L"GetEnabled", kGet, {Str(L"MVN5", var)}, S_OK},
-      {L"GetEnabled", kScript, {Str(L"MVN5", ref)}, S_OK},
-      {L"GetEnabled", kGet, {Str(L"MVN5")}, S_OK, {}, kUntouched, 0, DISPID_UNKNOWN, false},
-      {L"GetEnabled", kGet, {Num(VT_I4, 5)}, S_OK},
-      {L"GetEnabled", kGet, {Num(VT_I4, 5, var)}, DISP_E_TYPEMISMATCH, {}, 0},
-      {L"GetEnabled", kGet, {Num(VT_I4, 5, ref)}, DISP_E_TYPEMISMATCH, {}, 0},
-      {L"GetEnabled", kGet, {Missing()}, DISP_E_TYPEMISMATCH, {}, 0},
-      {L"GetEnabled", kGet, {Str(L"MVN5")}, DISP_E_BADPARAMCOUNT, {kPutName}},
-      {L"GetPressed", kGet, {Str(L"MVN23", var)}, S_OK},
-      {L"GetScreentip", kScript, {Str(L"MVN23")}, S_OK},
-      {L"GetImage", kGet, {Str(L"MVN0", var)}, S_OK},
-      {L"LoadImage", kMethod, {Str(L"5")}, S_OK},
-      {L"LoadImage", kScript, {Str(L"2", var)}, S_OK},
-      {L"LoadImage", kMethod, {Num(VT_I4, 5)}, S_OK},
-      {L"RibbonCallback", kMethod, {Str(L"MVN5", var), Truth(false, var)}, S_OK},
-      {L"RibbonCallback", kMethod, {Str(L"MVN23"), Truth(true)}, S_OK},
-      {L"RibbonCallback", kMethod, {Str(L"MVN23", ref), Num(VT_I4, 3)}, S_OK},
-      {L"RibbonCallback", kMethod, {Str(L"MVN5"), Str(L"maybe")}, DISP_E_TYPEMISMATCH, {}, 0},
-      {L"RibbonCallback", kMethod, {Str(L"MVN5")}, DISP_E_BADPARAMCOUNT},
-      {L"RibbonCallback", kMethod, {Truth(false), Str(L"MVN5")}, DISP_E_TYPEMISMATCH, {0}, 1},
-      {L"RibbonCallback", kMethod, {Str(L"MVN5"), Truth(false)}, S_OK, {1}},
-      {L"EnableGotoQuickBookmark", kMethod, {Truth(true, var)}, S_OK},
-      {L"EnableGotoQuickBookmark", kMethod, {Truth(true, ref)}, S_OK},
-      {L"EnableGotoQuickBookmark", kMethod, {Str(L"True")}, S_OK},
-      {L"EnableGotoQuickBookmark", kMethod, {Num(VT_I4, 5)}, S_OK},
-      {L"UpdateLexoscopeIcon", kScript, {Truth(true)}, S_OK},
-      {L"UpdateLexoscopeIcon", kMethod, {Num(VT_R8, 0)}, S_OK},
-      {L"EnableToolbar", kMethod, {Truth(false, var)}, S_OK},
-      {L"EnableToolbar", kMethod, {Truth(false), Truth(true)}, S_OK},
-      {L"EnableToolbar", kMethod, {Truth(false)}, S_OK, {kPutName}},
-      {L"EnableToolbar", kMethod, {Null()}, DISP_E_TYPEMISMATCH, {}, 0},
-      {L"EnableToolbar", kMethod, {Str(L"False", var)}, DISP_E_TYPEMISMATCH, {}, 0},
-      {L"EnableToolbar", kMethod, {}, E_INVALIDARG, {kPutName}},
-      {L"activateMorvelinTab", kMethod, {Obj(Party::kCommandBar, var)}, S_OK},
-      {L"activateMorvelinTab", kMethod, {Obj(Party::kCommandBar)}, S_OK},
-      {L"", kMethod, {}, DISP_E_MEMBERNOTFOUND, {}, kUntouched, 0, 0x60030008},
-      {L"", kGet, {}, DISP_E_MEMBERNOTFOUND, {}, kUntouched, 0, DISPID_VALUE},
-      {L"", kMethod, {}, DISP_E_MEMBERNOTFOUND, {}, kUntouched, 0, 0x60010003},
-      {L"GetRibbonXML", kMethod, {}, E_INVALIDARG, {}, kUntouched, 0, DISPID_UNKNOWN, true, false},
-  };
-  return calls;
-}
+constexpr WORD kMethod = DISPATCH_METHOD;
+constexpr WORD kGet = DISPATCH_PROPERTYGET;
+constexpr WORD kScript = DISPATCH_METHOD | DISPATCH_PROPERTYGET;
+constexpr WORD kPut = DISPATCH_PROPERTYPUT;
+constexpr DISPID kPutName = DISPID_PROPERTYPUT;
 
-// Every member in every form a caller may use, through the server's Invoke and through the type
-// library's on a second object in the same state: the same answer, the same error, the same
-// arguments afterwards and the same effects. A type mismatch names its argument.
+// Each member once, and each form of argument once for each kind of parameter and of call; the
+// members' names in any case, with names of parameters, of inherited members and of nothing.
+const LateCall kLateCalls[] = {
+    {{L"Initialize", L"productName", L"eventSignaller"}, kMethod, L"*o:signaller *s:Quill", S_OK},
+    {{L"INITIALIZE"}, kMethod, L"&o:signaller &s:Quill", S_OK},
+    {{L"Initialize"}, kMethod, L"u:signaller i:7", S_OK},
+    {{L"Initialize"}, kMethod, L"e s:Quill", DISP_E_TYPEMISMATCH, 1},
+    {{L"Initialize"}, kMethod, L"o:signaller", DISP_E_BADPARAMCOUNT},
+    {{L"ribbon"}, kPut, L"o:ribbon", S_OK, kUntouched, {kPutName}},
+    {{L"Ribbon"}, DISPATCH_PROPERTYPUTREF, L"o:ribbon", S_OK, kUntouched, {kPutName}},
+    {{L"ribbon"}, kPut, L"&o:signaller", S_OK, kUntouched, {kPutName}},
+    {{L"ribbon"}, kPut, L"o:ribbon", DISP_E_PARAMNOTFOUND},
+    {{L"RIBBON"}, kGet, L"", DISP_E_MEMBERNOTFOUND},
+    {{L"GetRibbonXML"}, kMethod, L"", S_OK},
+    {{L"getribbonxml"}, kGet, L"", DISP_E_MEMBERNOTFOUND},
+    {{L"GetRibbonXML"}, kMethod, L"s:MVN4", DISP_E_BADPARAMCOUNT},
+    {{L"GetRibbonXML"}, kMethod | kNoParams, L"", E_INVALIDARG},
+    {{L"PRODUCTNAMECHANGED"}, kMethod, L"*s:Quill", S_OK},
+    {{L"getlabel", L"IDSTR"}, kGet, L"s:MVN4", S_OK},
+    {{L"GetLabel"}, kGet, L"", DISP_E_BADPARAMCOUNT},
+    {{L"GetLabel"}, kGet, L"s:MVN4 s:MVN4", DISP_E_BADPARAMCOUNT},
+    {{L"GetLabel"}, kPut, L"s:MVN4 s:MVN4", DISP_E_MEMBERNOTFOUND, kUntouched, {kPutName}},
+    {{L"GetEnabled", L"result"}, kGet, L"s:MVN16", S_OK},
+    {{L"GETENABLED"}, kGet | kNoResult, L"s:MVN5", S_OK},
+    {{L"GetEnabled"}, kGet, L"*i:5", DISP_E_TYPEMISMATCH, 0},
+    {{L"GetEnabled"}, kGet, L"&i:5", DISP_E_TYPEMISMATCH, 0},
+    {{L"GetEnabled"}, kGet, L"m", DISP_E_TYPEMISMATCH, 0},
+    {{L"GetEnabled"}, kGet, L"s:MVN5", DISP_E_BADPARAMCOUNT, kUntouched, {kPutName}},
+    {{L"GetEnabled "}, kGet, L"s:MVN5", DISP_E_MEMBERNOTFOUND},
+    {{L"getpressed"}, kGet, L"*s:MVN23", S_OK},
+    {{L"GETSCREENTIP"}, kScript, L"s:MVN23", S_OK},
+    {{L"getImage"}, kGet, L"*s:MVN0", S_OK},
+    {{L"LoadImage"}, kMethod, L"s:5", S_OK},
+    {{L"LOADIMAGE"}, kScript, L"*s:2", S_OK},
+    {{L"LoadImage"}, kMethod, L"i:5", S_OK},
+    {{L"RibbonCallback", L"isOn", L"noSuchParameter"}, kMethod, L"*s:MVN5 *b:0", S_OK},
+    {{L"ribboncallback"}, kMethod, L"s:MVN23 b:1", S_OK},
+    {{L"RibbonCallback"}, kMethod, L"&s:MVN23 i:3", S_OK},
+    {{L"RibbonCallback"}, kMethod, L"s:MVN5 s:maybe", DISP_E_TYPEMISMATCH, 0},
+    {{L"RibbonCallback"}, kMethod, L"b:0 s:MVN5", DISP_E_TYPEMISMATCH, 1, {0}},
+    {{L"RibbonCallback"}, kMethod, L"s:MVN5 b:0", S_OK, kUntouched, {1}},
+    {{L"ENABLEGOTOQUICKBOOKMARK"}, kMethod, L"&b:1", S_OK},
+    {{L"EnableGotoQuickBookmark"}, kMethod, L"s:True", S_OK},
+    {{L"updatelexoscopeicon"}, kScript, L"b:1", S_OK},
+    {{L"EnableToolbar"}, kMethod, L"b:0 b:1", S_OK},
+    {{L"ENABLETOOLBAR"}, kMethod, L"b:0", S_OK, kUntouched, {kPutName}},
+    {{L"EnableToolbar"}, kMethod, L"n", DISP_E_TYPEMISMATCH, 0},
+    {{L"EnableToolbar"}, kMethod, L"", E_INVALIDARG, kUntouched, {kPutName}},
+    {{L"activatemorvelintab"}, kMethod, L"*o:bar", S_OK},
+    {{L"NoSuchMember", L"idStr"}, kMethod, L"", DISP_E_MEMBERNOTFOUND},
+    {{L"QueryInterface"}, kMethod, L"", DISP_E_MEMBERNOTFOUND},
+    {{L"invoke"}, kMethod, L"", DISP_E_MEMBERNOTFOUND},
+    {{}, kMethod, L"", DISP_E_MEMBERNOTFOUND, kUntouched, {}, 0x60030008},
+    {{}, kGet, L"", DISP_E_MEMBERNOTFOUND, kUntouched, {}, DISPID_VALUE},
+};
+
+// Every call of the table through the server's GetIDsOfNames and Invoke and through the type
+// library's, on two objects in the same state: the same ids, the same answer, the same error, the
+// same arguments afterwards and the same effects. A type mismatch names its argument.
 TEST_F(Members, InvokeAnswersAsTheTypeLibrary) {
-  for (const LateCall& call : LateCalls()) {
-    std::wstring what = std::wstring(call.member.empty() ? L"(id)" : call.member) + L" #" +
-                        std::to_wstring(&call - LateCalls().data());
+  const ComPtr<ITypeInfo> info = TypeLibraryInterface();
+  ASSERT_TRUE(info);
+  for (const LateCall& call : kLateCalls) {
+    SCOPED_TRACE(::testing::Message() << (call.names.empty() ? L"" : call.names[0]) << " "
+                                      << call.arguments << " #" << (&call - kLateCalls));
     Side ours(call);
     Side theirs(call);
-    const auto oursLog = ours.Run(call, call.flags, InvokeThroughServer, recorder);
-    const auto theirsLog =
-        theirs.Run(call, call.typeLibraryFlags != 0 ? call.typeLibraryFlags : call.flags,
-                   InvokeThroughTypeLibrary, recorder);
-    EXPECT_EQ(ours.hr, call.expected) << what;
-    EXPECT_EQ(theirs.hr, call.expected) << what;
-    EXPECT_EQ(oursLog, theirsLog) << what;
-    EXPECT_EQ(ours.argumentError, call.argumentError) << what;
-    EXPECT_TRUE(theirs.argumentError == call.argumentError || theirs.argumentError == kUntouched)
-        << what;
-    EXPECT_EQ(ours.ReferencesLeft(), L"1 1") << what;
+    const auto ourLog = ours.Run(call, info.Get(), false, recorder);
+    const auto theirLog = theirs.Run(call, info.Get(), true, recorder);
+    EXPECT_EQ(ours.hr, call.expected);
+    EXPECT_EQ(theirs.hr, call.expected);
+    EXPECT_EQ(ourLog, theirLog);
+    EXPECT_EQ(ours.argumentError, call.argumentError);
+    EXPECT_TRUE(theirs.argumentError == call.argumentError || theirs.argumentError == kUntouched);
+    EXPECT_EQ(ours.ReferencesLeft(), L"1 1");
+    theirs.ReferencesLeft();  // Wine's own keeps a reference when the count is wrong
   }
-}
-
-TEST_F(Registered, AFailureReachesTheErrorComponentAndNeverTheCaller) {
-  Recorder recorder;
-  int created = 0;
-  {
-    RecorderRegistration registration(recorder);
-    {
-      ComPtr<_Main2> main = Create();
-      ASSERT_TRUE(main);
-      // An object without the ribbon interface is a type mismatch inside `ribbon`.
-      Counted notARibbon;
-      IDispatch* argument = &notARibbon;
-      EXPECT_EQ(main->put_ribbon(&argument), S_OK);
-    }
-    created = registration.created();
-  }
-  EXPECT_EQ(created, 1);
-  ASSERT_FALSE(recorder.errorNumbers.empty());
-  EXPECT_EQ(recorder.errorNumbers.front(), 13);
-}
-
-class Unregistered : public ComTest {};
-
-TEST_F(Unregistered, NothingOfTheServerIsLeftInTheRegistry) {
-  CLSID clsid{};
-  EXPECT_NE(::CLSIDFromProgID(L"Tabforge.Main2", &clsid), S_OK);
-  EXPECT_FALSE(KeyExists(L"CLSID\\" + GuidText(CLSID_Main2)));
-  EXPECT_FALSE(KeyExists(L"Tabforge.Main2"));
-  EXPECT_FALSE(KeyExists(L"Interface\\" + GuidText(IID__Main2)));
-  EXPECT_FALSE(KeyExists(L"TypeLib\\" + GuidText(LIBID_Tabforge)));
-  ComPtr<IUnknown> object;
-  EXPECT_NE(::CoCreateInstance(CLSID_Main2, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown,
-                               object.PutVoid()),
-            S_OK);
 }
 
 }  // namespace

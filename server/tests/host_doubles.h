@@ -1,0 +1,205 @@
+// What the Wine clients hand the library in a host's place: an apartment, dispatch objects that
+// record what they are asked, and the error component "MorvelinError.Main2" registered in this
+// process.
+#pragma once
+
+#include <windows.h>
+
+#include <oaidl.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "server/com_ptr.h"
+
+using tabforge::com::ComPtr;
+using tabforge::com::UniqueBstr;
+using tabforge::com::UniqueVariant;
+
+// An apartment of this thread for the life of the object.
+struct Apartment {
+  Apartment() { EXPECT_EQ(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), S_OK); }
+  ~Apartment() { ::CoUninitialize(); }
+};
+
+inline std::wstring GuidText(REFGUID guid) {
+  wchar_t text[40] = {};
+  EXPECT_EQ(::StringFromGUID2(guid, text, 40), 39);
+  return text;
+}
+
+// A value as the platform writes it as text, references followed; objects are not asked for theirs.
+inline std::wstring TextOf(const VARIANT& value) {
+  const VARTYPE type = V_VT(&value) & VT_TYPEMASK;
+  UniqueVariant text;
+  if (type == VT_DISPATCH || type == VT_UNKNOWN)
+    return L"object";
+  if (FAILED(::VariantChangeType(text.Put(), const_cast<VARIANT*>(&value), VARIANT_ALPHABOOL,
+                                 VT_BSTR)))
+    return L"?";
+  return std::wstring(V_BSTR(text.Get()), ::SysStringLen(V_BSTR(text.Get())));
+}
+
+// A value of `type` as the platform reads it from `text` ("5", "2.5", "0" for false).
+inline UniqueVariant Value(VARTYPE type, const wchar_t* text) {
+  UniqueVariant string;
+  UniqueVariant value;
+  V_VT(string.Get()) = VT_BSTR;
+  V_BSTR(string.Get()) = ::SysAllocString(text);
+  if (type == VT_BSTR)
+    return string;
+  EXPECT_EQ(::VariantChangeType(value.Put(), string.Get(), 0, type), S_OK) << text;
+  return value;
+}
+
+// COM interfaces have no virtual destructor by design; objects delete themselves in Release.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
+
+// Stands in for an object of the host: counts references without ever deleting itself, counts the
+// questions for `Interface`, knows each member by the name it was first asked for, records every
+// call as its member and arguments, and answers through `Answer`.
+template <class Interface = IDispatch>
+class DispatchDouble : public Interface {
+ public:
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
+    const bool own = IsEqualIID(riid, __uuidof(Interface));
+    queried += own ? 1 : 0;
+    *out = own || IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IDispatch)
+               ? static_cast<Interface*>(this)
+               : nullptr;
+    if (*out == nullptr)
+      return E_NOINTERFACE;
+    AddRef();
+    return S_OK;
+  }
+  ULONG STDMETHODCALLTYPE AddRef() override { return ++references; }
+  ULONG STDMETHODCALLTYPE Release() override { return --references; }
+  HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override {
+    *count = 0;
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT, LCID,
+                                          DISPID* ids) override {
+    members.emplace_back(names[0]);
+    ids[0] = static_cast<DISPID>(members.size());
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* params,
+                                   VARIANT* result, EXCEPINFO*, UINT*) override {
+    if (id < 1 || static_cast<std::size_t>(id) > members.size())
+      return DISP_E_MEMBERNOTFOUND;
+    const std::wstring& member = members[static_cast<std::size_t>(id) - 1];
+    invoked.push_back(member);
+    for (UINT i = params != nullptr ? params->cArgs : 0; i-- > 0;)
+      invoked.back() += L" " + TextOf(params->rgvarg[i]);
+    return Answer(member, params, result);
+  }
+  virtual HRESULT Answer(const std::wstring&, DISPPARAMS*, VARIANT*) { return S_OK; }
+  virtual ~DispatchDouble() = default;
+
+  ULONG references = 1;  // the test's own
+  int queried = 0;
+  std::vector<std::wstring> members;
+  std::vector<std::wstring> invoked;
+};
+
+// The error component "MorvelinError.Main2", registered in this process while it lives. It answers
+// the handler from `answers` in turn, the last for ever (7, leave, when there are none), records
+// each failure's number, and reads then writes slot 5 of the stack it is handed. When told to, it
+// keeps every object handed to it and fails the dump's opening.
+class ErrorComponent final : public DispatchDouble<>, public IClassFactory {
+ public:
+  ErrorComponent() {
+    EXPECT_EQ(::CoRegisterClassObject(kClsid, static_cast<IClassFactory*>(this),
+                                      CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE, &cookie_),
+              S_OK);
+    EXPECT_EQ(::RegSetValueW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2\\CLSID", REG_SZ,
+                             GuidText(kClsid).c_str(), 0),
+              ERROR_SUCCESS);
+  }
+  ~ErrorComponent() override {
+    ::CoRevokeClassObject(cookie_);
+    ::RegDeleteTreeW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2");
+  }
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
+    if (!IsEqualIID(riid, IID_IClassFactory))
+      return DispatchDouble::QueryInterface(riid, out);
+    *out = static_cast<IClassFactory*>(this);
+    AddRef();
+    return S_OK;
+  }
+  ULONG STDMETHODCALLTYPE AddRef() override { return DispatchDouble::AddRef(); }
+  ULONG STDMETHODCALLTYPE Release() override { return DispatchDouble::Release(); }
+  HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown*, REFIID riid, void** out) override {
+    ++created;
+    return DispatchDouble::QueryInterface(riid, out);
+  }
+  HRESULT STDMETHODCALLTYPE LockServer(BOOL) override { return S_OK; }
+
+  HRESULT Answer(const std::wstring& member, DISPPARAMS* params, VARIANT* result) override {
+    if (params == nullptr)
+      return S_OK;
+    for (UINT i = 0; keepObjects && i < params->cArgs; ++i) {
+      const VARIANT& argument = params->rgvarg[i];
+      IDispatch* object = V_VT(&argument) == VT_DISPATCH                ? V_DISPATCH(&argument)
+                          : V_VT(&argument) == (VT_BYREF | VT_DISPATCH) ? *V_DISPATCHREF(&argument)
+                                                                        : nullptr;
+      if (object != nullptr)
+        kept.emplace_back(object);
+    }
+    if (member == L"vbwOpenDumpFile" && failOpenDump)
+      return static_cast<HRESULT>(0x800A004B);  // run-time error 75, path/file access
+    if (member != L"vbwErrorHandler" || params->cArgs == 0)
+      return S_OK;
+    // The number comes first, the last in rgvarg; the stack last, both by reference.
+    const VARIANT& number = params->rgvarg[params->cArgs - 1];
+    if (V_VT(&number) == (VT_BYREF | VT_I4))
+      errors.push_back(*V_I4REF(&number));
+    VARIANT& stack = params->rgvarg[0];
+    LONG slot = 5;
+    UniqueBstr name;
+    if (V_VT(&stack) == (VT_BYREF | VT_ARRAY | VT_BSTR) && *V_ARRAYREF(&stack) != nullptr &&
+        SUCCEEDED(::SafeArrayGetElement(*V_ARRAYREF(&stack), &slot, name.Put()))) {
+      stackSlot5.emplace_back(name ? name.Get() : L"");
+      name.Reset(::SysAllocString((L"Written " + std::to_wstring(stackSlot5.size())).c_str()));
+      ::SafeArrayPutElement(*V_ARRAYREF(&stack), &slot, name.Get());
+    }
+    if (result != nullptr) {
+      V_VT(result) = VT_I4;
+      V_I4(result) = answers.empty() ? 7 : answers.front();
+    }
+    if (answers.size() > 1)
+      answers.erase(answers.begin());
+    return S_OK;
+  }
+  std::vector<LONG> answers;
+  std::vector<LONG> errors;
+  std::vector<std::wstring> stackSlot5;
+  bool keepObjects = false;
+  bool failOpenDump = false;
+  std::vector<ComPtr<IDispatch>> kept;
+  int created = 0;
+
+ private:
+  // {7A2C1E55-3B9D-4C1F-8E62-0D4B7A9F1C38}
+  static constexpr CLSID kClsid = {
+      0x7a2c1e55, 0x3b9d, 0x4c1f, {0x8e, 0x62, 0x0d, 0x4b, 0x7a, 0x9f, 0x1c, 0x38}};
+  DWORD cookie_ = 0;
+};
+
+#pragma GCC diagnostic pop
+
+// Tabforge.Main2 as a host creates it, through its program id; null when it cannot be.
+inline ComPtr<IDispatch> CreateMain2() {
+  CLSID clsid{};
+  ComPtr<IDispatch> main;
+  if (FAILED(::CLSIDFromProgID(L"Tabforge.Main2", &clsid)) ||
+      FAILED(
+          ::CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IDispatch, main.PutVoid())))
+    return nullptr;
+  return main;
+}
