@@ -209,22 +209,10 @@ TEST_F(Loader, PictureAnswersItsMembersByName) {
       dynamic_cast<PortablePicture&>(*picture).handle());
 }
 
-TEST_F(Loader, NeverDimensionedArrayGivesNothingWithoutAllocation) {
-  ArrayRef never;
+TEST_F(Loader, NoPictureGivesNothingWithoutFailureAndLeavesNothingBehind) {
+  ArrayRef never;  // never dimensioned: nothing is allocated
   EXPECT_FALSE(loader->LoadTransparentGif(never));
   EXPECT_EQ(api.allocations, 0);
-  EXPECT_TRUE(HandlerCalls().empty());
-}
-
-TEST_F(Loader, EmptyArrayAllocatesZeroBytesFailsTheLockAndReleasesTheBlock) {
-  ArrayRef empty = Bytes({});
-  EXPECT_FALSE(loader->LoadTransparentGif(empty));
-  EXPECT_EQ(api.allocations, 1);
-  EXPECT_EQ(api.liveBlocks(), 0u);
-  EXPECT_TRUE(HandlerCalls().empty());
-}
-
-TEST_F(Loader, UnreadableFilesGiveNothingWithoutFailureAndLeaveNothingBehind) {
   // A 32-bit BMP that declares a width of 0 and a height of 1, with one pixel's bytes behind it.
   const std::vector<std::uint8_t> bmpWithoutPixels{
       'B', 'M', 58, 0, 0, 0, 0, 0, 0,    0,    54,  0,  0,    0,            // file header
@@ -247,6 +235,7 @@ TEST_F(Loader, UnreadableFilesGiveNothingWithoutFailureAndLeaveNothingBehind) {
                                                 0,    0xBD, 0xBD, 0xBD, 0xBD, 0xBD, 0xBD, 0xBD,
                                                 0xBD, 0xBD, 0xBD, 0xBD, 0xBD, 0xBD, 0xBD, 0xBD};
   const std::vector<std::vector<std::uint8_t>> files{
+      {},  // zero bytes are allocated, and the lock fails
       {'n', 'o', 't', ' ', 'a', ' ', 'p', 'i', 'c', 't', 'u', 'r', 'e'},
       bmpWithoutPixels,
       gifTooLarge,
@@ -260,6 +249,13 @@ TEST_F(Loader, UnreadableFilesGiveNothingWithoutFailureAndLeaveNothingBehind) {
     EXPECT_FALSE(loader->LoadTransparentGif(bytes)) << file.size() << " bytes";
   }
   EXPECT_EQ(api.allocations, static_cast<int>(files.size()));
+  // The platform refuses the block, or the stream over it.
+  ArrayRef bytes = Bytes(RgbaPng(2, 2, kTransparentPixels));
+  api.failAllocations = true;
+  EXPECT_FALSE(loader->LoadTransparentGif(bytes));
+  api.failAllocations = false;
+  api.failStreams = true;
+  EXPECT_FALSE(loader->LoadTransparentGif(bytes));
   EXPECT_EQ(api.liveBlocks(), 0u);  // each stream took its block and released it
   EXPECT_EQ(api.liveBitmaps(), 0u);
   EXPECT_EQ(api.liveHandles(), 0u);
@@ -280,19 +276,6 @@ TEST_F(Loader, DecoderMayAskOnlyForWhatTheBoundOfPixelsNeeds) {
   ArrayRef again = Bytes(file);
   EXPECT_FALSE(loader->LoadTransparentGif(again));
   EXPECT_EQ(api.liveBitmaps(), 0u);
-  EXPECT_TRUE(HandlerCalls().empty());
-}
-
-TEST_F(Loader, PlatformRefusalsEndInNothingAndReleaseWhatWasMade) {
-  ArrayRef bytes = Bytes(RgbaPng(2, 2, kTransparentPixels));
-  api.failAllocations = true;
-  EXPECT_FALSE(loader->LoadTransparentGif(bytes));
-  api.failAllocations = false;
-
-  api.failStreams = true;
-  EXPECT_FALSE(loader->LoadTransparentGif(bytes));
-  EXPECT_EQ(api.liveBlocks(), 0u);  // a block that never became a stream is freed
-  api.failStreams = false;
   EXPECT_TRUE(HandlerCalls().empty());
 }
 
