@@ -49,14 +49,6 @@ TEST_F(Callbacks, LabelWithoutTemplateIsEmptyAndJoinsTheRenamedControls) {
                                   "ribbon.InvalidateControl MVN5"));
 }
 
-TEST_F(Callbacks, RenameWithoutRibbonStoresTheName) {
-  Main2 fresh(apartment.protector);
-  fresh.Initialize(signaller, u"Morvelin");
-  fresh.productNameChanged(u"Quill");
-  EXPECT_EQ(fresh.GetLabel(u"MVN1"), u"Configure Quill");
-  EXPECT_THAT(Take(), IsEmpty());
-}
-
 TEST_F(Callbacks, ScreentipNamesWhatAPressWouldDo) {
   EXPECT_EQ(main2.GetScreentip(u"MVN23"), u"Turn Lexoscope on");
   main2.UpdateLexoscopeIcon(kTrue);
@@ -64,6 +56,14 @@ TEST_F(Callbacks, ScreentipNamesWhatAPressWouldDo) {
   EXPECT_EQ(main2.GetScreentip(u"MVN5"), u"");
   EXPECT_EQ(main2.GetPressed(u"MVN23"), kTrue);
   EXPECT_EQ(main2.GetPressed(u"MVN5"), kFalse);
+
+  // A press leaves the pressed state to the template.
+  Take();
+  main2.RibbonCallback(u"MVN23", kTrue);
+  main2.RibbonCallback(u"MVN23", kFalse);
+  EXPECT_THAT(Take(),
+              ElementsAre("signaller.Run ToggleLexoscope", "signaller.Run ToggleLexoscope"));
+  EXPECT_EQ(main2.lexoscopeOn(), kTrue);
 }
 
 TEST_F(Callbacks, EnabledStatesFollowTheirRules) {
@@ -92,16 +92,6 @@ TEST_F(Callbacks, ChangesInvalidateOnlyWhenTheyChangeSomething) {
                           "ribbon.InvalidateControl MVN23", "ribbon.InvalidateControl MVN23"));
 }
 
-TEST_F(Callbacks, NothingReachesARibbonNotYetGiven) {
-  Main2 fresh(apartment.protector);
-  fresh.Initialize(signaller, u"Morvelin");
-  fresh.EnableToolbar(kFalse);
-  fresh.UpdateLexoscopeIcon(kTrue);
-  fresh.ribbon(ribbon);
-  EXPECT_THAT(Take(), IsEmpty());
-  EXPECT_EQ(fresh.enabled(), kFalse);
-}
-
 TEST_F(Callbacks, RibbonRefusalIsPassedOverAndTheStateStays) {
   ribbon->fail = true;
   main2.UpdateLexoscopeIcon(kTrue);
@@ -117,14 +107,6 @@ TEST_F(Callbacks, EveryControlRunsExactlyItsMacro) {
     EXPECT_THAT(Take(), ElementsAre("signaller.Run " + ToUtf8(control.macro)));
   }
   EXPECT_EQ(HandlerCalls(), 0u);
-}
-
-TEST_F(Callbacks, ToggleLeavesThePressedStateToTheTemplate) {
-  main2.RibbonCallback(u"MVN23", kTrue);
-  main2.RibbonCallback(u"MVN23", kFalse);
-  EXPECT_THAT(Take(),
-              ElementsAre("signaller.Run ToggleLexoscope", "signaller.Run ToggleLexoscope"));
-  EXPECT_EQ(main2.lexoscopeOn(), kFalse);
 }
 
 TEST_F(Callbacks, UnreadableIdCountsAsControlZero) {
@@ -176,13 +158,24 @@ TEST_F(Callbacks, MacroThatPressesItsOwnButtonForEverEnds) {
               ::testing::HasSubstr(R"(I4 28, BSTR "Out of stack space")"));
 }
 
-TEST_F(Callbacks, BeforeInitializeQuestionsFailQuietly) {
+// Before Initialize every question fails quietly; before the ribbon is given, changes are stored
+// and reach no ribbon, not even the one given later.
+TEST_F(Callbacks, WithoutInitializeOrRibbonChangesAreOnlyStored) {
   Main2 fresh(apartment.protector);
   EXPECT_EQ(fresh.GetLabel(u"MVN0"), u"");
   fresh.productNameChanged(u"Quill");
   EXPECT_EQ(fresh.productName(), u"Quill");
   fresh.RibbonCallback(u"MVN5", kFalse);
   EXPECT_EQ(HandlerCalls(), 3u);
+
+  fresh.Initialize(signaller, u"Morvelin");
+  fresh.productNameChanged(u"Quill");
+  EXPECT_EQ(fresh.GetLabel(u"MVN1"), u"Configure Quill");
+  fresh.EnableToolbar(kFalse);
+  fresh.UpdateLexoscopeIcon(kTrue);
+  fresh.ribbon(ribbon);
+  EXPECT_THAT(Take(), IsEmpty());
+  EXPECT_EQ(fresh.enabled(), kFalse);
 }
 
 }  // namespace
