@@ -137,7 +137,7 @@ TEST(CustomUiCheck, JudgesEdgesTheMutationsMissAsTheSchemaDoes) {
       {kRefused, R"(<button idQ="y:b"/>)"},
       {kTaken, R"(<editBox id="e" maxLength="+01024"/>)"},
       {kRefused, R"(<editBox id="e" maxLength="1025"/>)"},
-      {kRefused, R"(<button id="b" xml:lang="en"/>)"},
+      {kRefused, R"(<button id="b" xmlns:x="urn:x" x:label="L"/>)"},
       {kRefused, R"(<x:button xmlns:x="urn:other" id="b"/>)"},
       {kRefused, R"(<button id="b">text</button>)"},
       {kRefused, R"(<dynamicMenu id="d"/>)"},

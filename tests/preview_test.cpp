@@ -78,7 +78,7 @@ TEST(Preview, DrawsTheSessionWithThePicturesMissingOrBuiltIn) {
 
   const Page bad = Draw("Initialize Quill\nNoSuchMember\n");
   EXPECT_EQ(bad.status, 2);
-  EXPECT_THAT(bad.errors, HasSubstr("line 2"));
+  EXPECT_EQ(bad.errors, "tabforge session: line 2: unknown command 'NoSuchMember': NoSuchMember\n");
   EXPECT_EQ(bad.html, "");
 }
 
