@@ -38,10 +38,9 @@ TEST(Session, PrintsTheCallsOfEachCommandThenItsResult) {
       {"Initialize M\nribbon\nEnableGotoQuickBookmark true\nGetEnabled MVN16\n"
        "RibbonCallback MVN23 true\nGetPressed MVN23\nUpdateLexoscopeIcon true\nGetScreentip MVN23\n"
        "EnableToolbar false\nGetEnabled MVN5\n",
-       "= ok\n= ok\n  ribbon.InvalidateControl MVN16\n= ok\n= true\n  signaller.Run "
-       "ToggleLexoscope\n"
-       "= ok\n= false\n  ribbon.InvalidateControl MVN23\n= ok\n= \"Turn Lexoscope off\"\n"
-       "  ribbon.Invalidate\n= ok\n= false\n"},
+       "= ok\n= ok\n  ribbon.InvalidateControl MVN16\n= ok\n= true\n"
+       "  signaller.Run ToggleLexoscope\n= ok\n= false\n  ribbon.InvalidateControl MVN23\n= ok\n"
+       "= \"Turn Lexoscope off\"\n  ribbon.Invalidate\n= ok\n= false\n"},
       // Without icons every picture is nothing; the built-in one is not even asked for.
       {"Initialize Morvelin\nGetImage MVN0\nLoadImage 5\nLoadImage 2\n",
        "= ok\n  signaller.getToolbarIconBits 102\n= nothing\n  signaller.getToolbarIconBits 303\n"
