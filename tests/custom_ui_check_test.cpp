@@ -233,14 +233,17 @@ bool Change(int way, std::size_t i, const std::vector<xmlNode*>& e,
     case 6:
       return xmlAddNextSibling(e[i], xmlCopyNode(e[i], 1)) != nullptr;
     case 7:
-      return xmlNodeSetName(e[i / 3], X(kElements[i * 7 % std::size(kElements)])), true;
-    default:
-      for (xmlNode* n = e[(i * 11 + 5) % e.size()]; n != nullptr; n = n->parent) {
-        if (n == e[i / 2])
+      xmlNodeSetName(e[i / 3], X(kElements[i * 7 % std::size(kElements)]));
+      return true;
+    default: {
+      xmlNode* to = e[(i * 11 + 5) % e.size()];
+      for (xmlNode* n = to; n != nullptr; n = n->parent) {
+        if (n == e[i / 2])  // not into itself
           return false;
       }
       xmlUnlinkNode(e[i / 2]);
-      return xmlAddChild(e[(i * 11 + 5) % e.size()], e[i / 2]) != nullptr;
+      return xmlAddChild(to, e[i / 2]) != nullptr;
+    }
   }
 }
 
