@@ -1,4 +1,5 @@
-// The tabforge session command: transcripts of host sessions replayed against Main2.
+// The tabforge session command: host sessions replayed against Main2, their transcripts, and where
+// a replay stops.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -25,107 +26,38 @@ Transcript Replay(const std::string& script, SessionOptions options = {}) {
   return {status, out.str(), errors.str()};
 }
 
-TEST(Session, ErrorsShowWhatTheComponentReceivesAndAnswers) {
-  SessionOptions options;
-  options.errors = true;
-  options.answers = {8, 5};
-  options.failingMacros = {"InsertReference"};
-  const auto t = Replay("Initialize Morvelin\nGetLabel MVN9x\nRibbonCallback MVN5\n", options);
-  const std::string start =
-      "  error.vbwInitializeProtector vbwCatchException=true vbwTraceLine=false "
-      "mOldTraceProc=false vbwCallStack=true vbwSystemInfo=true vbwScreenshot=true\n";
-  const std::string failure = R"( "Type mismatch" "Tabforge" "Main2" "convertToId" line 2002 )"
-                              R"(depth 2 stack "Main2.GetLabel[Get]" "Main2.convertToId" => )";
-  EXPECT_EQ(t.out.substr(0, t.out.find("  error.vbwOpenDumpFile\n")),
-            "= ok\n" + start + "  error.vbwErrorHandler 13" + failure + "8\n");
-  EXPECT_NE(t.out.find("  error.vbwCloseDumpFile\n  error.vbwErrorHandler -1" + failure +
-                       "5\n= \"Apply Morvelin\"\n"),
-            std::string::npos)
-      << t.out;
-  // A component for every failure; the answers used up, it leaves.
-  EXPECT_NE(t.out.find("  signaller.Run InsertReference\n" + start +
-                       R"(  error.vbwErrorHandler 1004 "The macro 'InsertReference' failed" )"
-                       R"("Tabforge" "Main2" "RibbonCallback" line 1104 depth 1 stack )"
-                       R"("Main2.RibbonCallback" => 7)"
-                       "\n= ok\n"),
-            std::string::npos)
-      << t.out;
-}
-
-TEST(Session, PrintsCallsThenTheResultOfEachCommand) {
-  const auto t = Replay(
-      "# comment\n"
-      "\n"
-      "Initialize Morvelin\n"
-      "ribbon\n"
-      "GetLabel MVN4\n"
-      "EnableGotoQuickBookmark true\n"
-      "GetEnabled MVN16\n"
-      "RibbonCallback MVN23 true\n"
-      "GetPressed MVN23\n"
-      "UpdateLexoscopeIcon true\n"
-      "GetScreentip MVN23\n"
-      "productNameChanged PN\n");
-  EXPECT_EQ(t.status, 0);
-  EXPECT_EQ(t.out,
-            "= ok\n"
-            "= ok\n"
-            "= \"About Morvelin / Login to Morvelin\"\n"
-            "  ribbon.InvalidateControl MVN16\n"
-            "= ok\n"
-            "= true\n"
-            "  signaller.Run ToggleLexoscope\n"
-            "= ok\n"
-            "= false\n"
-            "  ribbon.InvalidateControl MVN23\n"
-            "= ok\n"
-            "= \"Turn Lexoscope off\"\n"
-            "  ribbon.InvalidateControl MVN0\n"
-            "  ribbon.InvalidateControl MVN4\n"
-            "  ribbon.InvalidateControl MVN1\n"
-            "  ribbon.InvalidateControl MVN26\n"
-            "= ok\n");
-  EXPECT_EQ(t.errors, "");
-}
-
-TEST(Session, PicturesWithoutIconsAreNothing) {
-  const auto t = Replay("Initialize Morvelin\nGetImage MVN0\nLoadImage 5\nLoadImage 2\n");
-  EXPECT_EQ(t.out,
-            "= ok\n"
-            "  signaller.getToolbarIconBits 102\n"
-            "= nothing\n"
-            "  signaller.getToolbarIconBits 303\n"
-            "= nothing\n"
-            "= nothing\n");
-}
-
-TEST(Session, LastTextArgumentTakesTheRestOfTheLine) {
-  const auto t =
-      Replay("Initialize Morvelin Pro Edition\nGetLabel MVN0\nInitialize\nGetLabel MVN1\n");
-  EXPECT_EQ(t.out, "= ok\n= \"Apply Morvelin Pro Edition\"\n= ok\n= \"Configure \"\n");
-}
-
-TEST(Session, ActivatesTheTabOfATreeFile) {
-  const std::string path = ::testing::TempDir() + "tabforge-ribbon.tree";
-  {
-    std::ofstream tree(path);
-    tree << "22 \"Ribbon\"\n  38 \"Ribbon\"\n    60 \"Ribbon Tabs\"\n      10 \"\"\n"
-            "        37 \"Home\"\n        37 \"Quill\"\n";
+TEST(Session, PrintsTheCallsOfEachCommandThenItsResult) {
+  const std::string tree = ::testing::TempDir() + "tabforge-ribbon.tree";
+  std::ofstream(tree) << "22 \"Ribbon\"\n  38 \"Ribbon\"\n    60 \"Ribbon Tabs\"\n      10 \"\"\n"
+                         "        37 \"Home\"\n        37 \"Quill\"\n";
+  const std::pair<std::string, std::string> cases[] = {
+      // Comments and blank lines skipped, either line end; the last text takes the rest.
+      {"# comment\n\nInitialize Morvelin Pro\r\nGetLabel MVN0\nproductNameChanged A B\r\n"
+       "GetLabel MVN0\nInitialize\nGetLabel MVN1\n",
+       "= ok\n= \"Apply Morvelin Pro\"\n= ok\n= \"Apply A B\"\n= ok\n= \"Configure \"\n"},
+      {"Initialize M\nribbon\nEnableGotoQuickBookmark true\nGetEnabled MVN16\n"
+       "RibbonCallback MVN23 true\nGetPressed MVN23\nUpdateLexoscopeIcon true\nGetScreentip MVN23\n"
+       "EnableToolbar false\nGetEnabled MVN5\n",
+       "= ok\n= ok\n  ribbon.InvalidateControl MVN16\n= ok\n= true\n"
+       "  signaller.Run ToggleLexoscope\n= ok\n= false\n  ribbon.InvalidateControl MVN23\n= ok\n"
+       "= \"Turn Lexoscope off\"\n  ribbon.Invalidate\n= ok\n= false\n"},
+      // Without icons every picture is nothing; the built-in one is not even asked for.
+      {"Initialize Morvelin\nGetImage MVN0\nLoadImage 5\nLoadImage 2\n",
+       "= ok\n  signaller.getToolbarIconBits 102\n= nothing\n  signaller.getToolbarIconBits 303\n"
+       "= nothing\n= nothing\n"},
+      {"Initialize Quill\nactivateMorvelinTab " + tree + "\n",
+       "= ok\n  tree.accDoDefaultAction \"Quill\"\n= ok\n"},
+  };
+  for (const auto& [script, out] : cases) {
+    const auto t = Replay(script);
+    EXPECT_EQ(t.status, 0) << script << t.errors;
+    EXPECT_EQ(t.out, out) << script;
   }
-  const auto t = Replay("Initialize Quill\nactivateMorvelinTab " + path + "\n");
-  EXPECT_EQ(t.out, "= ok\n  tree.accDoDefaultAction \"Quill\"\n= ok\n");
-  const auto missing = Replay("activateMorvelinTab " + path + ".missing\n");
-  EXPECT_EQ(missing.status, 2);
-  EXPECT_NE(missing.errors.find("line 1:"), std::string::npos);
-}
-
-TEST(Session, QuotesEscapeQuotesBackslashesAndControlCharacters) {
-  EXPECT_EQ(Quote(u"a\"b\\c\x01\x7F\u00e9"), "\"a\\\"b\\\\c\\u0001\\u007F\xC3\xA9\"");
 }
 
 TEST(Session, BadLinesStopWithTheirNumber) {
   for (const char* line : {"Frobnicate", "EnableToolbar yes", "RibbonCallback MVN5 maybe",
-                           "ribbon extra", "GetRibbonXML now"}) {
+                           "ribbon extra", "GetRibbonXML now", "activateMorvelinTab /none.tree"}) {
     const auto t = Replay(std::string("Initialize Morvelin\n\n") + line + "\nGetLabel MVN0\n");
     EXPECT_EQ(t.status, 2) << line;
     EXPECT_NE(t.errors.find("line 3:"), std::string::npos) << t.errors;
@@ -169,7 +101,32 @@ TEST(Session, ACallThatCannotBeMadeStopsTheReplayAtItsLine) {
             "tabforge session: line 3: GetLabel failed with 0x80010108: GetLabel MVN0\n");
 }
 
-TEST(Session, PicturesShowTheirSizeInPixelsRounded) {
+TEST(Session, ErrorsShowWhatTheComponentReceivesAndAnswers) {
+  SessionOptions options;
+  options.failingMacros = {"InsertReference"};
+  options.errors = true;
+  options.answers = {8, 5};
+  const auto t = Replay("Initialize Morvelin\nGetLabel MVN9x\nRibbonCallback MVN5\n", options);
+  const std::string start =
+      "  error.vbwInitializeProtector vbwCatchException=true vbwTraceLine=false "
+      "mOldTraceProc=false vbwCallStack=true vbwSystemInfo=true vbwScreenshot=true\n";
+  const std::string failure = R"( "Type mismatch" "Tabforge" "Main2" "convertToId" line 2002 )"
+                              R"(depth 2 stack "Main2.GetLabel[Get]" "Main2.convertToId" => )";
+  // The answers in turn: a dump, then on at the next statement; used up, a new component leaves.
+  EXPECT_EQ(t.out.substr(0, t.out.find("  error.vbwOpenDumpFile\n")),
+            "= ok\n" + start + "  error.vbwErrorHandler 13" + failure + "8\n");
+  EXPECT_NE(t.out.find("  error.vbwCloseDumpFile\n  error.vbwErrorHandler -1" + failure +
+                       "5\n= \"Apply Morvelin\"\n  signaller.Run InsertReference\n" + start +
+                       R"(  error.vbwErrorHandler 1004 "The macro 'InsertReference' failed" )"
+                       R"("Tabforge" "Main2" "RibbonCallback" line 1104 depth 1 stack )"
+                       R"("Main2.RibbonCallback" => 7)"
+                       "\n= ok\n"),
+            std::string::npos)
+      << t.out;
+}
+
+TEST(Session, ResultsQuoteTextsAndRoundPictureSizes) {
+  EXPECT_EQ(Quote(u"a\"b\\c\x01\x7F\u00e9"), "\"a\\\"b\\\\c\\u0001\\u007F\xC3\xA9\"");
   EXPECT_EQ(PictureResult({}), "nothing");
   EXPECT_EQ(PictureResult({true, false, 0, 0}), "picture");
   // 847 HIMETRIC are 32.01 pixels, 833 are 31.49: the nearest pixel, as a screen rounds.

@@ -559,7 +559,7 @@ class Checker {
           earlier = earlier || kind.particles[p].elements.contains(childName);
         Report(childTag, Finding::Kind::kElement,
                "<" + childName + ">: the element may not stand " +
-                   (earlier ? "after the elements before it" : "inside") + " <" + name + ">");
+                   (earlier ? "after the elements before it in" : "inside") + " <" + name + ">");
         SkipSubtree(child);
         continue;
       }
