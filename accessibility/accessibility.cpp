@@ -35,7 +35,7 @@ std::int32_t ChildCount(const Ref<Object>& element) {
 }
 
 // Role first, then name, both always read; a Null on either side is no match.
-bool HasRoleAndName(const Ref<Object>& element, std::int32_t role, const Bstr& name) {
+bool HasRoleAndName(const Ref<Object>& element, std::int32_t role, const Utf16String& name) {
   const Variant roleValue = CallByName(element, u"accRole", CallKind::kPropertyGet, kChildIdSelf);
   const bool sameRole = !IsNull(roleValue) && ToLong(roleValue) == role;
   const Variant nameValue = CallByName(element, u"accName", CallKind::kPropertyGet, kChildIdSelf);
@@ -142,7 +142,7 @@ std::vector<Variant> Accessibility::GetChildren(const Ref<Object>& Element) {
 }
 
 Ref<Object> Accessibility::GetAccessible(const Ref<Object>& Element, std::int32_t RoleWanted,
-                                         const Bstr& NameWanted, VariantBool GetClient) {
+                                         const Utf16String& NameWanted, VariantBool GetClient) {
   WalkScope scope(*this);
   Ref<Object> result;
   std::vector<Variant> ChildrenArray;
@@ -215,8 +215,8 @@ ChildList Accessibility::GetListOfChildren(const Ref<Object>& Parent, VariantBoo
   std::int32_t highestGrandChild = -1;
   Ref<Object> Child;
   Ref<Object> GrandChild;
-  auto report = [this](BstrView name, const ChildList& list) {
-    return [this, name, &list] { vbwReport_Accessibility_ChildList(Bstr(name), list); };
+  auto report = [this](Utf16View name, const ChildList& list) {
+    return [this, name, &list] { vbwReport_Accessibility_ChildList(Utf16String(name), list); };
   };
   Run(
       Trace(), kGetListOfChildren,
@@ -291,7 +291,8 @@ void Accessibility::AddChildToList(const Ref<Object>& Child, ChildList& ChildInf
         p.AddRecord(u"ChildInfo");
       },
       [&](LocalReport& l) {
-        l.AddRecord([&] { vbwReport_Accessibility_ChildList(Bstr(u"ChildInfo"), ChildInfo); });
+        l.AddRecord(
+            [&] { vbwReport_Accessibility_ChildList(Utf16String(u"ChildInfo"), ChildInfo); });
         l.Add(u"Child", Child);
       },
       [&](Body& body) {
@@ -313,7 +314,7 @@ void Accessibility::AddChildToList(const Ref<Object>& Child, ChildList& ChildInf
       });
 }
 
-void Accessibility::vbwReport_Accessibility_ChildList(const Bstr& ignore,
+void Accessibility::vbwReport_Accessibility_ChildList(const Utf16String& ignore,
                                                       const ChildList& ignoreChildList) {
   Run(
       Trace(), kReportChildList,

@@ -68,14 +68,15 @@ class Accessibility {
   // The first element, depth-first from `Element`, of that role and name; with `GetClient`, the
   // first child of what was found. Nothing when there is none.
   Ref<Object> GetAccessible(const Ref<Object>& Element, std::int32_t RoleWanted,
-                            const Bstr& NameWanted, VariantBool GetClient);
+                            const Utf16String& NameWanted, VariantBool GetClient);
   // The visible, available children of `Parent` that are no graphic or static text; with
   // `GetDescendents`, the leaves below them instead. `isOK` is set to true only on success.
   ChildList GetListOfChildren(const Ref<Object>& Parent, VariantBool GetDescendents,
                               VariantBool& isOK);
   void AddChildToList(const Ref<Object>& Child, ChildList& ChildInfo);
   // A listing leaves nothing in a dump.
-  void vbwReport_Accessibility_ChildList(const Bstr& ignore, const ChildList& ignoreChildList);
+  void vbwReport_Accessibility_ChildList(const Utf16String& ignore,
+                                         const ChildList& ignoreChildList);
 
   // The module has no variables: its report is the banner alone.
   void vbwReportModuleVariables() const;

@@ -23,7 +23,7 @@ void RequireSelf(std::span<Variant> arguments, std::size_t index) {
 
 }  // namespace
 
-AccessibleElement::AccessibleElement(std::int32_t role, Bstr name, std::int32_t state)
+AccessibleElement::AccessibleElement(std::int32_t role, Utf16String name, std::int32_t state)
     : role_(role), name_(std::move(name)), state_(state) {}
 
 AccessibleElement::~AccessibleElement() {
@@ -42,7 +42,7 @@ AccessibleElement& AccessibleElement::Add(Ref<AccessibleElement> child) {
   return added;
 }
 
-AccessibleElement& AccessibleElement::Add(std::int32_t role, Bstr name, std::int32_t state) {
+AccessibleElement& AccessibleElement::Add(std::int32_t role, Utf16String name, std::int32_t state) {
   return Add(MakeRef<AccessibleElement>(role, std::move(name), state));
 }
 
@@ -54,7 +54,7 @@ void AccessibleElement::AddLink(AccessibleElement& target) {
   children_.emplace_back(&target);
 }
 
-void AccessibleElement::SetFailing(BstrView member, bool failing) {
+void AccessibleElement::SetFailing(Utf16View member, bool failing) {
   auto it = std::find(failing_.begin(), failing_.end(), member);
   if (failing && it == failing_.end())
     failing_.emplace_back(member);
@@ -62,7 +62,7 @@ void AccessibleElement::SetFailing(BstrView member, bool failing) {
     failing_.erase(it);
 }
 
-int AccessibleElement::Calls(BstrView member) const {
+int AccessibleElement::Calls(Utf16View member) const {
   auto it = calls_.find(member);
   return it == calls_.end() ? 0 : it->second;
 }
@@ -75,17 +75,17 @@ Variant AccessibleElement::EntryValue(const Entry& entry) {
   return Variant(std::get<std::int32_t>(entry));
 }
 
-Variant AccessibleElement::Invoke(BstrView member, CallKind, std::span<Variant> arguments) {
+Variant AccessibleElement::Invoke(Utf16View member, CallKind, std::span<Variant> arguments) {
   auto it = calls_.find(member);
   if (it == calls_.end())
-    it = calls_.emplace(Bstr(member), 0).first;
+    it = calls_.emplace(Utf16String(member), 0).first;
   ++it->second;
   if (std::find(failing_.begin(), failing_.end(), member) != failing_.end())
     Raise(kUnspecifiedFailure, u"Unspecified error");
   return Answer(member, arguments);
 }
 
-Variant AccessibleElement::Answer(BstrView member, std::span<Variant> arguments) {
+Variant AccessibleElement::Answer(Utf16View member, std::span<Variant> arguments) {
   if (member == u"accRole") {
     RequireSelf(arguments, 0);
     return Variant(role_);
@@ -131,7 +131,7 @@ Variant AccessibleElement::Answer(BstrView member, std::span<Variant> arguments)
   Raise(RunTimeError::kMemberNotFound);
 }
 
-AccessibleElement* AccessibleElement::Find(BstrView name) {
+AccessibleElement* AccessibleElement::Find(Utf16View name) {
   if (name_ == name)
     return this;
   for (auto& entry : children_) {
@@ -192,11 +192,11 @@ std::optional<std::int32_t> ParseNumber(std::string_view text) {
 
 struct ParsedLine {
   std::int32_t role = 0;
-  Bstr name;
+  Utf16String name;
   std::int32_t state = 0;
   std::optional<std::int32_t> count;
   bool simple = false;
-  std::vector<Bstr> failing;
+  std::vector<Utf16String> failing;
 };
 
 std::string ParseLine(std::string_view text, ParsedLine& line) {

@@ -32,14 +32,14 @@ namespace tabforge {
 
 class AccessibleElement final : public Object {
  public:
-  AccessibleElement(std::int32_t role, Bstr name, std::int32_t state = 0);
+  AccessibleElement(std::int32_t role, Utf16String name, std::int32_t state = 0);
   ~AccessibleElement() override;
 
-  Variant Invoke(BstrView member, CallKind kind, std::span<Variant> arguments) override;
+  Variant Invoke(Utf16View member, CallKind kind, std::span<Variant> arguments) override;
 
   // Adopts `child` as the next child; the element holds it, the child points back without holding.
   AccessibleElement& Add(Ref<AccessibleElement> child);
-  AccessibleElement& Add(std::int32_t role, Bstr name, std::int32_t state = 0);
+  AccessibleElement& Add(std::int32_t role, Utf16String name, std::int32_t state = 0);
   // A simple child: an entry that is a child id, not an object.
   void AddSimpleChild(std::int32_t childId);
   // An entry that leads to an element that lives elsewhere in the same tree, without holding it:
@@ -48,23 +48,23 @@ class AccessibleElement final : public Object {
   // Points accParent at `parent` without holding it; nothing for a root without parent.
   void SetParent(AccessibleElement* parent) { parent_ = parent; }
 
-  void SetName(Bstr name) { name_ = std::move(name); }
+  void SetName(Utf16String name) { name_ = std::move(name); }
   void SetState(std::int32_t state) { state_ = state; }
   // accChildCount answers `count` instead of the number of entries.
   void SetReportedChildCount(std::optional<std::int32_t> count) { reportedCount_ = count; }
   // `member` fails from now on, or works again.
-  void SetFailing(BstrView member, bool failing = true);
+  void SetFailing(Utf16View member, bool failing = true);
 
   std::int32_t role() const { return role_; }
-  const Bstr& name() const { return name_; }
+  const Utf16String& name() const { return name_; }
   std::int32_t state() const { return state_; }
   AccessibleElement* parent() const { return parent_; }
   // How often `member` was called on this element, failed calls included.
-  int Calls(BstrView member) const;
+  int Calls(Utf16View member) const;
   int presses() const { return Calls(u"accDoDefaultAction"); }
 
   // The first element, depth-first from here, with that name; null if none. Links are not followed.
-  AccessibleElement* Find(BstrView name);
+  AccessibleElement* Find(Utf16View name);
   // Calls `visit` on this element and every element below it, depth-first; links not followed.
   template <class Visit>
   void VisitAll(Visit&& visit) {
@@ -82,16 +82,16 @@ class AccessibleElement final : public Object {
  private:
   using Entry = std::variant<Ref<AccessibleElement>, AccessibleElement*, std::int32_t>;
   static Variant EntryValue(const Entry& entry);
-  Variant Answer(BstrView member, std::span<Variant> arguments);
+  Variant Answer(Utf16View member, std::span<Variant> arguments);
 
   std::int32_t role_;
-  Bstr name_;
+  Utf16String name_;
   std::int32_t state_;
   AccessibleElement* parent_ = nullptr;
   std::vector<Entry> children_;
   std::optional<std::int32_t> reportedCount_;
-  std::vector<Bstr> failing_;
-  std::map<Bstr, int, std::less<>> calls_;
+  std::vector<Utf16String> failing_;
+  std::map<Utf16String, int, std::less<>> calls_;
 };
 
 // A parsed tree, or the first error with its 1-based line number.

@@ -27,7 +27,7 @@ class IconSignaller final : public Object {
  public:
   explicit IconSignaller(std::vector<std::uint8_t> bytes)
       : bits_(VarType::VT_UI1, MakeArray(std::move(bytes))) {}
-  Variant Invoke(BstrView, CallKind, std::span<Variant>) override { return bits_; }
+  Variant Invoke(Utf16View, CallKind, std::span<Variant>) override { return bits_; }
 
  private:
   Variant bits_;
@@ -39,7 +39,7 @@ void LoadImage32(benchmark::State& state) {
   protector.vbwInitializeProtector();
   Main2 main2(protector);
   main2.Initialize(MakeRef<IconSignaller>(IconBytes()), u"Morvelin");
-  const Bstr id(u"5");
+  const Utf16String id(u"5");
   for (auto _ : state) {
     Ref<Object> picture = main2.LoadImage(id);
     if (!picture)

@@ -16,7 +16,7 @@ namespace {
 // A signalling object whose macros do nothing, so that a press measures the library alone.
 class QuietSignaller final : public Object {
  public:
-  Variant Invoke(BstrView member, CallKind, std::span<Variant>) override {
+  Variant Invoke(Utf16View member, CallKind, std::span<Variant>) override {
     if (member == u"Run")
       return {};
     Raise(RunTimeError::kMemberNotFound);
@@ -33,8 +33,8 @@ struct Host {
   }
 };
 
-std::map<std::int32_t, Bstr> PlainMap() {
-  std::map<std::int32_t, Bstr> map;
+std::map<std::int32_t, Utf16String> PlainMap() {
+  std::map<std::int32_t, Utf16String> map;
   for (std::int32_t id = 0; id < 27; ++id)
     map[id] = u"label " + DecimalText(id);
   return map;
@@ -50,9 +50,9 @@ BENCHMARK(GetRibbonXml)->Name("Op/GetRibbonXML from pieces");
 
 void CopyDocument(benchmark::State& state) {
   Host host;
-  const Bstr document = host.main2.GetRibbonXML();
+  const Utf16String document = host.main2.GetRibbonXML();
   for (auto _ : state) {
-    Bstr copy = document;
+    Utf16String copy = document;
     benchmark::DoNotOptimize(copy.data());
   }
 }
@@ -64,23 +64,23 @@ BENCHMARK(CopyDocument)->Name("Floor/GetRibbonXML");
 // any composition of those pieces costs, however quick the rest.
 void JoinDocumentPieces(benchmark::State& state) {
   Host host;
-  const Bstr document = host.main2.GetRibbonXML();
-  std::vector<BstrView> pieces;
+  const Utf16String document = host.main2.GetRibbonXML();
+  std::vector<Utf16View> pieces;
   std::size_t start = 0;
   for (std::size_t at = 1; at < document.size(); ++at) {
     if (document[at] == u'"' || document[at] == u'<') {
-      pieces.push_back(BstrView(document).substr(start, at - start));
+      pieces.push_back(Utf16View(document).substr(start, at - start));
       start = at;
     }
   }
-  pieces.push_back(BstrView(document).substr(start));
+  pieces.push_back(Utf16View(document).substr(start));
   for (auto _ : state) {
     std::size_t length = 0;
-    for (BstrView piece : pieces)
+    for (Utf16View piece : pieces)
       length += piece.size();
-    Bstr joined(length, u'\0');
+    Utf16String joined(length, u'\0');
     char16_t* out = joined.data();
-    for (BstrView piece : pieces)
+    for (Utf16View piece : pieces)
       out = CopyChars(piece.data(), piece.size(), out);
     benchmark::DoNotOptimize(joined.data());
   }
@@ -105,9 +105,10 @@ BENCHMARK(MapLookUp)->Name("Floor/GetScreentip");
 // One question of the ribbon about control `id`, asked over and over, with the heap allocations
 // that each answer costs.
 template <class Answer>
-void Ask(benchmark::State& state, Answer (Main2::*question)(const Bstr&), const char16_t* id) {
+void Ask(benchmark::State& state, Answer (Main2::*question)(const Utf16String&),
+         const char16_t* id) {
   Host host;
-  const Bstr control = id;
+  const Utf16String control = id;
   const auto before = bench::Allocations();
   for (auto _ : state)
     benchmark::DoNotOptimize((host.main2.*question)(control));
@@ -122,7 +123,7 @@ BENCHMARK_CAPTURE(Ask, GetScreentip, &Main2::GetScreentip, u"MVN23")->Name("Op/G
 
 void RibbonCallback(benchmark::State& state) {
   Host host;
-  const Bstr id = u"MVN5";
+  const Utf16String id = u"MVN5";
   for (auto _ : state)
     host.main2.RibbonCallback(id, kFalse);
 }

@@ -62,7 +62,7 @@ BENCHMARK(ActivateTab)
 
 // The same search without tracking: by role and name through the children, then the press.
 Ref<Object> Search(AccessibilityApi& api, const Ref<Object>& element, std::int32_t role,
-                   const Bstr& name) {
+                   const Utf16String& name) {
   if (ToLong(CallByName(element, u"accRole", CallKind::kPropertyGet, std::int32_t{0})) == role &&
       ToBstr(CallByName(element, u"accName", CallKind::kPropertyGet, std::int32_t{0})) == name)
     return element;

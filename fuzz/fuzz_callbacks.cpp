@@ -55,21 +55,21 @@ constexpr std::size_t kMaxIds = 16;
 // Answers a failure handler can give; anything else is worth a try too.
 constexpr std::int32_t kAnswers[] = {3, 4, 5, 6, 7, 8, 0, 9};
 
-std::vector<Bstr> IdTexts(InputBytes& input, bool utf16) {
+std::vector<Utf16String> IdTexts(InputBytes& input, bool utf16) {
   const std::vector<std::uint8_t> bytes = input.Rest();
-  Bstr all;
+  Utf16String all;
   if (utf16) {
     for (std::size_t i = 0; i + 1 < bytes.size(); i += 2)
       all.push_back(static_cast<char16_t>(bytes[i] | (bytes[i + 1] << 8)));
   } else {
     all = FromUtf8(std::string(bytes.begin(), bytes.end()));
   }
-  std::vector<Bstr> ids;
+  std::vector<Utf16String> ids;
   std::size_t start = 0;
   for (;;) {
     const std::size_t end = all.find(u'\n', start);
     ids.push_back(all.substr(start, end - start));
-    if (end == Bstr::npos || ids.size() == kMaxIds)
+    if (end == Utf16String::npos || ids.size() == kMaxIds)
       break;
     start = end + 1;
   }
@@ -134,7 +134,7 @@ void RunOne(InputBytes& input) {
   check("ribbon");
 
   bool on = false;
-  for (const Bstr& id : IdTexts(input, (mode & kUtf16) != 0)) {
+  for (const Utf16String& id : IdTexts(input, (mode & kUtf16) != 0)) {
     main2.GetLabel(id);
     check("GetLabel");
     main2.GetEnabled(id);

@@ -25,10 +25,10 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr BstrView kMembers[] = {u"accRole",       u"accName",           u"accState",
-                                 u"accChildCount", u"accChildren",       u"accParent",
-                                 u"accNavigate",   u"accDoDefaultAction"};
-constexpr BstrView kNames[] = {u"Morvelin", u"Ribbon", u"Ribbon Tabs", u"", u"Home", u"morvelin"};
+constexpr Utf16View kMembers[] = {u"accRole",       u"accName",           u"accState",
+                                  u"accChildCount", u"accChildren",       u"accParent",
+                                  u"accNavigate",   u"accDoDefaultAction"};
+constexpr Utf16View kNames[] = {u"Morvelin", u"Ribbon", u"Ribbon Tabs", u"", u"Home", u"morvelin"};
 constexpr std::int32_t kRoles[] = {kRolePropertyPage, kRolePageTab,  kRolePageTabList, kRoleClient,
                                    kRoleToolBar,      kRoleGrouping, kRolePushButton,  0};
 constexpr std::int32_t kAnswers[] = {3, 4, 5, 6, 7, 8, 0, 9};
@@ -59,14 +59,14 @@ void Apply(std::vector<AccessibleElement*>& elements, InputBytes& input) {
       a.AddSimpleChild(b);
       break;
     case 6:
-      a.SetName(Bstr(kNames[b % std::size(kNames)]));
+      a.SetName(Utf16String(kNames[b % std::size(kNames)]));
       break;
     case 7:
       a.SetState(static_cast<std::int32_t>(b) << (operation % 4 * 8));
       break;
     default: {
       auto child = MakeRef<AccessibleElement>(kRoles[b % std::size(kRoles)],
-                                              Bstr(kNames[(b / 8) % std::size(kNames)]));
+                                              Utf16String(kNames[(b / 8) % std::size(kNames)]));
       elements.push_back(child.get());
       a.Add(std::move(child));
       break;

@@ -96,7 +96,8 @@ PictureApi& TransparentGifLoader::Api() const {
   return *api;
 }
 
-Variant TransparentGifLoader::Invoke(BstrView member, CallKind kind, std::span<Variant> arguments) {
+Variant TransparentGifLoader::Invoke(Utf16View member, CallKind kind,
+                                     std::span<Variant> arguments) {
   if (member != u"LoadTransparentGif" || kind != CallKind::kMethod)
     Raise(RunTimeError::kMemberNotFound);
   if (arguments.size() != 1)
@@ -232,10 +233,10 @@ void TransparentGifLoader::initializeConversionStructs(PictureApi::Guid& IGuid,
       });
 }
 
-void TransparentGifLoader::vbwReport_TransparentGifLoader_GUID(BstrView lName,
+void TransparentGifLoader::vbwReport_TransparentGifLoader_GUID(Utf16View lName,
                                                                const PictureApi::Guid& record,
                                                                std::int32_t lTab) const {
-  const Bstr name(lName);
+  const Utf16String name(lName);
   protector_.vbwReportVariable(name + u".Data1", static_cast<std::int32_t>(record.Data1), lTab);
   protector_.vbwReportVariable(name + u".Data2", static_cast<std::int16_t>(record.Data2), lTab);
   protector_.vbwReportVariable(name + u".Data3", static_cast<std::int16_t>(record.Data3), lTab);

@@ -26,7 +26,7 @@ class TransparentGifLoader final : public Object {
   ~TransparentGifLoader() override;
 
   // The one member reached by name: LoadTransparentGif with a byte array.
-  Variant Invoke(BstrView member, CallKind kind, std::span<Variant> arguments) override;
+  Variant Invoke(Utf16View member, CallKind kind, std::span<Variant> arguments) override;
 
   // A picture of the bytes, or nothing. The caller owns the picture.
   Ref<Object> LoadTransparentGif(ArrayRef& bArr);
@@ -42,7 +42,7 @@ class TransparentGifLoader final : public Object {
   Ref<Object> BitmapToPicture(std::uintptr_t hBmp);
   void initializeConversionStructs(PictureApi::Guid& IGuid,
                                    PictureApi::PictureDescription& tPicConv);
-  void vbwReport_TransparentGifLoader_GUID(BstrView lName, const PictureApi::Guid& record,
+  void vbwReport_TransparentGifLoader_GUID(Utf16View lName, const PictureApi::Guid& record,
                                            std::int32_t lTab) const;
   // The module report is the tracing's to call.
   friend class tracing::Module;

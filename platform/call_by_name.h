@@ -14,7 +14,7 @@ namespace tabforge {
 // own reference for its whole length, so a nested call that empties the caller's field cannot
 // destroy the object under it.
 template <class... Args>
-Variant CallByName(Ref<Object> target, BstrView member, CallKind kind, Args&&... arguments) {
+Variant CallByName(Ref<Object> target, Utf16View member, CallKind kind, Args&&... arguments) {
   if (!target)
     Raise(RunTimeError::kObjectNotSet);
   std::array<Variant, sizeof...(Args)> list{Variant(std::forward<Args>(arguments))...};

@@ -4,7 +4,7 @@
 
 namespace tabforge {
 
-Bstr DescribeRunTimeError(RunTimeError error) {
+Utf16String DescribeRunTimeError(RunTimeError error) {
   switch (error) {
     case RunTimeError::kInvalidProcedureCall:
       return u"Invalid procedure call or argument";
@@ -38,7 +38,7 @@ void Raise(RunTimeError error) {
   throw Failure{static_cast<std::int32_t>(error), DescribeRunTimeError(error)};
 }
 
-void Raise(std::int32_t number, Bstr description) {
+void Raise(std::int32_t number, Utf16String description) {
   throw Failure{number, std::move(description)};
 }
 

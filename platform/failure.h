@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "platform/bstr.h"
+#include "platform/utf16.h"
 
 namespace tabforge {
 
@@ -27,13 +27,13 @@ enum class RunTimeError : std::int32_t {
 // hands it to the procedure's failure mode. The line is the runner's to add.
 struct Failure {
   std::int32_t number = 0;
-  Bstr description;
+  Utf16String description;
 };
 
 // The run time's own description of a failure number.
-Bstr DescribeRunTimeError(RunTimeError error);
+Utf16String DescribeRunTimeError(RunTimeError error);
 
 [[noreturn]] void Raise(RunTimeError error);
-[[noreturn]] void Raise(std::int32_t number, Bstr description);
+[[noreturn]] void Raise(std::int32_t number, Utf16String description);
 
 }  // namespace tabforge

@@ -3,8 +3,8 @@
 
 #include <span>
 
-#include "platform/bstr.h"
 #include "platform/ref.h"
+#include "platform/utf16.h"
 
 namespace tabforge {
 
@@ -25,7 +25,7 @@ class Object : public RefCounted {
   // Calls `member` with `arguments` in their declared order, first argument first. An argument
   // that holds a reference lets the object write back into the caller's variable. A failing call
   // throws `Failure`; an unknown member is `RunTimeError::kMemberNotFound`.
-  virtual Variant Invoke(BstrView member, CallKind kind, std::span<Variant> arguments) = 0;
+  virtual Variant Invoke(Utf16View member, CallKind kind, std::span<Variant> arguments) = 0;
 
   // The object's ribbon interface, or nothing when it has none.
   virtual Ref<RibbonUi> QueryRibbonUi();
@@ -36,7 +36,7 @@ class Object : public RefCounted {
 class RibbonUi : public Object {
  public:
   virtual void Invalidate() = 0;
-  virtual void InvalidateControl(const Bstr& controlId) = 0;
+  virtual void InvalidateControl(const Utf16String& controlId) = 0;
 
   Ref<RibbonUi> QueryRibbonUi() override { return Ref<RibbonUi>(this); }
 };

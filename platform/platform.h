@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <optional>
 
-#include "platform/bstr.h"
 #include "platform/object.h"
+#include "platform/utf16.h"
 #include "platform/variant.h"
 
 namespace tabforge {
@@ -17,17 +17,17 @@ namespace tabforge {
 class HostEnvironment {
  public:
   virtual ~HostEnvironment() = default;
-  virtual Bstr CommandLine() const = 0;
+  virtual Utf16String CommandLine() const = 0;
   // The value under application, section and key, or `defaultValue` when there is none.
-  virtual Bstr GetSetting(BstrView appName, BstrView section, BstrView key,
-                          BstrView defaultValue) const = 0;
+  virtual Utf16String GetSetting(Utf16View appName, Utf16View section, Utf16View key,
+                                 Utf16View defaultValue) const = 0;
 };
 
 // Creates automation objects by program id. A class that cannot be created throws `Failure`.
 class ObjectFactory {
  public:
   virtual ~ObjectFactory() = default;
-  virtual Ref<Object> CreateObject(BstrView progId) = 0;
+  virtual Ref<Object> CreateObject(Utf16View progId) = 0;
 };
 
 // Facts about the machine that the run-time objects of a dump report.
@@ -40,7 +40,7 @@ class SystemFacts {
   virtual ~SystemFacts() = default;
   virtual ScreenSize Screen() const = 0;
   // The default printer's name, or nothing on a machine without printers.
-  virtual std::optional<Bstr> DefaultPrinter() const = 0;
+  virtual std::optional<Utf16String> DefaultPrinter() const = 0;
 };
 
 // One pass over the thread's message queue: dispatch what is pending, then return at once.

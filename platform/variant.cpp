@@ -18,7 +18,7 @@ bool IsBlank(char16_t c) {
   return c == u' ' || c == u'\t';
 }
 
-std::int64_t ParseWhole(BstrView text, std::int64_t lowest, std::int64_t highest) {
+std::int64_t ParseWhole(Utf16View text, std::int64_t lowest, std::int64_t highest) {
   std::size_t i = 0;
   std::size_t end = text.size();
   while (i < end && IsBlank(text[i]))
@@ -101,7 +101,7 @@ Variant Variant::Value() const {
     case VarType::VT_BOOL:
       return Variant(*static_cast<VariantBool*>(target));
     case VarType::VT_BSTR:
-      return Variant(*static_cast<Bstr*>(target));
+      return Variant(*static_cast<Utf16String*>(target));
     case VarType::VT_DISPATCH:
       return Variant(*static_cast<Ref<Object>*>(target));
     case VarType::VT_VARIANT:
@@ -117,8 +117,8 @@ std::int32_t Variant::Number() const {
   Raise(RunTimeError::kTypeMismatch);
 }
 
-const Bstr& Variant::String() const {
-  if (const auto* s = std::get_if<Bstr>(&value_))
+const Utf16String& Variant::String() const {
+  if (const auto* s = std::get_if<Utf16String>(&value_))
     return *s;
   Raise(RunTimeError::kTypeMismatch);
 }
@@ -147,11 +147,11 @@ bool operator==(const Variant& a, const Variant& b) {
   return a.value_ == b.value_;
 }
 
-VarType SafeArray::ElementType() const {
+VarType VariantArray::ElementType() const {
   return std::visit(Overloaded{
                         [](const std::vector<std::int16_t>&) { return VarType::VT_I2; },
                         [](const std::vector<std::int32_t>&) { return VarType::VT_I4; },
-                        [](const std::vector<Bstr>&) { return VarType::VT_BSTR; },
+                        [](const std::vector<Utf16String>&) { return VarType::VT_BSTR; },
                         [](const std::vector<Ref<Object>>&) { return VarType::VT_DISPATCH; },
                         [](const std::vector<Variant>&) { return VarType::VT_VARIANT; },
                         [](const std::vector<std::uint8_t>&) { return VarType::VT_UI1; },
@@ -159,16 +159,16 @@ VarType SafeArray::ElementType() const {
                     elements);
 }
 
-std::int64_t SafeArray::Count() const {
+std::int64_t VariantArray::Count() const {
   return std::visit([](const auto& v) { return static_cast<std::int64_t>(v.size()); }, elements);
 }
 
-std::int32_t ParseLong(BstrView text) {
+std::int32_t ParseLong(Utf16View text) {
   return static_cast<std::int32_t>(ParseWhole(text, std::numeric_limits<std::int32_t>::min(),
                                               std::numeric_limits<std::int32_t>::max()));
 }
 
-std::int16_t ParseInteger(BstrView text) {
+std::int16_t ParseInteger(Utf16View text) {
   return static_cast<std::int16_t>(ParseWhole(text, std::numeric_limits<std::int16_t>::min(),
                                               std::numeric_limits<std::int16_t>::max()));
 }
@@ -186,7 +186,7 @@ std::int16_t ToInteger(const Variant& value) {
   return static_cast<std::int16_t>(whole);
 }
 
-Bstr ToBstr(const Variant& value) {
+Utf16String ToBstr(const Variant& value) {
   const Variant v = value.Value();
   switch (v.type()) {
     case VarType::VT_EMPTY:

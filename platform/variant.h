@@ -7,8 +7,8 @@
 #include <variant>
 #include <vector>
 
-#include "platform/bstr.h"
 #include "platform/object.h"
+#include "platform/utf16.h"
 #include "platform/variant_bool.h"
 
 namespace tabforge {
@@ -48,8 +48,8 @@ constexpr VarType ValueType(VarType t) {
   return static_cast<VarType>(static_cast<std::uint16_t>(t) & ~0x4000);
 }
 
-struct SafeArray;
-using ArrayRef = std::shared_ptr<SafeArray>;
+struct VariantArray;
+using ArrayRef = std::shared_ptr<VariantArray>;
 
 class Variant {
  public:
@@ -58,10 +58,10 @@ class Variant {
   Variant(std::int32_t value) : type_(VarType::VT_I4), value_(value) {}                // NOLINT
   Variant(VariantBool value)                                                           // NOLINT
       : type_(VarType::VT_BOOL), value_(std::int32_t{static_cast<std::int16_t>(value)}) {}
-  Variant(Bstr value) : type_(VarType::VT_BSTR), value_(std::move(value)) {}  // NOLINT
-  Variant(BstrView value) : Variant(Bstr(value)) {}                           // NOLINT
-  Variant(const char16_t* value) : Variant(Bstr(value)) {}                    // NOLINT
-  Variant(Ref<Object> value)                                                  // NOLINT
+  Variant(Utf16String value) : type_(VarType::VT_BSTR), value_(std::move(value)) {}  // NOLINT
+  Variant(Utf16View value) : Variant(Utf16String(value)) {}                          // NOLINT
+  Variant(const char16_t* value) : Variant(Utf16String(value)) {}                    // NOLINT
+  Variant(Ref<Object> value)                                                         // NOLINT
       : type_(VarType::VT_DISPATCH), value_(std::move(value)) {}
   // An array; `array` may be empty for an array that was never dimensioned.
   Variant(VarType elementType, ArrayRef array)
@@ -75,7 +75,7 @@ class Variant {
   static Variant ByRef(std::int16_t* target) { return {VarType::VT_I2, target, ByRefTag{}}; }
   static Variant ByRef(std::int32_t* target) { return {VarType::VT_I4, target, ByRefTag{}}; }
   static Variant ByRef(VariantBool* target) { return {VarType::VT_BOOL, target, ByRefTag{}}; }
-  static Variant ByRef(Bstr* target) { return {VarType::VT_BSTR, target, ByRefTag{}}; }
+  static Variant ByRef(Utf16String* target) { return {VarType::VT_BSTR, target, ByRefTag{}}; }
   static Variant ByRef(Ref<Object>* target) { return {VarType::VT_DISPATCH, target, ByRefTag{}}; }
   static Variant ByRef(Variant* target) { return {VarType::VT_VARIANT, target, ByRefTag{}}; }
   static Variant ByRef(VarType elementType, ArrayRef* target) {
@@ -90,7 +90,7 @@ class Variant {
 
   // The raw contents for a tag that matches; each throws `Failure` (type mismatch) otherwise.
   std::int32_t Number() const;  // VT_I2, VT_I4, VT_BOOL, VT_UI1, VT_ERROR
-  const Bstr& String() const;
+  const Utf16String& String() const;
   const Ref<Object>& ObjectRef() const;
   const ArrayRef& Array() const;
 
@@ -98,7 +98,7 @@ class Variant {
   std::int16_t* RefI2() const { return Target<std::int16_t>(VarType::VT_I2); }
   std::int32_t* RefI4() const { return Target<std::int32_t>(VarType::VT_I4); }
   VariantBool* RefBool() const { return Target<VariantBool>(VarType::VT_BOOL); }
-  Bstr* RefString() const { return Target<Bstr>(VarType::VT_BSTR); }
+  Utf16String* RefString() const { return Target<Utf16String>(VarType::VT_BSTR); }
   Ref<Object>* RefObject() const { return Target<Ref<Object>>(VarType::VT_DISPATCH); }
   Variant* RefVariant() const { return Target<Variant>(VarType::VT_VARIANT); }
   ArrayRef* RefArray() const {
@@ -118,13 +118,13 @@ class Variant {
   }
 
   VarType type_ = VarType::VT_EMPTY;
-  std::variant<std::monostate, std::int32_t, Bstr, Ref<Object>, ArrayRef, void*> value_;
+  std::variant<std::monostate, std::int32_t, Utf16String, Ref<Object>, ArrayRef, void*> value_;
 };
 
 // A one-dimensional automation array. Elements are kept in the vector that suits their tag.
-struct SafeArray {
+struct VariantArray {
   using Elements =
-      std::variant<std::vector<std::int16_t>, std::vector<std::int32_t>, std::vector<Bstr>,
+      std::variant<std::vector<std::int16_t>, std::vector<std::int32_t>, std::vector<Utf16String>,
                    std::vector<Ref<Object>>, std::vector<Variant>, std::vector<std::uint8_t>>;
 
   std::int32_t lowerBound = 0;
@@ -137,14 +137,14 @@ struct SafeArray {
 
 template <class T>
 ArrayRef MakeArray(std::vector<T> elements, std::int32_t lowerBound = 0) {
-  return std::make_shared<SafeArray>(SafeArray{lowerBound, std::move(elements)});
+  return std::make_shared<VariantArray>(VariantArray{lowerBound, std::move(elements)});
 }
 
 // Conversions with the run time's rules. Each throws `Failure` when the value cannot be converted:
 // type mismatch, overflow, or invalid use of Null.
 std::int32_t ToLong(const Variant& value);
 std::int16_t ToInteger(const Variant& value);
-Bstr ToBstr(const Variant& value);
+Utf16String ToBstr(const Variant& value);
 VariantBool ToVariantBool(const Variant& value);
 // An object reference; a value that holds no object reference is "object required".
 Ref<Object> ToObject(const Variant& value);
@@ -152,8 +152,8 @@ bool HoldsObject(const Variant& value);
 
 // Whole numbers in text: blanks around, an optional sign, decimal digits. Anything else is a type
 // mismatch; a number outside the range is an overflow.
-std::int32_t ParseLong(BstrView text);
-std::int16_t ParseInteger(BstrView text);
+std::int32_t ParseLong(Utf16View text);
+std::int16_t ParseInteger(Utf16View text);
 
 // Writes `value` into the variable that `reference` points at, converted to that variable's type.
 void AssignThrough(const Variant& reference, const Variant& value);

@@ -27,8 +27,8 @@ std::int16_t Narrow(std::int32_t id) {
 
 }  // namespace
 
-Bstr Main2::GetLabel(const Bstr& idStr) {
-  Bstr result;
+Utf16String Main2::GetLabel(const Utf16String& idStr) {
+  Utf16String result;
   std::int32_t id = 0;
   Run(
       Trace(), kGetLabel, [&](ParameterText& p) { p.Add(u"idStr", idStr); },
@@ -49,10 +49,10 @@ Bstr Main2::GetLabel(const Bstr& idStr) {
   return result;
 }
 
-Bstr Main2::GetScreentip(const Bstr& idStr) {
-  Bstr result;
+Utf16String Main2::GetScreentip(const Utf16String& idStr) {
+  Utf16String result;
   std::int16_t id = 0;
-  Bstr isOn;
+  Utf16String isOn;
   Run(
       Trace(), kGetScreentip, [&](ParameterText& p) { p.Add(u"idStr", idStr); },
       [&](LocalReport& l) {
@@ -74,7 +74,7 @@ Bstr Main2::GetScreentip(const Bstr& idStr) {
   return result;
 }
 
-void Main2::productNameChanged(const Bstr& productName) {
+void Main2::productNameChanged(const Utf16String& productName) {
   std::vector<std::int32_t> keys;
   std::size_t ndx = 0;
   Variant id;
@@ -98,7 +98,7 @@ void Main2::productNameChanged(const Bstr& productName) {
       });
 }
 
-VariantBool Main2::GetEnabled(const Bstr& idStr) {
+VariantBool Main2::GetEnabled(const Utf16String& idStr) {
   VariantBool result = kFalse;
   std::int16_t id = 0;
   Run(
@@ -123,7 +123,7 @@ VariantBool Main2::GetEnabled(const Bstr& idStr) {
   return result;
 }
 
-VariantBool Main2::GetPressed(const Bstr& idStr) {
+VariantBool Main2::GetPressed(const Utf16String& idStr) {
   VariantBool result = kFalse;
   std::int16_t id = 0;
   Run(
@@ -193,7 +193,7 @@ void Main2::UpdateLexoscopeIcon(VariantBool enable) {
 }
 
 void Main2::InvalidateRibbonControl(std::int32_t id) {
-  Bstr idText;
+  Utf16String idText;
   Run(
       Trace(), kInvalidateRibbonControl, [&](ParameterText& p) { p.Add(u"id", id); },
       [&](LocalReport& l) { l.Add(u"id", id); },
@@ -209,7 +209,7 @@ void Main2::InvalidateRibbonControl(std::int32_t id) {
       });
 }
 
-void Main2::RibbonCallback(const Bstr& idStr, VariantBool isOn) {
+void Main2::RibbonCallback(const Utf16String& idStr, VariantBool isOn) {
   std::int16_t id = 0;
   Run(
       Trace(), kRibbonCallback,

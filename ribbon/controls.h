@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "platform/bstr.h"
+#include "platform/utf16.h"
 #include "platform/variant_bool.h"
 
 namespace tabforge {
@@ -24,8 +24,8 @@ enum class DocumentPlace : std::uint8_t {
   kLexoscope,         // the Lexoscope group
 };
 
-inline constexpr BstrView kButton = u"button";
-inline constexpr BstrView kToggleButton = u"toggleButton";
+inline constexpr Utf16View kButton = u"button";
+inline constexpr Utf16View kToggleButton = u"toggleButton";
 
 // The image of the two controls that apply the product: 102 or 318, as the product name decides
 // when the image table is filled.
@@ -48,27 +48,27 @@ inline constexpr auto kDecimalIds = [] {
 struct Control {
   std::int16_t number;
   // The macro that a press starts; the control's enumerator bears the same name.
-  BstrView macro;
+  Utf16View macro;
   DocumentPlace place;
   // The values of the element writer's parameters. `tooltip` is without its closing mark; an
   // empty `label` makes the writer ask for the label and the image through callbacks.
-  BstrView label = u"";
-  BstrView tooltip;
-  BstrView shortCutKey = u"";
-  BstrView size = u"";
+  Utf16View label = u"";
+  Utf16View tooltip;
+  Utf16View shortCutKey = u"";
+  Utf16View size = u"";
   VariantBool showLabel = kTrue;
-  BstrView imageMso = u"";
-  BstrView buttonType = kButton;
+  Utf16View imageMso = u"";
+  Utf16View buttonType = kButton;
   // A label that follows the product name: "PN" stands wherever the name is to stand. `Initialize`
   // adds the templates in `templateOrder` (from 1), and a rename invalidates them in that order.
-  BstrView labelTemplate = u"";
+  Utf16View labelTemplate = u"";
   int templateOrder = 0;
   // The slot of the image table: a fixed image number, kApplyImage, or 0 for no picture.
   std::int16_t image = 0;
 
   // The control's id as decimal text, the form the catalogue and the `image` attribute use.
-  constexpr BstrView DecimalId() const {
-    return BstrView(kDecimalIds[number].data(), number < 10 ? 1 : 2);
+  constexpr Utf16View DecimalId() const {
+    return Utf16View(kDecimalIds[number].data(), number < 10 ? 1 : 2);
   }
 };
 
@@ -271,7 +271,7 @@ inline constexpr std::array<Control, 26> kControls{{
 }};
 
 // The number of the control that starts `macro`; a name that no row bears does not compile.
-consteval std::int16_t NumberOfMacro(BstrView macro) {
+consteval std::int16_t NumberOfMacro(Utf16View macro) {
   for (const Control& control : kControls) {
     if (control.macro == macro)
       return control.number;
@@ -317,18 +317,18 @@ constexpr std::int16_t Number(ControlId id) {
 }
 
 // The prefix of an id text: "MVN5" is the id text of control 5.
-inline constexpr BstrView kIdPrefix = u"MVN";
+inline constexpr Utf16View kIdPrefix = u"MVN";
 
 // The id text of a control number.
-Bstr IdText(std::int32_t id);
+Utf16String IdText(std::int32_t id);
 
-inline constexpr BstrView kProductNameToken = u"PN";
+inline constexpr Utf16View kProductNameToken = u"PN";
 
 // --- The views -----------------------------------------------------------------------------------
 
 struct LabelTemplate {
   std::int32_t id;
-  BstrView labelTemplate = u"";
+  Utf16View labelTemplate = u"";
 };
 
 // In the order in which `Initialize` adds them, which is the order of invalidation after a rename.
@@ -350,8 +350,8 @@ inline constexpr auto kLabelTemplates = [] {
 
 // The macro that each control starts, by control id; a number without a control has none.
 inline constexpr auto kMacroNames = [] {
-  std::array<BstrView, kControlSlots> names{};
-  for (BstrView& name : names)
+  std::array<Utf16View, kControlSlots> names{};
+  for (Utf16View& name : names)
     name = u"";
   for (const Control& control : kControls)
     names[static_cast<std::size_t>(control.number)] = control.macro;

@@ -11,18 +11,18 @@ constexpr std::int32_t kKeyAlreadyPresent = 457;
 
 }  // namespace
 
-void Dictionary::Add(std::int32_t key, Bstr item) {
+void Dictionary::Add(std::int32_t key, Utf16String item) {
   if (Exists(key))
     Raise(kKeyAlreadyPresent, u"This key is already associated with an element of this collection");
   entries_.emplace_back(key, std::move(item));
 }
 
-const Bstr& Dictionary::Item(std::int32_t key) {
+const Utf16String& Dictionary::Item(std::int32_t key) {
   for (const auto& entry : entries_) {
     if (entry.first == key)
       return entry.second;
   }
-  return entries_.emplace_back(key, Bstr{}).second;
+  return entries_.emplace_back(key, Utf16String{}).second;
 }
 
 bool Dictionary::Exists(std::int32_t key) const {
@@ -38,7 +38,7 @@ std::vector<std::int32_t> Dictionary::Keys() const {
   return keys;
 }
 
-Variant Dictionary::Invoke(BstrView member, CallKind, std::span<Variant> arguments) {
+Variant Dictionary::Invoke(Utf16View member, CallKind, std::span<Variant> arguments) {
   if (member == u"Add" && arguments.size() == 2) {
     Add(ToLong(arguments[0]), ToBstr(arguments[1]));
     return {};

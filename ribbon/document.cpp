@@ -17,15 +17,15 @@ using tracing::Run;
 
 namespace {
 
-constexpr BstrView kCustomUiNamespace = u"http://schemas.microsoft.com/office/2006/01/customui";
+constexpr Utf16View kCustomUiNamespace = u"http://schemas.microsoft.com/office/2006/01/customui";
 
 // The largest lists: a button of nine attributes, and the document's longest part.
 using ElementPieces = PieceList<24>;
 using DocumentPieces = PieceList<32, OwnedPiece>;
 
 // A tooltip, with room for the closing point that the element may give it.
-Bstr TooltipText(BstrView text) {
-  Bstr tooltip;
+Utf16String TooltipText(Utf16View text) {
+  Utf16String tooltip;
   tooltip.reserve(text.size() + 1);
   tooltip = text;
   return tooltip;
@@ -33,8 +33,8 @@ Bstr TooltipText(BstrView text) {
 
 }  // namespace
 
-Bstr Main2::AddButton(const Bstr& id) {
-  Bstr result;
+Utf16String Main2::AddButton(const Utf16String& id) {
+  Utf16String result;
   const Control* row = nullptr;
   Run(
       Trace(), kAddButton, [&](ParameterText& p) { p.Add(u"id", id); },
@@ -50,7 +50,7 @@ Bstr Main2::AddButton(const Bstr& id) {
         }
         TF_STEP(2) if (row != nullptr) {
           TF_STEP(3) {
-            Bstr tooltip = TooltipText(row->tooltip);
+            Utf16String tooltip = TooltipText(row->tooltip);
             result = AddButtonImpl(id, row->label, tooltip, row->shortCutKey, row->size,
                                    row->showLabel, row->imageMso, row->buttonType);
           }
@@ -60,10 +60,10 @@ Bstr Main2::AddButton(const Bstr& id) {
   return result;
 }
 
-Bstr Main2::AddButtonImpl(BstrView id, BstrView label, Bstr& tooltip, BstrView shortCutKey,
-                          BstrView size, VariantBool showLabel, BstrView imageMso,
-                          BstrView buttonType) {
-  Bstr result;
+Utf16String Main2::AddButtonImpl(Utf16View id, Utf16View label, Utf16String& tooltip,
+                                 Utf16View shortCutKey, Utf16View size, VariantBool showLabel,
+                                 Utf16View imageMso, Utf16View buttonType) {
+  Utf16String result;
   ElementPieces strs;
   std::int16_t offset = 0;
   Run(
@@ -145,11 +145,11 @@ Bstr Main2::AddButtonImpl(BstrView id, BstrView label, Bstr& tooltip, BstrView s
   return result;
 }
 
-Bstr Main2::GetRibbonXML() {
-  Bstr result;
+Utf16String Main2::GetRibbonXML() {
+  Utf16String result;
   // The pieces refer to the product name until the end; a report of change that arrives in
   // between (from a failure's report, say) must not pull it from under them.
-  const Bstr productName = mProductName;
+  const Utf16String productName = mProductName;
   DocumentPieces strs;
   DocumentPieces strs2;
   DocumentPieces strs3;
@@ -160,9 +160,9 @@ Bstr Main2::GetRibbonXML() {
       if (control.place != place)
         continue;
       if (InCatalogue(control)) {
-        pieces.Append({AddButton(Bstr(control.DecimalId()))});
+        pieces.Append({AddButton(Utf16String(control.DecimalId()))});
       } else {
-        Bstr tooltip = TooltipText(control.tooltip);
+        Utf16String tooltip = TooltipText(control.tooltip);
         pieces.Append(
             {AddButtonImpl(control.DecimalId(), control.label, tooltip, control.shortCutKey,
                            control.size, control.showLabel, control.imageMso, control.buttonType)});

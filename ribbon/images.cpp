@@ -33,7 +33,7 @@ Ref<Object> FetchPicture(const Ref<Object>& signaller, const Ref<Object>& loader
 
 // The slot of the image table that a decimal id names; a number outside the table is out of
 // bounds.
-std::int16_t& SlotOf(std::array<std::int16_t, kControlSlots>& table, const Bstr& id) {
+std::int16_t& SlotOf(std::array<std::int16_t, kControlSlots>& table, const Utf16String& id) {
   const std::int32_t number = ParseLong(id);
   if (number < 0 || number >= static_cast<std::int32_t>(table.size()))
     Raise(RunTimeError::kSubscriptOutOfRange);
@@ -53,7 +53,7 @@ std::int16_t Main2::getApplyMorvelinImageIndex() {
   return result;
 }
 
-Ref<Object> Main2::GetImage(const Bstr& idStr) {
+Ref<Object> Main2::GetImage(const Utf16String& idStr) {
   Ref<Object> result;
   std::int32_t id = 0;
   std::int16_t index = 0;
@@ -79,7 +79,7 @@ Ref<Object> Main2::GetImage(const Bstr& idStr) {
   return result;
 }
 
-Ref<Object> Main2::LoadImage(const Bstr& id) {
+Ref<Object> Main2::LoadImage(const Utf16String& id) {
   Ref<Object> result;
   Run(
       Trace(), kLoadImage, [&](ParameterText& p) { p.Add(u"id", id); },

@@ -15,8 +15,8 @@ using tracing::LocalReport;
 using tracing::ParameterText;
 using tracing::Run;
 
-Bstr IdText(std::int32_t id) {
-  return Bstr(kIdPrefix) + DecimalText(id);
+Utf16String IdText(std::int32_t id) {
+  return Utf16String(kIdPrefix) + DecimalText(id);
 }
 
 Main2::Main2(VbwProtector& protector) : protector_(protector) {}
@@ -33,7 +33,7 @@ void Main2::vbwReportModuleVariables() const {
                                Variant(Ref<Object>(mProductNameSensitiveControls)), 0);
 }
 
-void Main2::Initialize(const Ref<Object>& eventSignaller, const Bstr& productName) {
+void Main2::Initialize(const Ref<Object>& eventSignaller, const Utf16String& productName) {
   static_assert(kLabelTemplates.size() == 4, "one statement for each label template");
   Run(
       Trace(), kInitialize,
@@ -56,16 +56,16 @@ void Main2::Initialize(const Ref<Object>& eventSignaller, const Bstr& productNam
         TF_STEP(6) mProductNameSensitiveControls = MakeRef<Dictionary>();
         TF_STEP(7)
         initProductNameSensitiveControl(kLabelTemplates[0].id,
-                                        Bstr(kLabelTemplates[0].labelTemplate));
+                                        Utf16String(kLabelTemplates[0].labelTemplate));
         TF_STEP(8)
         initProductNameSensitiveControl(kLabelTemplates[1].id,
-                                        Bstr(kLabelTemplates[1].labelTemplate));
+                                        Utf16String(kLabelTemplates[1].labelTemplate));
         TF_STEP(9)
         initProductNameSensitiveControl(kLabelTemplates[2].id,
-                                        Bstr(kLabelTemplates[2].labelTemplate));
+                                        Utf16String(kLabelTemplates[2].labelTemplate));
         TF_STEP(10)
         initProductNameSensitiveControl(kLabelTemplates[3].id,
-                                        Bstr(kLabelTemplates[3].labelTemplate));
+                                        Utf16String(kLabelTemplates[3].labelTemplate));
         TF_END
       });
 }
@@ -88,7 +88,7 @@ void Main2::ribbon(const Ref<Object>& ribbon) {
       });
 }
 
-void Main2::initProductNameSensitiveControl(std::int32_t id, const Bstr& labelTemplate) {
+void Main2::initProductNameSensitiveControl(std::int32_t id, const Utf16String& labelTemplate) {
   Run(
       Trace(), kInitProductNameSensitiveControl,
       [&](ParameterText& p) {
@@ -107,7 +107,7 @@ void Main2::initProductNameSensitiveControl(std::int32_t id, const Bstr& labelTe
       });
 }
 
-std::int32_t Main2::convertToId(BstrView idStr) {
+std::int32_t Main2::convertToId(Utf16View idStr) {
   std::int32_t result = 0;
   Run(
       Trace(), kConvertToId, [&](ParameterText& p) { p.Add(u"idStr", idStr); },

@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "accessibility/accessibility.h"
-#include "platform/bstr.h"
 #include "platform/object.h"
+#include "platform/utf16.h"
 #include "platform/variant_bool.h"
 #include "ribbon/controls.h"
 #include "ribbon/dictionary.h"
@@ -38,19 +38,19 @@ class Main2 {
 
   // --- The members of the public interface, in its order. No failure ever leaves one. ---------
 
-  void Initialize(const Ref<Object>& eventSignaller, const Bstr& productName);
+  void Initialize(const Ref<Object>& eventSignaller, const Utf16String& productName);
   // The write-only property: holds the object's ribbon interface.
   void ribbon(const Ref<Object>& ribbon);
-  Bstr GetRibbonXML();
-  void productNameChanged(const Bstr& productName);
-  Bstr GetLabel(const Bstr& idStr);
-  VariantBool GetEnabled(const Bstr& idStr);
-  VariantBool GetPressed(const Bstr& idStr);
-  Bstr GetScreentip(const Bstr& idStr);
+  Utf16String GetRibbonXML();
+  void productNameChanged(const Utf16String& productName);
+  Utf16String GetLabel(const Utf16String& idStr);
+  VariantBool GetEnabled(const Utf16String& idStr);
+  VariantBool GetPressed(const Utf16String& idStr);
+  Utf16String GetScreentip(const Utf16String& idStr);
   // A picture, or nothing for a control without one.
-  Ref<Object> GetImage(const Bstr& idStr);
-  Ref<Object> LoadImage(const Bstr& id);
-  void RibbonCallback(const Bstr& idStr, VariantBool isOn);
+  Ref<Object> GetImage(const Utf16String& idStr);
+  Ref<Object> LoadImage(const Utf16String& id);
+  void RibbonCallback(const Utf16String& idStr, VariantBool isOn);
   void EnableGotoQuickBookmark(VariantBool value);
   void UpdateLexoscopeIcon(VariantBool enable);
   void EnableToolbar(VariantBool value);
@@ -63,7 +63,7 @@ class Main2 {
 
   VariantBool enabled() const { return mEnabled; }
   VariantBool quickBookmarkEnabled() const { return mQuickBookmarkEnabled; }
-  const Bstr& productName() const { return mProductName; }
+  const Utf16String& productName() const { return mProductName; }
   VariantBool lexoscopeOn() const { return mLexoscopeOn; }
   const Ref<RibbonUi>& ribbonUi() const { return mRibbon; }
   const Ref<Object>& eventSignaller() const { return mEventSignaller; }
@@ -72,15 +72,16 @@ class Main2 {
   }
 
  private:
-  void initProductNameSensitiveControl(std::int32_t id, const Bstr& labelTemplate);
-  Bstr AddButton(const Bstr& id);
-  Bstr AddButtonImpl(BstrView id, BstrView label, Bstr& tooltip, BstrView shortCutKey,
-                     BstrView size, VariantBool showLabel, BstrView imageMso, BstrView buttonType);
+  void initProductNameSensitiveControl(std::int32_t id, const Utf16String& labelTemplate);
+  Utf16String AddButton(const Utf16String& id);
+  Utf16String AddButtonImpl(Utf16View id, Utf16View label, Utf16String& tooltip,
+                            Utf16View shortCutKey, Utf16View size, VariantBool showLabel,
+                            Utf16View imageMso, Utf16View buttonType);
   std::int16_t getApplyMorvelinImageIndex();
-  std::int32_t convertToId(BstrView idStr);
+  std::int32_t convertToId(Utf16View idStr);
   void InvalidateRibbonControl(std::int32_t id);
   Ref<Object> getMorvelinTab(const Ref<Object>& RibbonCommandBar);
-  std::int16_t TabIndex(const ChildList& Info, const Bstr& tabName);
+  std::int16_t TabIndex(const ChildList& Info, const Utf16String& tabName);
   void clickWidget(const Ref<Object>& widget);
   // The module report is the tracing's to call.
   friend class tracing::Module;
@@ -95,7 +96,7 @@ class Main2 {
   // Fields, in the order of the module report.
   VariantBool mEnabled = kFalse;
   VariantBool mQuickBookmarkEnabled = kFalse;
-  Bstr mProductName;
+  Utf16String mProductName;
   VariantBool mLexoscopeOn = kFalse;
   Ref<RibbonUi> mRibbon;
   Ref<Object> mTransparentGifLoader;
@@ -104,7 +105,7 @@ class Main2 {
 
   // Per-control tables, filled on first use; an empty slot 0 says the table is not filled yet.
   std::array<std::int16_t, kControlSlots> imageIndex_{};
-  std::vector<Bstr> macroIndex_ = std::vector<Bstr>(kControlSlots);
+  std::vector<Utf16String> macroIndex_ = std::vector<Utf16String>(kControlSlots);
 };
 
 }  // namespace tabforge

@@ -15,8 +15,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/bstr.h"
 #include "platform/failure.h"
+#include "platform/utf16.h"
 #include "tracing/report_values.h"
 
 namespace tabforge {
@@ -34,18 +34,18 @@ class Piece {
   // A constant, measured by the compiler.
   template <std::size_t N>
   Piece(const char16_t (&constant)[N]) noexcept {
-    Add(BstrView(constant, N - 1));
+    Add(Utf16View(constant, N - 1));
   }
-  Piece(BstrView text) noexcept { Add(text); }
-  Piece(const Bstr& text) noexcept { Add(text); }
-  Piece(Bstr&& text) = delete;
+  Piece(Utf16View text) noexcept { Add(text); }
+  Piece(const Utf16String& text) noexcept { Add(text); }
+  Piece(Utf16String&& text) = delete;
 
   // The texts joined, without joining them.
-  static Piece Concat(std::initializer_list<BstrView> parts) {
+  static Piece Concat(std::initializer_list<Utf16View> parts) {
     if (parts.size() > kMaxParts)
       Raise(RunTimeError::kSubscriptOutOfRange);
     Piece piece;
-    for (BstrView part : parts)
+    for (Utf16View part : parts)
       piece.Add(part);
     return piece;
   }
@@ -69,7 +69,7 @@ class Piece {
   // holds many pieces, and clearing them all would cost more than the rest of the element. The
   // sizes are held in 32 bits (no piece comes near that) to keep a piece small enough to be copied
   // in a few moves.
-  void Add(BstrView text) noexcept {
+  void Add(Utf16View text) noexcept {
     texts_[count_] = text.data();
     sizes_[count_] = static_cast<std::uint32_t>(text.size());
     ++count_;
@@ -88,9 +88,9 @@ class OwnedPiece {
   template <std::size_t N>
   OwnedPiece(const char16_t (&constant)[N]) noexcept : piece_(constant) {}
   OwnedPiece(Piece piece) noexcept : piece_(piece) {}
-  OwnedPiece(BstrView text) noexcept : piece_(text) {}
-  OwnedPiece(const Bstr& text) noexcept : piece_(text) {}
-  OwnedPiece(Bstr&& text) noexcept : owned_(std::move(text)) {}
+  OwnedPiece(Utf16View text) noexcept : piece_(text) {}
+  OwnedPiece(const Utf16String& text) noexcept : piece_(text) {}
+  OwnedPiece(Utf16String&& text) noexcept : owned_(std::move(text)) {}
 
   std::size_t size() const noexcept { return owned_.size() + piece_.size(); }
   char16_t* CopyTo(char16_t* out) const noexcept {
@@ -98,20 +98,20 @@ class OwnedPiece {
   }
 
  private:
-  Bstr owned_;
+  Utf16String owned_;
   Piece piece_;
 };
 
 // The attribute ` name="value"`, from its opening ` name="` and the value, referring to both.
 template <std::size_t N>
-Piece Attribute(const char16_t (&opening)[N], BstrView value) {
-  return Piece::Concat({BstrView(opening, N - 1), value, BstrView(u"\"", 1)});
+Piece Attribute(const char16_t (&opening)[N], Utf16View value) {
+  return Piece::Concat({Utf16View(opening, N - 1), value, Utf16View(u"\"", 1)});
 }
 
 // The text of a piece, for a dump.
 template <class PieceType>
-Bstr TextOf(const PieceType& piece) {
-  Bstr text(piece.size(), u'\0');
+Utf16String TextOf(const PieceType& piece) {
+  Utf16String text(piece.size(), u'\0');
   piece.CopyTo(text.data());
   return text;
 }
@@ -188,8 +188,8 @@ class PieceList {
 
 // The lists' texts joined into one string, allocated once.
 template <class... Lists>
-Bstr Join(const Lists&... lists) {
-  Bstr joined((lists.TextSize() + ...), u'\0');
+Utf16String Join(const Lists&... lists) {
+  Utf16String joined((lists.TextSize() + ...), u'\0');
   char16_t* out = joined.data();
   ((out = lists.CopyTo(out)), ...);
   return joined;
@@ -198,7 +198,7 @@ Bstr Join(const Lists&... lists) {
 // A dump reports a list as the string array it stands for.
 template <std::size_t Capacity, class PieceType>
 Variant ToVariant(const PieceList<Capacity, PieceType>& list) {
-  std::vector<Bstr> texts;
+  std::vector<Utf16String> texts;
   texts.reserve(list.size());
   for (std::size_t at = 0; at < list.size(); ++at)
     texts.push_back(TextOf(list[at]));

@@ -13,9 +13,9 @@ char16_t FoldCase(char16_t c) {
 // the first character: the texts are short, and the library's generic search for 16-bit characters
 // is several times slower here.
 template <bool kIgnoreCase>
-std::size_t NextMatch(BstrView text, BstrView find, std::size_t at) {
+std::size_t NextMatch(Utf16View text, Utf16View find, std::size_t at) {
   if (find.size() > text.size() || at > text.size() - find.size())
-    return BstrView::npos;
+    return Utf16View::npos;
   const auto fold = [](char16_t c) { return kIgnoreCase ? FoldCase(c) : c; };
   const char16_t first = fold(find[0]);
   const char16_t* const begin = text.data();
@@ -29,11 +29,11 @@ std::size_t NextMatch(BstrView text, BstrView find, std::size_t at) {
     if (k == find.size())
       return static_cast<std::size_t>(p - begin);
   }
-  return BstrView::npos;
+  return Utf16View::npos;
 }
 
 template <bool kIgnoreCase>
-Bstr Replace(BstrView text, BstrView find, BstrView replacement, std::int32_t count) {
+Utf16String Replace(Utf16View text, Utf16View find, Utf16View replacement, std::int32_t count) {
   // One search: the places of the first matches are kept while the result is measured, so that it
   // is allocated once and written once; a text with more matches than that is searched again
   // behind the last kept one.
@@ -42,20 +42,20 @@ Bstr Replace(BstrView text, BstrView find, BstrView replacement, std::int32_t co
   const std::size_t limit = count < 0 ? text.size() + 1 : static_cast<std::size_t>(count);
   std::size_t matches = 0;
   std::size_t next = NextMatch<kIgnoreCase>(text, find, 0);
-  for (; next != BstrView::npos && matches < limit && matches < kKept;
+  for (; next != Utf16View::npos && matches < limit && matches < kKept;
        next = NextMatch<kIgnoreCase>(text, find, next + find.size())) {
     kept[matches++] = next;
   }
   // Counted beyond the kept ones, not placed.
   std::size_t more = 0;
-  for (std::size_t at = next; at != BstrView::npos && matches + more < limit;
+  for (std::size_t at = next; at != Utf16View::npos && matches + more < limit;
        at = NextMatch<kIgnoreCase>(text, find, at + find.size())) {
     ++more;
   }
   if (matches == 0)
-    return Bstr(text);
+    return Utf16String(text);
   const std::size_t replaced = matches + more;
-  Bstr result(text.size() - replaced * find.size() + replaced * replacement.size(), u'\0');
+  Utf16String result(text.size() - replaced * find.size() + replaced * replacement.size(), u'\0');
   char16_t* out = result.data();
   std::size_t copied = 0;
   auto write = [&](std::size_t at) {
@@ -73,24 +73,25 @@ Bstr Replace(BstrView text, BstrView find, BstrView replacement, std::int32_t co
 
 }  // namespace
 
-Bstr StringExtensions::replaceText(BstrView text, BstrView find, BstrView replacement,
-                                   std::int32_t start, std::int32_t count, std::int32_t compare) {
+Utf16String StringExtensions::replaceText(Utf16View text, Utf16View find, Utf16View replacement,
+                                          std::int32_t start, std::int32_t count,
+                                          std::int32_t compare) {
   const std::size_t from = start < 1 ? 0 : static_cast<std::size_t>(start - 1);
   if (from >= text.size())
     return {};
-  const BstrView rest = text.substr(from);
+  const Utf16View rest = text.substr(from);
   if (find.empty() || count == 0)
-    return Bstr(rest);
+    return Utf16String(rest);
   return compare != 0 ? Replace<true>(rest, find, replacement, count)
                       : Replace<false>(rest, find, replacement, count);
 }
 
-VariantBool StringExtensions::endsWith(BstrView text, BstrView ending) {
+VariantBool StringExtensions::endsWith(Utf16View text, Utf16View ending) {
   return ToVariantBool(text.size() >= ending.size() &&
                        text.substr(text.size() - ending.size()) == ending);
 }
 
-VariantBool StringExtensions::stripPrefix(BstrView& text, BstrView prefix) {
+VariantBool StringExtensions::stripPrefix(Utf16View& text, Utf16View prefix) {
   if (text.substr(0, prefix.size()) != prefix)
     return kFalse;
   text.remove_prefix(prefix.size());

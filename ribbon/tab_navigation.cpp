@@ -65,7 +65,7 @@ Variant AccName(const Ref<Object>& element) {
 }
 
 // A Null name is neither equal to nor different from any text.
-std::optional<Bstr> ComparableName(const Ref<Object>& element) {
+std::optional<Utf16String> ComparableName(const Ref<Object>& element) {
   const Variant name = AccName(element);
   if (name.Value().type() == VarType::VT_NULL)
     return std::nullopt;
@@ -73,8 +73,8 @@ std::optional<Bstr> ComparableName(const Ref<Object>& element) {
 }
 
 // The name is read once for each comparison, and both are made.
-bool NamedAfterItselfOnly(const Ref<Object>& element, const Bstr& ancestralName,
-                          const Bstr& tabName) {
+bool NamedAfterItselfOnly(const Ref<Object>& element, const Utf16String& ancestralName,
+                          const Utf16String& tabName) {
   const auto own = ComparableName(element);
   const bool differsFromAbove = own && *own != ancestralName;
   const auto again = ComparableName(element);
@@ -126,8 +126,8 @@ void Main2::clickWidget(const Ref<Object>& widget) {
 // ribbon's tree fills in while the word processor runs its own messages. A wait that runs out of
 // its bounds ends the search with nothing.
 Ref<Object> Main2::getMorvelinTab(const Ref<Object>& RibbonCommandBar) {
-  const Bstr ribbonName(u"Ribbon");
-  const Bstr ribbonTabsName(u"Ribbon Tabs");
+  const Utf16String ribbonName(u"Ribbon");
+  const Utf16String ribbonTabsName(u"Ribbon Tabs");
   WaitBudget budget(tabSearchLimits_);
   Ref<Object> result;
   VariantBool isOK = kFalse;
@@ -141,8 +141,9 @@ Ref<Object> Main2::getMorvelinTab(const Ref<Object>& RibbonCommandBar) {
       [&](ParameterText& p) { p.Add(u"RibbonCommandBar", RibbonCommandBar); },
       [&](LocalReport& l) {
         l.Add(u"isOK", isOK);
-        l.AddRecord(
-            [&] { accessibility_.vbwReport_Accessibility_ChildList(Bstr(u"tabInfo"), tabInfo); });
+        l.AddRecord([&] {
+          accessibility_.vbwReport_Accessibility_ChildList(Utf16String(u"tabInfo"), tabInfo);
+        });
         l.Add(u"MorvelinTabIndex", MorvelinTabIndex);
         l.Add(u"RibbonCommandBar", RibbonCommandBar);
         l.Add(u"RibbonPropPage", RibbonPropPage);
@@ -210,14 +211,14 @@ Ref<Object> Main2::getMorvelinTab(const Ref<Object>& RibbonCommandBar) {
   return result;
 }
 
-std::int16_t Main2::TabIndex(const ChildList& Info, const Bstr& tabName) {
+std::int16_t Main2::TabIndex(const ChildList& Info, const Utf16String& tabName) {
   std::int16_t result = 0;
   std::int16_t ndxObject = 0;
   std::int16_t highestObject = -1;
   std::vector<Ref<Object>> Ancestry;
   std::int32_t ndxAncestry = 0;
   std::int32_t highestAncestry = -1;
-  Bstr AncestralName;
+  Utf16String AncestralName;
   Run(
       Trace(), kTabIndex,
       [&](ParameterText& p) {
@@ -225,7 +226,8 @@ std::int16_t Main2::TabIndex(const ChildList& Info, const Bstr& tabName) {
         p.Add(u"tabName", tabName);
       },
       [&](LocalReport& l) {
-        l.AddRecord([&] { accessibility_.vbwReport_Accessibility_ChildList(Bstr(u"Info"), Info); });
+        l.AddRecord(
+            [&] { accessibility_.vbwReport_Accessibility_ChildList(Utf16String(u"Info"), Info); });
         l.Add(u"tabName", tabName);
         l.Add(u"ndxObject", ndxObject);
         l.Add(u"ndxAncestry", ndxAncestry);
@@ -252,7 +254,7 @@ std::int16_t Main2::TabIndex(const ChildList& Info, const Bstr& tabName) {
           // From the oldest ancestor down: the first element in the chain that carries the tab's
           // name, and not merely the name of the element above it, decides.
           TF_STEP(8) for (ndxAncestry = highestAncestry; ndxAncestry >= 0; --ndxAncestry) {
-            TF_STEP(9) AncestralName = Bstr();
+            TF_STEP(9) AncestralName = Utf16String();
             TF_STEP(10) if (ndxAncestry < highestAncestry) {
               TF_STEP(11)
               AncestralName = ToBstr(AccName(At(Ancestry, ndxAncestry + 1)));

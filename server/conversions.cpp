@@ -22,7 +22,7 @@ constexpr HRESULT kControlFacilityMask = static_cast<HRESULT>(0x800A0000);
 // array and its automation form agree on element types and bounds whichever way it goes.
 
 // An empty list of the core's element type for automation element type `vt`.
-SafeArray::Elements EmptyElements(VARTYPE vt) {
+VariantArray::Elements EmptyElements(VARTYPE vt) {
   switch (vt) {
     case VT_UI1:
       return std::vector<std::uint8_t>();
@@ -31,7 +31,7 @@ SafeArray::Elements EmptyElements(VARTYPE vt) {
     case VT_I4:
       return std::vector<std::int32_t>();
     case VT_BSTR:
-      return std::vector<Bstr>();
+      return std::vector<Utf16String>();
     case VT_DISPATCH:
       return std::vector<Ref<Object>>();
     case VT_VARIANT:
@@ -48,7 +48,7 @@ T ReadElement(SAFEARRAY* array, LONG i) {
     if (FAILED(::SafeArrayGetElement(array, &i, out)))
       Raise(RunTimeError::kSubscriptOutOfRange);
   };
-  if constexpr (std::is_same_v<T, Bstr>) {
+  if constexpr (std::is_same_v<T, Utf16String>) {
     UniqueBstr s;
     get(s.Put());
     return FromBstr(s.Get());
@@ -75,7 +75,7 @@ void WriteElement(SAFEARRAY* array, LONG i, const T& value) {
     if (FAILED(::SafeArrayPutElement(array, &i, in)))
       Raise(RunTimeError::kOutOfMemory);
   };
-  if constexpr (std::is_same_v<T, Bstr>) {
+  if constexpr (std::is_same_v<T, Utf16String>) {
     UniqueBstr s = MakeBstr(value);
     put(s.Get());
   } else if constexpr (std::is_same_v<T, Ref<Object>>) {
@@ -99,7 +99,7 @@ ArrayRef FromSafeArray(SAFEARRAY* array, VARTYPE vt) {
   if (::SafeArrayGetDim(array) != 1 || FAILED(::SafeArrayGetLBound(array, 1, &lower)) ||
       FAILED(::SafeArrayGetUBound(array, 1, &upper)))
     Raise(RunTimeError::kTypeMismatch);
-  auto out = std::make_shared<SafeArray>(SafeArray{lower, EmptyElements(vt)});
+  auto out = std::make_shared<VariantArray>(VariantArray{lower, EmptyElements(vt)});
   std::visit(
       [&](auto& elements) {
         using T = typename std::decay_t<decltype(elements)>::value_type;
@@ -111,7 +111,7 @@ ArrayRef FromSafeArray(SAFEARRAY* array, VARTYPE vt) {
 }
 
 // A core array as a one-dimensional SAFEARRAY of its own element type and bounds.
-SAFEARRAY* ToSafeArray(const SafeArray& array) {
+SAFEARRAY* ToSafeArray(const VariantArray& array) {
   if (array.UpperBound() > std::numeric_limits<LONG>::max())
     Raise(RunTimeError::kOverflow);
   UniqueSafeArray out(::SafeArrayCreateVector(static_cast<VARTYPE>(array.ElementType()),
@@ -129,13 +129,13 @@ SAFEARRAY* ToSafeArray(const SafeArray& array) {
 
 }  // namespace
 
-Bstr FromBstr(BSTR s) {
+Utf16String FromBstr(BSTR s) {
   if (s == nullptr)
     return {};
-  return Bstr(reinterpret_cast<const char16_t*>(s), ::SysStringLen(s));
+  return Utf16String(reinterpret_cast<const char16_t*>(s), ::SysStringLen(s));
 }
 
-UniqueBstr MakeBstr(BstrView text) {
+UniqueBstr MakeBstr(Utf16View text) {
   UniqueBstr s(::SysAllocStringLen(reinterpret_cast<const wchar_t*>(text.data()),
                                    static_cast<UINT>(text.size())));
   if (!s)
@@ -274,7 +274,7 @@ UniqueVariant ToAutomation(const Variant& input) {
   return out;
 }
 
-bool SameMemberName(BstrView a, BstrView b) {
+bool SameMemberName(Utf16View a, Utf16View b) {
   return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char16_t x, char16_t y) {
     return std::towlower(static_cast<wint_t>(x)) == std::towlower(static_cast<wint_t>(y));
   });

@@ -5,8 +5,8 @@
 
 #include <oleauto.h>
 
-#include "platform/bstr.h"
 #include "platform/object.h"
+#include "platform/utf16.h"
 #include "platform/variant.h"
 #include "platform/variant_bool.h"
 #include "server/com_ptr.h"
@@ -17,8 +17,8 @@ namespace tabforge::com {
 static_assert(sizeof(wchar_t) == sizeof(char16_t));
 
 // A null BSTR is the empty string.
-Bstr FromBstr(BSTR s);
-UniqueBstr MakeBstr(BstrView text);
+Utf16String FromBstr(BSTR s);
+UniqueBstr MakeBstr(Utf16View text);
 
 inline VariantBool FromVariantBool(VARIANT_BOOL b) {
   return static_cast<VariantBool>(b);
@@ -43,10 +43,10 @@ Variant FromAutomation(const VARIANT& value);
 UniqueVariant ToAutomation(const Variant& value);
 
 // Member names compare without regard to case, as everywhere in automation.
-bool SameMemberName(BstrView a, BstrView b);
+bool SameMemberName(Utf16View a, Utf16View b);
 // A name as the automation calls hand it over.
-inline BstrView NameView(const wchar_t* name) {
-  return BstrView(reinterpret_cast<const char16_t*>(name));
+inline Utf16View NameView(const wchar_t* name) {
+  return Utf16View(reinterpret_cast<const char16_t*>(name));
 }
 
 // The automation status that stands for a failure number: HRESULTs pass as they are, run-time

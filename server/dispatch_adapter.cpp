@@ -56,9 +56,10 @@ HRESULT DispatchAdapter::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID
     // The member name gets an id; named arguments are not supported.
     for (UINT i = 1; i < count; ++i)
       ids[i] = DISPID_UNKNOWN;
-    const Bstr name(reinterpret_cast<const char16_t*>(names[0]));
-    auto found = std::find_if(names_.begin(), names_.end(),
-                              [&](const Bstr& known) { return SameMemberName(known, name); });
+    const Utf16String name(reinterpret_cast<const char16_t*>(names[0]));
+    auto found = std::find_if(names_.begin(), names_.end(), [&](const Utf16String& known) {
+      return SameMemberName(known, name);
+    });
     if (found == names_.end()) {
       names_.push_back(name);
       found = names_.end() - 1;
@@ -74,7 +75,7 @@ HRESULT DispatchAdapter::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS*
     return DISP_E_MEMBERNOTFOUND;
   return Barrier<FailurePolicy::kException>(
       [&] {
-        const Bstr member = names_[static_cast<std::size_t>(id) - 1];
+        const Utf16String member = names_[static_cast<std::size_t>(id) - 1];
         const UINT count = params != nullptr ? params->cArgs : 0;
         // Arguments in declared order; a VARIANT passed by reference is written back after the
         // call.

@@ -8,8 +8,8 @@
 
 #include <vector>
 
-#include "platform/bstr.h"
 #include "platform/object.h"
+#include "platform/utf16.h"
 #include "server/com_object.h"
 #include "server/com_ptr.h"
 
@@ -41,7 +41,7 @@ class DispatchAdapter final : public ComObject<DispatchAdapter, IDispatch> {
 
   Ref<Object> object_;
   // Names in the order they were asked for; a member's id is its index plus one.
-  std::vector<Bstr> names_;
+  std::vector<Utf16String> names_;
 };
 #pragma GCC diagnostic pop
 

@@ -20,8 +20,8 @@ namespace {
 // Whatever happens inside a member, its caller sees success.
 constexpr FailurePolicy kMemberPolicy = FailurePolicy::kAlwaysSucceed;
 
-Bstr InString(const BSTR* value) {
-  return value != nullptr ? FromBstr(*value) : Bstr();
+Utf16String InString(const BSTR* value) {
+  return value != nullptr ? FromBstr(*value) : Utf16String();
 }
 
 Ref<Object> InObject(IDispatch* const* value) {
@@ -43,7 +43,7 @@ void ClearResult(VARIANT_BOOL* result) {
     *result = VARIANT_FALSE;
 }
 
-void SetResult(BSTR* result, const Bstr& value) {
+void SetResult(BSTR* result, const Utf16String& value) {
   if (result != nullptr)
     *result = MakeBstr(value).Detach();
 }
@@ -200,7 +200,7 @@ enum : DISPID {
 
 // The members of _Main2 as the type library declares them, in slot order.
 struct Member {
-  BstrView name;
+  Utf16View name;
   DISPID id;
   INVOKEKIND kind;
   std::array<Slot, kMaxInputs> inputs;
@@ -287,7 +287,7 @@ void Call(Main2Object& self, DISPID id, const Argument* in, Answer& out) {
 // True when `name` is `member`'s name in any case of ASCII letters, which member names are made of.
 // A name with other letters is left to the type library, which compares as the platform does; the
 // common comparison, which folds every letter, costs a call into the C library for each one.
-bool IsNameOf(BstrView name, BstrView member) {
+bool IsNameOf(Utf16View name, Utf16View member) {
   const auto fold = [](char16_t c) {
     return c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c - u'A' + u'a') : c;
   };

@@ -16,12 +16,12 @@ namespace tabforge::com {
 
 namespace {
 
-std::wstring Wide(BstrView text) {
+std::wstring Wide(Utf16View text) {
   return std::wstring(reinterpret_cast<const wchar_t*>(text.data()), text.size());
 }
 
-Bstr FromWide(const wchar_t* text, std::size_t length) {
-  return Bstr(reinterpret_cast<const char16_t*>(text), length);
+Utf16String FromWide(const wchar_t* text, std::size_t length) {
+  return Utf16String(reinterpret_cast<const char16_t*>(text), length);
 }
 
 // An argument slot and, for a reference, the temporary the callee writes into.
@@ -70,7 +70,7 @@ void ThrowIfFailed(HRESULT hr, EXCEPINFO* exception) {
 WindowsObject::WindowsObject(ComPtr<IUnknown> unknown)
     : unknown_(std::move(unknown)), dispatch_(unknown_.TryAs<IDispatch>()) {}
 
-DISPID WindowsObject::FindMember(BstrView member) {
+DISPID WindowsObject::FindMember(Utf16View member) {
   if (!dispatch_)
     Raise(RunTimeError::kObjectRequired);
   std::wstring name = Wide(member);
@@ -89,7 +89,7 @@ DISPID WindowsObject::FindMember(BstrView member) {
   return id;
 }
 
-Variant WindowsObject::Invoke(BstrView member, CallKind kind, std::span<Variant> arguments) {
+Variant WindowsObject::Invoke(Utf16View member, CallKind kind, std::span<Variant> arguments) {
   const DISPID id = FindMember(member);
   const std::size_t count = arguments.size();
 
@@ -142,7 +142,7 @@ Ref<RibbonUi> WindowsObject::QueryRibbonUi() {
 WindowsRibbonUi::WindowsRibbonUi(Ref<WindowsObject> object, ComPtr<IRibbonUI> ribbon)
     : object_(std::move(object)), ribbon_(std::move(ribbon)) {}
 
-Variant WindowsRibbonUi::Invoke(BstrView member, CallKind kind, std::span<Variant> arguments) {
+Variant WindowsRibbonUi::Invoke(Utf16View member, CallKind kind, std::span<Variant> arguments) {
   return object_->Invoke(member, kind, arguments);
 }
 
@@ -150,20 +150,20 @@ void WindowsRibbonUi::Invalidate() {
   ThrowIfFailed(ribbon_->Invalidate());
 }
 
-void WindowsRibbonUi::InvalidateControl(const Bstr& controlId) {
+void WindowsRibbonUi::InvalidateControl(const Utf16String& controlId) {
   UniqueBstr id = MakeBstr(controlId);
   ThrowIfFailed(ribbon_->InvalidateControl(id.Get()));
 }
 
 // --- Host ---------------------------------------------------------------------------------------
 
-Bstr WindowsHost::CommandLine() const {
+Utf16String WindowsHost::CommandLine() const {
   const wchar_t* line = ::GetCommandLineW();
-  return line != nullptr ? FromWide(line, std::wcslen(line)) : Bstr();
+  return line != nullptr ? FromWide(line, std::wcslen(line)) : Utf16String();
 }
 
-Bstr WindowsHost::GetSetting(BstrView appName, BstrView section, BstrView key,
-                             BstrView defaultValue) const {
+Utf16String WindowsHost::GetSetting(Utf16View appName, Utf16View section, Utf16View key,
+                                    Utf16View defaultValue) const {
   const std::wstring path =
       L"Software\\VB and VBA Program Settings\\" + Wide(appName) + L"\\" + Wide(section);
   const std::wstring name = Wide(key);
@@ -171,18 +171,18 @@ Bstr WindowsHost::GetSetting(BstrView appName, BstrView section, BstrView key,
   DWORD bytes = 0;
   if (::RegGetValueW(HKEY_CURRENT_USER, path.c_str(), name.c_str(), RRF_RT_REG_SZ, &type, nullptr,
                      &bytes) != ERROR_SUCCESS)
-    return Bstr(defaultValue);
+    return Utf16String(defaultValue);
   std::vector<wchar_t> buffer(bytes / sizeof(wchar_t) + 1);
   bytes = static_cast<DWORD>(buffer.size() * sizeof(wchar_t));
   if (::RegGetValueW(HKEY_CURRENT_USER, path.c_str(), name.c_str(), RRF_RT_REG_SZ, &type,
                      buffer.data(), &bytes) != ERROR_SUCCESS)
-    return Bstr(defaultValue);
+    return Utf16String(defaultValue);
   return FromWide(buffer.data(), std::wcslen(buffer.data()));
 }
 
 // --- Object factory -----------------------------------------------------------------------------
 
-Ref<Object> WindowsObjectFactory::CreateObject(BstrView progId) {
+Ref<Object> WindowsObjectFactory::CreateObject(Utf16View progId) {
   const std::wstring name = Wide(progId);
   CLSID clsid{};
   ComPtr<IUnknown> unknown;
@@ -198,7 +198,7 @@ SystemFacts::ScreenSize WindowsSystemFacts::Screen() const {
   return {::GetSystemMetrics(SM_CXSCREEN), ::GetSystemMetrics(SM_CYSCREEN)};
 }
 
-std::optional<Bstr> WindowsSystemFacts::DefaultPrinter() const {
+std::optional<Utf16String> WindowsSystemFacts::DefaultPrinter() const {
   DWORD length = 0;
   ::GetDefaultPrinterW(nullptr, &length);
   if (length == 0)

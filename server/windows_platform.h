@@ -37,14 +37,14 @@ class WindowsObject : public Object {
  public:
   explicit WindowsObject(ComPtr<IUnknown> unknown);
 
-  Variant Invoke(BstrView member, CallKind kind, std::span<Variant> arguments) override;
+  Variant Invoke(Utf16View member, CallKind kind, std::span<Variant> arguments) override;
   Ref<RibbonUi> QueryRibbonUi() override;
 
   const ComPtr<IDispatch>& Dispatch() const { return dispatch_; }
   const ComPtr<IUnknown>& Unknown() const { return unknown_; }
 
  private:
-  DISPID FindMember(BstrView member);
+  DISPID FindMember(Utf16View member);
 
   ComPtr<IUnknown> unknown_;
   ComPtr<IDispatch> dispatch_;
@@ -55,9 +55,9 @@ class WindowsRibbonUi final : public RibbonUi {
  public:
   WindowsRibbonUi(Ref<WindowsObject> object, ComPtr<IRibbonUI> ribbon);
 
-  Variant Invoke(BstrView member, CallKind kind, std::span<Variant> arguments) override;
+  Variant Invoke(Utf16View member, CallKind kind, std::span<Variant> arguments) override;
   void Invalidate() override;
-  void InvalidateControl(const Bstr& controlId) override;
+  void InvalidateControl(const Utf16String& controlId) override;
 
  private:
   Ref<WindowsObject> object_;
@@ -69,20 +69,20 @@ void ThrowIfFailed(HRESULT hr, EXCEPINFO* exception = nullptr);
 
 class WindowsHost final : public HostEnvironment {
  public:
-  Bstr CommandLine() const override;
-  Bstr GetSetting(BstrView appName, BstrView section, BstrView key,
-                  BstrView defaultValue) const override;
+  Utf16String CommandLine() const override;
+  Utf16String GetSetting(Utf16View appName, Utf16View section, Utf16View key,
+                         Utf16View defaultValue) const override;
 };
 
 class WindowsObjectFactory final : public ObjectFactory {
  public:
-  Ref<Object> CreateObject(BstrView progId) override;
+  Ref<Object> CreateObject(Utf16View progId) override;
 };
 
 class WindowsSystemFacts final : public SystemFacts {
  public:
   ScreenSize Screen() const override;
-  std::optional<Bstr> DefaultPrinter() const override;
+  std::optional<Utf16String> DefaultPrinter() const override;
 };
 
 class WindowsMessageQueue final : public MessageQueue {

@@ -32,15 +32,15 @@ class Walker : public ::testing::Test {
     EXPECT_THAT(apartment.script->CallsTo("vbwErrorHandler"), IsEmpty());
     EXPECT_EQ(apartment.protector.Depth(), 0);
   }
-  Ref<Object> Find(const Ref<AccessibleElement>& root, std::int32_t role, const Bstr& name,
+  Ref<Object> Find(const Ref<AccessibleElement>& root, std::int32_t role, const Utf16String& name,
                    VariantBool getClient = kFalse) {
     return walker.GetAccessible(Ref<Object>(root), role, name, getClient);
   }
   ChildList List(const Ref<AccessibleElement>& root, VariantBool descendents, VariantBool& isOK) {
     return walker.GetListOfChildren(Ref<Object>(root), descendents, isOK);
   }
-  static std::vector<Bstr> Names(const ChildList& list) {
-    std::vector<Bstr> names;
+  static std::vector<Utf16String> Names(const ChildList& list) {
+    std::vector<Utf16String> names;
     for (const auto& child : list.Children)
       names.push_back(static_cast<AccessibleElement*>(child.get())->name());
     return names;

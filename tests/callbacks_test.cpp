@@ -128,7 +128,7 @@ TEST_F(Callbacks, IdPastTheTableRunsNothing) {
 }
 
 TEST_F(Callbacks, MacroThatCallsBackFindsTheLibraryWorking) {
-  signaller->onRun = [&](const Bstr& macro) {
+  signaller->onRun = [&](const Utf16String& macro) {
     if (macro != u"ApplyMorvelin")
       return;
     main2.EnableToolbar(kFalse);
@@ -145,7 +145,7 @@ TEST_F(Callbacks, MacroThatCallsBackFindsTheLibraryWorking) {
 
 TEST_F(Callbacks, MacroThatPressesItsOwnButtonForEverEnds) {
   int presses = 0;
-  signaller->onRun = [&](const Bstr&) {
+  signaller->onRun = [&](const Utf16String&) {
     ++presses;
     main2.RibbonCallback(u"MVN5", kFalse);
   };

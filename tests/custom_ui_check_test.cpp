@@ -23,10 +23,10 @@ namespace {
 using Kind = Finding::Kind;
 using Xml = std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)>;
 
-std::string Document(BstrView productName) {
+std::string Document(Utf16View productName) {
   testing::Apartment apartment;
   Main2 main2(apartment.protector);
-  main2.Initialize(nullptr, Bstr(productName));
+  main2.Initialize(nullptr, Utf16String(productName));
   return ToUtf8(main2.GetRibbonXML());
 }
 

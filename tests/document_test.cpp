@@ -14,11 +14,11 @@
 namespace tabforge::testing {
 namespace {
 
-std::string Document(BstrView productName, bool initialize = true) {
+std::string Document(Utf16View productName, bool initialize = true) {
   Apartment apartment;
   Main2 main2(apartment.protector);
   if (initialize)
-    main2.Initialize(nullptr, Bstr(productName));
+    main2.Initialize(nullptr, Utf16String(productName));
   return ToUtf8(main2.GetRibbonXML());
 }
 
@@ -99,7 +99,7 @@ TEST(Document, FollowsTheProductNameInThreePlacesOnly) {
 // Well-formed for any name, with the controls in the order the ribbon shows them. Which attributes
 // may stand together is the custom-UI check's to say (its tests take this document).
 TEST(Document, IsWellFormedWithItsControlsInOrder) {
-  for (BstrView name : {u"Morvelin", u"Quill Pro", u"A"}) {
+  for (Utf16View name : {u"Morvelin", u"Quill Pro", u"A"}) {
     const std::string xml = Document(name);
     xmlDoc* doc = xmlReadMemory(xml.data(), static_cast<int>(xml.size()), "ribbon.xml", nullptr,
                                 XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);

@@ -21,8 +21,8 @@ class Handler : public ::testing::Test {
   ComponentScript& script = *apartment.script;
 };
 
-std::string Banner(BstrView banner) {
-  return LogText(Variant(Bstr(banner)));
+std::string Banner(Utf16View banner) {
+  return LogText(Variant(Utf16String(banner)));
 }
 
 TEST_F(Handler, DumpThenLeaveSendsTheWholeSequenceInOrder) {
@@ -112,14 +112,14 @@ TEST(HandlerAnswers, DecideWhatTheComponentIsAskedAndWhereTheProcedureGoes) {
 
 TEST_F(Handler, NumberMinusOneKeepsThePreviousKey) {
   apartment.protector.vbwErrorHandler(5, u"d", u"Tabforge", u"Main2", u"P", 12);
-  const Bstr key = apartment.protector.LastError();
+  const Utf16String key = apartment.protector.LastError();
   apartment.protector.vbwErrorHandler(-1, u"d", u"Tabforge", u"Other", u"P", 99);
   EXPECT_EQ(apartment.protector.LastError(), key);
 }
 
 TEST_F(Handler, WithoutComponentEveryFailureLeavesAndTriesCreationAgain) {
   int attempts = 0;
-  apartment.platform.objects.Register(Bstr(kErrorComponentProgId), [&]() -> Ref<Object> {
+  apartment.platform.objects.Register(Utf16String(kErrorComponentProgId), [&]() -> Ref<Object> {
     ++attempts;
     Raise(RunTimeError::kCannotCreateObject);
   });
@@ -138,7 +138,7 @@ TEST_F(Handler, ComponentChangesSwitchesAndTheStackThroughTheirReferences) {
   };
   script.onFailure = [](std::span<Variant> arguments) {
     AssignThrough(arguments[6], Variant(std::int16_t{2}));  // mStackCalls
-    std::get<std::vector<Bstr>>((*arguments[7].RefArray())->elements)[4] = u"Changed";
+    std::get<std::vector<Utf16String>>((*arguments[7].RefArray())->elements)[4] = u"Changed";
   };
   apartment.protector.vbwErrorHandler(5, u"d", u"Tabforge", u"M", u"P", 1);
   EXPECT_EQ(apartment.protector.vbwCatchException, kFalse);
@@ -229,7 +229,7 @@ TEST_F(Handler, ErrObjectDescribesTheFailureBeingHandled) {
   struct Catcher final : Object {
     Ref<Object>* target;
     Ref<Object>* appTarget;
-    Variant Invoke(BstrView member, CallKind, std::span<Variant> args) override {
+    Variant Invoke(Utf16View member, CallKind, std::span<Variant> args) override {
       if (member == u"vbwReportObject" && ToBstr(args[0]) == u"Err")
         *target = ToObject(args[1]);
       if (member == u"vbwReportObject" && ToBstr(args[0]) == u"VB.App")
@@ -240,7 +240,7 @@ TEST_F(Handler, ErrObjectDescribesTheFailureBeingHandled) {
     }
     int calls = 0;
   };
-  apartment.platform.objects.Register(Bstr(kErrorComponentProgId), [&] {
+  apartment.platform.objects.Register(Utf16String(kErrorComponentProgId), [&] {
     auto catcher = MakeRef<Catcher>();
     catcher->target = &err;
     catcher->appTarget = &app;

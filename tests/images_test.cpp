@@ -54,7 +54,7 @@ TEST_F(Images, ApplyNumberFollowsTheExactProductName) {
 TEST_F(Images, LoadImageAsksTheNumberOfItsControl) {
   EXPECT_FALSE(main2.LoadImage(u"3"));
   for (const Control& control : kControls) {
-    main2.LoadImage(Bstr(control.DecimalId()));
+    main2.LoadImage(Utf16String(control.DecimalId()));
     const std::int16_t image = control.image == kApplyImage ? 102 : control.image;
     const std::vector<std::int16_t> asked =
         image > 0 ? std::vector{image} : std::vector<std::int16_t>{};

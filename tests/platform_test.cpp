@@ -23,13 +23,13 @@ TEST(Text, Utf8RoundTripAndReplacement) {
   EXPECT_EQ(ToUtf8(FromUtf8("Morvelin é 𝄞")), "Morvelin é 𝄞");
   EXPECT_EQ(FromUtf8("\xC3"), u"\uFFFD");
   EXPECT_EQ(FromUtf8("\xE0\x80\xAF"), u"\uFFFD\uFFFD\uFFFD");  // overlong form
-  EXPECT_EQ(ToUtf8(Bstr(1, u'\xD800')), "\xEF\xBF\xBD");
+  EXPECT_EQ(ToUtf8(Utf16String(1, u'\xD800')), "\xEF\xBF\xBD");
   EXPECT_EQ(DecimalText(-2147483648LL), u"-2147483648");
   EXPECT_EQ(DecimalText(0), u"0");
 }
 
 TEST(Text, EveryEncodedLengthsEdgeConvertsBothWays) {
-  const std::pair<Bstr, std::string> both[] = {
+  const std::pair<Utf16String, std::string> both[] = {
       {u"\x7F", "\x7F"},
       {u"\x80", "\xC2\x80"},
       {u"\x7FF", "\xDF\xBF"},
@@ -50,13 +50,13 @@ TEST(Text, EveryEncodedLengthsEdgeConvertsBothWays) {
             "A\xEF\xBF\xBD\xEE\x80\x80");
   for (const char* bad :
        {"\xF4\x90\x80\x80", "\xF0\x8F\xBF\xBF", "\xED\xA0\x80\x80", "\xC1\xBF\xE0\xA0"})
-    EXPECT_EQ(FromUtf8(bad), Bstr(4, u'\xFFFD')) << bad;
+    EXPECT_EQ(FromUtf8(bad), Utf16String(4, u'\xFFFD')) << bad;
 }
 
 // Names and text compared without case fold A to Z and nothing beside them.
 TEST(Text, CaseIsIgnoredFromAToZOnly) {
-  const auto properties = MakeRef<PropertyObject>(
-      std::vector<std::pair<Bstr, Variant>>{{u"AZaz", std::int32_t{1}}, {u"@[", std::int32_t{2}}});
+  const auto properties = MakeRef<PropertyObject>(std::vector<std::pair<Utf16String, Variant>>{
+      {u"AZaz", std::int32_t{1}}, {u"@[", std::int32_t{2}}});
   for (const char16_t* name : {u"AZaz", u"azAZ", u"aZAz"})
     EXPECT_EQ(ToLong(properties->Invoke(name, CallKind::kPropertyGet, {})), 1);
   for (const char16_t* name : {u"`{", u"@{", u"`["})
@@ -120,7 +120,7 @@ TEST(Conversions, ReferencesReadAndWriteTheCallersVariable) {
   EXPECT_EQ(Describe(reference), "&I2 303");
   AssignThrough(reference, Variant(u"12"));
   EXPECT_EQ(number, 12);
-  Bstr text = u"before";
+  Utf16String text = u"before";
   AssignThrough(Variant::ByRef(&text), Variant(std::int32_t{5}));
   EXPECT_EQ(text, u"5");
   ArrayRef bytes;

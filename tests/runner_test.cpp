@@ -120,14 +120,14 @@ TEST_F(Runner, ParameterPiecesComeFromALiveComponentOnly) {
   apartment.protector.vbwTraceParameters = kTrue;
   tracing::ParameterText without(apartment.protector);
   without.Add(u"a", std::int32_t{1});
-  without.Add(u"b", Bstr(u"x"));
+  without.Add(u"b", Utf16String(u"x"));
   EXPECT_EQ(std::move(without).Finish(), u"(, ) ");
   EXPECT_TRUE(apartment.script->log.empty());
 
   // Keep a component alive (an answer 8 does), then build a text while it is.
   apartment.faults.FailAt(u"Probe.Branch", 1);
   apartment.script->answers = {std::int32_t{8}};
-  Bstr text;
+  Utf16String text;
   apartment.script->onFailure = [&](std::span<Variant>) {
     if (!apartment.protector.ErrorComponent())
       return;

@@ -69,17 +69,17 @@ TEST(Session, BadLinesStopWithTheirNumber) {
 // the replay must stop at that line like at a bad one, and keep what it printed before.
 class UnreachableAfterInitialize final : public SessionTarget {
  public:
-  void Initialize(BstrView) override { log.push_back("  initialized"); }
+  void Initialize(Utf16View) override { log.push_back("  initialized"); }
   void Ribbon() override { Fail(); }
-  Bstr GetRibbonXML() override { Fail(); }
-  Bstr GetLabel(BstrView) override { Fail(); }
-  Bstr GetScreentip(BstrView) override { Fail(); }
-  bool GetEnabled(BstrView) override { Fail(); }
-  bool GetPressed(BstrView) override { Fail(); }
-  SessionPicture GetImage(BstrView) override { Fail(); }
-  SessionPicture LoadImage(BstrView) override { Fail(); }
-  void productNameChanged(BstrView) override { Fail(); }
-  void RibbonCallback(BstrView, bool) override { Fail(); }
+  Utf16String GetRibbonXML() override { Fail(); }
+  Utf16String GetLabel(Utf16View) override { Fail(); }
+  Utf16String GetScreentip(Utf16View) override { Fail(); }
+  bool GetEnabled(Utf16View) override { Fail(); }
+  bool GetPressed(Utf16View) override { Fail(); }
+  SessionPicture GetImage(Utf16View) override { Fail(); }
+  SessionPicture LoadImage(Utf16View) override { Fail(); }
+  void productNameChanged(Utf16View) override { Fail(); }
+  void RibbonCallback(Utf16View, bool) override { Fail(); }
   void EnableToolbar(bool) override { Fail(); }
   void EnableGotoQuickBookmark(bool) override { Fail(); }
   void UpdateLexoscopeIcon(bool) override { Fail(); }

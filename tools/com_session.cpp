@@ -107,7 +107,7 @@ class SignallerObject final : public SessionDispatch<SignallerObject, IDispatch>
           const auto kind =
               (flags & DISPATCH_METHOD) != 0 ? CallKind::kMethod : CallKind::kPropertyGet;
           Variant answer =
-              signaller_->Invoke(Bstr(member->begin(), member->end()), kind, arguments);
+              signaller_->Invoke(Utf16String(member->begin(), member->end()), kind, arguments);
           if (result != nullptr)
             *result = com::ToAutomation(answer).Detach();
           return S_OK;
@@ -319,7 +319,7 @@ class LateBound {
   std::map<std::wstring, DISPID> ids_;
 };
 
-UniqueVariant Text(BstrView text) {
+UniqueVariant Text(Utf16View text) {
   UniqueVariant value;
   V_VT(value.Get()) = VT_BSTR;
   V_BSTR(value.Get()) = com::MakeBstr(text).Detach();
@@ -377,31 +377,31 @@ class ComTarget final : public SessionTarget {
             MakeRef<SessionSignaller>(log, options.iconDirectory, options.failingMacros))),
         ribbon_(RibbonObject::Create(MakeRef<SessionRibbon>(log))) {}
 
-  void Initialize(BstrView productName) override {
+  void Initialize(Utf16View productName) override {
     auto arguments = Arguments(ObjectValue(signaller_), Text(productName));
     main2_.Call(L"Initialize", DISPATCH_METHOD, arguments);
   }
   void Ribbon() override { main2_.PutRef(L"ribbon", ribbon_.Get()); }
-  Bstr GetRibbonXML() override {
+  Utf16String GetRibbonXML() override {
     std::vector<UniqueVariant> none;
     return TextOf(main2_.Call(L"GetRibbonXML", DISPATCH_METHOD, none), "GetRibbonXML");
   }
-  Bstr GetLabel(BstrView id) override { return TextOf(Get(L"GetLabel", id), "GetLabel"); }
-  Bstr GetScreentip(BstrView id) override {
+  Utf16String GetLabel(Utf16View id) override { return TextOf(Get(L"GetLabel", id), "GetLabel"); }
+  Utf16String GetScreentip(Utf16View id) override {
     return TextOf(Get(L"GetScreentip", id), "GetScreentip");
   }
-  bool GetEnabled(BstrView id) override { return FlagOf(Get(L"GetEnabled", id), "GetEnabled"); }
-  bool GetPressed(BstrView id) override { return FlagOf(Get(L"GetPressed", id), "GetPressed"); }
-  SessionPicture GetImage(BstrView id) override { return PictureOf(Get(L"GetImage", id)); }
-  SessionPicture LoadImage(BstrView id) override {
+  bool GetEnabled(Utf16View id) override { return FlagOf(Get(L"GetEnabled", id), "GetEnabled"); }
+  bool GetPressed(Utf16View id) override { return FlagOf(Get(L"GetPressed", id), "GetPressed"); }
+  SessionPicture GetImage(Utf16View id) override { return PictureOf(Get(L"GetImage", id)); }
+  SessionPicture LoadImage(Utf16View id) override {
     auto arguments = Arguments(Text(id));
     return PictureOf(main2_.Call(L"LoadImage", DISPATCH_METHOD, arguments));
   }
-  void productNameChanged(BstrView productName) override {
+  void productNameChanged(Utf16View productName) override {
     auto arguments = Arguments(Text(productName));
     main2_.Call(L"productNameChanged", DISPATCH_METHOD, arguments);
   }
-  void RibbonCallback(BstrView id, bool isOn) override {
+  void RibbonCallback(Utf16View id, bool isOn) override {
     auto arguments = Arguments(Text(id), Flag(isOn));
     main2_.Call(L"RibbonCallback", DISPATCH_METHOD, arguments);
   }
@@ -418,7 +418,7 @@ class ComTarget final : public SessionTarget {
   }
 
  private:
-  UniqueVariant Get(const wchar_t* member, BstrView id) {
+  UniqueVariant Get(const wchar_t* member, Utf16View id) {
     auto arguments = Arguments(Text(id));
     return main2_.Call(member, DISPATCH_PROPERTYGET, arguments);
   }
@@ -426,7 +426,7 @@ class ComTarget final : public SessionTarget {
     auto arguments = Arguments(Flag(value));
     main2_.Call(member, DISPATCH_METHOD, arguments);
   }
-  static Bstr TextOf(UniqueVariant value, const char* member) {
+  static Utf16String TextOf(UniqueVariant value, const char* member) {
     UniqueVariant text = As(std::move(value), VT_BSTR, member);
     return com::FromBstr(V_BSTR(text.Get()));
   }
@@ -486,7 +486,7 @@ std::unique_ptr<SessionTarget> MakeLateBoundTarget(CallLog& log, const SessionOp
   return std::make_unique<ComTarget>(log, options);
 }
 
-Bstr LateBoundRibbonXml(BstrView productName) {
+Utf16String LateBoundRibbonXml(Utf16View productName) {
   LateBound main2(CreateRegistered());
   auto initialize = Arguments(ObjectValue(nullptr), Text(productName));
   main2.Call(L"Initialize", DISPATCH_METHOD, initialize);

@@ -35,6 +35,6 @@ std::unique_ptr<SessionTarget> MakeLateBoundTarget(CallLog& log, const SessionOp
 
 // The document of a new registered instance after Initialize with no signalling object and
 // `productName`; throws `std::runtime_error` when a call cannot be made.
-Bstr LateBoundRibbonXml(BstrView productName);
+Utf16String LateBoundRibbonXml(Utf16View productName);
 
 }  // namespace tabforge::cli

@@ -42,7 +42,7 @@ class CoreTarget final : public SessionTarget {
       auto state = std::make_shared<ErrorComponentState>();
       state->answers.assign(options.answers.begin(), options.answers.end());
       state->dumpDirectory = options.dumpDirectory;
-      platform_.objects.Register(Bstr(kErrorComponentProgId), [&log, state] {
+      platform_.objects.Register(Utf16String(kErrorComponentProgId), [&log, state] {
         return Ref<Object>(MakeRef<SessionErrorComponent>(log, state));
       });
     }
@@ -51,22 +51,26 @@ class CoreTarget final : public SessionTarget {
 
   Main2& main2() { return main2_; }
 
-  void Initialize(BstrView productName) override {
-    main2_.Initialize(signaller_, Bstr(productName));
+  void Initialize(Utf16View productName) override {
+    main2_.Initialize(signaller_, Utf16String(productName));
   }
   void Ribbon() override { main2_.ribbon(ribbon_); }
-  Bstr GetRibbonXML() override { return main2_.GetRibbonXML(); }
-  Bstr GetLabel(BstrView id) override { return main2_.GetLabel(Bstr(id)); }
-  Bstr GetScreentip(BstrView id) override { return main2_.GetScreentip(Bstr(id)); }
-  bool GetEnabled(BstrView id) override { return IsTrue(main2_.GetEnabled(Bstr(id))); }
-  bool GetPressed(BstrView id) override { return IsTrue(main2_.GetPressed(Bstr(id))); }
-  SessionPicture GetImage(BstrView id) override { return PictureOf(main2_.GetImage(Bstr(id))); }
-  SessionPicture LoadImage(BstrView id) override { return PictureOf(main2_.LoadImage(Bstr(id))); }
-  void productNameChanged(BstrView productName) override {
-    main2_.productNameChanged(Bstr(productName));
+  Utf16String GetRibbonXML() override { return main2_.GetRibbonXML(); }
+  Utf16String GetLabel(Utf16View id) override { return main2_.GetLabel(Utf16String(id)); }
+  Utf16String GetScreentip(Utf16View id) override { return main2_.GetScreentip(Utf16String(id)); }
+  bool GetEnabled(Utf16View id) override { return IsTrue(main2_.GetEnabled(Utf16String(id))); }
+  bool GetPressed(Utf16View id) override { return IsTrue(main2_.GetPressed(Utf16String(id))); }
+  SessionPicture GetImage(Utf16View id) override {
+    return PictureOf(main2_.GetImage(Utf16String(id)));
   }
-  void RibbonCallback(BstrView id, bool isOn) override {
-    main2_.RibbonCallback(Bstr(id), ToFlag(isOn));
+  SessionPicture LoadImage(Utf16View id) override {
+    return PictureOf(main2_.LoadImage(Utf16String(id)));
+  }
+  void productNameChanged(Utf16View productName) override {
+    main2_.productNameChanged(Utf16String(productName));
+  }
+  void RibbonCallback(Utf16View id, bool isOn) override {
+    main2_.RibbonCallback(Utf16String(id), ToFlag(isOn));
   }
   void EnableToolbar(bool value) override { main2_.EnableToolbar(ToFlag(value)); }
   void EnableGotoQuickBookmark(bool value) override {

@@ -164,7 +164,7 @@ class Painter {
   }
 
  private:
-  Bstr Id(xmlNode* node) { return FromUtf8(Attribute(node, "id")); }
+  Utf16String Id(xmlNode* node) { return FromUtf8(Attribute(node, "id")); }
 
   std::string Label(xmlNode* node) {
     if (Has(node, "getLabel"))

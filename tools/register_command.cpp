@@ -9,7 +9,7 @@
 #include <iostream>
 
 #include "Tabforge_h.h"
-#include "platform/bstr.h"
+#include "platform/utf16.h"
 #include "server/com_ptr.h"
 #include "server/registry_entries.h"
 #include "tabforge_version.h"

@@ -31,7 +31,7 @@ std::string BoolResult(bool value) {
 // Runs one command; returns its result text, or an error message behind "!" for a bad line.
 std::string RunCommand(SessionTarget& target, const std::string& member, const std::string& rest,
                        bool hasArgument) {
-  const Bstr text = FromUtf8(rest);
+  const Utf16String text = FromUtf8(rest);
   if (member == "Initialize") {
     target.Initialize(text);
     return "ok";

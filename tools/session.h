@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/bstr.h"
 #include "platform/ref.h"
+#include "platform/utf16.h"
 
 namespace tabforge {
 class AccessibleElement;
@@ -52,18 +52,18 @@ class SessionTarget {
  public:
   virtual ~SessionTarget() = default;
   // Hands over the session's signalling object with the name.
-  virtual void Initialize(BstrView productName) = 0;
+  virtual void Initialize(Utf16View productName) = 0;
   // Hands over the session's ribbon.
   virtual void Ribbon() = 0;
-  virtual Bstr GetRibbonXML() = 0;
-  virtual Bstr GetLabel(BstrView id) = 0;
-  virtual Bstr GetScreentip(BstrView id) = 0;
-  virtual bool GetEnabled(BstrView id) = 0;
-  virtual bool GetPressed(BstrView id) = 0;
-  virtual SessionPicture GetImage(BstrView id) = 0;
-  virtual SessionPicture LoadImage(BstrView id) = 0;
-  virtual void productNameChanged(BstrView productName) = 0;
-  virtual void RibbonCallback(BstrView id, bool isOn) = 0;
+  virtual Utf16String GetRibbonXML() = 0;
+  virtual Utf16String GetLabel(Utf16View id) = 0;
+  virtual Utf16String GetScreentip(Utf16View id) = 0;
+  virtual bool GetEnabled(Utf16View id) = 0;
+  virtual bool GetPressed(Utf16View id) = 0;
+  virtual SessionPicture GetImage(Utf16View id) = 0;
+  virtual SessionPicture LoadImage(Utf16View id) = 0;
+  virtual void productNameChanged(Utf16View productName) = 0;
+  virtual void RibbonCallback(Utf16View id, bool isOn) = 0;
   virtual void EnableToolbar(bool value) = 0;
   virtual void EnableGotoQuickBookmark(bool value) = 0;
   virtual void UpdateLexoscopeIcon(bool value) = 0;

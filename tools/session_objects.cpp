@@ -88,7 +88,7 @@ std::string StackNames(const Variant& depth, const Variant& stack) {
   const Variant array = stack.Value();
   if (!IsArrayType(array.type()) || !array.Array())
     return "no stack";
-  const auto* names = std::get_if<std::vector<Bstr>>(&array.Array()->elements);
+  const auto* names = std::get_if<std::vector<Utf16String>>(&array.Array()->elements);
   if (names == nullptr)
     return "no stack";
   std::string text;
@@ -113,7 +113,7 @@ void SessionErrorComponent::Write(const std::string& text) {
     *state_->dump << text;
 }
 
-Variant SessionErrorComponent::Invoke(BstrView member, CallKind, std::span<Variant> arguments) {
+Variant SessionErrorComponent::Invoke(Utf16View member, CallKind, std::span<Variant> arguments) {
   const std::string name = ToUtf8(member);
   std::string line = "  error." + name;
   auto argument = [&](std::size_t i) -> const Variant& {
@@ -162,7 +162,7 @@ Variant SessionErrorComponent::Invoke(BstrView member, CallKind, std::span<Varia
     return {};
   }
   if (member == u"vbwReportToFile") {
-    const Bstr text = ToBstr(argument(0));
+    const Utf16String text = ToBstr(argument(0));
     log_.push_back(line + " " + Quote(text));
     Write(ToUtf8(text));
     return {};
@@ -213,7 +213,7 @@ Variant SessionErrorComponent::Invoke(BstrView member, CallKind, std::span<Varia
     return {};
   }
   if (member == u"vbwReportParameter") {
-    const Bstr piece = ToBstr(argument(0)) + u" = " + FromUtf8(Plain(argument(1)));
+    const Utf16String piece = ToBstr(argument(0)) + u" = " + FromUtf8(Plain(argument(1)));
     log_.push_back(line + " " + Quote(ToBstr(argument(0))) + " " + Shown(argument(1)) + " => " +
                    Quote(piece));
     return piece;
@@ -225,7 +225,7 @@ Variant SessionErrorComponent::Invoke(BstrView member, CallKind, std::span<Varia
   Raise(RunTimeError::kMemberNotFound);
 }
 
-Variant SessionSignaller::Invoke(BstrView member, CallKind, std::span<Variant> arguments) {
+Variant SessionSignaller::Invoke(Utf16View member, CallKind, std::span<Variant> arguments) {
   if (member == u"Run" && arguments.size() == 1) {
     const std::string macro = ToUtf8(ToBstr(arguments[0]));
     log_.push_back("  signaller.Run " + macro);
@@ -251,11 +251,11 @@ void SessionRibbon::Invalidate() {
   log_.push_back("  ribbon.Invalidate");
 }
 
-void SessionRibbon::InvalidateControl(const Bstr& controlId) {
+void SessionRibbon::InvalidateControl(const Utf16String& controlId) {
   log_.push_back("  ribbon.InvalidateControl " + ToUtf8(controlId));
 }
 
-Variant SessionRibbon::Invoke(BstrView, CallKind, std::span<Variant>) {
+Variant SessionRibbon::Invoke(Utf16View, CallKind, std::span<Variant>) {
   Raise(RunTimeError::kMemberNotFound);
 }
 

@@ -24,7 +24,7 @@ class SessionSignaller final : public Object {
       : log_(log),
         iconDirectory_(std::move(iconDirectory)),
         failingMacros_(std::move(failingMacros)) {}
-  Variant Invoke(BstrView member, CallKind kind, std::span<Variant> arguments) override;
+  Variant Invoke(Utf16View member, CallKind kind, std::span<Variant> arguments) override;
 
  private:
   CallLog& log_;
@@ -54,7 +54,7 @@ class SessionErrorComponent final : public Object {
  public:
   SessionErrorComponent(CallLog& log, std::shared_ptr<ErrorComponentState> state)
       : log_(log), state_(std::move(state)) {}
-  Variant Invoke(BstrView member, CallKind kind, std::span<Variant> arguments) override;
+  Variant Invoke(Utf16View member, CallKind kind, std::span<Variant> arguments) override;
 
  private:
   void Write(const std::string& text);
@@ -66,8 +66,8 @@ class SessionRibbon final : public RibbonUi {
  public:
   explicit SessionRibbon(CallLog& log) : log_(log) {}
   void Invalidate() override;
-  void InvalidateControl(const Bstr& controlId) override;
-  Variant Invoke(BstrView member, CallKind kind, std::span<Variant> arguments) override;
+  void InvalidateControl(const Utf16String& controlId) override;
+  Variant Invoke(Utf16View member, CallKind kind, std::span<Variant> arguments) override;
 
  private:
   CallLog& log_;

@@ -103,7 +103,7 @@ constexpr const char* kPreviewUsage =
 // Without the check (the Windows build has no XML library), the ways in which the product name
 // alone makes the document refused: it stands, unescaped, in two labels of its own and in the
 // first group's label before " Core Features", and a label has 1 to 1024 characters.
-std::vector<std::string> NameRefusals(const Bstr& name) {
+std::vector<std::string> NameRefusals(const Utf16String& name) {
   constexpr std::size_t kLongestLabel = 1024;
   constexpr std::size_t kGroupSuffix = 14;  // " Core Features"
   std::vector<std::string> reasons;
@@ -119,7 +119,7 @@ std::vector<std::string> NameRefusals(const Bstr& name) {
                       "... Core Features\" has " + std::to_string(name.size() + kGroupSuffix) +
                       " characters, more than 1024");
   }
-  if (name.find_first_of(u"\"<&") != Bstr::npos)
+  if (name.find_first_of(u"\"<&") != Utf16String::npos)
     reasons.emplace_back("the product name holds \", < or &, so the document is not well-formed");
   return reasons;
 }

@@ -29,30 +29,30 @@ void ParameterText::Separate() {
   any_ = true;
 }
 
-void ParameterText::AddPiece(BstrView name, const Variant& value) {
+void ParameterText::AddPiece(Utf16View name, const Variant& value) {
   Separate();
   text_ += protector_.vbwReportParameter(name, value);
 }
 
-void ParameterText::AddRecord(BstrView name) {
+void ParameterText::AddRecord(Utf16View name) {
   Separate();
   text_ += name;
   text_ += u" = {User Defined Type}";
 }
 
-Bstr ParameterText::Finish() && {
+Utf16String ParameterText::Finish() && {
   if (!any_)
     return u"()";
   text_ += u") ";
   return std::move(text_);
 }
 
-void LocalReport::AddVariable(BstrView name, const Variant& value) {
+void LocalReport::AddVariable(Utf16View name, const Variant& value) {
   protector_.vbwReportVariable(name, value, 0);
 }
 
-void LocalReport::AddText(BstrView text) {
-  protector_.vbwReportToFile(Bstr(text));
+void LocalReport::AddText(Utf16View text) {
+  protector_.vbwReportToFile(Utf16String(text));
 }
 
 void Frame::EnterWithParameterText(ParameterList parameters) {
@@ -114,8 +114,9 @@ Frame::Resolution Frame::Tail(const Failure& failure, LocalList locals) noexcept
       const std::int32_t result =
           scope.TooDeep()
               ? 0
-              : protector.vbwErrorHandler(number, failure.description, Bstr(kProjectName),
-                                          Bstr(info_.module), Bstr(info_.procedure), active.line);
+              : protector.vbwErrorHandler(number, failure.description, Utf16String(kProjectName),
+                                          Utf16String(info_.module), Utf16String(info_.procedure),
+                                          active.line);
       switch (result) {
         case kEndThread:
           protector.vbwExitThread();
@@ -145,7 +146,7 @@ Frame::Resolution Frame::Tail(const Failure& failure, LocalList locals) noexcept
 void Frame::DumpStep(LocalList locals) noexcept {
   VbwProtector& protector = protector_;
   protector.vbwOpenDumpFile();
-  protector.vbwReportToFile(Bstr(kLocalBanner));
+  protector.vbwReportToFile(Utf16String(kLocalBanner));
   // The reports of a section have no failure handling of their own. A failure in one (a platform
   // object that the machine lacks, say) costs the rest of that section; the dump goes on with the
   // next section and is always closed, so the component is never left with an open file.
@@ -155,12 +156,12 @@ void Frame::DumpStep(LocalList locals) noexcept {
   } catch (...) {
   }
   try {
-    protector.vbwReportToFile(Bstr(kModuleBanner));
+    protector.vbwReportToFile(Utf16String(kModuleBanner));
     module_.ReportModuleVariables();
   } catch (...) {
   }
   try {
-    protector.vbwReportToFile(Bstr(kGlobalBanner));
+    protector.vbwReportToFile(Utf16String(kGlobalBanner));
     protector.vbwReportGlobalVariables();
   } catch (...) {
   }

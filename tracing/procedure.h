@@ -30,8 +30,8 @@
 #include <cstdint>
 #include <limits>
 
-#include "platform/bstr.h"
 #include "platform/failure.h"
+#include "platform/utf16.h"
 #include "tracing/function_ref.h"
 #include "tracing/report_values.h"
 
@@ -53,14 +53,14 @@ enum class Instrumentation : std::uint8_t {
 };
 
 struct ProcedureInfo {
-  BstrView qualifiedName;  // module, point, procedure, as in "Main2.GetEnabled[Get]"
-  BstrView module;         // the half before the first point
-  BstrView procedure;      // the half behind it, with its accessor suffix
-  std::int32_t firstLine;  // a failing statement reports firstLine + its number
+  Utf16View qualifiedName;  // module, point, procedure, as in "Main2.GetEnabled[Get]"
+  Utf16View module;         // the half before the first point
+  Utf16View procedure;      // the half behind it, with its accessor suffix
+  std::int32_t firstLine;   // a failing statement reports firstLine + its number
   Instrumentation form;
 };
 
-constexpr ProcedureInfo DefineProcedure(BstrView qualifiedName, std::int32_t firstLine,
+constexpr ProcedureInfo DefineProcedure(Utf16View qualifiedName, std::int32_t firstLine,
                                         Instrumentation form = Instrumentation::kTracked) {
   const auto point = qualifiedName.find(u'.');
   return {qualifiedName, qualifiedName.substr(0, point), qualifiedName.substr(point + 1), firstLine,
@@ -148,19 +148,19 @@ class ParameterText {
   explicit ParameterText(VbwProtector& protector) noexcept : protector_(protector) {}
 
   template <class T>
-  void Add(BstrView name, const T& value) {
+  void Add(Utf16View name, const T& value) {
     AddPiece(name, ToVariant(value));
   }
   // A record contributes its name and a fixed text; no value is read.
-  void AddRecord(BstrView name);
+  void AddRecord(Utf16View name);
   // "()" without parameters, else "(" pieces joined by ", " and ") ".
-  Bstr Finish() &&;
+  Utf16String Finish() &&;
 
  private:
-  void AddPiece(BstrView name, const Variant& value);
+  void AddPiece(Utf16View name, const Variant& value);
   void Separate();
   VbwProtector& protector_;
-  Bstr text_;
+  Utf16String text_;
   bool any_ = false;
 };
 
@@ -170,16 +170,16 @@ class LocalReport {
   explicit LocalReport(VbwProtector& protector) noexcept : protector_(protector) {}
 
   template <class T>
-  void Add(BstrView name, const T& value) {
+  void Add(Utf16View name, const T& value) {
     AddVariable(name, ToVariant(value));
   }
   // A record goes through its record type's own report procedure.
   void AddRecord(FunctionRef<void()> reportRecord) { reportRecord(); }
   // A fixed text, sent as it stands.
-  void AddText(BstrView text);
+  void AddText(Utf16View text);
 
  private:
-  void AddVariable(BstrView name, const Variant& value);
+  void AddVariable(Utf16View name, const Variant& value);
   VbwProtector& protector_;
 };
 

@@ -24,10 +24,10 @@ inline Variant ToVariant(std::int32_t value) {
 inline Variant ToVariant(VariantBool value) {
   return Variant(value);
 }
-inline Variant ToVariant(const Bstr& value) {
+inline Variant ToVariant(const Utf16String& value) {
   return Variant(value);
 }
-inline Variant ToVariant(BstrView value) {
+inline Variant ToVariant(Utf16View value) {
   return Variant(value);
 }
 inline Variant ToVariant(const Variant& value) {
@@ -46,7 +46,7 @@ template <class T>
 Variant ArrayVariant(VarType elementType, const std::vector<T>& elements) {
   return Variant(elementType, elements.empty() ? nullptr : MakeArray(elements));
 }
-inline Variant ToVariant(const std::vector<Bstr>& value) {
+inline Variant ToVariant(const std::vector<Utf16String>& value) {
   return ArrayVariant(VarType::VT_BSTR, value);
 }
 inline Variant ToVariant(const std::vector<Ref<Object>>& value) {
@@ -63,8 +63,8 @@ Variant ToVariant(const std::array<std::int16_t, N>& value) {
   return Variant(VarType::VT_I2, MakeArray(std::vector<std::int16_t>(value.begin(), value.end())));
 }
 template <std::size_t N>
-Variant ToVariant(const std::array<Bstr, N>& value) {
-  return Variant(VarType::VT_BSTR, MakeArray(std::vector<Bstr>(value.begin(), value.end())));
+Variant ToVariant(const std::array<Utf16String, N>& value) {
+  return Variant(VarType::VT_BSTR, MakeArray(std::vector<Utf16String>(value.begin(), value.end())));
 }
 
 }  // namespace tabforge::tracing

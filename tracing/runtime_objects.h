@@ -16,18 +16,18 @@ namespace tabforge {
 // An object of read-only properties, found by name without regard to case.
 class PropertyObject final : public Object {
  public:
-  explicit PropertyObject(std::vector<std::pair<Bstr, Variant>> properties)
+  explicit PropertyObject(std::vector<std::pair<Utf16String, Variant>> properties)
       : properties_(std::move(properties)) {}
-  Variant Invoke(BstrView member, CallKind kind, std::span<Variant> arguments) override;
+  Variant Invoke(Utf16View member, CallKind kind, std::span<Variant> arguments) override;
 
  private:
-  std::vector<std::pair<Bstr, Variant>> properties_;
+  std::vector<std::pair<Utf16String, Variant>> properties_;
 };
 
 // Title, EXEName, Major, Minor, Revision.
 Ref<Object> MakeAppObject();
 // Number, Description, Source, Erl.
-Ref<Object> MakeErrObject(std::int32_t number, BstrView description, std::int32_t line);
+Ref<Object> MakeErrObject(std::int32_t number, Utf16View description, std::int32_t line);
 // Width and Height in pixels.
 Ref<Object> MakeScreenObject(const SystemFacts& system);
 // DeviceName of the default printer; nothing on a machine without one.

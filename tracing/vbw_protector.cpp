@@ -38,7 +38,7 @@ constexpr auto kReportVariable =
     DefineProcedure(u"vbwProtector.vbwReportVariable", 1100, kUntracked);
 constexpr auto kReportObject = DefineProcedure(u"vbwProtector.vbwReportObject", 1200, kUntracked);
 
-constexpr BstrView kTraceSwitch = u"/trace";
+constexpr Utf16View kTraceSwitch = u"/trace";
 
 }  // namespace
 
@@ -50,27 +50,28 @@ tracing::Module VbwProtector::Trace() noexcept {
   return tracing::Module(*this, *this);
 }
 
-std::vector<Bstr> VbwProtector::StackNames() const {
-  return mStackAllocated ? std::vector<Bstr>(mStack.begin(), mStack.end()) : std::vector<Bstr>{};
+std::vector<Utf16String> VbwProtector::StackNames() const {
+  return mStackAllocated ? std::vector<Utf16String>(mStack.begin(), mStack.end())
+                         : std::vector<Utf16String>{};
 }
 
-void VbwProtector::AdoptStack(const ArrayRef& stack, const std::vector<Bstr>& handed) {
+void VbwProtector::AdoptStack(const ArrayRef& stack, const std::vector<Utf16String>& handed) {
   if (!stack) {
     // Erased: a stack that stores no names until the apartment starts again.
     mStackAllocated = false;
     return;
   }
-  const auto* names = std::get_if<std::vector<Bstr>>(&stack->elements);
+  const auto* names = std::get_if<std::vector<Utf16String>>(&stack->elements);
   if (names == nullptr)
     return;
   // Only the slots that the component changed are taken: a slot it left alone may have been
   // written by a call that ran while the component had the array.
   for (int k = 1; k <= kStackSlots; ++k) {
     const std::int64_t index = std::int64_t{k} - stack->lowerBound;
-    const BstrView now = index >= 0 && index < static_cast<std::int64_t>(names->size())
-                             ? BstrView((*names)[static_cast<std::size_t>(index)])
-                             : BstrView{};
-    const BstrView was = handed.empty() ? BstrView{} : BstrView(handed[k - 1]);
+    const Utf16View now = index >= 0 && index < static_cast<std::int64_t>(names->size())
+                              ? Utf16View((*names)[static_cast<std::size_t>(index)])
+                              : Utf16View{};
+    const Utf16View was = handed.empty() ? Utf16View{} : Utf16View(handed[k - 1]);
     if (now == was)
       continue;
     const auto slot = static_cast<std::size_t>(k - 1);
@@ -80,14 +81,14 @@ void VbwProtector::AdoptStack(const ArrayRef& stack, const std::vector<Bstr>& ha
   mStackAllocated = true;
 }
 
-BstrView VbwProtector::StackSlot(int k) const noexcept {
-  return k >= 1 && k <= kStackSlots ? mStack[static_cast<std::size_t>(k - 1)] : BstrView{};
+Utf16View VbwProtector::StackSlot(int k) const noexcept {
+  return k >= 1 && k <= kStackSlots ? mStack[static_cast<std::size_t>(k - 1)] : Utf16View{};
 }
 
 // --- Start-up and switches ----------------------------------------------------------------------
 
 bool VbwProtector::TracingRequested() {
-  if (platform_.host->CommandLine().find(kTraceSwitch) != Bstr::npos)
+  if (platform_.host->CommandLine().find(kTraceSwitch) != Utf16String::npos)
     return true;
   return platform_.host->GetSetting(kProjectName, u"Init", u"vbwTrace", u"") == u"1";
 }
@@ -95,7 +96,7 @@ bool VbwProtector::TracingRequested() {
 void VbwProtector::vbwInitializeProtector() {
   Run(Trace(), kInitializeProtector, NoParameters, NoLocals, [&](Body& body) {
     TF_BEGIN(body)
-    TF_STEP(1) vbwEmailRecipientAdress = Bstr(kSupportMailbox);
+    TF_STEP(1) vbwEmailRecipientAdress = Utf16String(kSupportMailbox);
     TF_STEP(2) vbwCatchException = kTrue;
     TF_STEP(3) vbwTraceLine = ToVariantBool(TracingRequested());
     TF_STEP(4) vbwTraceProc = ToVariantBool(TracingRequested());
@@ -107,7 +108,7 @@ void VbwProtector::vbwInitializeProtector() {
     TF_STEP(10) if (IsTrue(vbwCallStack)) {
       TF_STEP(11) vbwTraceProc = kTrue;
     }
-    TF_STEP(12) mStack.fill(BstrView{});
+    TF_STEP(12) mStack.fill(Utf16View{});
     mStackAllocated = true;
     TF_END
   });
@@ -129,7 +130,7 @@ void VbwProtector::vbwExitThread() {
 
 // --- Procedure tracking -------------------------------------------------------------------------
 
-void VbwProtector::InstrumentedProcIn(BstrView lProc, BstrView lParameters) {
+void VbwProtector::InstrumentedProcIn(Utf16View lProc, Utf16View lParameters) {
   Run(
       Trace(), kProcIn, NoParameters,
       [&](LocalReport& l) {
@@ -151,15 +152,15 @@ void VbwProtector::InstrumentedProcIn(BstrView lProc, BstrView lParameters) {
       });
 }
 
-Bstr VbwProtector::vbwReportParameter(BstrView lName, const Variant& lValue) {
-  Bstr result;
+Utf16String VbwProtector::vbwReportParameter(Utf16View lName, const Variant& lValue) {
+  Utf16String result;
   Run(Trace(), kReportParameter, NoParameters, NoLocals, [&](Body& body) {
     TF_BEGIN(body)
     TF_PASS_OVER(1)
     // Without a component the call would fail and be passed over; asking first is the same
     // result without the cost of a failure for every parameter of every traced call.
     TF_STEP(2) if (mErrorParams) {
-      Bstr name(lName);
+      Utf16String name(lName);
       Variant value = lValue;
       result = ToBstr(CallByName(mErrorParams, u"vbwReportParameter", CallKind::kMethod,
                                  Variant::ByRef(&name), Variant::ByRef(&value)));
@@ -171,9 +172,9 @@ Bstr VbwProtector::vbwReportParameter(BstrView lName, const Variant& lValue) {
 
 // --- Failure handling ---------------------------------------------------------------------------
 
-std::int32_t VbwProtector::vbwErrorHandler(std::int32_t errNumber, Bstr ErrDescription,
-                                           Bstr ErrProject, Bstr ErrSource, Bstr ErrProcedure,
-                                           std::int32_t errLine) {
+std::int32_t VbwProtector::vbwErrorHandler(std::int32_t errNumber, Utf16String ErrDescription,
+                                           Utf16String ErrProject, Utf16String ErrSource,
+                                           Utf16String ErrProcedure, std::int32_t errLine) {
   std::int32_t result = 0;
   // However the handler leaves, a component that is not kept for a dump or for the end of the
   // thread is let go: no component lives on between failures.
@@ -220,7 +221,7 @@ std::int32_t VbwProtector::vbwErrorHandler(std::int32_t errNumber, Bstr ErrDescr
         TF_STEP(11) {
           // The stack goes by reference: the array that the component may write into is taken
           // back as the stack when the call returns.
-          const std::vector<Bstr> handed = StackNames();
+          const std::vector<Utf16String> handed = StackNames();
           ArrayRef stack = mStackAllocated ? MakeArray(handed, 1) : nullptr;
           const Variant answer = CallByName(
               mErrorParams, u"vbwErrorHandler", CallKind::kMethod, Variant::ByRef(&errNumber),
@@ -239,8 +240,9 @@ std::int32_t VbwProtector::vbwErrorHandler(std::int32_t errNumber, Bstr ErrDescr
   return result;
 }
 
-Bstr VbwProtector::hash(const Bstr& ErrSource, std::int32_t errNumber, std::int32_t errLine) {
-  Bstr key;
+Utf16String VbwProtector::hash(const Utf16String& ErrSource, std::int32_t errNumber,
+                               std::int32_t errLine) {
+  Utf16String key;
   Run(
       Trace(), kHash, NoParameters,
       [&](LocalReport& l) {
@@ -251,14 +253,15 @@ Bstr VbwProtector::hash(const Bstr& ErrSource, std::int32_t errNumber, std::int3
       [&](Body& body) {
         TF_BEGIN(body)
         TF_STEP(1)
-        key = Bstr(1, u'\0') + ErrSource + u'\1' + DecimalText(errNumber) + u'\1' +
+        key = Utf16String(1, u'\0') + ErrSource + u'\1' + DecimalText(errNumber) + u'\1' +
               DecimalText(errLine) + u'\0';
         TF_END
       });
   return key;
 }
 
-VariantBool VbwProtector::alwaysIgnore(const Bstr& StrRememberErrors, const Bstr& strLastError) {
+VariantBool VbwProtector::alwaysIgnore(const Utf16String& StrRememberErrors,
+                                       const Utf16String& strLastError) {
   VariantBool result = kFalse;
   Run(
       Trace(), kAlwaysIgnore, NoParameters,
@@ -271,7 +274,7 @@ VariantBool VbwProtector::alwaysIgnore(const Bstr& StrRememberErrors, const Bstr
         // No key is empty, so an empty one (a first failure numbered -1) is never remembered.
         TF_STEP(1)
         result = ToVariantBool(!strLastError.empty() &&
-                               StrRememberErrors.find(strLastError) != Bstr::npos);
+                               StrRememberErrors.find(strLastError) != Utf16String::npos);
         TF_END
       });
   return result;
@@ -295,23 +298,23 @@ void VbwProtector::vbwCloseDumpFile() {
   });
 }
 
-void VbwProtector::vbwReportToFile(const Bstr& lText) {
+void VbwProtector::vbwReportToFile(const Utf16String& lText) {
   Run(Trace(), kReportToFile, NoParameters, NoLocals, [&](Body& body) {
     TF_BEGIN(body)
     TF_STEP(1) {
-      Bstr text = lText;
+      Utf16String text = lText;
       CallByName(mErrorParams, u"vbwReportToFile", CallKind::kMethod, Variant::ByRef(&text));
     }
     TF_END
   });
 }
 
-void VbwProtector::vbwReportVariable(BstrView lName, const Variant& lValue, std::int32_t lTab) {
+void VbwProtector::vbwReportVariable(Utf16View lName, const Variant& lValue, std::int32_t lTab) {
   Run(Trace(), kReportVariable, NoParameters, NoLocals, [&](Body& body) {
     TF_BEGIN(body)
     TF_PASS_OVER(1)
     TF_STEP(2) if (mErrorParams) {
-      Bstr name(lName);
+      Utf16String name(lName);
       Variant value = lValue;
       std::int32_t tab = lTab;
       CallByName(mErrorParams, u"vbwReportVariable", CallKind::kMethod, Variant::ByRef(&name),
@@ -321,7 +324,7 @@ void VbwProtector::vbwReportVariable(BstrView lName, const Variant& lValue, std:
   });
 }
 
-void VbwProtector::vbwReportObject(const Bstr& lName, const Ref<Object>& lObject,
+void VbwProtector::vbwReportObject(const Utf16String& lName, const Ref<Object>& lObject,
                                    std::int32_t lTab) {
   Run(
       Trace(), kReportObject, NoParameters,
@@ -333,7 +336,7 @@ void VbwProtector::vbwReportObject(const Bstr& lName, const Ref<Object>& lObject
       [&](Body& body) {
         TF_BEGIN(body)
         TF_STEP(1) {
-          Bstr name = lName;
+          Utf16String name = lName;
           Ref<Object> object = lObject;
           std::int32_t tab = lTab;
           CallByName(mErrorParams, u"vbwReportObject", CallKind::kMethod, Variant::ByRef(&name),
@@ -367,7 +370,7 @@ void VbwProtector::vbwReportGlobalVariables() {
   vbwReportObject(u"VB.Printer", RuntimeObject(u"Printer"), 0);
 }
 
-Ref<Object> VbwProtector::RuntimeObject(BstrView name) {
+Ref<Object> VbwProtector::RuntimeObject(Utf16View name) {
   if (name == u"App")
     return MakeAppObject();
   if (name == u"Err") {

@@ -7,27 +7,27 @@
 #include <cstdint>
 #include <vector>
 
-#include "platform/bstr.h"
 #include "platform/object.h"
 #include "platform/platform.h"
+#include "platform/utf16.h"
 #include "platform/variant.h"
 #include "platform/variant_bool.h"
 #include "tracing/procedure.h"
 
 namespace tabforge {
 
-inline constexpr BstrView kProjectName = u"Tabforge";
-inline constexpr BstrView kErrorComponentProgId = u"MorvelinError.Main2";
-inline constexpr BstrView kSupportMailbox = u"support@morvelin.com";
+inline constexpr Utf16View kProjectName = u"Tabforge";
+inline constexpr Utf16View kErrorComponentProgId = u"MorvelinError.Main2";
+inline constexpr Utf16View kSupportMailbox = u"support@morvelin.com";
 
 // Banners of the three dump sections, each with its own line ends.
-inline constexpr BstrView kLocalBanner =
+inline constexpr Utf16View kLocalBanner =
     u"\r\n**************************\r\n* LOCAL LEVEL VARIABLES  *\r\n"
     u"**************************\r\n";
-inline constexpr BstrView kModuleBanner =
+inline constexpr Utf16View kModuleBanner =
     u"\r\n**************************\r\n* MODULE LEVEL VARIABLES *\r\n"
     u"**************************\r\n";
-inline constexpr BstrView kGlobalBanner =
+inline constexpr Utf16View kGlobalBanner =
     u"\r\n**************************\r\n* GLOBAL LEVEL VARIABLES *\r\n"
     u"**************************\r\n";
 
@@ -88,13 +88,13 @@ class VbwProtector {
   VariantBool vbwCallStack = kFalse;
   VariantBool vbwSystemInfo = kFalse;
   VariantBool vbwScreenshot = kFalse;
-  Bstr vbwEmailRecipientAdress;
+  Utf16String vbwEmailRecipientAdress;
 
   // --- Procedure tracking ----------------------------------------------------------------------
 
   // Tracking a call copies no text and allocates nothing: the stack keeps a view of the caller's
   // name, which is one of the procedures' own constants.
-  void vbwProcIn(BstrView lProc, BstrView lParameters) {
+  void vbwProcIn(Utf16View lProc, Utf16View lParameters) {
     if (injector_ == nullptr && mStackCalls >= 0 && mStackCalls < 32767) [[likely]] {
       // Depths past the last slot are counted without a name, as a failed store passed over.
       if (mStackAllocated && mStackCalls < kStackSlots) {
@@ -105,36 +105,37 @@ class VbwProtector {
     }
     InstrumentedProcIn(lProc, lParameters);
   }
-  void vbwProcOut(BstrView) noexcept {
+  void vbwProcOut(Utf16View) noexcept {
     if (mStackCalls > 0)
       --mStackCalls;
   }
-  Bstr vbwReportParameter(BstrView lName, const Variant& lValue);
+  Utf16String vbwReportParameter(Utf16View lName, const Variant& lValue);
 
   std::int16_t Depth() const noexcept { return mStackCalls; }
   bool StackAllocated() const noexcept { return mStackAllocated; }
   // The name in slot `k`, 1 to 64; empty for a slot never written.
-  BstrView StackSlot(int k) const noexcept;
+  Utf16View StackSlot(int k) const noexcept;
 
   // --- Failure handling ------------------------------------------------------------------------
 
-  std::int32_t vbwErrorHandler(std::int32_t errNumber, Bstr ErrDescription, Bstr ErrProject,
-                               Bstr ErrSource, Bstr ErrProcedure, std::int32_t errLine);
-  Bstr hash(const Bstr& ErrSource, std::int32_t errNumber, std::int32_t errLine);
-  VariantBool alwaysIgnore(const Bstr& StrRememberErrors, const Bstr& strLastError);
+  std::int32_t vbwErrorHandler(std::int32_t errNumber, Utf16String ErrDescription,
+                               Utf16String ErrProject, Utf16String ErrSource,
+                               Utf16String ErrProcedure, std::int32_t errLine);
+  Utf16String hash(const Utf16String& ErrSource, std::int32_t errNumber, std::int32_t errLine);
+  VariantBool alwaysIgnore(const Utf16String& StrRememberErrors, const Utf16String& strLastError);
 
   const Ref<Object>& ErrorComponent() const noexcept { return mErrorParams; }
   void ReleaseErrorComponent() noexcept { mErrorParams.reset(); }
-  const Bstr& RememberedErrors() const noexcept { return StrRememberErrors_; }
-  const Bstr& LastError() const noexcept { return strLastError_; }
+  const Utf16String& RememberedErrors() const noexcept { return StrRememberErrors_; }
+  const Utf16String& LastError() const noexcept { return strLastError_; }
 
   // --- Dump reports ----------------------------------------------------------------------------
 
   void vbwOpenDumpFile();
   void vbwCloseDumpFile();
-  void vbwReportToFile(const Bstr& lText);
-  void vbwReportVariable(BstrView lName, const Variant& lValue, std::int32_t lTab);
-  void vbwReportObject(const Bstr& lName, const Ref<Object>& lObject, std::int32_t lTab);
+  void vbwReportToFile(const Utf16String& lText);
+  void vbwReportVariable(Utf16View lName, const Variant& lValue, std::int32_t lTab);
+  void vbwReportObject(const Utf16String& lName, const Ref<Object>& lObject, std::int32_t lTab);
   void vbwReportModuleVariables();
   void vbwReportGlobalVariables();
 
@@ -148,7 +149,7 @@ class VbwProtector {
   // The failure that the innermost active tail handles; the dump's "Err" object describes it.
   struct ActiveFailure {
     std::int32_t number = 0;
-    BstrView description;
+    Utf16View description;
     std::int32_t line = 0;
     const ActiveFailure* outer = nullptr;
   };
@@ -168,24 +169,24 @@ class VbwProtector {
 
  private:
   // The names of the 64 slots; none for a stack that was never allocated.
-  std::vector<Bstr> StackNames() const;
+  std::vector<Utf16String> StackNames() const;
   // Takes back the stack that the component received by reference: the slots it changed from
   // `handed` hold its names from now on, and an array it erased is no stack.
-  void AdoptStack(const ArrayRef& stack, const std::vector<Bstr>& handed);
+  void AdoptStack(const ArrayRef& stack, const std::vector<Utf16String>& handed);
   // vbwProcIn in full, with its failure tail: for the cases where a statement can fail.
-  void InstrumentedProcIn(BstrView lProc, BstrView lParameters);
-  Ref<Object> RuntimeObject(BstrView name);
+  void InstrumentedProcIn(Utf16View lProc, Utf16View lParameters);
+  Ref<Object> RuntimeObject(Utf16View name);
 
   const Platform platform_;
   std::int16_t mStackCalls = 0;
-  std::array<BstrView, kStackSlots> mStack{};
+  std::array<Utf16View, kStackSlots> mStack{};
   bool mStackAllocated = false;
   // Names that the error component wrote into the stack; slots that hold them view them here.
-  std::array<Bstr, kStackSlots> writtenNames_{};
+  std::array<Utf16String, kStackSlots> writtenNames_{};
 
   // The handler's own variables, kept between its calls.
-  Bstr StrRememberErrors_;
-  Bstr strLastError_;
+  Utf16String StrRememberErrors_;
+  Utf16String strLastError_;
   Ref<Object> mErrorParams;
 
   tracing::FaultInjector* injector_ = nullptr;

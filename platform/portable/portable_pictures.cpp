@@ -29,7 +29,7 @@ class PortableStream final : public Object {
     if (deleteOnRelease_)
       api_.GlobalFree(block_);
   }
-  Variant Invoke(BstrView, CallKind, std::span<Variant>) override {
+  Variant Invoke(Utf16View, CallKind, std::span<Variant>) override {
     Raise(RunTimeError::kMemberNotFound);
   }
   const std::vector<std::uint8_t>* Bytes() const { return api_.Block(block_); }
@@ -113,7 +113,7 @@ const PortableBitmap& PortablePicture::bitmap() const {
   return *pixels;
 }
 
-Variant PortablePicture::Invoke(BstrView member, CallKind kind, std::span<Variant> arguments) {
+Variant PortablePicture::Invoke(Utf16View member, CallKind kind, std::span<Variant> arguments) {
   if (kind != CallKind::kPropertyGet && kind != CallKind::kMethod)
     Raise(RunTimeError::kMemberNotFound);
   if (!arguments.empty())

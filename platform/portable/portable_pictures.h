@@ -35,7 +35,7 @@ class PortablePicture final : public Object {
       : api_(api), handle_(handle), own_(own) {}
   ~PortablePicture() override;
 
-  Variant Invoke(BstrView member, CallKind kind, std::span<Variant> arguments) override;
+  Variant Invoke(Utf16View member, CallKind kind, std::span<Variant> arguments) override;
 
   std::uintptr_t handle() const noexcept { return handle_; }
   // The pixels behind the handle; throws `Failure` when the handle has gone.

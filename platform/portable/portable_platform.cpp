@@ -7,8 +7,8 @@
 namespace tabforge {
 namespace {
 
-Bstr SettingKey(BstrView appName, BstrView section, BstrView key) {
-  Bstr k(appName);
+Utf16String SettingKey(Utf16View appName, Utf16View section, Utf16View key) {
+  Utf16String k(appName);
   k += u'/';
   k += section;
   k += u'/';
@@ -18,13 +18,14 @@ Bstr SettingKey(BstrView appName, BstrView section, BstrView key) {
 
 }  // namespace
 
-Bstr PortableHost::GetSetting(BstrView appName, BstrView section, BstrView key,
-                              BstrView defaultValue) const {
+Utf16String PortableHost::GetSetting(Utf16View appName, Utf16View section, Utf16View key,
+                                     Utf16View defaultValue) const {
   auto it = settings_.find(SettingKey(appName, section, key));
-  return it == settings_.end() ? Bstr(defaultValue) : it->second;
+  return it == settings_.end() ? Utf16String(defaultValue) : it->second;
 }
 
-void PortableHost::SetSetting(BstrView appName, BstrView section, BstrView key, Bstr value) {
+void PortableHost::SetSetting(Utf16View appName, Utf16View section, Utf16View key,
+                              Utf16String value) {
   settings_[SettingKey(appName, section, key)] = std::move(value);
 }
 
@@ -46,7 +47,7 @@ bool PortableHost::LoadSettingsFile(const std::string& path) {
   return true;
 }
 
-Ref<Object> PortableObjectFactory::CreateObject(BstrView progId) {
+Ref<Object> PortableObjectFactory::CreateObject(Utf16View progId) {
   auto it = creators_.find(progId);
   if (it == creators_.end())
     Raise(RunTimeError::kCannotCreateObject);
@@ -56,11 +57,11 @@ Ref<Object> PortableObjectFactory::CreateObject(BstrView progId) {
   return created;
 }
 
-void PortableObjectFactory::Register(Bstr progId, Creator creator) {
+void PortableObjectFactory::Register(Utf16String progId, Creator creator) {
   creators_[std::move(progId)] = std::move(creator);
 }
 
-void PortableObjectFactory::Unregister(BstrView progId) {
+void PortableObjectFactory::Unregister(Utf16View progId) {
   if (auto it = creators_.find(progId); it != creators_.end())
     creators_.erase(it);
 }

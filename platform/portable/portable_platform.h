@@ -14,19 +14,19 @@ namespace tabforge {
 
 class PortableHost final : public HostEnvironment {
  public:
-  Bstr CommandLine() const override { return commandLine_; }
-  Bstr GetSetting(BstrView appName, BstrView section, BstrView key,
-                  BstrView defaultValue) const override;
+  Utf16String CommandLine() const override { return commandLine_; }
+  Utf16String GetSetting(Utf16View appName, Utf16View section, Utf16View key,
+                         Utf16View defaultValue) const override;
 
-  void SetCommandLine(Bstr commandLine) { commandLine_ = std::move(commandLine); }
-  void SetSetting(BstrView appName, BstrView section, BstrView key, Bstr value);
+  void SetCommandLine(Utf16String commandLine) { commandLine_ = std::move(commandLine); }
+  void SetSetting(Utf16View appName, Utf16View section, Utf16View key, Utf16String value);
   // Reads settings from a file of lines `App/Section/Key=Value`; blank lines and lines that start
   // with '#' are ignored. Returns false when the file cannot be read.
   bool LoadSettingsFile(const std::string& path);
 
  private:
-  Bstr commandLine_;
-  std::map<Bstr, Bstr> settings_;
+  Utf16String commandLine_;
+  std::map<Utf16String, Utf16String> settings_;
 };
 
 // Creates objects from creators registered by program id. Nothing is registered by default, so
@@ -34,24 +34,24 @@ class PortableHost final : public HostEnvironment {
 class PortableObjectFactory final : public ObjectFactory {
  public:
   using Creator = std::function<Ref<Object>()>;
-  Ref<Object> CreateObject(BstrView progId) override;
-  void Register(Bstr progId, Creator creator);
-  void Unregister(BstrView progId);
+  Ref<Object> CreateObject(Utf16View progId) override;
+  void Register(Utf16String progId, Creator creator);
+  void Unregister(Utf16View progId);
 
  private:
-  std::map<Bstr, Creator, std::less<>> creators_;
+  std::map<Utf16String, Creator, std::less<>> creators_;
 };
 
 class PortableSystemFacts final : public SystemFacts {
  public:
   ScreenSize Screen() const override { return screen_; }
-  std::optional<Bstr> DefaultPrinter() const override { return printer_; }
+  std::optional<Utf16String> DefaultPrinter() const override { return printer_; }
   void SetScreen(ScreenSize size) { screen_ = size; }
-  void SetDefaultPrinter(std::optional<Bstr> printer) { printer_ = std::move(printer); }
+  void SetDefaultPrinter(std::optional<Utf16String> printer) { printer_ = std::move(printer); }
 
  private:
   ScreenSize screen_{1024, 768};
-  std::optional<Bstr> printer_;
+  std::optional<Utf16String> printer_;
 };
 
 // A queue of work items that one pass runs. Work posted during a pass waits for the next one.
@@ -71,7 +71,7 @@ class PortableMessageQueue final : public MessageQueue {
 
 // Accessible objects of the portable platform list their children through this member, called
 // by name with no arguments; it returns an array of tagged values.
-inline constexpr BstrView kPortableChildrenMember = u"accChildren";
+inline constexpr Utf16View kPortableChildrenMember = u"accChildren";
 
 // Lists children by asking the element for `accChildren`; any failure is a failing status.
 class PortableAccessibilityApi final : public AccessibilityApi {

@@ -34,7 +34,7 @@ using tabforge::com::AccessibleObject;
 std::wstring Text(BSTR text) {
   return std::wstring(text, ::SysStringLen(text));
 }
-UniqueBstr Bstr(const wchar_t* text) {
+UniqueBstr Utf16String(const wchar_t* text) {
   return UniqueBstr(::SysAllocString(text));
 }
 
@@ -77,7 +77,7 @@ class Signaller final : public DispatchDouble<> {
 // Hands `main` the signalling object, the product name "Morvelin" and the ribbon through the
 // vtable, as the template's early-bound calls do.
 void Connect(_Main2* main, IDispatch* signaller, IDispatch* ribbon) {
-  UniqueBstr name = Bstr(L"Morvelin");
+  UniqueBstr name = Utf16String(L"Morvelin");
   EXPECT_EQ(main->Initialize(&signaller, name.InOut()), S_OK);
   EXPECT_EQ(main->put_ribbon(&ribbon), S_OK);
 }
@@ -157,7 +157,7 @@ TEST_F(Members, HoldsItsObjectsAndMakesRealPicturesOfTheTemplatesBytes) {
   EXPECT_EQ(ribbon.queried, 1);
   EXPECT_GT(signaller.references, 1u);
   EXPECT_GT(ribbon.references, 1u);
-  UniqueBstr ids[] = {Bstr(L"MVN0"), Bstr(L"5"), Bstr(L"2")};
+  UniqueBstr ids[] = {Utf16String(L"MVN0"), Utf16String(L"5"), Utf16String(L"2")};
   ComPtr<IPictureDisp> image, first, second, nothing;
   EXPECT_EQ(main->get_GetImage(ids[0].InOut(), image.Put()), S_OK);
   EXPECT_EQ(main->LoadImage(ids[1].InOut(), first.Put()), S_OK);
@@ -186,7 +186,7 @@ TEST_F(Members, FailuresReachTheErrorComponentAndNeverTheCaller) {
   DispatchDouble<> notARibbon;
   IDispatch* argument = &notARibbon;
   EXPECT_EQ(main->put_ribbon(&argument), S_OK);
-  UniqueBstr pastTheTable = Bstr(L"27");
+  UniqueBstr pastTheTable = Utf16String(L"27");
   ComPtr<IPictureDisp> nothing;
   for (int i = 0; i < 2; ++i)
     EXPECT_EQ(main->LoadImage(pastTheTable.InOut(), nothing.Put()), S_OK);
@@ -400,7 +400,7 @@ struct Side {
       log.push_back(L"failure " + std::to_wstring(recorder.errors[i]));
     // What the members answer now, read through the vtable.
     for (const wchar_t* control : {L"MVN0", L"MVN5", L"MVN16", L"MVN23"}) {
-      UniqueBstr idStr = Bstr(control);
+      UniqueBstr idStr = Utf16String(control);
       UniqueBstr label;
       VARIANT_BOOL enabled = 1;
       VARIANT_BOOL pressed = 1;

@@ -23,8 +23,8 @@ void PutChunk(std::vector<std::uint8_t>& out, std::string_view type,
   const std::size_t start = out.size();
   out.insert(out.end(), type.begin(), type.end());
   out.insert(out.end(), data.begin(), data.end());
-  PutBigEndian(out, static_cast<std::uint32_t>(crc32(0, out.data() + start,
-                                                         static_cast<uInt>(out.size() - start))));
+  PutBigEndian(out, static_cast<std::uint32_t>(
+                        crc32(0, out.data() + start, static_cast<uInt>(out.size() - start))));
 }
 
 // A zlib stream of `raw`.

@@ -45,7 +45,7 @@ std::vector<std::string> ComponentScript::CallsTo(const std::string& member) con
   return calls;
 }
 
-Variant RecordingComponent::Invoke(BstrView member, CallKind, std::span<Variant> arguments) {
+Variant RecordingComponent::Invoke(Utf16View member, CallKind, std::span<Variant> arguments) {
   std::string line = ToUtf8(member) + "(";
   for (std::size_t i = 0; i < arguments.size(); ++i) {
     if (i > 0)
@@ -77,7 +77,7 @@ Variant RecordingComponent::Invoke(BstrView member, CallKind, std::span<Variant>
     const Variant value = arguments[1].Value();
     if (value.type() == (VarType::VT_BSTR | VarType::VT_ARRAY) && value.Array()) {
       std::vector<std::string> texts;
-      for (const Bstr& text : std::get<std::vector<Bstr>>(value.Array()->elements))
+      for (const Utf16String& text : std::get<std::vector<Utf16String>>(value.Array()->elements))
         texts.push_back(ToUtf8(text));
       script_->stringArrays.emplace_back(ToUtf8(ToBstr(arguments[0])), std::move(texts));
     }
@@ -89,7 +89,7 @@ Variant RecordingComponent::Invoke(BstrView member, CallKind, std::span<Variant>
 
 std::shared_ptr<ComponentScript> InstallRecordingComponent(PortableObjectFactory& factory) {
   auto script = std::make_shared<ComponentScript>();
-  factory.Register(Bstr(kErrorComponentProgId), [script] {
+  factory.Register(Utf16String(kErrorComponentProgId), [script] {
     ++script->created;
     return Ref<Object>(MakeRef<RecordingComponent>(script));
   });

@@ -46,7 +46,7 @@ class RecordingComponent final : public Object {
  public:
   explicit RecordingComponent(std::shared_ptr<ComponentScript> script)
       : script_(std::move(script)) {}
-  Variant Invoke(BstrView member, CallKind kind, std::span<Variant> arguments) override;
+  Variant Invoke(Utf16View member, CallKind kind, std::span<Variant> arguments) override;
 
  private:
   std::shared_ptr<ComponentScript> script_;

@@ -19,12 +19,12 @@ class RecordingRibbon final : public RibbonUi {
     if (fail)
       Raise(-2147467259, u"ribbon refused");
   }
-  void InvalidateControl(const Bstr& controlId) override {
+  void InvalidateControl(const Utf16String& controlId) override {
     log_->push_back("ribbon.InvalidateControl " + ToUtf8(controlId));
     if (fail)
       Raise(-2147467259, u"ribbon refused");
   }
-  Variant Invoke(BstrView, CallKind, std::span<Variant>) override {
+  Variant Invoke(Utf16View, CallKind, std::span<Variant>) override {
     Raise(RunTimeError::kMemberNotFound);
   }
   bool fail = false;
@@ -36,7 +36,7 @@ class RecordingRibbon final : public RibbonUi {
 // An object that is no ribbon: it answers nothing by name and has no ribbon interface.
 class PlainObject final : public Object {
  public:
-  Variant Invoke(BstrView, CallKind, std::span<Variant>) override {
+  Variant Invoke(Utf16View, CallKind, std::span<Variant>) override {
     Raise(RunTimeError::kMemberNotFound);
   }
 };

@@ -18,7 +18,7 @@ namespace tabforge::testing {
 class RecordingSignaller final : public Object {
  public:
   explicit RecordingSignaller(std::vector<std::string>* log = nullptr) : log_(log) {}
-  Variant Invoke(BstrView member, CallKind, std::span<Variant> arguments) override {
+  Variant Invoke(Utf16View member, CallKind, std::span<Variant> arguments) override {
     if (member == u"Run" && arguments.size() == 1 && log_ != nullptr) {
       if (fail)
         Raise(5, u"template failed");
@@ -43,7 +43,7 @@ class RecordingSignaller final : public Object {
   // A byte array that was never dimensioned, as the template gives for a number it lacks.
   Variant fallback{VarType::VT_UI1, ArrayRef()};
   bool fail = false;
-  std::function<void(const Bstr&)> onRun;
+  std::function<void(const Utf16String&)> onRun;
 
  private:
   std::vector<std::string>* log_;

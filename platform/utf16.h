@@ -11,14 +11,14 @@
 namespace tabforge {
 
 // Embedded code-0 characters are ordinary characters: the failure keys depend on that.
-using Bstr = std::u16string;
-using BstrView = std::u16string_view;
+using Utf16String = std::u16string;
+using Utf16View = std::u16string_view;
 
 // Converts UTF-8 to UTF-16. A malformed sequence becomes U+FFFD rather than failing.
-Bstr FromUtf8(std::string_view text);
+Utf16String FromUtf8(std::string_view text);
 
 // Converts UTF-16 to UTF-8. An unpaired surrogate becomes U+FFFD.
-std::string ToUtf8(BstrView text);
+std::string ToUtf8(Utf16View text);
 
 // Copies `count` characters to `to` and returns the end of the copy. Most texts copied while
 // composing are a few characters long, where a call to the library's copy costs more than the copy
@@ -45,6 +45,6 @@ inline char16_t* CopyChars(const char16_t* from, std::size_t count, char16_t* to
 }
 
 // Decimal text of a whole number: a leading minus sign when negative, no blank, no grouping.
-Bstr DecimalText(std::int64_t value);
+Utf16String DecimalText(std::int64_t value);
 
 }  // namespace tabforge

@@ -1,11 +1,11 @@
-#include "platform/bstr.h"
+#include "platform/utf16.h"
 
 namespace tabforge {
 namespace {
 
 constexpr char32_t kReplacement = 0xFFFD;
 
-void AppendUtf16(Bstr& out, char32_t c) {
+void AppendUtf16(Utf16String& out, char32_t c) {
   if (c >= 0x10000) {
     c -= 0x10000;
     out.push_back(static_cast<char16_t>(0xD800 + (c >> 10)));
@@ -35,8 +35,8 @@ void AppendUtf8(std::string& out, char32_t c) {
 
 }  // namespace
 
-Bstr FromUtf8(std::string_view text) {
-  Bstr out;
+Utf16String FromUtf8(std::string_view text) {
+  Utf16String out;
   out.reserve(text.size());
   for (std::size_t i = 0; i < text.size();) {
     const auto lead = static_cast<unsigned char>(text[i]);
@@ -69,7 +69,7 @@ Bstr FromUtf8(std::string_view text) {
   return out;
 }
 
-std::string ToUtf8(BstrView text) {
+std::string ToUtf8(Utf16View text) {
   std::string out;
   out.reserve(text.size());
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -86,7 +86,7 @@ std::string ToUtf8(BstrView text) {
   return out;
 }
 
-Bstr DecimalText(std::int64_t value) {
+Utf16String DecimalText(std::int64_t value) {
   char16_t digits[24];
   int n = 0;
   // Work in the negative range so that the smallest value needs no special case.
@@ -95,7 +95,7 @@ Bstr DecimalText(std::int64_t value) {
     digits[n++] = static_cast<char16_t>(u'0' - rest % 10);
     rest /= 10;
   } while (rest != 0);
-  Bstr out;
+  Utf16String out;
   if (value < 0)
     out.push_back(u'-');
   while (n > 0)
