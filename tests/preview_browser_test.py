@@ -43,46 +43,19 @@ def chromium(browser, *args):
         shutil.rmtree(profile, ignore_errors=True)
 
 
-def png_pixels(data):
-    """Width, height and the rows of an 8-bit PNG without interlacing, unfiltered."""
+def png_header(data):
+    """Width and height of a PNG, and its image data inflated (rows still filtered)."""
     if data[:8] != b"\x89PNG\r\n\x1a\n":
         raise ValueError("not a PNG")
-    pos, idat, header = 8, b"", None
+    pos, idat, size = 8, b"", None
     while pos < len(data):
         length, kind = struct.unpack(">I4s", data[pos:pos + 8])
-        body = data[pos + 8:pos + 8 + length]
         if kind == b"IHDR":
-            header = struct.unpack(">IIBBBBB", body)
+            size = struct.unpack(">II", data[pos + 8:pos + 16])
         elif kind == b"IDAT":
-            idat += body
+            idat += data[pos + 8:pos + 8 + length]
         pos += 12 + length
-    width, height, depth, colour, _, _, interlace = header
-    if depth != 8 or interlace != 0:
-        raise ValueError("unexpected PNG format")
-    channels = {0: 1, 2: 3, 4: 2, 6: 4}[colour]
-    raw = zlib.decompress(idat)
-    stride = width * channels
-    rows, previous = [], bytearray(stride)
-    for y in range(height):
-        line = raw[y * (stride + 1):(y + 1) * (stride + 1)]
-        kind, row = line[0], bytearray(line[1:])
-        for x in range(stride):
-            a = row[x - channels] if x >= channels else 0
-            b = previous[x]
-            c = previous[x - channels] if x >= channels else 0
-            if kind == 1:
-                row[x] = (row[x] + a) & 255
-            elif kind == 2:
-                row[x] = (row[x] + b) & 255
-            elif kind == 3:
-                row[x] = (row[x] + (a + b) // 2) & 255
-            elif kind == 4:
-                p = a + b - c
-                pa, pb, pc = abs(p - a), abs(p - b), abs(p - c)
-                row[x] = (row[x] + (a if pa <= pb and pa <= pc else b if pb <= pc else c)) & 255
-        rows.append(bytes(row))
-        previous = row
-    return width, height, channels, rows
+    return size, zlib.decompress(idat)
 
 
 class Dom(html.parser.HTMLParser):
@@ -149,10 +122,10 @@ def check_page(page):
         if not src.startswith(prefix):
             fail("a picture is not an inline PNG: " + src[:40])
             continue
-        width, height, _, _ = png_pixels(base64.b64decode(src[len(prefix):]))
+        size, _ = png_header(base64.b64decode(src[len(prefix):]))
         claimed = (int(image["attrs"]["data-width"]), int(image["attrs"]["data-height"]))
-        if (width, height) != claimed or width == 0:
-            fail("picture is %dx%d, claims %dx%d" % (width, height, *claimed))
+        if size != claimed or size[0] == 0:
+            fail("picture is %dx%d, claims %dx%d" % (*size, *claimed))
     for needle in ("http://", "https://", "<script", "<link"):
         if needle in page:
             fail("the page holds " + needle)
@@ -193,15 +166,12 @@ def check_dom(dom, expected, groups):
 
 def check_screenshot(path):
     with open(path, "rb") as f:
-        width, height, channels, rows = png_pixels(f.read())
-    if (width, height) != (WIDTH, HEIGHT):
-        fail("screenshot is %dx%d" % (width, height))
-    colours = set()
-    for row in rows[::4]:
-        for x in range(0, len(row), channels * 4):
-            colours.add(row[x:x + channels])
-    if len(colours) < 16:
-        fail("screenshot has only %d colours" % len(colours))
+        size, rows = png_header(f.read())
+    if size != (WIDTH, HEIGHT):
+        fail("screenshot is %dx%d" % size)
+    # A blank or single-coloured page inflates to a handful of distinct bytes, filtered or not.
+    if len(set(rows)) < 64:
+        fail("screenshot holds only %d distinct bytes: nothing is drawn" % len(set(rows)))
 
 
 def main():
