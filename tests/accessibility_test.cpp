@@ -279,6 +279,12 @@ TEST(AccessibleTree, ChildByIdIsTheElementOrNothingForASimpleChild) {
   EXPECT_EQ(child(2).type(), VarType::VT_EMPTY);
   EXPECT_THROW(child(0), Failure);
   EXPECT_THROW(CallByName(root, u"accChild", CallKind::kPropertyGet), Failure);  // no id
+  // Navigation starts from the element itself only.
+  const auto navigate = [&](std::int32_t start) {
+    return CallByName(root, u"accNavigate", CallKind::kMethod, kNavDirFirstChild, start);
+  };
+  EXPECT_EQ(navigate(kChildIdSelf), child(1));
+  EXPECT_THROW(navigate(1), Failure);
   EXPECT_THROW(child(3), Failure);
 }
 
