@@ -285,6 +285,8 @@ TEST(AccessibleTree, ChildByIdIsTheElementOrNothingForASimpleChild) {
   };
   EXPECT_EQ(navigate(kChildIdSelf), child(1));
   EXPECT_THROW(navigate(1), Failure);
+  EXPECT_THROW(CallByName(root, u"accDoDefaultAction", CallKind::kMethod, std::int32_t{1}),
+               Failure);
   EXPECT_THROW(child(3), Failure);
 }
 

@@ -219,6 +219,7 @@ const std::vector<Answers> kAnswers = {
 // variables of every dump taken during it (locals | module | globals). Checked against
 // fault_injection.golden, into which the procedures' locals and statement numbers were written.
 struct Told {
+  std::set<int> statements;  // every statement of the procedure: its number reaches a component
   std::set<int> lines;
   std::set<std::string> dumps;
 };
@@ -268,10 +269,15 @@ void Record(const ComponentScript& script, std::map<std::string, Told>& told,
 void ExpectGolden(const std::map<std::string, Told>& told) {
   std::string text;
   for (const auto& [procedure, facts] : told) {
-    text += procedure + " lines";
-    for (int line : facts.lines)
-      (text += ' ') += std::to_string(line);
-    text += "\n";
+    for (const auto& [label, numbers] :
+         {std::pair{" statements", &facts.statements}, std::pair{" lines", &facts.lines}}) {
+      if (numbers->empty())
+        continue;
+      text += procedure + label;
+      for (int number : *numbers)
+        (text += ' ') += std::to_string(number);
+      text += "\n";
+    }
     for (const auto& dump : facts.dumps)
       text += procedure + " " + dump + "\n";
   }
@@ -404,6 +410,8 @@ TEST(FaultInjection, EveryStatementOfEveryMemberFailsWithEveryAnswer) {
     Record(*host.apartment.script, told, "vbwProtector.vbwProcIn");
   }
 
+  for (const auto& [procedure, step] : existing)
+    told[ToUtf8(procedure)].statements.insert(step);
   ExpectGolden(told);
 
   std::vector<std::string> unreached;
