@@ -263,6 +263,13 @@ TEST(AccessibleTree, FieldsSetStateCountFailuresAndSimpleChildIds) {
   const Variant children = CallByName(root, kPortableChildrenMember, CallKind::kPropertyGet);
   const auto& entries = std::get<std::vector<Variant>>(children.Array()->elements);
   EXPECT_THAT(entries, ElementsAre(Variant(std::int32_t{1}), Variant(std::int32_t{2})));
+
+  // Hexadecimal after 0x or 0X; a leading zero alone is still decimal.
+  ParsedTree other = ParseAccessibleTree("10 \"b\" state=0X10 count=012\n");
+  ASSERT_EQ(other.error, "");
+  EXPECT_EQ(other.root->state(), 16);
+  EXPECT_EQ(ToLong(CallByName(Ref<Object>(other.root), u"accChildCount", CallKind::kPropertyGet)),
+            12);
 }
 
 TEST(AccessibleTree, ChildByIdIsTheElementOrNothingForASimpleChild) {

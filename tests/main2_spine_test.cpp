@@ -86,6 +86,7 @@ TEST(StringExtensionsTest, ReplaceTextIsOnePassAndExact) {
   EXPECT_EQ(StringExtensions::replaceText(u"PN PN PN", u"PN", u"x", 1, 2), u"x x PN");
   EXPECT_EQ(StringExtensions::replaceText(u"Apply PN", u"PN", u""), u"Apply ");
   EXPECT_EQ(StringExtensions::replaceText(u"abc", u"", u"x"), u"abc");
+  EXPECT_EQ(StringExtensions::replaceText(u"PN PN", u"PN", u"x", 1, 0), u"PN PN");
   // The result begins at `start`; matches do not overlap; a find longer than the text is no match.
   EXPECT_EQ(StringExtensions::replaceText(u"xPNyPN", u"PN", u"-", 3), u"Ny-");
   EXPECT_EQ(StringExtensions::replaceText(u"abc", u"c", u"x", 9), u"");

@@ -100,6 +100,7 @@ TEST(Conversions, IntegerTextAcceptsOnlyPlainDecimals) {
 
 TEST(Conversions, TaggedValuesFollowTheRunTimeRules) {
   EXPECT_EQ(ToLong(Variant()), 0);
+  EXPECT_NE(Variant(std::int32_t{1}), Variant(std::int16_t{1}));  // the tag is part of the value
   EXPECT_EQ(ToLong(Variant(kTrue)), -1);
   EXPECT_EQ(ToBstr(Variant(kTrue)), u"True");
   EXPECT_EQ(ToVariantBool(Variant(u"True")), kTrue);

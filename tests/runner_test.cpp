@@ -94,7 +94,7 @@ TEST_F(Runner, TheStackNamesSixtyFourLevelsAndCountsTheRest) {
   probe.Nest(65, deepest);
   EXPECT_EQ(deepest, 65);
   EXPECT_EQ(apartment.protector.StackSlot(64), u"Probe.Nest");
-  EXPECT_EQ(apartment.protector.StackSlot(2), u"Probe.Nest");  // names above the depth are kept
+  EXPECT_EQ(apartment.protector.StackSlot(1), u"Probe.Nest");  // names above the depth are kept
   EXPECT_EQ(apartment.protector.Depth(), 0);
   apartment.protector.vbwProcOut(u"Probe.Nest");
   EXPECT_EQ(apartment.protector.Depth(), 0);
