@@ -1,5 +1,6 @@
-// Main2's control images: which number each control asks the template for, and what the ribbon
-// gets back in the cases that are no picture.
+// Main2's control images: the apply number that follows the product's name, the table's first
+// fill, and what the ribbon gets back in the cases that are no picture. Which number each control
+// asks for is in every_control.golden.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -30,13 +31,6 @@ class Images : public ::testing::Test {
   Ref<RecordingSignaller> signaller = MakeRef<RecordingSignaller>();
 };
 
-TEST_F(Images, GetImageAsksTheApplyNumberForControls0And26Only) {
-  for (const Control& control : kControls)
-    EXPECT_EQ(!!main2.GetImage(IdText(control.number)), control.image == kApplyImage);
-  EXPECT_THAT(signaller->asked, ElementsAre(102, 102));
-  EXPECT_THAT(HandlerCalls(), IsEmpty());
-}
-
 TEST_F(Images, ApplyNumberFollowsTheExactProductName) {
   // productNameChanged lives on another branch; a further Initialize renames the same way.
   main2.Initialize(signaller, u"Tabula");
@@ -48,19 +42,6 @@ TEST_F(Images, ApplyNumberFollowsTheExactProductName) {
   main2.Initialize(signaller, u"Morvelin");
   main2.GetImage(u"MVN0");
   EXPECT_THAT(signaller->asked, ElementsAre(318, 318, 318, 102));
-}
-
-// The first call fills the table, whichever slot it names; a slot without a picture is no call.
-TEST_F(Images, LoadImageAsksTheNumberOfItsControl) {
-  EXPECT_FALSE(main2.LoadImage(u"3"));
-  for (const Control& control : kControls) {
-    main2.LoadImage(Utf16String(control.DecimalId()));
-    const std::int16_t image = control.image == kApplyImage ? 102 : control.image;
-    const std::vector<std::int16_t> asked =
-        image > 0 ? std::vector{image} : std::vector<std::int16_t>{};
-    EXPECT_EQ(std::exchange(signaller->asked, {}), asked) << control.number;
-  }
-  EXPECT_THAT(HandlerCalls(), IsEmpty());
 }
 
 TEST_F(Images, SlotsOfTheApplyNumberKeepTheFirstFill) {
