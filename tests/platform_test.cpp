@@ -61,6 +61,11 @@ TEST(Text, CaseIsIgnoredFromAToZOnly) {
     EXPECT_EQ(ToLong(properties->Invoke(name, CallKind::kPropertyGet, {})), 1);
   for (const char16_t* name : {u"`{", u"@{", u"`["})
     EXPECT_EQ(FailureNumber([&] { properties->Invoke(name, CallKind::kPropertyGet, {}); }), 438);
+  Variant argument = std::int32_t{1};  // a property takes no argument
+  EXPECT_EQ(FailureNumber([&] {
+              properties->Invoke(u"AZaz", CallKind::kPropertyGet, {&argument, 1});
+            }),
+            438);
   EXPECT_EQ(StringExtensions::replaceText(u"AZaz@[", u"azAZ", u"x", 1, -1, 1), u"x@[");
   EXPECT_EQ(StringExtensions::replaceText(u"@[", u"`{", u"x", 1, -1, 1), u"@[");
 }
