@@ -292,6 +292,8 @@ TEST(AccessibleTree, ChildByIdIsTheElementOrNothingForASimpleChild) {
   };
   EXPECT_EQ(navigate(kChildIdSelf), child(1));
   EXPECT_THROW(navigate(1), Failure);
+  for (const char16_t* member : {u"accRole", u"accName", u"accState"})
+    EXPECT_THROW(CallByName(root, member, CallKind::kPropertyGet, std::int32_t{1}), Failure);
   EXPECT_THROW(CallByName(root, u"accDoDefaultAction", CallKind::kMethod, std::int32_t{1}),
                Failure);
   EXPECT_THROW(child(3), Failure);
