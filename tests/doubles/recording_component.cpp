@@ -1,21 +1,30 @@
 #include "doubles/recording_component.h"
 
-#include <algorithm>
-#include <iterator>
-
 #include "platform/failure.h"
 #include "tracing/vbw_protector.h"
 
 namespace tabforge::testing {
 
 std::string LogText(const Variant& value) {
-  static constexpr std::pair<char, const char*> kEscapes[] = {
-      {'\0', "\\0"}, {'\1', "\\1"}, {'\r', "\\r"}, {'\n', "\\n"}};
+  std::string text = Describe(value.Value());
   std::string escaped;
-  for (char c : Describe(value.Value())) {
-    const auto* escape = std::find_if(std::begin(kEscapes), std::end(kEscapes),
-                                      [c](const auto& e) { return e.first == c; });
-    escaped += escape != std::end(kEscapes) ? std::string(escape->second) : std::string(1, c);
+  for (char c : text) {
+    switch (c) {
+      case '\0':
+        escaped += "\\0";
+        break;
+      case '\1':
+        escaped += "\\1";
+        break;
+      case '\r':
+        escaped += "\\r";
+        break;
+      case '\n':
+        escaped += "\\n";
+        break;
+      default:
+        escaped += c;
+    }
   }
   return escaped;
 }
