@@ -2,13 +2,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <sstream>
 
 #include "apartment.h"
 #include "doubles/recording_ribbon.h"
 #include "doubles/recording_signaller.h"
+#include "golden.h"
 #include "ribbon/main2.h"
 #include "tools/session.h"
 
@@ -195,14 +194,7 @@ TEST(EveryControl, AnswersAsTheGoldenTranscriptSays) {
   cli::SessionOptions options;
   options.iconDirectory = "/nonexistent";
   ASSERT_EQ(cli::ReplaySession(in, out, errors, options), 0) << errors.str();
-  const std::string path = std::string(TABFORGE_SOURCE_DIR) + "/tests/every_control.golden";
-  if (std::getenv("TABFORGE_UPDATE_GOLDEN")) {
-    std::ofstream(path) << out.str();
-    return;
-  }
-  std::stringstream golden;
-  golden << std::ifstream(path).rdbuf();
-  EXPECT_EQ(out.str(), golden.str());
+  ExpectGolden("tests/every_control.golden", out.str());
 }
 
 }  // namespace

@@ -8,19 +8,17 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <map>
 #include <regex>
 #include <set>
-#include <sstream>
 
 #include "accessibility/accessible_tree.h"
 #include "apartment.h"
 #include "doubles/picture_files.h"
 #include "doubles/recording_ribbon.h"
 #include "doubles/recording_signaller.h"
+#include "golden.h"
 #include "platform/call_by_name.h"
 #include "ribbon/main2.h"
 
@@ -31,13 +29,6 @@ using Statement = std::pair<std::u16string, int>;
 
 // --- The statements that exist: every TF_STEP of every instrumented procedure
 // ---------------------
-
-std::string ReadSource(const std::string& relative) {
-  std::ifstream in(std::string(TABFORGE_SOURCE_DIR) + "/" + relative);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 std::set<Statement> StatementsThatExist() {
   const std::vector<std::string> files = {"ribbon/procedure_names.h",
@@ -266,7 +257,7 @@ void Record(const ComponentScript& script, std::map<std::string, Told>& told,
   }
 }
 
-void ExpectGolden(const std::map<std::string, Told>& told) {
+void ExpectTold(const std::map<std::string, Told>& told) {
   std::string text;
   for (const auto& [procedure, facts] : told) {
     for (const auto& [label, numbers] :
@@ -281,12 +272,7 @@ void ExpectGolden(const std::map<std::string, Told>& told) {
     for (const auto& dump : facts.dumps)
       text += procedure + " " + dump + "\n";
   }
-  const std::string path = std::string(TABFORGE_SOURCE_DIR) + "/tests/fault_injection.golden";
-  if (std::getenv("TABFORGE_UPDATE_GOLDEN")) {
-    std::ofstream(path) << text;
-    return;
-  }
-  EXPECT_EQ(text, ReadSource("tests/fault_injection.golden"));
+  ExpectGolden("tests/fault_injection.golden", text);
 }
 
 // --- The suite -----------------------------------------------------------------------------------
@@ -412,7 +398,7 @@ TEST(FaultInjection, EveryStatementOfEveryMemberFailsWithEveryAnswer) {
 
   for (const auto& [procedure, step] : existing)
     told[ToUtf8(procedure)].statements.insert(step);
-  ExpectGolden(told);
+  ExpectTold(told);
 
   std::vector<std::string> unreached;
   int reachedThatExist = 0;
