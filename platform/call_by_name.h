@@ -4,6 +4,7 @@
 #include <array>
 #include <utility>
 
+#include "platform/call_budget.h"
 #include "platform/failure.h"
 #include "platform/object.h"
 #include "platform/variant.h"
@@ -12,12 +13,13 @@ namespace tabforge {
 
 // Calls `member` of `target`. An empty reference is "object variable not set". The call holds its
 // own reference for its whole length, so a nested call that empties the caller's field cannot
-// destroy the object under it.
+// destroy the object under it. The call counts against the budget of the running outside call.
 template <class... Args>
 Variant CallByName(Ref<Object> target, Utf16View member, CallKind kind, Args&&... arguments) {
   if (!target)
     Raise(RunTimeError::kObjectNotSet);
   std::array<Variant, sizeof...(Args)> list{Variant(std::forward<Args>(arguments))...};
+  CollaboratorCall counted;
   return target->Invoke(member, kind, list);
 }
 

@@ -14,6 +14,8 @@ Utf16String DescribeRunTimeError(RunTimeError error) {
       return u"Out of memory";
     case RunTimeError::kSubscriptOutOfRange:
       return u"Subscript out of range";
+    case RunTimeError::kCannotPerformOperation:
+      return u"Can't perform requested operation";
     case RunTimeError::kOutOfStackSpace:
       return u"Out of stack space";
     case RunTimeError::kTypeMismatch:

@@ -13,6 +13,7 @@ enum class RunTimeError : std::int32_t {
   kOverflow = 6,
   kOutOfMemory = 7,
   kSubscriptOutOfRange = 9,
+  kCannotPerformOperation = 17,
   kOutOfStackSpace = 28,
   kTypeMismatch = 13,
   kInternalError = 51,

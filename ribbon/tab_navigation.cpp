@@ -135,7 +135,11 @@ Ref<Object> Main2::getMorvelinTab(const Ref<Object>& RibbonCommandBar) {
   std::int16_t MorvelinTabIndex = 0;
   Ref<Object> RibbonPropPage;
   Ref<Object> PageTabListClient;
-  auto pass = [this] { protector_.platform().messages->PumpOnce(); };
+  // A message pass runs the host's code, and it may call back into the library.
+  auto pass = [this] {
+    CollaboratorCall counted;
+    protector_.platform().messages->PumpOnce();
+  };
   Run(
       Trace(), kGetMorvelinTab,
       [&](ParameterText& p) { p.Add(u"RibbonCommandBar", RibbonCommandBar); },

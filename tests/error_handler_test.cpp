@@ -152,32 +152,60 @@ TEST_F(Handler, ComponentChangesSwitchesAndTheStackThroughTheirReferences) {
   EXPECT_FALSE(apartment.protector.StackAllocated());
 }
 
-TEST_F(Handler, DumpForeverEndsAfterTheBound) {
-  apartment.faults.FailAt(u"Probe.Children", 1);
-  script.fallback = std::int32_t{8};
+// Inside the budget of one outside call every answer is carried out: more dumps than any bound
+// per failure would allow, each after the first reporting the failure as numbered -1, and failures
+// nested in failures, each asked.
+TEST_F(Handler, EveryAnswerIsCarriedOutWithinTheBudget) {
+  apartment.faults.FailAt(u"Probe.Children", 1, 1, 440);
+  script.answers.assign(6, std::int32_t{8});
   probe.Children();
-  EXPECT_THAT(script.CallsTo("vbwOpenDumpFile"),
-              SizeIs(apartment.protector.limits.maxDumpsPerFailure));
-  EXPECT_EQ(probe.trail, "");
-  EXPECT_EQ(apartment.protector.Depth(), 0);
-  // The bound let the component go: the next failure creates and starts a new one.
-  EXPECT_FALSE(apartment.protector.ErrorComponent());
-  apartment.faults.FailAt(u"Probe.Other", 1);
-  script.fallback = std::int32_t{7};
-  probe.Other();
-  EXPECT_EQ(script.created, 2);
-  EXPECT_THAT(script.CallsTo("vbwInitializeProtector"), SizeIs(2));
+  EXPECT_THAT(script.CallsTo("vbwOpenDumpFile"), SizeIs(6));
+  EXPECT_THAT(script.errNumbers, ElementsAre(440, -1, -1, -1, -1, -1));
 
-  // With every opening failing and answered with another dump, the nesting bound ends it.
-  script.failOpenDump = true;
-  script.fallback = std::int32_t{8};
   script.log.clear();
-  apartment.faults.FailAt(u"Probe.Children", 1);
+  script.failOpenDump = true;
+  script.answers.assign(7, std::int32_t{8});
+  apartment.faults.FailAt(u"Probe.Children", 1, 1, 440);
   probe.Children();
-  EXPECT_GT(script.CallsTo("vbwOpenDumpFile").size(), 1u);
-  EXPECT_FALSE(script.CallsTo("vbwCloseDumpFile").empty());
-  EXPECT_FALSE(apartment.protector.ErrorComponent());
+  std::vector<std::string> numbers;
+  for (const auto& line : script.CallsTo("vbwErrorHandler"))
+    numbers.push_back(line.substr(19, line.find(',') - 19));
+  numbers.resize(8);
+  // The failing opening of each dump nests one level deeper, and the eighth level is asked too.
+  EXPECT_THAT(numbers, ElementsAre("440", "75", "75", "75", "75", "75", "75", "75"));
   EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
+// A component that dumps for ever, also while every opening fails (a tree of nested dumps that
+// grows with every level), costs one outside call its budget and no more; the component is let go
+// and the next outside call has a budget of its own.
+TEST_F(Handler, DumpingForEverEndsWithTheBudget) {
+  const auto limit =
+      static_cast<std::size_t>(apartment.protector.budget.limits.maxCollaboratorCalls);
+  script.fallback = std::int32_t{8};
+  for (const bool failOpening : {false, true}) {
+    script.log.clear();
+    script.failOpenDump = failOpening;
+    apartment.faults.FailAt(u"Probe.Children", 1);
+    probe.Children();
+    EXPECT_LE(script.log.size(), limit) << failOpening;
+    EXPECT_GT(script.CallsTo("vbwOpenDumpFile").size(), 20u) << failOpening;
+    EXPECT_EQ(probe.trail, "");
+    EXPECT_FALSE(apartment.protector.ErrorComponent());
+    EXPECT_EQ(apartment.protector.Depth(), 0);
+  }
+  script.log.clear();
+  script.fallback = std::int32_t{7};
+  apartment.faults.FailAt(u"Probe.Other", 1);
+  probe.Other();
+  EXPECT_THAT(script.CallsTo("vbwErrorHandler"), SizeIs(1));
+
+  // The library's own time is bounded as well: with none to spend, a failure asks nobody.
+  script.log.clear();
+  apartment.protector.budget.limits.maxOwnTime = std::chrono::milliseconds(-1);
+  apartment.faults.FailAt(u"Probe.Other", 1);
+  probe.Other();
+  EXPECT_THAT(script.log, SizeIs(0));
 }
 
 TEST_F(Handler, FailedOpeningThatLeavesDoesNotEndTheDump) {

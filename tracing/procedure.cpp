@@ -76,8 +76,6 @@ bool Frame::Recover(LocalList locals) noexcept {
   }
   switch (Tail(failure, locals)) {
     case Resolution::kRetry:
-      if (++retries_ > protector_.limits.maxRetriesPerRun)
-        return false;
       body_.resume_ = body_.step_;
       entered_ = body_.step_ != 0;  // a failed entry is entered again
       return true;
@@ -95,9 +93,9 @@ Frame::Resolution Frame::Tail(const Failure& failure, LocalList locals) noexcept
   VbwProtector::ActiveFailure active{failure.number, failure.description,
                                      info_.firstLine + body_.step_};
   VbwProtector::TailScope scope(protector, active);
-  // However the tail ends, the component that answered it is let go, also when the bound on dumps
-  // ends it after an answer that had kept the component: the next failure creates and starts a
-  // new one. A tail too deep to ask leaves the component to the tails that did.
+  // However the tail ends, the component that answered it is let go, also when the budget ends it
+  // after an answer that had kept the component: the next failure creates and starts a new one. A
+  // tail that may not ask leaves the component to the tails that did.
   struct LetGo {
     VbwProtector& protector;
     bool asked = false;
@@ -107,16 +105,18 @@ Frame::Resolution Frame::Tail(const Failure& failure, LocalList locals) noexcept
     }
   } letGo{protector};
   try {
-    std::int32_t number = failure.number;
-    for (int dumps = 0;;) {
-      // A tail nested too deep gets no answer, as if no component could be created.
-      letGo.asked = letGo.asked || !scope.TooDeep();
+    for (;;) {
+      // Once the outside call's budget is spent, or the stack is, a tail gets no answer, as if no
+      // component could be created, and its procedure leaves.
+      const bool mayAsk = !protector.budget.Spent() &&
+                          !protector.budget.StackExhausted(TABFORGE_STACK_HERE(),
+                                                           protector.budget.limits.tailStackBytes);
+      letGo.asked = letGo.asked || mayAsk;
       const std::int32_t result =
-          scope.TooDeep()
-              ? 0
-              : protector.vbwErrorHandler(number, failure.description, Utf16String(kProjectName),
-                                          Utf16String(info_.module), Utf16String(info_.procedure),
-                                          active.line);
+          mayAsk ? protector.vbwErrorHandler(active.number, failure.description,
+                                             Utf16String(kProjectName), Utf16String(info_.module),
+                                             Utf16String(info_.procedure), active.line)
+                 : 0;
       switch (result) {
         case kEndThread:
           protector.vbwExitThread();
@@ -126,11 +126,10 @@ Frame::Resolution Frame::Tail(const Failure& failure, LocalList locals) noexcept
         case kIgnoreOnce:
           return Resolution::kContinue;
         case kWriteDump:
-          if (++dumps > protector.limits.maxDumpsPerFailure)
-            return Resolution::kLeave;
           if (info_.form != Instrumentation::kUntrackedNoDump)
             DumpStep(locals);
-          number = -1;
+          // From here the failure is numbered -1, for the handler and for a later dump's "Err".
+          active.number = -1;
           break;
         default:
           return Resolution::kLeave;

@@ -13,7 +13,9 @@ class Frame {
       : module_(module), protector_(module.protector()), info_(info) {
     body_.info_ = &info;
     body_.injector_ = protector_.faultInjector();
+    protector_.budget.Open(TABFORGE_STACK_HERE());
   }
+  ~Frame() { protector_.budget.Close(); }
   Frame(const Frame&) = delete;
   Frame& operator=(const Frame&) = delete;
 
@@ -25,6 +27,12 @@ class Frame {
     entered_ = true;
     body_.mode_ = FailureMode::kArmed;
     body_.step_ = 0;
+    // Calls back into the library from a collaborator, or failures inside failures, nest on the
+    // host's stack; past the bound a procedure fails at entry as the run time would, and its tail
+    // leaves without asking anyone.
+    if (protector_.budget.StackExhausted(TABFORGE_STACK_HERE())) [[unlikely]] {
+      Raise(RunTimeError::kOutOfStackSpace);
+    }
     if (info_.form != Instrumentation::kTracked || !IsTrue(protector_.vbwTraceProc))
       return;
     // A refused entry counts nothing and has no exit to balance, so a retry of it, however often
@@ -60,7 +68,6 @@ class Frame {
   VbwProtector& protector_;
   const ProcedureInfo& info_;
   Body body_;
-  int retries_ = 0;
   bool entered_ = false;
   bool tracked_ = false;
 };

@@ -211,7 +211,10 @@ std::int32_t VbwProtector::vbwErrorHandler(std::int32_t errNumber, Utf16String E
         // From here a failure goes straight to the release of the component.
         TF_EXIT_ON_FAILURE(7)
         TF_STEP(8) if (!mErrorParams) {
-          TF_STEP(9) mErrorParams = platform_.objects->CreateObject(kErrorComponentProgId);
+          TF_STEP(9) {
+            CollaboratorCall counted;
+            mErrorParams = platform_.objects->CreateObject(kErrorComponentProgId);
+          }
           TF_STEP(10)
           CallByName(mErrorParams, u"vbwInitializeProtector", CallKind::kMethod,
                      Variant::ByRef(&vbwCatchException), Variant::ByRef(&vbwTraceLine),
@@ -390,16 +393,10 @@ VbwProtector::TailScope::TailScope(VbwProtector& protector, ActiveFailure& failu
     : protector_(protector), failure_(failure) {
   failure_.outer = protector_.currentFailure_;
   protector_.currentFailure_ = &failure_;
-  ++protector_.activeTails_;
 }
 
 VbwProtector::TailScope::~TailScope() {
-  --protector_.activeTails_;
   protector_.currentFailure_ = failure_.outer;
-}
-
-bool VbwProtector::TailScope::TooDeep() const noexcept {
-  return protector_.activeTails_ > protector_.limits.maxNestedTails;
 }
 
 }  // namespace tabforge

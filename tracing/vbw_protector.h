@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "platform/call_budget.h"
 #include "platform/object.h"
 #include "platform/platform.h"
 #include "platform/utf16.h"
@@ -41,15 +42,10 @@ enum HandlerResult : std::int32_t {
   kWriteDump = 8,
 };
 
-// Bounds that keep a misbehaving error component from hanging or overflowing the host.
+// Bounds that keep a misbehaving error component or host from hanging or overflowing the host.
+// Whatever the failure path does is bounded by the budget of the outside call
+// (platform/call_budget.h); this is the one bound of its own that tracking keeps.
 struct ProtectorLimits {
-  // Tails active at once on the thread (a failure while a failure is handled, and so on). A tail
-  // deeper than this does not ask the handler and leaves its procedure, as with no answer.
-  int maxNestedTails = 3;
-  // Answers "write a dump" within one failure; past this the tail leaves its procedure.
-  int maxDumpsPerFailure = 4;
-  // Answers "retry" within one run of a procedure; past this the procedure leaves.
-  int maxRetriesPerRun = 256;
   // Tracked procedures active at once. A call back into the library that never stops (a macro
   // that presses its own button) would otherwise end in a stack overflow; a procedure entered
   // deeper than this fails at entry with "Out of stack space", as the run time would, and that
@@ -145,6 +141,8 @@ class VbwProtector {
   void SetFaultInjector(tracing::FaultInjector* injector) noexcept { injector_ = injector; }
   tracing::FaultInjector* faultInjector() const noexcept { return injector_; }
   ProtectorLimits limits;
+  // What one outside call may spend; its outermost procedure opens it.
+  CallBudget budget;
 
   // The failure that the innermost active tail handles; the dump's "Err" object describes it.
   struct ActiveFailure {
@@ -160,7 +158,6 @@ class VbwProtector {
     ~TailScope();
     TailScope(const TailScope&) = delete;
     TailScope& operator=(const TailScope&) = delete;
-    bool TooDeep() const noexcept;
 
    private:
     VbwProtector& protector_;
@@ -190,7 +187,6 @@ class VbwProtector {
   Ref<Object> mErrorParams;
 
   tracing::FaultInjector* injector_ = nullptr;
-  int activeTails_ = 0;
   const ActiveFailure* currentFailure_ = nullptr;
 };
 

@@ -1,5 +1,6 @@
 #include "doubles/recording_component.h"
 
+#include "platform/call_by_name.h"
 #include "platform/failure.h"
 #include "tracing/vbw_protector.h"
 
@@ -81,6 +82,10 @@ Variant RecordingComponent::Invoke(Utf16View member, CallKind, std::span<Variant
         texts.push_back(ToUtf8(text));
       script_->stringArrays.emplace_back(ToUtf8(ToBstr(arguments[0])), std::move(texts));
     }
+  }
+  if (member == u"vbwReportObject" && arguments.size() >= 2 && ToBstr(arguments[0]) == u"Err") {
+    script_->errNumbers.push_back(
+        ToLong(CallByName(ToObject(arguments[1]), u"Number", CallKind::kPropertyGet)));
   }
   if (member == u"vbwReportParameter")
     return Variant(u"<" + ToBstr(arguments[0]) + u">");

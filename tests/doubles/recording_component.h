@@ -29,6 +29,8 @@ struct ComponentScript {
   // The string arrays that dumps reported, by name, element by element. (Only texts are kept: a
   // kept object would outlive the library that made it.)
   std::vector<std::pair<std::string, std::vector<std::string>>> stringArrays;
+  // The number of the "Err" object that each dump reported.
+  std::vector<std::int32_t> errNumbers;
   bool failOpenDump = false;
   bool failInitialize = false;
   // Runs inside vbwInitializeProtector with its arguments (the switches, by reference).
