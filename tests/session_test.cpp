@@ -2,6 +2,9 @@
 // a replay stops.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -123,6 +126,35 @@ TEST(Session, ErrorsShowWhatTheComponentReceivesAndAnswers) {
                        "\n= ok\n"),
             std::string::npos)
       << t.out;
+}
+
+// Dumps go to a folder that is made when missing; one that cannot be written is said on standard
+// error with the reason, and the session goes on.
+TEST(Session, DumpsMakeTheirFolderOrSayWhyNot) {
+  const std::string root = ::testing::TempDir() + "tabforge-dumps-" + std::to_string(::getpid());
+  SessionOptions options;
+  options.errors = true;
+  options.answers = {8, 7};
+  options.dumpDirectory = root + "/new/folder";
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(Replay("Initialize Morvelin\nGetLabel MVN9x\n", options).status, 0);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+  std::ifstream dump(options.dumpDirectory + "/dump-1.txt");
+  std::stringstream text;
+  text << dump.rdbuf();
+  EXPECT_NE(text.str().find("LOCAL LEVEL VARIABLES"), std::string::npos);
+
+  // A folder inside a file cannot be made.
+  options.dumpDirectory = options.dumpDirectory + "/dump-1.txt/below";
+  ::testing::internal::CaptureStderr();
+  const auto t = Replay("Initialize Morvelin\nGetLabel MVN9x\n", options);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+            "tabforge session: dump 1 cannot be written to " + options.dumpDirectory +
+                "/dump-1.txt: Not a directory\n");
+  EXPECT_EQ(t.status, 0);
+  EXPECT_NE(t.out.find("  error.vbwOpenDumpFile\n  error.vbwErrorHandler 75"), std::string::npos)
+      << t.out;
+  std::filesystem::remove_all(root);
 }
 
 TEST(Session, ResultsQuoteTextsAndRoundPictureSizes) {

@@ -1,14 +1,39 @@
 #include "tools/session_objects.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <system_error>
 
 #include "platform/call_by_name.h"
 #include "platform/failure.h"
 
 namespace tabforge::cli {
 namespace {
+
+// The next dump file in `directory`, which is made when it does not exist. A dump that cannot be
+// written is said on standard error with the reason, and fails as a real component's would.
+std::unique_ptr<std::ofstream> OpenDump(const std::string& directory, int number) {
+  const std::filesystem::path folder(std::u8string(directory.begin(), directory.end()));
+  const std::filesystem::path file = folder / ("dump-" + std::to_string(number) + ".txt");
+  std::error_code error;
+  std::filesystem::create_directories(folder, error);
+  if (!error) {
+    errno = 0;
+    auto dump = std::make_unique<std::ofstream>(file, std::ios::binary);
+    if (*dump)
+      return dump;
+    error = std::error_code(errno != 0 ? errno : EIO, std::generic_category());
+  }
+  const std::u8string shown = file.u8string();
+  std::fprintf(stderr, "tabforge session: dump %d cannot be written to %s: %s\n", number,
+               std::string(shown.begin(), shown.end()).c_str(), error.message().c_str());
+  Raise(75, u"Path/File access error");
+}
 
 bool ReadFile(const std::string& path, std::vector<std::uint8_t>& bytes) {
   std::ifstream in(path, std::ios::binary);
@@ -147,17 +172,19 @@ Variant SessionErrorComponent::Invoke(Utf16View member, CallKind, std::span<Vari
   }
   if (member == u"vbwOpenDumpFile") {
     log_.push_back(line);
-    if (!state_->dumpDirectory.empty()) {
-      const std::string path =
-          state_->dumpDirectory + "/dump-" + std::to_string(++state_->dumps) + ".txt";
-      state_->dump = std::make_unique<std::ofstream>(path, std::ios::binary);
-      if (!*state_->dump)
-        Raise(75, u"Path/File access error");
-    }
+    if (!state_->dumpDirectory.empty())
+      state_->dump = OpenDump(state_->dumpDirectory, ++state_->dumps);
     return {};
   }
   if (member == u"vbwCloseDumpFile") {
     log_.push_back(line);
+    if (state_->dump) {
+      state_->dump->close();
+      if (!*state_->dump) {
+        std::fprintf(stderr, "tabforge session: dump %d was not written in full: %s\n",
+                     state_->dumps, std::strerror(errno != 0 ? errno : EIO));
+      }
+    }
     state_->dump.reset();
     return {};
   }

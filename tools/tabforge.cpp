@@ -87,7 +87,8 @@ constexpr const char* kSessionUsage =
     "                         the command's calls, \"  error.MEMBER ARGUMENTS\", its answer\n"
     "                         behind \" => \"; without it, failures are silent\n"
     "  --answers LIST         its answers to failures in turn, such as 8,7; then 7 (leave)\n"
-    "  --dumps DIR            writes each dump to DIR/dump-N.txt as the component would\n"
+    "  --dumps DIR            writes each dump to DIR/dump-N.txt as the component would, making "
+    "DIR\n"
     "  --trace                the host's command line asks for tracing (\"/trace\")\n";
 
 constexpr const char* kPreviewUsage =
