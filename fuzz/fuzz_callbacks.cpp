@@ -1,6 +1,7 @@
 // Every ribbon callback of an initialised, connected Main2 with id texts from the input. Whatever
-// the texts, the error component's answers or the failing statements, every call returns and
-// leaves no tracked procedure on the stack.
+// the texts, the error component's answers or the failing statements, every call returns, leaves
+// no tracked procedure on the stack, and calls the component no more often than one outside call's
+// budget allows.
 //
 // Input, front to back: the mode byte; with a scripted component the number of answers, the answers
 // and the fallback answer (one byte each), and for a faulty one a byte of flags; with injected
@@ -48,8 +49,8 @@ class VisitFaults final : public tracing::FaultInjector {
   std::uint32_t visits = 0;
 };
 
-// At most this many id texts an input. A component that answers "retry" for ever costs 256 runs of
-// every failing statement, which is the library's bound; more ids would only make inputs slower.
+// At most this many id texts an input: each costs a dozen outside calls, and each of those may
+// spend its whole budget on a component that answers "retry" or "write a dump" for ever.
 constexpr std::size_t kMaxIds = 16;
 
 // Answers a failure handler can give; anything else is worth a try too.
@@ -119,6 +120,11 @@ void RunOne(InputBytes& input) {
   auto check = [&](const char* member) {
     if (protector.Depth() != 0) {
       std::fprintf(stderr, "%s left depth %d\n", member, protector.Depth());
+      std::abort();
+    }
+    const std::size_t componentCalls = script ? script->log.size() : 0;
+    if (componentCalls > static_cast<std::size_t>(protector.budget.limits.maxCollaboratorCalls)) {
+      std::fprintf(stderr, "%s called the component %zu times\n", member, componentCalls);
       std::abort();
     }
     log.clear();

@@ -28,9 +28,12 @@ class Frame {
     body_.mode_ = FailureMode::kArmed;
     body_.step_ = 0;
     // Calls back into the library from a collaborator, or failures inside failures, nest on the
-    // host's stack; past the bound a procedure fails at entry as the run time would, and its tail
-    // leaves without asking anyone.
-    if (protector_.budget.StackExhausted(TABFORGE_STACK_HERE())) [[unlikely]] {
+    // host's stack; past the bound a procedure fails at entry as the run time would. The tracing
+    // module's own procedures have the tails' slack beyond it, so that such a refusal can still be
+    // reported.
+    const std::size_t slack =
+        info_.form == Instrumentation::kTracked ? 0 : protector_.budget.limits.tailStackBytes;
+    if (protector_.budget.StackExhausted(TABFORGE_STACK_HERE(), slack)) [[unlikely]] {
       Raise(RunTimeError::kOutOfStackSpace);
     }
     if (info_.form != Instrumentation::kTracked || !IsTrue(protector_.vbwTraceProc))
