@@ -75,6 +75,8 @@ HRESULT AccessibleObject::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCI
   if (names == nullptr || ids == nullptr || count == 0)
     return E_INVALIDARG;
   std::fill(ids, ids + count, DISPID_UNKNOWN);
+  if (!AllNamed(names, count))
+    return DISP_E_UNKNOWNNAME;
   for (const Member& member : kMembers) {
     if (SameMemberName(NameView(names[0]), NameView(member.name))) {
       ids[0] = member.id;
@@ -86,15 +88,18 @@ HRESULT AccessibleObject::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCI
 
 HRESULT AccessibleObject::Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* params, VARIANT* result,
                                  EXCEPINFO* exception, UINT*) {
+  if (!WellFormed(params))
+    return E_INVALIDARG;
   const auto member = std::find_if(std::begin(kMembers), std::end(kMembers),
                                    [id](const Member& m) { return m.id == id; });
   if (member == std::end(kMembers))
     return DISP_E_MEMBERNOTFOUND;
+  const CallHold hold(this);
   return Barrier<FailurePolicy::kException>(
       [&] {
         // Arguments come last to first.
         std::vector<Variant> arguments;
-        for (UINT i = params != nullptr ? params->cArgs : 0; i > 0; --i)
+        for (UINT i = params->cArgs; i > 0; --i)
           arguments.push_back(FromAutomation(params->rgvarg[i - 1]));
         const Variant answer =
             element_->Invoke(NameView(member->name), CallKind::kPropertyGet, arguments).Value();
@@ -115,6 +120,7 @@ HRESULT AccessibleObject::get_accParent(IDispatch** parent) {
   if (parent == nullptr)
     return E_POINTER;
   *parent = nullptr;
+  const CallHold hold(this);
   return Barrier([&] {
     const Variant answer = Call(*element_, L"accParent", {});
     if (!IsObject(answer))
@@ -128,6 +134,7 @@ HRESULT AccessibleObject::get_accChildCount(LONG* count) {
   if (count == nullptr)
     return E_POINTER;
   *count = 0;
+  const CallHold hold(this);
   return Barrier([&] {
     *count = ToLong(Call(*element_, L"accChildCount", {}));
     return S_OK;
@@ -139,6 +146,7 @@ HRESULT AccessibleObject::get_accChild(VARIANT child, IDispatch** out) {
   if (out == nullptr)
     return E_POINTER;
   *out = nullptr;
+  const CallHold hold(this);
   return Barrier([&] {
     const Variant answer = Call(*element_, L"accChild", {FromAutomation(child)});
     if (!IsObject(answer))
@@ -152,6 +160,7 @@ HRESULT AccessibleObject::get_accName(VARIANT child, BSTR* name) {
   if (name == nullptr)
     return E_POINTER;
   *name = nullptr;
+  const CallHold hold(this);
   return Barrier([&] {
     *name = MakeBstr(ToBstr(Call(*element_, L"accName", {FromAutomation(child)}))).Detach();
     return S_OK;
@@ -159,10 +168,12 @@ HRESULT AccessibleObject::get_accName(VARIANT child, BSTR* name) {
 }
 
 HRESULT AccessibleObject::get_accRole(VARIANT child, VARIANT* role) {
+  const CallHold hold(this);
   return VariantAnswer(*element_, L"accRole", child, role);
 }
 
 HRESULT AccessibleObject::get_accState(VARIANT child, VARIANT* state) {
+  const CallHold hold(this);
   return VariantAnswer(*element_, L"accState", child, state);
 }
 
@@ -170,6 +181,7 @@ HRESULT AccessibleObject::accNavigate(LONG direction, VARIANT start, VARIANT* en
   if (end == nullptr)
     return E_POINTER;
   ::VariantInit(end);
+  const CallHold hold(this);
   return Barrier([&] {
     const Variant answer = Call(*element_, L"accNavigate",
                                 {static_cast<std::int32_t>(direction), FromAutomation(start)});
@@ -186,6 +198,7 @@ HRESULT AccessibleObject::accNavigate(LONG direction, VARIANT start, VARIANT* en
 }
 
 HRESULT AccessibleObject::accDoDefaultAction(VARIANT child) {
+  const CallHold hold(this);
   return Barrier([&] {
     Call(*element_, L"accDoDefaultAction", {FromAutomation(child)});
     return S_OK;

@@ -9,12 +9,29 @@
 
 namespace tabforge::com {
 
+// A thread as long as it lives: its id, which the system hands to a later thread once it ends,
+// together with the moment it started.
+struct ThreadKey {
+  DWORD id = 0;
+  ULONGLONG started = 0;
+
+  static ThreadKey Current() {
+    FILETIME created{};
+    FILETIME unused{};
+    ThreadKey key{::GetCurrentThreadId(), 0};
+    if (::GetThreadTimes(::GetCurrentThread(), &created, &unused, &unused, &unused))
+      key.started = (ULONGLONG{created.dwHighDateTime} << 32) | created.dwLowDateTime;
+    return key;
+  }
+  bool operator==(const ThreadKey&) const = default;
+};
+
 struct Apartment {
-  explicit Apartment(DWORD owner) : thread(owner), protector(platform.Services()) {
+  explicit Apartment(ThreadKey owner) : thread(owner), protector(platform.Services()) {
     protector.vbwInitializeProtector();
   }
 
-  DWORD thread;
+  ThreadKey thread;
   long holds = 0;
   Apartment* next = nullptr;
   WindowsPlatform platform;
@@ -30,7 +47,7 @@ SRWLOCK g_lock = SRWLOCK_INIT;
 Apartment* g_apartments = nullptr;
 long g_moduleReferences = 0;
 
-Apartment* FindLocked(DWORD thread) {
+Apartment* FindLocked(const ThreadKey& thread) {
   for (Apartment* a = g_apartments; a != nullptr; a = a->next) {
     if (a->thread == thread)
       return a;
@@ -39,7 +56,7 @@ Apartment* FindLocked(DWORD thread) {
 }
 
 // Takes a hold on the thread's apartment, if it has one.
-Apartment* HoldExisting(DWORD thread) {
+Apartment* HoldExisting(const ThreadKey& thread) {
   ::AcquireSRWLockExclusive(&g_lock);
   Apartment* found = FindLocked(thread);
   if (found != nullptr)
@@ -84,7 +101,7 @@ ApartmentHold::~ApartmentHold() {
 }
 
 ApartmentHold ApartmentHold::Enter() {
-  const DWORD thread = ::GetCurrentThreadId();
+  const ThreadKey thread = ThreadKey::Current();
   if (Apartment* existing = HoldExisting(thread))
     return ApartmentHold(existing);
   // Only this thread builds its own apartment, so nobody can add it meanwhile. The start-up
@@ -99,7 +116,7 @@ ApartmentHold ApartmentHold::Enter() {
 }
 
 ApartmentHold ApartmentHold::Current() {
-  return ApartmentHold(HoldExisting(::GetCurrentThreadId()));
+  return ApartmentHold(HoldExisting(ThreadKey::Current()));
 }
 
 VbwProtector& ApartmentHold::Protector() const {
@@ -109,8 +126,12 @@ VbwProtector& ApartmentHold::Protector() const {
 void ModuleAddRef() {
   ::InterlockedIncrement(&g_moduleReferences);
 }
+// Never below zero, whoever releases what they never held.
 void ModuleRelease() {
-  ::InterlockedDecrement(&g_moduleReferences);
+  for (LONG held = g_moduleReferences; held > 0; held = g_moduleReferences) {
+    if (::InterlockedCompareExchange(&g_moduleReferences, held - 1, held) == held)
+      return;
+  }
 }
 bool ModuleInUse() {
   return ::InterlockedCompareExchange(&g_moduleReferences, 0, 0) != 0;

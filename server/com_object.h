@@ -1,6 +1,7 @@
 // The IUnknown half that the project's COM objects share: a reference count that starts at one
 // (the creator's), deletion with the last reference, QueryInterface for IUnknown, IDispatch and
-// the object's own interface, and a hold on the module and the apartment for the object's life.
+// the object's own interface, a hold on the module and the apartment for the object's life, and
+// a hold on the object itself for the length of each call.
 #pragma once
 
 #include <windows.h>
@@ -33,12 +34,15 @@ class ComObject : public Interface {
     *out = static_cast<Derived*>(this)->QueryMore(riid);
     return *out != nullptr ? S_OK : E_NOINTERFACE;
   }
-  ULONG STDMETHODCALLTYPE AddRef() override { return ++references_; }
+  // Counted atomically: a caller that breaks the apartment rules must not free a live object.
+  ULONG STDMETHODCALLTYPE AddRef() override {
+    return static_cast<ULONG>(::InterlockedIncrement(&references_));
+  }
   ULONG STDMETHODCALLTYPE Release() override {
-    const ULONG left = --references_;
+    const LONG left = ::InterlockedDecrement(&references_);
     if (left == 0)
       delete static_cast<Derived*>(this);
-    return left;
+    return static_cast<ULONG>(left);
   }
 
  protected:
@@ -46,9 +50,23 @@ class ComObject : public Interface {
   ~ComObject() = default;
   void* QueryMore(REFIID) { return nullptr; }
 
+  // The object's own reference for the length of one call. Whatever the call lets run (a macro,
+  // a message, a collaborator that calls back) may let go of the caller's last reference; the
+  // object, and with it its apartment, goes only when the call is over.
+  class CallHold {
+   public:
+    explicit CallHold(ComObject* object) : object_(object) { object_->AddRef(); }
+    CallHold(const CallHold&) = delete;
+    CallHold& operator=(const CallHold&) = delete;
+    ~CallHold() { object_->Release(); }
+
+   private:
+    ComObject* object_;
+  };
+
  private:
   ObjectHold hold_;
-  ULONG references_ = 1;
+  LONG references_ = 1;
 };
 
 // GetTypeInfoCount and GetTypeInfo of an object without type information: its members are reached

@@ -1,9 +1,11 @@
 #include "server/conversions.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cwctype>
 #include <limits>
 #include <memory>
+#include <type_traits>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -18,8 +20,8 @@ namespace {
 
 constexpr HRESULT kControlFacilityMask = static_cast<HRESULT>(0x800A0000);
 
-// Arrays cross in both directions through the same pair of element functions, so that a core
-// array and its automation form agree on element types and bounds whichever way it goes.
+// Arrays cross in both directions with the same element types, so that a core array and its
+// automation form agree on element types and bounds whichever way it goes.
 
 // An empty list of the core's element type for automation element type `vt`.
 VariantArray::Elements EmptyElements(VARTYPE vt) {
@@ -38,32 +40,6 @@ VariantArray::Elements EmptyElements(VARTYPE vt) {
       return std::vector<Variant>();
     default:
       Raise(RunTimeError::kTypeMismatch);
-  }
-}
-
-// Element `i` of `array` as the core holds it; SafeArrayGetElement hands over a copy.
-template <class T>
-T ReadElement(SAFEARRAY* array, LONG i) {
-  auto get = [&](void* out) {
-    if (FAILED(::SafeArrayGetElement(array, &i, out)))
-      Raise(RunTimeError::kSubscriptOutOfRange);
-  };
-  if constexpr (std::is_same_v<T, Utf16String>) {
-    UniqueBstr s;
-    get(s.Put());
-    return FromBstr(s.Get());
-  } else if constexpr (std::is_same_v<T, Ref<Object>>) {
-    ComPtr<IDispatch> d;
-    get(d.Put());
-    return WrapDispatch(d.Get());
-  } else if constexpr (std::is_same_v<T, Variant>) {
-    UniqueVariant v;
-    get(v.Put());
-    return FromAutomation(*v.Get());
-  } else {
-    T value{};
-    get(&value);
-    return value;
   }
 }
 
@@ -90,26 +66,6 @@ void WriteElement(SAFEARRAY* array, LONG i, const T& value) {
   }
 }
 
-// A one-dimensional array of the element type `vt` as a core array.
-ArrayRef FromSafeArray(SAFEARRAY* array, VARTYPE vt) {
-  if (array == nullptr)
-    return nullptr;
-  LONG lower = 0;
-  LONG upper = -1;
-  if (::SafeArrayGetDim(array) != 1 || FAILED(::SafeArrayGetLBound(array, 1, &lower)) ||
-      FAILED(::SafeArrayGetUBound(array, 1, &upper)))
-    Raise(RunTimeError::kTypeMismatch);
-  auto out = std::make_shared<VariantArray>(VariantArray{lower, EmptyElements(vt)});
-  std::visit(
-      [&](auto& elements) {
-        using T = typename std::decay_t<decltype(elements)>::value_type;
-        for (LONG i = lower; i <= upper; ++i)
-          elements.push_back(ReadElement<T>(array, i));
-      },
-      out->elements);
-  return out;
-}
-
 // A core array as a one-dimensional SAFEARRAY of its own element type and bounds.
 SAFEARRAY* ToSafeArray(const VariantArray& array) {
   if (array.UpperBound() > std::numeric_limits<LONG>::max())
@@ -125,6 +81,211 @@ SAFEARRAY* ToSafeArray(const VariantArray& array) {
       },
       array.elements);
   return out.Detach();
+}
+
+// --- What comes in ---------------------------------------------------------------------------
+//
+// A VARIANT from outside is read by what it really holds, never by what its tag alone claims: an
+// array's elements by the type and size that the array itself records, a reference only when it
+// points somewhere, and nesting (variants in arrays of variants, references to references) only
+// to a fixed depth, so that an array that holds itself ends.
+
+constexpr int kMaxNesting = 16;
+
+Variant Convert(const VARIANT& value, int depth);
+
+// The size of one element of the core's element type `vt`.
+ULONG ElementSize(VARTYPE vt) {
+  switch (vt) {
+    case VT_UI1:
+      return 1;
+    case VT_I2:
+      return 2;
+    case VT_I4:
+      return 4;
+    case VT_BSTR:
+      return sizeof(BSTR);
+    case VT_DISPATCH:
+      return sizeof(IDispatch*);
+    case VT_VARIANT:
+      return sizeof(VARIANT);
+    default:
+      Raise(RunTimeError::kTypeMismatch);
+  }
+}
+
+// The element type that `array` records for itself: its own type tag, else the kind of elements
+// that it says it owns; VT_EMPTY when it records neither.
+VARTYPE RecordedType(SAFEARRAY* array) {
+  VARTYPE vt = VT_EMPTY;
+  if (SUCCEEDED(::SafeArrayGetVartype(array, &vt)))
+    return vt;
+  const USHORT features = array->fFeatures;
+  if ((features & FADF_BSTR) != 0)
+    return VT_BSTR;
+  if ((features & FADF_VARIANT) != 0)
+    return VT_VARIANT;
+  if ((features & FADF_DISPATCH) != 0)
+    return VT_DISPATCH;
+  if ((features & (FADF_UNKNOWN | FADF_RECORD | FADF_HAVEIID)) != 0)
+    return VT_UNKNOWN;
+  return VT_EMPTY;
+}
+
+// True when `array` holds elements of type `vt`, as a tag around it claims. An array that records
+// no type may hold plain numbers of the right size, never strings, objects or variants.
+bool Holds(SAFEARRAY* array, VARTYPE vt) {
+  if (::SafeArrayGetElemsize(array) != ElementSize(vt))
+    return false;
+  const VARTYPE recorded = RecordedType(array);
+  if (recorded == VT_EMPTY)
+    return vt == VT_UI1 || vt == VT_I2 || vt == VT_I4;
+  return recorded == vt;
+}
+
+// Keeps an array from being destroyed or reshaped while its elements are read.
+class ArrayLock {
+ public:
+  explicit ArrayLock(SAFEARRAY* array) : array_(array) {
+    if (FAILED(::SafeArrayLock(array)))
+      Raise(RunTimeError::kTypeMismatch);
+  }
+  ArrayLock(const ArrayLock&) = delete;
+  ArrayLock& operator=(const ArrayLock&) = delete;
+  ~ArrayLock() { ::SafeArrayUnlock(array_); }
+
+ private:
+  SAFEARRAY* array_;
+};
+
+template <class T>
+T ReadElement(const void* data, std::size_t i, int depth) {
+  if constexpr (std::is_same_v<T, Utf16String>) {
+    return FromBstr(static_cast<const BSTR*>(data)[i]);
+  } else if constexpr (std::is_same_v<T, Ref<Object>>) {
+    return WrapDispatch(static_cast<IDispatch* const*>(data)[i]);
+  } else if constexpr (std::is_same_v<T, Variant>) {
+    return Convert(static_cast<const VARIANT*>(data)[i], depth + 1);
+  } else {
+    return static_cast<const T*>(data)[i];
+  }
+}
+
+// A one-dimensional array that holds elements of type `vt` as a core array.
+ArrayRef FromSafeArray(SAFEARRAY* array, VARTYPE vt, int depth) {
+  if (array == nullptr)
+    return nullptr;
+  if (::SafeArrayGetDim(array) != 1 || !Holds(array, vt))
+    Raise(RunTimeError::kTypeMismatch);
+  const ArrayLock lock(array);
+  const LONG lower = array->rgsabound[0].lLbound;
+  const ULONG count = array->rgsabound[0].cElements;
+  if ((count > 0 && array->pvData == nullptr) ||
+      std::int64_t{lower} + count - 1 > std::numeric_limits<LONG>::max())
+    Raise(RunTimeError::kTypeMismatch);
+  auto out = std::make_shared<VariantArray>(VariantArray{lower, EmptyElements(vt)});
+  std::visit(
+      [&](auto& elements) {
+        using T = typename std::decay_t<decltype(elements)>::value_type;
+        elements.reserve(count);
+        for (std::size_t i = 0; i < count; ++i)
+          elements.push_back(ReadElement<T>(array->pvData, i, depth));
+      },
+      out->elements);
+  return out;
+}
+
+// What a reference points at, read without copying it; a reference to nothing is a mismatch.
+Variant FollowReference(const VARIANT& value, int depth) {
+  if (V_BYREF(&value) == nullptr)
+    Raise(RunTimeError::kTypeMismatch);
+  const VARTYPE vt = static_cast<VARTYPE>(V_VT(&value) & ~VT_BYREF);
+  if (vt == VT_VARIANT)
+    return Convert(*V_VARIANTREF(&value), depth + 1);
+  VARIANT view;
+  V_VT(&view) = vt;
+  if ((vt & VT_ARRAY) != 0) {
+    V_ARRAY(&view) = *V_ARRAYREF(&value);
+    return Convert(view, depth + 1);
+  }
+  switch (vt) {
+    case VT_I2:
+      V_I2(&view) = *V_I2REF(&value);
+      return Convert(view, depth + 1);
+    case VT_I4:
+      V_I4(&view) = *V_I4REF(&value);
+      return Convert(view, depth + 1);
+    case VT_BSTR:
+      V_BSTR(&view) = *V_BSTRREF(&value);
+      return Convert(view, depth + 1);
+    case VT_DISPATCH:
+      V_DISPATCH(&view) = *V_DISPATCHREF(&value);
+      return Convert(view, depth + 1);
+    case VT_UNKNOWN:
+      V_UNKNOWN(&view) = *V_UNKNOWNREF(&value);
+      return Convert(view, depth + 1);
+    case VT_BOOL:
+      V_BOOL(&view) = *V_BOOLREF(&value);
+      return Convert(view, depth + 1);
+    case VT_UI1:
+      V_UI1(&view) = *V_UI1REF(&value);
+      return Convert(view, depth + 1);
+    case VT_RECORD:
+      Raise(RunTimeError::kTypeMismatch);
+    default: {
+      // Numbers, dates and the like own nothing: the platform's copy reads them.
+      UniqueVariant copy;
+      if (FAILED(::VariantCopyInd(copy.Put(), const_cast<VARIANT*>(&value))))
+        Raise(RunTimeError::kTypeMismatch);
+      return Convert(*copy.Get(), depth + 1);
+    }
+  }
+}
+
+Variant Convert(const VARIANT& value, int depth) {
+  if (depth > kMaxNesting)
+    Raise(RunTimeError::kTypeMismatch);
+  const VARTYPE vt = V_VT(&value);
+  if ((vt & VT_BYREF) != 0)
+    return FollowReference(value, depth);
+  if ((vt & VT_ARRAY) != 0) {
+    const VARTYPE element = vt & VT_TYPEMASK;
+    if ((vt & ~(VT_ARRAY | VT_TYPEMASK)) != 0)
+      Raise(RunTimeError::kTypeMismatch);
+    return Variant(static_cast<VarType>(element), FromSafeArray(V_ARRAY(&value), element, depth));
+  }
+  switch (vt) {
+    case VT_EMPTY:
+      return Variant();
+    case VT_NULL:
+      return Variant::Null();
+    case VT_I2:
+      return Variant(std::int16_t{V_I2(&value)});
+    case VT_I4:
+      return Variant(std::int32_t{V_I4(&value)});
+    case VT_BSTR:
+      return Variant(FromBstr(V_BSTR(&value)));
+    case VT_DISPATCH:
+      return Variant(WrapDispatch(V_DISPATCH(&value)));
+    case VT_BOOL:
+      return Variant(FromVariantBool(V_BOOL(&value)));
+    case VT_UNKNOWN:
+      return Variant::Unknown(WrapUnknown(V_UNKNOWN(&value)));
+    case VT_UI1:
+      return Variant::Byte(V_UI1(&value));
+    case VT_RECORD:
+    case VT_VARIANT:
+      Raise(RunTimeError::kTypeMismatch);
+    default: {
+      // Other numbers arrive as the nearest whole number, everything else as text.
+      UniqueVariant converted;
+      if (SUCCEEDED(::VariantChangeType(converted.Put(), const_cast<VARIANT*>(&value), 0, VT_I4)))
+        return Variant(std::int32_t{V_I4(converted.Get())});
+      if (SUCCEEDED(::VariantChangeType(converted.Put(), const_cast<VARIANT*>(&value), 0, VT_BSTR)))
+        return Variant(FromBstr(V_BSTR(converted.Get())));
+      Raise(RunTimeError::kTypeMismatch);
+    }
+  }
 }
 
 }  // namespace
@@ -177,46 +338,18 @@ ComPtr<IUnknown> ToUnknown(const Ref<Object>& object) {
 }
 
 Variant FromAutomation(const VARIANT& value) {
-  if ((V_VT(&value) & VT_BYREF) != 0) {
-    UniqueVariant copy;
-    if (FAILED(::VariantCopyInd(copy.Put(), const_cast<VARIANT*>(&value))))
-      Raise(RunTimeError::kTypeMismatch);
-    return FromAutomation(*copy.Get());
-  }
-  const VARTYPE vt = V_VT(&value);
-  if ((vt & VT_ARRAY) != 0) {
-    const VARTYPE element = vt & VT_TYPEMASK;
-    return Variant(static_cast<VarType>(element), FromSafeArray(V_ARRAY(&value), element));
-  }
-  switch (vt) {
-    case VT_EMPTY:
-      return Variant();
-    case VT_NULL:
-      return Variant::Null();
-    case VT_I2:
-      return Variant(std::int16_t{V_I2(&value)});
-    case VT_I4:
-      return Variant(std::int32_t{V_I4(&value)});
-    case VT_BSTR:
-      return Variant(FromBstr(V_BSTR(&value)));
-    case VT_DISPATCH:
-      return Variant(WrapDispatch(V_DISPATCH(&value)));
-    case VT_BOOL:
-      return Variant(FromVariantBool(V_BOOL(&value)));
-    case VT_UNKNOWN:
-      return Variant::Unknown(WrapUnknown(V_UNKNOWN(&value)));
-    case VT_UI1:
-      return Variant::Byte(V_UI1(&value));
-    default: {
-      // Other numbers arrive as the nearest whole number, everything else as text.
-      UniqueVariant converted;
-      if (SUCCEEDED(::VariantChangeType(converted.Put(), const_cast<VARIANT*>(&value), 0, VT_I4)))
-        return Variant(std::int32_t{V_I4(converted.Get())});
-      if (SUCCEEDED(::VariantChangeType(converted.Put(), const_cast<VARIANT*>(&value), 0, VT_BSTR)))
-        return Variant(FromBstr(V_BSTR(converted.Get())));
-      Raise(RunTimeError::kTypeMismatch);
-    }
-  }
+  return Convert(value, 0);
+}
+
+bool WellFormed(const DISPPARAMS* params) {
+  return params != nullptr && params->cNamedArgs <= params->cArgs &&
+         (params->cArgs == 0 || params->rgvarg != nullptr) &&
+         (params->cNamedArgs == 0 || params->rgdispidNamedArgs != nullptr);
+}
+
+bool AllNamed(const LPOLESTR* names, UINT count) {
+  return names != nullptr && count > 0 &&
+         std::all_of(names, names + count, [](LPOLESTR name) { return name != nullptr; });
 }
 
 UniqueVariant ToAutomation(const Variant& input) {

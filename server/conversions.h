@@ -35,9 +35,17 @@ Ref<Object> WrapUnknown(IUnknown* unknown);
 ComPtr<IDispatch> ToDispatch(const Ref<Object>& object);
 ComPtr<IUnknown> ToUnknown(const Ref<Object>& object);
 
-// A VARIANT as a core value; references are followed. Throws `Failure` (type mismatch) for a
-// type the core does not know.
+// A VARIANT from outside as a core value; references are followed. Every VARIANT that comes in
+// is read here and nowhere else: an array by the type and size of elements it really holds, not
+// by the type its tag claims. Throws `Failure` (type mismatch) for a type the core does not know,
+// an array that does not hold what its tag says, a reference to nothing, or nesting past a fixed
+// depth.
 Variant FromAutomation(const VARIANT& value);
+// True when `params` can be read as the caller's arguments: present, with as many named as there
+// are arguments at most, and the lists there for what they count.
+bool WellFormed(const DISPPARAMS* params);
+// True when a GetIDsOfNames request has at least one name and every name is there.
+bool AllNamed(const LPOLESTR* names, UINT count);
 // A core value as an owned VARIANT; references are followed. Throws `Failure` for what has no
 // automation form.
 UniqueVariant ToAutomation(const Variant& value);

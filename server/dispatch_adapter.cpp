@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <new>
+#include <unordered_set>
 
 #include "platform/failure.h"
 #include "platform/variant.h"
@@ -12,33 +13,46 @@ namespace tabforge::com {
 
 namespace {
 
-// Identifies our own adapters behind an IDispatch; answered only by DispatchAdapter.
-// {6A3D8F0E-52B1-4C77-9E4B-1F0C2D7A9B31}
-constexpr IID kIidDispatchAdapter = {
-    0x6a3d8f0e, 0x52b1, 0x4c77, {0x9e, 0x4b, 0x1f, 0x0c, 0x2d, 0x7a, 0x9b, 0x31}};
+// The live adapters, by the address that callers hold. An adapter enters when it is made and
+// leaves in its destructor, before its core object goes.
+SRWLOCK g_adaptersLock = SRWLOCK_INIT;
+std::unordered_set<const IDispatch*> g_adapters;
+
+class ExclusiveLock {
+ public:
+  ExclusiveLock() { ::AcquireSRWLockExclusive(&g_adaptersLock); }
+  ExclusiveLock(const ExclusiveLock&) = delete;
+  ExclusiveLock& operator=(const ExclusiveLock&) = delete;
+  ~ExclusiveLock() { ::ReleaseSRWLockExclusive(&g_adaptersLock); }
+};
 
 }  // namespace
 
 DispatchAdapter::DispatchAdapter(Ref<Object> object) : object_(std::move(object)) {}
-DispatchAdapter::~DispatchAdapter() = default;
+
+DispatchAdapter::~DispatchAdapter() {
+  const ExclusiveLock lock;
+  g_adapters.erase(this);
+}
 
 ComPtr<IDispatch> DispatchAdapter::Create(Ref<Object> object) {
   auto* adapter = new (std::nothrow) DispatchAdapter(std::move(object));
   if (adapter == nullptr)
     Raise(RunTimeError::kOutOfMemory);
-  return ComPtr<IDispatch>::Attach(adapter);
+  auto out = ComPtr<IDispatch>::Attach(adapter);
+  const ExclusiveLock lock;
+  g_adapters.insert(adapter);  // std::bad_alloc releases the adapter on the way out
+  return out;
 }
 
 Ref<Object> DispatchAdapter::Unwrap(IDispatch* dispatch) {
-  void* raw = nullptr;
-  if (dispatch == nullptr || FAILED(dispatch->QueryInterface(kIidDispatchAdapter, &raw)))
+  if (dispatch == nullptr)
     return nullptr;
-  // The query handed out no reference; see QueryInterface.
-  return static_cast<DispatchAdapter*>(raw)->object_;
-}
-
-void* DispatchAdapter::QueryMore(REFIID riid) {
-  return IsEqualIID(riid, kIidDispatchAdapter) ? this : nullptr;
+  // While it is listed the adapter's core object is alive: the destructor waits for the lock.
+  const ExclusiveLock lock;
+  if (g_adapters.count(dispatch) == 0)
+    return nullptr;
+  return static_cast<DispatchAdapter*>(dispatch)->object_;
 }
 
 HRESULT DispatchAdapter::GetTypeInfoCount(UINT* count) {
@@ -50,17 +64,20 @@ HRESULT DispatchAdapter::GetTypeInfo(UINT, LCID, ITypeInfo** out) {
 }
 
 HRESULT DispatchAdapter::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DISPID* ids) {
-  if (names == nullptr || ids == nullptr)
-    return E_POINTER;
+  if (ids == nullptr || count == 0)
+    return E_INVALIDARG;
+  // The member name gets an id; named arguments are not supported.
+  std::fill(ids, ids + count, DISPID_UNKNOWN);
+  if (!AllNamed(names, count))
+    return names == nullptr ? E_INVALIDARG : DISP_E_UNKNOWNNAME;
   return Barrier([&] {
-    // The member name gets an id; named arguments are not supported.
-    for (UINT i = 1; i < count; ++i)
-      ids[i] = DISPID_UNKNOWN;
-    const Utf16String name(reinterpret_cast<const char16_t*>(names[0]));
+    const Utf16String name(NameView(names[0]));
     auto found = std::find_if(names_.begin(), names_.end(), [&](const Utf16String& known) {
       return SameMemberName(known, name);
     });
     if (found == names_.end()) {
+      if (names_.size() >= kMaxNames)
+        return DISP_E_UNKNOWNNAME;
       names_.push_back(name);
       found = names_.end() - 1;
     }
@@ -71,12 +88,15 @@ HRESULT DispatchAdapter::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID
 
 HRESULT DispatchAdapter::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* params,
                                 VARIANT* result, EXCEPINFO* exception, UINT*) {
+  if (!WellFormed(params))
+    return E_INVALIDARG;
   if (id < 1 || static_cast<std::size_t>(id) > names_.size())
     return DISP_E_MEMBERNOTFOUND;
+  const CallHold hold(this);
   return Barrier<FailurePolicy::kException>(
       [&] {
         const Utf16String member = names_[static_cast<std::size_t>(id) - 1];
-        const UINT count = params != nullptr ? params->cArgs : 0;
+        const UINT count = params->cArgs;
         // Arguments in declared order; a VARIANT passed by reference is written back after the
         // call.
         std::vector<Variant> values(count);

@@ -17,9 +17,6 @@ namespace tabforge::com {
 
 namespace {
 
-// Whatever happens inside a member, its caller sees success.
-constexpr FailurePolicy kMemberPolicy = FailurePolicy::kAlwaysSucceed;
-
 Utf16String InString(const BSTR* value) {
   return value != nullptr ? FromBstr(*value) : Utf16String();
 }
@@ -94,8 +91,9 @@ void* ValueOf(VARIANT& v) {
 
 // One argument as a member receives it: a pointer to a value of the parameter's type. The caller's
 // own storage is lent when it holds that type, by reference (also inside a referenced VARIANT, as
-// scripts pass their variables) or by value; the member then reads and writes it in place. A
-// value of another type is coerced into a copy owned here, as the platform coerces it.
+// scripts pass their variables) or by value. A value of another type is coerced into a copy owned
+// here, as the platform coerces it. The members only read their parameters, so nothing is ever
+// written back: a caller's by-value argument is never touched.
 class Argument {
  public:
   Argument() = default;
@@ -103,7 +101,6 @@ class Argument {
   Argument& operator=(const Argument&) = delete;
 
   HRESULT Bind(VARIANT& source, VARTYPE type) {
-    type_ = type;
     if (V_ISBYREF(&source)) {
       VARIANT* variable =
           V_VT(&source) == (VT_BYREF | VT_VARIANT) ? V_VARIANTREF(&source) : nullptr;
@@ -117,23 +114,15 @@ class Argument {
     }
     if (V_VT(&source) == type) {
       value_ = ValueOf(source);
-      lentFrom_ = &source;
       return S_OK;
     }
+    // Arrays never become a parameter's type; nothing of them is read.
+    if ((V_VT(&source) & VT_ARRAY) != 0)
+      return DISP_E_TYPEMISMATCH;
     const HRESULT hr = ::VariantChangeType(copy_.emplace().Put(), &source, 0, type);
     if (SUCCEEDED(hr))
       value_ = ValueOf(*copy_->Get());
     return hr;
-  }
-
-  // Gives a caller's by-value argument the parameter's value in the argument's own type.
-  HRESULT CopyBack(VARIANT& target) const {
-    if (&target == lentFrom_)
-      return S_OK;  // the member worked on it in place
-    VARIANT view;
-    V_VT(&view) = static_cast<VARTYPE>(VT_BYREF | type_);
-    V_BYREF(&view) = value_;
-    return ::VariantChangeType(&target, &view, 0, V_VT(&target));
   }
 
   BSTR* Text() const { return static_cast<BSTR*>(value_); }
@@ -141,9 +130,7 @@ class Argument {
   IDispatch** Object() const { return static_cast<IDispatch**>(value_); }
 
  private:
-  VARTYPE type_ = VT_EMPTY;
   void* value_ = nullptr;
-  const VARIANT* lentFrom_ = nullptr;
   std::optional<UniqueVariant> copy_;  // made only when needed: most calls lend
 };
 
@@ -310,20 +297,27 @@ const Member* FindMember(DISPID id, WORD flags) {
   return nullptr;
 }
 
-// The argument named for parameter `index`; a property put's value names the last parameter.
+// The parameter that named argument `name` stands for: its index, or the last parameter for the
+// value of a property put; -1 for a name of no parameter.
+int ParameterNamed(DISPID name, UINT declared) {
+  if (name == DISPID_PROPERTYPUT)
+    return static_cast<int>(declared) - 1;
+  return name >= 0 && static_cast<UINT>(name) < declared ? static_cast<int>(name) : -1;
+}
+
+// The argument named for parameter `index`, the first if it is named twice.
 VARIANT* NamedArgument(const DISPPARAMS& params, UINT index, UINT declared) {
   for (UINT j = 0; j < params.cNamedArgs; ++j) {
-    const DISPID name = params.rgdispidNamedArgs[j];
-    if (name == static_cast<DISPID>(index) || (index == declared - 1 && name == DISPID_PROPERTYPUT))
+    if (ParameterNamed(params.rgdispidNamedArgs[j], declared) == static_cast<int>(index))
       return &params.rgvarg[j];
   }
   return nullptr;
 }
 
-// A type mismatch says which argument, by its place in rgvarg.
+// A type mismatch or a name of no parameter says which argument, by its place in rgvarg.
 HRESULT ArgumentFailure(HRESULT hr, const DISPPARAMS& params, const VARIANT& argument,
                         UINT* argumentError) {
-  if (hr == DISP_E_TYPEMISMATCH && argumentError != nullptr)
+  if ((hr == DISP_E_TYPEMISMATCH || hr == DISP_E_PARAMNOTFOUND) && argumentError != nullptr)
     *argumentError = static_cast<UINT>(&argument - params.rgvarg);
   return hr;
 }
@@ -390,8 +384,15 @@ HRESULT Main2Object::GetTypeInfo(UINT index, LCID, ITypeInfo** out) {
 HRESULT Main2Object::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DISPID* ids) {
   // A member's own name, the one question that scripts and macros ask, is answered from the table.
   // Parameter names and the names of no member of _Main2 go to the type library, which knows them
-  // (the inherited IUnknown and IDispatch members included) and answers them as the platform does.
-  if (names != nullptr && ids != nullptr && count == 1 && names[0] != nullptr) {
+  // (the inherited IUnknown and IDispatch members included) and answers them as the platform does
+  // once every name is known to be there.
+  if (ids == nullptr || count == 0)
+    return E_INVALIDARG;
+  if (!AllNamed(names, count)) {
+    std::fill(ids, ids + count, DISPID_UNKNOWN);
+    return names == nullptr ? E_INVALIDARG : DISP_E_UNKNOWNNAME;
+  }
+  if (count == 1) {
     for (const Member& member : kMembers) {
       if (IsNameOf(NameView(names[0]), member.name)) {
         ids[0] = member.id;
@@ -402,15 +403,15 @@ HRESULT Main2Object::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DI
   return ::DispGetIDsOfNames(typeInfo_.Get(), names, count, ids);
 }
 
-// The steps, their order and the answer of each failure are the type library's own Invoke for this
+// The steps, their order and the answer of each failure are the platform's own Invoke for this
 // interface, so that a caller cannot tell the two apart, with two additions: `Set obj.ribbon = r`
-// is taken, and a type mismatch names its argument in puArgErr, where the platform here leaves it
-// as it was. What is left out is reading the type information on every call.
+// is taken, and a type mismatch names its argument in puArgErr. Every argument must be bound to a
+// parameter: one too many answers DISP_E_BADPARAMCOUNT and a name of no parameter
+// DISP_E_PARAMNOTFOUND, as on Windows. What is left out is reading the type information on every
+// call.
 HRESULT Main2Object::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* params,
                             VARIANT* result, EXCEPINFO*, UINT* argumentError) {
-  if (params == nullptr || params->cNamedArgs > params->cArgs ||
-      (params->cArgs > 0 && params->rgvarg == nullptr) ||
-      (params->cNamedArgs > 0 && params->rgdispidNamedArgs == nullptr))
+  if (!WellFormed(params))
     return E_INVALIDARG;
   const Member* member = FindMember(id, flags);
   if (member == nullptr)
@@ -421,42 +422,37 @@ HRESULT Main2Object::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* par
 
   const UINT inputs = member->Inputs();
   const UINT declared = inputs + (member->answer != Slot::kNone ? 1 : 0);
+  for (UINT j = 0; j < params->cNamedArgs; ++j) {
+    if (ParameterNamed(params->rgdispidNamedArgs[j], declared) < 0)
+      return ArgumentFailure(DISP_E_PARAMNOTFOUND, *params, params->rgvarg[j], argumentError);
+  }
+  // The answer is the last parameter and the caller's result, never an argument. (No member is a
+  // property read with nothing but an answer, the one case where the platform takes an argument
+  // there to index the answer.)
+  if (params->cArgs > inputs || NamedArgument(*params, inputs, declared) != nullptr)
+    return DISP_E_BADPARAMCOUNT;
+
+  const CallHold hold(this);
   Argument arguments[kMaxInputs];
+  const UINT unnamed = params->cArgs - params->cNamedArgs;
   UINT positional = 0;
-  for (UINT i = 0; i < declared; ++i) {
+  UINT bound = 0;
+  for (UINT i = 0; i < inputs; ++i) {
     VARIANT* source = NamedArgument(*params, i, declared);
-    if (source == nullptr && positional + params->cNamedArgs < params->cArgs)
+    if (source == nullptr && positional < unnamed)
       source = &params->rgvarg[params->cArgs - 1 - positional++];
-    if (i == inputs) {
-      // The answer is the last parameter and the caller's result, never an argument. (No member
-      // is a property read with nothing but an answer, the one case where the platform takes an
-      // argument there to index the answer.)
-      if (i < params->cArgs)
-        return DISP_E_BADPARAMCOUNT;
-      continue;
-    }
     if (source == nullptr)
       return DISP_E_BADPARAMCOUNT;
+    ++bound;
     const HRESULT hr = arguments[i].Bind(*source, TypeOf(member->inputs[i]));
     if (FAILED(hr))
       return ArgumentFailure(hr, *params, *source, argumentError);
   }
+  if (bound != params->cArgs)
+    return DISP_E_BADPARAMCOUNT;  // an argument named twice, or one that nothing takes
 
   Answer answer;
   Call(*this, member->id, arguments, answer);
-
-  // Arguments passed by value get back what the member left in its parameter, converted to the
-  // type they came in; the platform matches them to parameters by position alone here, named or
-  // not.
-  positional = 0;
-  for (UINT i = 0; i < inputs && positional < params->cArgs; ++i, ++positional) {
-    VARIANT& target = params->rgvarg[params->cArgs - 1 - positional];
-    if (V_ISBYREF(&target))
-      continue;
-    const HRESULT hr = arguments[i].CopyBack(target);
-    if (FAILED(hr))
-      return ArgumentFailure(hr, *params, target, argumentError);
-  }
   if (result != nullptr)
     answer.HandTo(member->answer, *result);
   return S_OK;
@@ -465,71 +461,70 @@ HRESULT Main2Object::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* par
 // --- The members --------------------------------------------------------------------------------
 
 HRESULT Main2Object::Initialize(IDispatch** eventSignaller, BSTR* productName) {
-  return Barrier<kMemberPolicy>(
-      [&] { core_.Initialize(InObject(eventSignaller), InString(productName)); });
+  return Guarded([&] { core_.Initialize(InObject(eventSignaller), InString(productName)); });
 }
 
 HRESULT Main2Object::put_ribbon(IDispatch** value) {
-  return Barrier<kMemberPolicy>([&] { core_.ribbon(InObject(value)); });
+  return Guarded([&] { core_.ribbon(InObject(value)); });
 }
 
 HRESULT Main2Object::GetRibbonXML(BSTR* result) {
   ClearResult(result);
-  return Barrier<kMemberPolicy>([&] { SetResult(result, core_.GetRibbonXML()); });
+  return Guarded([&] { SetResult(result, core_.GetRibbonXML()); });
 }
 
 HRESULT Main2Object::productNameChanged(BSTR* productName) {
-  return Barrier<kMemberPolicy>([&] { core_.productNameChanged(InString(productName)); });
+  return Guarded([&] { core_.productNameChanged(InString(productName)); });
 }
 
 HRESULT Main2Object::get_GetLabel(BSTR* idStr, BSTR* result) {
   ClearResult(result);
-  return Barrier<kMemberPolicy>([&] { SetResult(result, core_.GetLabel(InString(idStr))); });
+  return Guarded([&] { SetResult(result, core_.GetLabel(InString(idStr))); });
 }
 
 HRESULT Main2Object::get_GetEnabled(BSTR* idStr, VARIANT_BOOL* result) {
   ClearResult(result);
-  return Barrier<kMemberPolicy>([&] { SetResult(result, core_.GetEnabled(InString(idStr))); });
+  return Guarded([&] { SetResult(result, core_.GetEnabled(InString(idStr))); });
 }
 
 HRESULT Main2Object::get_GetPressed(BSTR* idStr, VARIANT_BOOL* result) {
   ClearResult(result);
-  return Barrier<kMemberPolicy>([&] { SetResult(result, core_.GetPressed(InString(idStr))); });
+  return Guarded([&] { SetResult(result, core_.GetPressed(InString(idStr))); });
 }
 
 HRESULT Main2Object::get_GetScreentip(BSTR* idStr, BSTR* result) {
   ClearResult(result);
-  return Barrier<kMemberPolicy>([&] { SetResult(result, core_.GetScreentip(InString(idStr))); });
+  return Guarded([&] { SetResult(result, core_.GetScreentip(InString(idStr))); });
 }
 
 HRESULT Main2Object::get_GetImage(BSTR* idStr, IPictureDisp** result) {
   ClearResult(result);
-  return Barrier<kMemberPolicy>([&] { SetResult(result, core_.GetImage(InString(idStr))); });
+  return Guarded([&] { SetResult(result, core_.GetImage(InString(idStr))); });
 }
 
 HRESULT Main2Object::LoadImage(BSTR* id, IPictureDisp** result) {
   ClearResult(result);
-  return Barrier<kMemberPolicy>([&] { SetResult(result, core_.LoadImage(InString(id))); });
+  return Guarded([&] { SetResult(result, core_.LoadImage(InString(id))); });
 }
 
 HRESULT Main2Object::RibbonCallback(BSTR* idStr, VARIANT_BOOL* isOn) {
-  return Barrier<kMemberPolicy>([&] { core_.RibbonCallback(InString(idStr), InBool(isOn)); });
+  return Guarded([&] { core_.RibbonCallback(InString(idStr), InBool(isOn)); });
 }
 
 HRESULT Main2Object::EnableGotoQuickBookmark(VARIANT_BOOL* value) {
-  return Barrier<kMemberPolicy>([&] { core_.EnableGotoQuickBookmark(InBool(value)); });
+  return Guarded([&] { core_.EnableGotoQuickBookmark(InBool(value)); });
 }
 
 HRESULT Main2Object::UpdateLexoscopeIcon(VARIANT_BOOL* enable) {
-  return Barrier<kMemberPolicy>([&] { core_.UpdateLexoscopeIcon(InBool(enable)); });
+  return Guarded([&] { core_.UpdateLexoscopeIcon(InBool(enable)); });
 }
 
 HRESULT Main2Object::EnableToolbar(VARIANT_BOOL* value) {
-  return Barrier<kMemberPolicy>([&] { core_.EnableToolbar(InBool(value)); });
+  return Guarded([&] { core_.EnableToolbar(InBool(value)); });
 }
 
 HRESULT Main2Object::activateMorvelinTab(IDispatch** RibbonCommandBar) {
-  return Barrier<kMemberPolicy>([&] { core_.activateMorvelinTab(InObject(RibbonCommandBar)); });
+  return Guarded([&] { core_.activateMorvelinTab(InObject(RibbonCommandBar)); });
 }
 
 }  // namespace tabforge::com

@@ -8,9 +8,12 @@
 // <windows.h> names LoadImageW as LoadImage; the member of _Main2 keeps its own name.
 #undef LoadImage
 
+#include <utility>
+
 #include "Tabforge_h.h"
 #include "ribbon/main2.h"
 #include "server/apartment.h"
+#include "server/barrier.h"
 #include "server/com_object.h"
 #include "server/com_ptr.h"
 
@@ -60,6 +63,13 @@ class Main2Object final : public ComObject<Main2Object, _Main2> {
   friend class ComObject<Main2Object, _Main2>;
   Main2Object(VbwProtector& protector, ComPtr<ITypeInfo> typeInfo);
   ~Main2Object() = default;
+
+  // Runs a member's body with the object held for the call; the member succeeds whatever happens.
+  template <class Body>
+  HRESULT Guarded(Body&& body) {
+    const CallHold hold(this);
+    return Barrier<FailurePolicy::kAlwaysSucceed>(std::forward<Body>(body));
+  }
 
   ComPtr<ITypeInfo> typeInfo_;
   Main2 core_;

@@ -38,13 +38,15 @@ class ClassFactory final : public IClassFactory {
     *out = nullptr;
     return E_NOINTERFACE;
   }
-  // The factory is a static object of the module; holding it keeps the module loaded.
+  // The factory is a static object of the module; holding it keeps the module loaded. A release
+  // or an unlock that was never taken changes nothing: no caller can bring the module's count
+  // below what live objects and honest holders keep.
   ULONG STDMETHODCALLTYPE AddRef() override {
-    tabforge::com::ModuleAddRef();
+    Take(references_);
     return 2;
   }
   ULONG STDMETHODCALLTYPE Release() override {
-    tabforge::com::ModuleRelease();
+    Give(references_);
     return 1;
   }
   HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown* outer, REFIID riid, void** out) override {
@@ -57,11 +59,28 @@ class ClassFactory final : public IClassFactory {
   }
   HRESULT STDMETHODCALLTYPE LockServer(BOOL lock) override {
     if (lock)
-      tabforge::com::ModuleAddRef();
+      Take(locks_);
     else
-      tabforge::com::ModuleRelease();
+      Give(locks_);
     return S_OK;
   }
+
+ private:
+  static void Take(LONG& count) {
+    ::InterlockedIncrement(&count);
+    tabforge::com::ModuleAddRef();
+  }
+  static void Give(LONG& count) {
+    for (LONG held = count; held > 0; held = count) {
+      if (::InterlockedCompareExchange(&count, held - 1, held) == held) {
+        tabforge::com::ModuleRelease();
+        return;
+      }
+    }
+  }
+
+  LONG references_ = 0;
+  LONG locks_ = 0;
 };
 
 #pragma GCC diagnostic pop

@@ -1,0 +1,453 @@
+// A hostile caller of the registered Tabforge.dll: thousands of seeded calls through IDispatch
+// with every dispatch id and flag, argument counts past the declared ones, named arguments that
+// name nothing, every kind of VARIANT (references to references, arrays whose tag lies about
+// their elements, an array that holds itself, null and huge strings), and collaborators that
+// fail, answer the wrong types, call back, or let go of the last reference to Main2 while it is
+// running. After each call the caller's by-value strings are as they were, puArgErr names an
+// argument or is untouched, the call came back within its bound and every VARIANT clears; at the
+// end every object is released and the DLL unloads. Wine's heap checks (scripts/run-under-wine.sh)
+// fail the run on any block freed twice.
+//
+//   adversary.exe [--seed N] [--calls N] [--only K] [--verbose 1]
+//
+// Each call is made by its own generator from the seed and its number, on a Main2 of its own, so
+// that `--only K` replays call K alone.
+#include <windows.h>
+
+#include <ole2.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "server/tests/host_doubles.h"
+#include "server/windows_platform.h"
+
+namespace {
+
+unsigned g_seed = 1;
+long g_calls = 3000;
+long g_only = -1;
+bool g_verbose = false;
+
+constexpr ULONGLONG kCallBound = 5000;  // milliseconds: a call that takes longer holds the host
+constexpr UINT kUntouched = 0xDEADBEEF;
+constexpr int kMaxDepth = 3;
+
+using Random = std::mt19937;
+unsigned Pick(Random& r, unsigned n) {
+  return std::uniform_int_distribution<unsigned>(0, n - 1)(r);
+}
+bool Chance(Random& r, unsigned percent) {
+  return Pick(r, 100) < percent;
+}
+
+constexpr DISPID kMembers[] = {0x60030007, 0x68030006, 0x60030009, 0x6003000C, 0x68030005,
+                               0x68030004, 0x68030003, 0x68030002, 0x68030000, 0x6003000D,
+                               0x6003000F, 0x60030010, 0x60030011, 0x60030013, 0x60030014};
+constexpr const wchar_t* kTexts[] = {L"MVN5", L"MVN23", L"MVN0",     L"Quill",           L"True",
+                                     L"5",    L"-1",    L"Morvelin", L"InsertReference", L""};
+
+// What one call allocates for its arguments: the values that references point at, and arrays
+// that hold themselves, whose loop is cut before they are freed.
+struct Arena {
+  std::deque<UniqueVariant> targets;
+  std::vector<SAFEARRAY*> loops;
+  ~Arena() { CutLoops(); }
+  void CutLoops() {
+    for (SAFEARRAY* array : loops)
+      ::VariantInit(static_cast<VARIANT*>(array->pvData));
+    loops.clear();
+  }
+};
+
+class Hostile;
+// A VARIANT of any kind in `v`. Only the caller's own arguments (`mayLoop`) may be an array that
+// holds itself: nobody can copy or clear one, so it is never handed back to the library to free.
+void Make(Random& r, VARIANT& v, Arena& arena, Hostile& object, int depth, bool mayLoop = false);
+
+BSTR MakeText(Random& r) {
+  switch (Pick(r, 8)) {
+    case 0:
+      return nullptr;
+    case 1:
+      return ::SysAllocStringLen(std::wstring(100000, L'M').c_str(), 100000);
+    case 2:
+      return ::SysAllocStringLen(L"MVN5\0MVN23", 10);
+    default:
+      return ::SysAllocString(kTexts[Pick(r, std::size(kTexts))]);
+  }
+}
+
+SAFEARRAY* MakeArray(Random& r, VARTYPE element, Arena& arena, Hostile& object, int depth) {
+  SAFEARRAYBOUND bounds[3];
+  const UINT dims = Chance(r, 85) ? 1 : 2 + Pick(r, 2);
+  for (SAFEARRAYBOUND& b : bounds)
+    b = {Pick(r, 5), static_cast<LONG>(Pick(r, 7)) - 3};
+  SAFEARRAY* array = ::SafeArrayCreate(element, dims, bounds);
+  if (array == nullptr || dims != 1)
+    return array;
+  for (LONG i = 0; i < static_cast<LONG>(bounds[0].cElements); ++i) {
+    LONG at = bounds[0].lLbound + i;
+    UniqueVariant value;
+    Make(r, *value.Get(), arena, object, depth + 1);
+    UniqueVariant converted;
+    void* slot = nullptr;
+    if (element == VT_VARIANT) {
+      slot = value.Get();
+    } else if (SUCCEEDED(::VariantChangeType(converted.Put(), value.Get(), 0, element))) {
+      slot = element == VT_BSTR || element == VT_DISPATCH
+                 ? V_BSTR(converted.Get())
+                 : static_cast<void*>(&V_UI1(converted.Get()));
+    }
+    if (slot != nullptr)
+      ::SafeArrayPutElement(array, &at, slot);
+  }
+  return array;
+}
+
+// A collaborator of the host's: the signalling object, the ribbon or the command bar. Each call
+// gives it a way to behave, drawn from the call's generator.
+class Hostile final : public DispatchDouble<IRibbonUI> {
+ public:
+  enum Mode { kWell, kFail, kWrongTypes, kLetGo, kCallBack, kModes };
+
+  HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID,
+                                          DISPID* ids) override {
+    if (names == nullptr || ids == nullptr || count == 0 || names[0] == nullptr)
+      return E_INVALIDARG;
+    auto [entry, added] = idsByName.emplace(names[0], static_cast<DISPID>(idsByName.size() + 1));
+    ids[0] = entry->second;
+    return count == 1 ? S_OK : DISP_E_UNKNOWNNAME;
+  }
+  HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* params,
+                                   VARIANT* result, EXCEPINFO* exception, UINT*) override {
+    std::wstring member;
+    for (const auto& [name, known] : idsByName)
+      member = known == id ? name : member;
+    if (mode == kWell && member == L"getToolbarIconBits" && result != nullptr) {
+      V_VT(result) = VT_ARRAY | VT_UI1;
+      V_ARRAY(result) = ::SafeArrayCreateVector(VT_UI1, 0, 4);
+      return S_OK;
+    }
+    if (mode == kWrongTypes) {
+      for (UINT i = 0; params != nullptr && i < params->cArgs; ++i) {
+        VARIANT& argument = params->rgvarg[i];
+        if (V_VT(&argument) == (VT_BYREF | VT_VARIANT) && V_VARIANTREF(&argument) != nullptr) {
+          ::VariantClear(V_VARIANTREF(&argument));
+          Make(random, *V_VARIANTREF(&argument), *arena, *this, kMaxDepth - 1);
+        }
+      }
+      if (result != nullptr)
+        Make(random, *result, *arena, *this, 0);
+    }
+    return Behave(exception);
+  }
+  HRESULT STDMETHODCALLTYPE Invalidate() override { return Behave(nullptr); }
+  HRESULT STDMETHODCALLTYPE InvalidateControl(BSTR) override { return Behave(nullptr); }
+
+  HRESULT Behave(EXCEPINFO* exception) {
+    if (mode == kLetGo)
+      main.Reset();
+    if (mode == kCallBack && main && depth < 2) {
+      ++depth;
+      Random again(random());
+      CallBack(again);
+      --depth;
+    }
+    if (mode != kFail)
+      return S_OK;
+    if (exception != nullptr && Chance(random, 50)) {
+      exception->scode = static_cast<HRESULT>(0x800A0000 | Pick(random, 100));
+      exception->bstrDescription = ::SysAllocString(L"refused");
+      return DISP_E_EXCEPTION;
+    }
+    constexpr HRESULT kFailures[] = {E_FAIL, E_OUTOFMEMORY, static_cast<HRESULT>(0x800A0007),
+                                     RPC_E_DISCONNECTED, DISP_E_TYPEMISMATCH};
+    return kFailures[Pick(random, std::size(kFailures))];
+  }
+
+  // A well-formed call of a member of Main2, from inside a call of Main2.
+  void CallBack(Random& r) {
+    UniqueVariant argument;
+    V_VT(argument.Get()) = VT_BSTR;
+    V_BSTR(argument.Get()) = ::SysAllocString(kTexts[Pick(r, 3)]);
+    DISPPARAMS params{argument.Get(), nullptr, 1, 0};
+    UniqueVariant result;
+    main->Invoke(kMembers[Pick(r, std::size(kMembers))], IID_NULL, 0,
+                 DISPATCH_METHOD | DISPATCH_PROPERTYGET, &params, result.Put(), nullptr, nullptr);
+  }
+
+  Mode mode = kWell;
+  Random random;
+  Arena* arena = nullptr;
+  ComPtr<IDispatch> main;  // the reference it lets go of, or calls back into
+  int depth = 0;
+  std::map<std::wstring, DISPID> idsByName;
+};
+
+void Make(Random& r, VARIANT& v, Arena& arena, Hostile& object, int depth, bool mayLoop) {
+  ::VariantInit(&v);
+  const unsigned kind = Pick(r, depth < kMaxDepth ? 14 : 12);
+  constexpr VARTYPE kScalars[] = {VT_R8,  VT_CY, VT_DATE, VT_DECIMAL, VT_I1,  VT_UI2,
+                                  VT_UI4, VT_I8, VT_UI8,  VT_INT,     VT_UINT};
+  constexpr VARTYPE kElements[] = {VT_UI1, VT_I2, VT_I4, VT_BSTR, VT_VARIANT, VT_DISPATCH, VT_BOOL};
+  switch (kind) {
+    case 0:
+      break;
+    case 1:
+      V_VT(&v) = VT_NULL;
+      break;
+    case 2:
+      V_VT(&v) = VT_I2;
+      V_I2(&v) = static_cast<SHORT>(r());
+      break;
+    case 3:
+      V_VT(&v) = VT_I4;
+      V_I4(&v) = Chance(r, 50) ? static_cast<LONG>(Pick(r, 30)) : static_cast<LONG>(r());
+      break;
+    case 4:
+    case 5:
+      V_VT(&v) = VT_BSTR;
+      V_BSTR(&v) = MakeText(r);
+      break;
+    case 6:
+      V_VT(&v) = Chance(r, 50) ? VT_DISPATCH : VT_UNKNOWN;
+      V_DISPATCH(&v) = Chance(r, 20) ? nullptr : &object;
+      if (V_DISPATCH(&v) != nullptr)
+        object.AddRef();
+      break;
+    case 7:
+      V_VT(&v) = VT_BOOL;
+      V_BOOL(&v) = static_cast<VARIANT_BOOL>(Chance(r, 70) ? -static_cast<int>(Pick(r, 2)) : r());
+      break;
+    case 8: {
+      V_VT(&v) = VT_I4;
+      V_I4(&v) = static_cast<LONG>(r());
+      ::VariantChangeType(&v, &v, 0, kScalars[Pick(r, std::size(kScalars))]);
+      break;
+    }
+    case 9:
+      V_VT(&v) = VT_ERROR;
+      V_ERROR(&v) = DISP_E_PARAMNOTFOUND;
+      break;
+    case 10:
+      // No value of automation: a VARIANT by value, a type that is no type.
+      V_VT(&v) = Chance(r, 50) ? VARTYPE{VT_VARIANT} : static_cast<VARTYPE>(0x0FFF & r());
+      if (V_VT(&v) == VT_RECORD || V_VT(&v) >= VT_BSTR_BLOB || (V_VT(&v) & 0xF000) != 0)
+        V_VT(&v) = VT_VARIANT;
+      break;
+    case 11: {
+      // A reference: to a value, to a variant that may itself be a reference, or to nothing.
+      UniqueVariant& target = arena.targets.emplace_back();
+      Make(r, *target.Get(), arena, object, depth + 1);
+      const VARTYPE held = V_VT(target.Get());
+      if (Chance(r, 10)) {
+        V_VT(&v) = VT_BYREF | (Chance(r, 50) ? VT_BSTR : VT_VARIANT);
+        V_BYREF(&v) = nullptr;
+      } else if (Chance(r, 50) || held == VT_EMPTY || held == VT_VARIANT || (held & VT_BYREF)) {
+        V_VT(&v) = VT_BYREF | VT_VARIANT;
+        V_VARIANTREF(&v) = target.Get();
+      } else {
+        V_VT(&v) = static_cast<VARTYPE>(VT_BYREF | held);
+        V_BYREF(&v) = &V_UI1(target.Get());
+      }
+      break;
+    }
+    default: {
+      // An array whose tag is its element type or, a time in three, another one.
+      const VARTYPE element = kElements[Pick(r, std::size(kElements))];
+      SAFEARRAY* array = MakeArray(r, element, arena, object, depth);
+      V_VT(&v) = VT_ARRAY | (Chance(r, 33) ? kElements[Pick(r, std::size(kElements))] : element);
+      V_ARRAY(&v) = array;
+      if (mayLoop && array != nullptr && element == VT_VARIANT && array->cDims == 1 &&
+          array->rgsabound[0].cElements > 0 && Chance(r, 20)) {
+        // The first element is the array itself.
+        auto* first = static_cast<VARIANT*>(array->pvData);
+        ::VariantClear(first);
+        V_VT(first) = VT_ARRAY | VT_VARIANT;
+        V_ARRAY(first) = array;
+        arena.loops.push_back(array);
+      }
+      break;
+    }
+  }
+}
+
+// One hostile call, made and checked.
+void Attack(long number, ErrorComponent& component, Hostile (&parties)[3]) {
+  Random r(g_seed * 1000003u + static_cast<unsigned>(number));
+  SCOPED_TRACE(::testing::Message() << "--seed " << g_seed << " --only " << number);
+  Arena arena;
+  ComPtr<IDispatch> main = CreateMain2();
+  ASSERT_TRUE(main);
+  for (Hostile& party : parties) {
+    party.mode = Hostile::kWell;
+    party.random.seed(r());
+    party.arena = &arena;
+    party.main.Reset();
+    party.idsByName.clear();
+  }
+  component.answers.clear();
+  for (unsigned i = Pick(r, 4); i > 0; --i)
+    component.answers.push_back(static_cast<LONG>(4 + Pick(r, 5)));
+  component.keepObjects = Chance(r, 20);
+  component.failOpenDump = Chance(r, 20);
+
+  // Most calls meet a Main2 that knows its signalling object and its ribbon.
+  if (Chance(r, 80)) {
+    VARIANT set[2];
+    V_VT(&set[1]) = VT_DISPATCH;
+    V_DISPATCH(&set[1]) = &parties[0];
+    V_VT(&set[0]) = VT_BSTR;
+    V_BSTR(&set[0]) = ::SysAllocString(Chance(r, 50) ? L"Morvelin" : L"Quill");
+    DISPPARAMS params{set, nullptr, 2, 0};
+    main->Invoke(kMembers[0], IID_NULL, 0, DISPATCH_METHOD, &params, nullptr, nullptr, nullptr);
+    ::SysFreeString(V_BSTR(&set[0]));
+    DISPID put = DISPID_PROPERTYPUT;
+    V_DISPATCH(&set[0]) = &parties[1];
+    V_VT(&set[0]) = VT_DISPATCH;
+    DISPPARAMS ribbon{set, &put, 1, 1};
+    main->Invoke(kMembers[1], IID_NULL, 0, DISPATCH_PROPERTYPUTREF, &ribbon, nullptr, nullptr,
+                 nullptr);
+  }
+  for (Hostile& party : parties)
+    party.mode = static_cast<Hostile::Mode>(Pick(r, Hostile::kModes));
+
+  // The call: any id, any flags, any number of arguments of any kind, some named.
+  const unsigned which = Pick(r, 20);
+  const DISPID id = which < 15   ? kMembers[which]
+                    : which < 17 ? (which == 15 ? DISPID_VALUE : DISPID_PROPERTYPUT)
+                                 : static_cast<DISPID>(r());
+  const WORD flags = static_cast<WORD>(Pick(r, 16));
+  const UINT count = Pick(r, 5);
+  std::vector<VARIANT> arguments(count);
+  for (VARIANT& argument : arguments)
+    Make(r, argument, arena, parties[Pick(r, 3)], 0, true);
+  std::vector<DISPID> named(Pick(r, count + 1));
+  for (DISPID& name : named)
+    name = Chance(r, 40)   ? DISPID_PROPERTYPUT
+           : Chance(r, 70) ? Pick(r, 3)
+                           : static_cast<DISPID>(r());
+  // The by-value strings as they went in.
+  std::vector<std::wstring> texts(count);
+  std::vector<BSTR> pointers(count);
+  for (UINT i = 0; i < count; ++i) {
+    if (V_VT(&arguments[i]) == VT_BSTR && V_BSTR(&arguments[i]) != nullptr) {
+      pointers[i] = V_BSTR(&arguments[i]);
+      texts[i].assign(pointers[i], ::SysStringLen(pointers[i]));
+    }
+  }
+  DISPPARAMS params{arguments.data(), named.data(), count, static_cast<UINT>(named.size())};
+  UniqueVariant result;
+  EXCEPINFO exception{};
+  UINT argumentError = kUntouched;
+  const bool withResult = Chance(r, 80);
+  const bool withException = Chance(r, 50);
+  const bool withError = Chance(r, 80);
+  IDispatch* raw = main.Get();
+  if (Chance(r, 30))
+    parties[Pick(r, 3)].main = std::move(main);  // the only reference, which it may let go of
+  else
+    for (Hostile& party : parties)
+      party.main = main;
+
+  const ULONGLONG start = ::GetTickCount64();
+  raw->Invoke(id, IID_NULL, 0, flags, &params, withResult ? result.Get() : nullptr,
+              withException ? &exception : nullptr, withError ? &argumentError : nullptr);
+  EXPECT_LT(::GetTickCount64() - start, kCallBound) << "id " << id << " flags " << flags;
+
+  for (UINT i = 0; i < count; ++i) {
+    if (pointers[i] != nullptr) {
+      EXPECT_EQ(V_VT(&arguments[i]), VT_BSTR);
+      EXPECT_EQ(V_BSTR(&arguments[i]), pointers[i]);
+      EXPECT_EQ(std::wstring(pointers[i], ::SysStringLen(pointers[i])), texts[i]);
+    }
+  }
+  EXPECT_TRUE(argumentError == kUntouched || argumentError < count) << argumentError;
+  ::SysFreeString(exception.bstrDescription);
+  ::SysFreeString(exception.bstrSource);
+  ::SysFreeString(exception.bstrHelpFile);
+  arena.CutLoops();
+  for (VARIANT& argument : arguments)
+    ::VariantClear(&argument);
+
+  // Names: odd counts, missing names, names in any case.
+  LPOLESTR names[3] = {const_cast<LPOLESTR>(L"getlabel"), nullptr, const_cast<LPOLESTR>(L"idStr")};
+  DISPID ids[3] = {};
+  if (ComPtr<IDispatch> again = CreateMain2())
+    again->GetIDsOfNames(IID_NULL, Chance(r, 20) ? nullptr : names + Pick(r, 2), Pick(r, 4), 0,
+                         Chance(r, 10) ? nullptr : ids);
+
+  // The objects handed to the error component take the same arguments.
+  for (const ComPtr<IDispatch>& kept : component.kept) {
+    std::vector<VARIANT> more(Pick(r, 3));
+    for (VARIANT& argument : more)
+      Make(r, argument, arena, parties[0], 0);
+    DISPPARAMS moreParams{more.data(), nullptr, static_cast<UINT>(more.size()), 0};
+    UniqueVariant answer;
+    kept->Invoke(static_cast<DISPID>(Pick(r, 6)), IID_NULL, 0, static_cast<WORD>(Pick(r, 16)),
+                 &moreParams, answer.Put(), nullptr, nullptr);
+    kept->GetIDsOfNames(IID_NULL, names + Pick(r, 2), Pick(r, 4), 0, ids);
+    arena.CutLoops();
+    for (VARIANT& argument : more)
+      ::VariantClear(&argument);
+  }
+  component.kept.clear();
+  component.errors.clear();
+  for (Hostile& party : parties)
+    party.main.Reset();
+}
+
+TEST(Adversary, SurvivesSeededHostileCalls) {
+  HMODULE library = nullptr;
+  Hostile parties[3];
+  {
+    Apartment apartment;
+    ErrorComponent component;
+    const long first = g_only >= 0 ? g_only : 0;
+    const long last = g_only >= 0 ? g_only + 1 : g_calls;
+    for (long number = first; number < last && !HasFatalFailure(); ++number) {
+      if (g_verbose)
+        std::fprintf(stderr, "call %ld\n", number);
+      Attack(number, component, parties);
+      if (library == nullptr)
+        library = ::GetModuleHandleW(L"Tabforge.dll");
+    }
+    ASSERT_NE(library, nullptr);
+    const auto canUnloadNow = reinterpret_cast<HRESULT(STDAPICALLTYPE*)()>(
+        reinterpret_cast<void*>(::GetProcAddress(library, "DllCanUnloadNow")));
+    ASSERT_NE(canUnloadNow, nullptr);
+    EXPECT_EQ(canUnloadNow(), S_OK) << "an object of the library is still alive";
+    ::CoFreeUnusedLibrariesEx(0, 0);
+    EXPECT_EQ(::GetModuleHandleW(L"Tabforge.dll"), nullptr);
+  }
+  for (const Hostile& party : parties)
+    EXPECT_EQ(party.references, 1u) << "a collaborator was not released";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  ::testing::InitGoogleTest(&argc, argv);
+  for (int i = 1; i + 1 < argc; i += 2) {
+    const std::string option = argv[i];
+    const long value = std::strtol(argv[i + 1], nullptr, 10);
+    if (option == "--seed")
+      g_seed = static_cast<unsigned>(value);
+    else if (option == "--calls")
+      g_calls = value;
+    else if (option == "--only")
+      g_only = value;
+    else if (option == "--verbose")
+      g_verbose = value != 0;
+  }
+  return RUN_ALL_TESTS();
+}
