@@ -27,6 +27,10 @@
 #include <string>
 #include <vector>
 
+#include "Tabforge_h.h"
+#include "platform/failure.h"
+#include "server/conversions.h"
+#include "server/dispatch_adapter.h"
 #include "server/tests/host_doubles.h"
 #include "server/windows_platform.h"
 
@@ -69,6 +73,15 @@ struct Arena {
 };
 
 class Hostile;
+// What the library answers DllCanUnloadNow; S_OK also when it is not loaded.
+HRESULT CanUnloadNow() {
+  HMODULE library = ::GetModuleHandleW(L"Tabforge.dll");
+  const auto answer = reinterpret_cast<HRESULT(STDAPICALLTYPE*)()>(
+      library != nullptr ? reinterpret_cast<void*>(::GetProcAddress(library, "DllCanUnloadNow"))
+                         : nullptr);
+  return answer != nullptr ? answer() : S_OK;
+}
+
 // A VARIANT of any kind in `v`. Only the caller's own arguments (`mayLoop`) may be an array that
 // holds itself: nobody can copy or clear one, so it is never handed back to the library to free.
 void Make(Random& r, VARIANT& v, Arena& arena, Hostile& object, int depth, bool mayLoop = false);
@@ -154,8 +167,10 @@ class Hostile final : public DispatchDouble<IRibbonUI> {
   HRESULT STDMETHODCALLTYPE InvalidateControl(BSTR) override { return Behave(nullptr); }
 
   HRESULT Behave(EXCEPINFO* exception) {
-    if (mode == kLetGo)
+    if (mode == kLetGo && main) {
       main.Reset();
+      aliveAfterLetGo = CanUnloadNow() == S_FALSE;
+    }
     if (mode == kCallBack && main && depth < 2) {
       ++depth;
       Random again(random());
@@ -191,6 +206,7 @@ class Hostile final : public DispatchDouble<IRibbonUI> {
   ComPtr<IDispatch> main;  // the reference it lets go of, or calls back into
   int depth = 0;
   std::map<std::wstring, DISPID> idsByName;
+  bool aliveAfterLetGo = false;
 };
 
 void Make(Random& r, VARIANT& v, Arena& arena, Hostile& object, int depth, bool mayLoop) {
@@ -422,15 +438,171 @@ TEST(Adversary, SurvivesSeededHostileCalls) {
         library = ::GetModuleHandleW(L"Tabforge.dll");
     }
     ASSERT_NE(library, nullptr);
-    const auto canUnloadNow = reinterpret_cast<HRESULT(STDAPICALLTYPE*)()>(
-        reinterpret_cast<void*>(::GetProcAddress(library, "DllCanUnloadNow")));
-    ASSERT_NE(canUnloadNow, nullptr);
-    EXPECT_EQ(canUnloadNow(), S_OK) << "an object of the library is still alive";
+    EXPECT_EQ(CanUnloadNow(), S_OK) << "an object of the library is still alive";
     ::CoFreeUnusedLibrariesEx(0, 0);
     EXPECT_EQ(::GetModuleHandleW(L"Tabforge.dll"), nullptr);
   }
   for (const Hostile& party : parties)
     EXPECT_EQ(party.references, 1u) << "a collaborator was not released";
+}
+
+// --- The smallest sequences that crashed the server before ---------------------------------------
+
+UniqueVariant Text(const wchar_t* text) {
+  UniqueVariant v;
+  V_VT(v.Get()) = VT_BSTR;
+  V_BSTR(v.Get()) = ::SysAllocString(text);
+  return v;
+}
+
+// A member that lets a collaborator release the last reference to Main2 (a macro run by Run, the
+// bytes of an icon, the ribbon told to invalidate) finds itself alive to the end of the call, the
+// by-reference name still its caller's.
+TEST(Review, Main2OutlivesTheLastReleaseInsideItsOwnCall) {
+  Apartment apartment;
+  ErrorComponent component;
+  const struct {
+    DISPID member;
+    const wchar_t* argument;
+    UINT count;
+  } kCalls[] = {{kMembers[10], L"MVN5", 2}, {kMembers[9], L"5", 1}, {kMembers[13], L"0", 1}};
+  for (const auto& call : kCalls) {
+    Hostile party;
+    Arena arena;
+    party.arena = &arena;
+    party.main = CreateMain2();
+    ASSERT_TRUE(party.main);
+    ComPtr<_Main2> main = party.main.TryAs<_Main2>();
+    UniqueBstr name(::SysAllocString(L"Morvelin"));
+    IDispatch* object = &party;
+    main->Initialize(&object, name.InOut());
+    main->put_ribbon(&object);
+    UniqueVariant argument = Text(call.argument);
+    VARIANT arguments[2];  // the macro's name by reference and a truth value, or a value
+    arguments[0] = *argument.Get();
+    if (call.count == 2) {
+      V_VT(&arguments[1]) = VT_BYREF | VT_VARIANT;
+      V_VARIANTREF(&arguments[1]) = argument.Get();
+      V_VT(&arguments[0]) = VT_BOOL;
+      V_BOOL(&arguments[0]) = VARIANT_TRUE;
+    }
+    DISPPARAMS params{arguments, nullptr, call.count, 0};
+    _Main2* raw = main.Detach();
+    raw->Release();  // the party's reference is now the only one
+    party.mode = Hostile::kLetGo;
+    raw->Invoke(call.member, IID_NULL, 0, DISPATCH_METHOD, &params, nullptr, nullptr, nullptr);
+    EXPECT_TRUE(party.aliveAfterLetGo) << call.member;
+    EXPECT_EQ(std::wstring(V_BSTR(argument.Get())), call.argument);
+    EXPECT_EQ(CanUnloadNow(), S_OK);
+  }
+}
+
+// An array is read by what it holds, whatever its tag claims; a reference to nothing, an array of
+// more dimensions and an array that holds itself are type mismatches too.
+TEST(Review, IncomingArraysAreReadByWhatTheyHold) {
+  const auto number = [](const VARIANT& v) {
+    try {
+      tabforge::com::FromAutomation(v);
+      return 0;
+    } catch (const tabforge::Failure& failure) {
+      return static_cast<int>(failure.number);
+    }
+  };
+  SAFEARRAY* bytes = ::SafeArrayCreateVector(VT_UI1, 0, 64);
+  SAFEARRAY* variants = ::SafeArrayCreateVector(VT_VARIANT, 1, 3);
+  SAFEARRAYBOUND square[2] = {{2, 0}, {2, 0}};
+  SAFEARRAY* grid = ::SafeArrayCreate(VT_I4, 2, square);
+  VARIANT v;
+  V_VT(&v) = VT_ARRAY | VT_BSTR;
+  V_ARRAY(&v) = bytes;
+  EXPECT_EQ(number(v), 13);
+  V_VT(&v) = VT_ARRAY | VT_UI1;
+  V_ARRAY(&v) = variants;
+  EXPECT_EQ(number(v), 13);
+  V_VT(&v) = VT_ARRAY | VT_VARIANT;
+  EXPECT_EQ(number(v), 0);
+  auto* first = static_cast<VARIANT*>(variants->pvData);
+  V_VT(first) = VT_ARRAY | VT_VARIANT;
+  V_ARRAY(first) = variants;
+  EXPECT_EQ(number(v), 13);
+  ::VariantInit(first);
+  V_VT(&v) = VT_ARRAY | VT_I4;
+  V_ARRAY(&v) = grid;
+  EXPECT_EQ(number(v), 13);
+  V_VT(&v) = VT_BYREF | VT_BSTR;
+  V_BYREF(&v) = nullptr;
+  EXPECT_EQ(number(v), 13);
+  for (SAFEARRAY* array : {bytes, variants, grid})
+    ::SafeArrayDestroy(array);
+}
+
+// An object that answers every interface id with itself is a foreign object like any other, and
+// its references balance; an adapter answers no id it does not have.
+TEST(Review, AdaptersAreKnownByTheirAddressAlone) {
+  class YesToAll final : public DispatchDouble<> {
+   public:
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void** out) override {
+      *out = this;
+      AddRef();
+      return S_OK;
+    }
+  } yes;
+  {
+    tabforge::Ref<tabforge::Object> wrapped = tabforge::com::WrapDispatch(&yes);
+    EXPECT_EQ(tabforge::com::ToDispatch(wrapped).Get(), &yes);
+  }
+  EXPECT_EQ(yes.references, 1u);
+  ComPtr<IDispatch> adapter = tabforge::com::DispatchAdapter::Create(
+      tabforge::com::WrapDispatch(static_cast<IDispatch*>(&yes)));
+  void* out = &yes;
+  EXPECT_EQ(adapter->QueryInterface(__uuidof(IRibbonUI), &out), E_NOINTERFACE);
+  EXPECT_EQ(out, nullptr);
+  EXPECT_NE(tabforge::com::DispatchAdapter::Unwrap(adapter.Get()), nullptr);
+  adapter.Reset();
+  EXPECT_EQ(yes.references, 1u);
+}
+
+// Names: none, a null list, a null name, and more names than an adapter keeps.
+TEST(Review, GetIDsOfNamesReadsOnlyTheNamesItIsGiven) {
+  Apartment apartment;
+  ComPtr<IDispatch> main = CreateMain2();
+  ASSERT_TRUE(main);
+  ComPtr<IDispatch> adapter = tabforge::com::DispatchAdapter::Create(
+      tabforge::com::WrapDispatch(static_cast<IDispatch*>(main.Get())));
+  LPOLESTR names[2] = {nullptr, const_cast<LPOLESTR>(L"idStr")};
+  DISPID ids[2] = {};
+  for (IDispatch* object : {main.Get(), adapter.Get()}) {
+    EXPECT_EQ(object->GetIDsOfNames(IID_NULL, names, 0, 0, ids), E_INVALIDARG);
+    EXPECT_EQ(object->GetIDsOfNames(IID_NULL, nullptr, 1, 0, ids), E_INVALIDARG);
+    EXPECT_EQ(object->GetIDsOfNames(IID_NULL, names, 2, 0, ids), DISP_E_UNKNOWNNAME);
+    EXPECT_EQ(ids[0], DISPID_UNKNOWN);
+  }
+  HRESULT last = S_OK;
+  for (int i = 0; i <= static_cast<int>(tabforge::com::DispatchAdapter::kMaxNames); ++i) {
+    const std::wstring name = L"name" + std::to_wstring(i);
+    names[0] = const_cast<LPOLESTR>(name.c_str());
+    last = adapter->GetIDsOfNames(IID_NULL, names, 1, 0, ids);
+  }
+  EXPECT_EQ(last, DISP_E_UNKNOWNNAME);
+}
+
+// Unlocks and releases of the class factory that were never taken leave a live object's module
+// loaded.
+TEST(Review, TheModuleCountHasAFloor) {
+  Apartment apartment;
+  ComPtr<IDispatch> main = CreateMain2();
+  ComPtr<IClassFactory> factory;
+  ASSERT_EQ(::CoGetClassObject(CLSID_Main2, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory,
+                               factory.PutVoid()),
+            S_OK);
+  for (int i = 0; i < 3; ++i) {
+    factory->LockServer(FALSE);
+    factory->Release();
+  }
+  EXPECT_EQ(CanUnloadNow(), S_FALSE);
+  static_cast<void>(factory.Detach());  // released above, more than once
+  main.Reset();
+  EXPECT_EQ(CanUnloadNow(), S_OK);
 }
 
 }  // namespace
