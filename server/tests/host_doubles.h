@@ -110,7 +110,7 @@ class DispatchDouble : public Interface {
 // The error component "MorvelinError.Main2", registered in this process while it lives. It answers
 // the handler from `answers` in turn, the last for ever (7, leave, when there are none), records
 // each failure's number, and reads then writes slot 5 of the stack it is handed. When told to, it
-// keeps every object handed to it and fails the dump's opening.
+// keeps every object handed to it, fails the dump's opening and fails every report.
 class ErrorComponent final : public DispatchDouble<>, public IClassFactory {
  public:
   ErrorComponent() {
@@ -153,6 +153,8 @@ class ErrorComponent final : public DispatchDouble<>, public IClassFactory {
     }
     if (member == L"vbwOpenDumpFile" && failOpenDump)
       return static_cast<HRESULT>(0x800A004B);  // run-time error 75, path/file access
+    if (member.starts_with(L"vbwReport") && failReports)
+      return static_cast<HRESULT>(0x800A0005);  // run-time error 5, invalid call
     if (member != L"vbwErrorHandler" || params->cArgs == 0)
       return S_OK;
     // The number comes first, the last in rgvarg; the stack last, both by reference.
@@ -181,6 +183,7 @@ class ErrorComponent final : public DispatchDouble<>, public IClassFactory {
   std::vector<std::wstring> stackSlot5;
   bool keepObjects = false;
   bool failOpenDump = false;
+  bool failReports = false;
   std::vector<ComPtr<IDispatch>> kept;
   int created = 0;
 
