@@ -20,10 +20,10 @@
 namespace tabforge {
 
 struct CallBudgetLimits {
-  // Calls on collaborators in one outside call. An instant component under Wine answers a call in
-  // tens of microseconds, so this is a fraction of a second; a dump takes about forty calls, so a
-  // failure may still be dumped and retried a hundred times over.
-  int maxCollaboratorCalls = 5000;
+  // Calls on collaborators in one outside call. Under Wine with its heap checks a call on a simple
+  // component costs about a quarter of a millisecond all told, so this is half a second at most; a
+  // dump takes about forty calls, so a failure may still be dumped and retried fifty times over.
+  int maxCollaboratorCalls = 2000;
   // The library's own time in one outside call, from its first collaborator call or failure on;
   // time spent inside collaborators is not counted (a macro may show a dialog for minutes).
   std::chrono::milliseconds maxOwnTime{250};

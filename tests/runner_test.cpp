@@ -93,7 +93,9 @@ TEST_F(Runner, RetryIsCarriedOutUntilTheBudgetIsSpent) {
   EXPECT_EQ(probe.trail, "");
   EXPECT_LE(apartment.script->log.size(),
             static_cast<std::size_t>(apartment.protector.budget.limits.maxCollaboratorCalls));
-  EXPECT_GT(apartment.faults.Visits(u"Probe.Branch", 1), 1000);
+  // Each retry costs the handler's call and the failure's report: about two calls.
+  EXPECT_GT(apartment.faults.Visits(u"Probe.Branch", 1),
+            apartment.protector.budget.limits.maxCollaboratorCalls / 4);
   EXPECT_EQ(apartment.protector.Depth(), 0);
 }
 

@@ -384,6 +384,12 @@ void Attack(long number, ErrorComponent& component, Hostile (&parties)[3]) {
               withException ? &exception : nullptr, withError ? &argumentError : nullptr);
   const ULONGLONG took = ::GetTickCount64() - start;
   EXPECT_LT(took, kCallBound) << "id " << id << " flags " << flags;
+  if (g_verbose) {
+    std::fprintf(stderr, "  id %ld flags %u arguments %u named %zu modes %d%d%d", id, flags, count,
+                 named.size(), parties[0].mode, parties[1].mode, parties[2].mode);
+    std::fprintf(stderr, " component calls %zu dumps? %d reports fail %d: %llu ms\n",
+                 component.invoked.size(), component.failOpenDump, component.failReports, took);
+  }
   if (took > g_slowest) {
     g_slowest = took;
     g_slowestCall = number;
