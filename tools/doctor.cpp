@@ -370,6 +370,11 @@ void CheckTypeLibrary(const Context& c, Report& report) {
   }
   report.Ok("typelib-entry", where + " = " + Narrow(file) + ".");
 
+  if (::GetFileAttributesW(file.c_str()) == INVALID_FILE_ATTRIBUTES) {
+    report.Problem("typelib-load", "the type library's file " + Narrow(file) + " does not exist.",
+                   fix);
+    return;
+  }
   com::ComPtr<ITypeLib> library;
   const HRESULT hr = ::LoadTypeLibEx(file.c_str(), REGKIND_NONE, library.Put());
   TLIBATTR* attributes = nullptr;
