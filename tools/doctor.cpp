@@ -644,10 +644,17 @@ bool CheckCreation(const Context& c, Report& report) {
   com::ComPtr<IDispatch> main2;
   hr = ::CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IDispatch, main2.PutVoid());
   if (FAILED(hr)) {
-    report.Problem(
-        "create",
-        "CoCreateInstance of " + Narrow(com::GuidText(clsid)) + " failed: " + HresultText(hr) + ".",
-        fix);
+    // Wine's classes root is the machine's alone.
+    const bool userOnly = hr == REGDB_E_CLASSNOTREG && c.own.user.Exists(com::ClassKey()) &&
+                          !c.own.machine.Exists(com::ClassKey());
+    report.Problem("create",
+                   "CoCreateInstance of " + Narrow(com::GuidText(clsid)) +
+                       " failed: " + HresultText(hr) +
+                       (userOnly ? "; the class is registered under the user's classes only, "
+                                   "which this system's COM does not read"
+                                 : "") +
+                       ".",
+                   userOnly ? "register it for the machine: " + c.registerHint : fix);
     return false;
   }
   report.Ok("create", "created Tabforge.Main2" + LoadedFrom(c) + ".");
