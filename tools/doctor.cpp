@@ -61,6 +61,21 @@ std::string HresultText(HRESULT hr) {
   char code[16];
   std::snprintf(code, sizeof code, "0x%08lX", static_cast<unsigned long>(hr));
   std::string text = code;
+  // What the system may have no message for.
+  static constexpr struct {
+    HRESULT hr;
+    const char* text;
+  } kKnown[] = {
+      {REGDB_E_CLASSNOTREG, " (class not registered)"},
+      {CO_E_CLASSSTRING, " (invalid class string)"},
+      {TYPE_E_CANTLOADLIBRARY, " (the type library or the DLL cannot be loaded)"},
+      {HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND), " (the DLL or one it needs was not found)"},
+      {HRESULT_FROM_WIN32(ERROR_BAD_EXE_FORMAT), " (a DLL of the other bitness)"},
+  };
+  for (const auto& known : kKnown) {
+    if (known.hr == hr)
+      return text + known.text;
+  }
   wchar_t* message = nullptr;
   if (::FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM |
                            FORMAT_MESSAGE_IGNORE_INSERTS,
@@ -434,18 +449,31 @@ void CheckInterface(const Context& c, Report& report) {
                              "library.");
 }
 
+// The key that a registration adds below the classes root: CLSID\{...} for any key below it.
+std::wstring TopKey(const std::wstring& key) {
+  std::size_t end = key.find(L'\\');
+  const std::wstring first = key.substr(0, end);
+  if (end != std::wstring::npos &&
+      (first == L"CLSID" || first == L"Interface" || first == L"TypeLib"))
+    end = key.find(L'\\', end + 1);
+  return key.substr(0, end);
+}
+
 // On Windows a key of the user's classes hides the machine's key of the same name: a user's
 // registration left over from an older installation wins over a good machine one.
 void CheckUserShadow(const Context& c, Report& report) {
   std::vector<com::RegistryEntry> entries = com::ServerEntries(L"");
   for (const wchar_t* platform : {L"\\0\\win32", L"\\0\\win64"})
     entries.push_back({com::TypeLibraryVersionKey() + platform, L"", L""});
-  bool any = false;
+  bool inUser = false;
+  bool inBoth = false;
   for (const auto& entry : entries) {
-    const bool inUser = c.own.user.Exists(entry.key);
-    any = any || inUser;
-    if (!inUser || !c.own.machine.Exists(entry.key))
+    if (!c.own.user.Exists(entry.key))
       continue;
+    inUser = true;
+    if (!c.own.machine.Exists(entry.key))
+      continue;
+    inBoth = true;
     std::wstring user;
     std::wstring machine;
     const bool hasUser = c.own.user.Read(entry.key, entry.name, user);
@@ -460,13 +488,13 @@ void CheckUserShadow(const Context& c, Report& report) {
             (hasMachine ? "\"" + Narrow(machine) + "\"" : "nothing") +
             ": on Windows the word processor takes the user's entry.",
         "remove the user's registration (tabforge register --user --unregister PATH, or delete " +
-            c.own.user.Describe(entry.key.substr(0, entry.key.find(L'\\', 6))) +
-            "), or register the right DLL for this user.");
+            c.own.user.Describe(TopKey(entry.key)) + "), or register the right DLL for this user.");
     return;
   }
-  report.Ok("user-shadow", any ? "the user's classes register Tabforge.Main2 too, and agree with "
-                                 "the machine's."
-                               : "nothing of Tabforge.Main2 under the user's classes.");
+  report.Ok("user-shadow", inBoth   ? "the user's classes register Tabforge.Main2 too, and agree "
+                                      "with the machine's."
+                           : inUser ? "registered under the user's classes, and not the machine's."
+                                    : "nothing of Tabforge.Main2 under the user's classes.");
 }
 
 void CheckOtherView(const Context& c, Report& report) {

@@ -23,9 +23,10 @@ cp "$prefix"/*.reg "$work/good/"
 failed=0
 fail() { echo "FAIL $name: $*"; failed=$((failed + 1)); }
 dll_word="'C:\\tabforge\\Tabforge.dll'" other_word="'C:\\tabforge\\other\\Tabforge.dll'"
-while IFS='|' read -r name status expected setup; do
+while IFS='|' read -r name status expected setup args; do
     name=$(echo $name) status=$(echo $status)
     [[ -z "$name" || "$name" == \#* ]] && continue
+    [[ "$name" != [0-9]*:* || "$name" == "$bits":* ]] || continue
     before=$failed
     cp "$work"/good/*.reg "$prefix/"
     rm -f "$prefix/drive_c/tabforge/moved.dll"
@@ -39,7 +40,8 @@ while IFS='|' read -r name status expected setup; do
         [[ "$setup" == *" & "* ]] && setup=${setup#* & } || setup=
     done
     code=0
-    "${run[@]}" "$tool" doctor --json > "$work/report.json" 2>&1 || code=$?
+    # shellcheck disable=SC2086
+    "${run[@]}" "$tool" doctor --json $args > "$work/report.json" 2>&1 || code=$?
     report=$(tr -d '\r' < "$work/report.json")
     problems=$( (grep -o '"check": "[a-z-]*", "status": "problem"' <<< "$report" || true) |
         cut -d'"' -f4 | sort | xargs)
