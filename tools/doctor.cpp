@@ -661,30 +661,29 @@ bool CheckCreation(const Context& c, Report& report) {
     return !report.HasProblem({"not-registered", "progid", "curver", "class", "server-path",
                                "server-file", "server-bitness", "version-record"});
   }
-  const std::string fix = "see the problems above.";
+  // Wine's classes root is the machine's alone: a registration for the user is not seen there.
+  auto failed = [&](const std::string& call, HRESULT hr, const std::wstring& key) {
+    const bool userOnly = (hr == REGDB_E_CLASSNOTREG || hr == CO_E_CLASSSTRING) &&
+                          c.own.user.Exists(key) && !c.own.machine.Exists(key);
+    report.Problem(
+        "create",
+        call + " failed: " + HresultText(hr) +
+            (userOnly ? "; " + Narrow(key) +
+                            " is registered under the user's classes only, which this "
+                            "system's COM does not read"
+                      : "") +
+            ".",
+        userOnly ? "register it for the machine: " + c.registerHint : "see the problems above.");
+    return false;
+  };
   CLSID clsid{};
   HRESULT hr = ::CLSIDFromProgID(com::kProgId, &clsid);
-  if (FAILED(hr)) {
-    report.Problem("create", "CLSIDFromProgID(\"Tabforge.Main2\") failed: " + HresultText(hr) + ".",
-                   fix);
-    return false;
-  }
+  if (FAILED(hr))
+    return failed("CLSIDFromProgID(\"Tabforge.Main2\")", hr, com::kProgId);
   com::ComPtr<IDispatch> main2;
   hr = ::CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IDispatch, main2.PutVoid());
-  if (FAILED(hr)) {
-    // Wine's classes root is the machine's alone.
-    const bool userOnly = hr == REGDB_E_CLASSNOTREG && c.own.user.Exists(com::ClassKey()) &&
-                          !c.own.machine.Exists(com::ClassKey());
-    report.Problem("create",
-                   "CoCreateInstance of " + Narrow(com::GuidText(clsid)) +
-                       " failed: " + HresultText(hr) +
-                       (userOnly ? "; the class is registered under the user's classes only, "
-                                   "which this system's COM does not read"
-                                 : "") +
-                       ".",
-                   userOnly ? "register it for the machine: " + c.registerHint : fix);
-    return false;
-  }
+  if (FAILED(hr))
+    return failed("CoCreateInstance of " + Narrow(com::GuidText(clsid)), hr, com::ClassKey());
   report.Ok("create", "created Tabforge.Main2" + LoadedFrom(c) + ".");
   try {
     LateBoundInitialize(main2.Get(), u"Morvelin");
@@ -764,7 +763,8 @@ int Doctor(const std::vector<std::string>& args) {
     CheckProgId(c, report);
     if (CheckClass(c, report)) {
       CheckServer(c, report);
-      CheckThreadingModel(c, report);
+      if (c.own.Owner(com::ClassKey() + L"\\InprocServer32") != nullptr)
+        CheckThreadingModel(c, report);
     }
     CheckTypeLibrary(c, report);
     CheckInterface(c, report);
