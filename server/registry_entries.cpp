@@ -10,7 +10,6 @@
 namespace tabforge::com {
 namespace {
 
-constexpr wchar_t kProgId[] = L"Tabforge.Main2";
 // The automation marshaller: the proxy of every dual or automation interface.
 constexpr wchar_t kAutomationMarshaller[] = L"{00020424-0000-0000-C000-000000000046}";
 // The dispatch-only marshaller, for dispinterfaces that are not dual.
@@ -20,14 +19,21 @@ constexpr wchar_t kDispatchMarshaller[] = L"{00020420-0000-0000-C000-00000000004
 #define TABFORGE_WIDEN(x) TABFORGE_WIDEN2(x)
 constexpr wchar_t kTypeLibVersion[] = TABFORGE_WIDEN(TABFORGE_TYPELIB_VERSION);
 
+}  // namespace
+
 std::wstring ClassKey() {
   return L"CLSID\\" + GuidText(CLSID_Main2);
 }
+
 std::wstring InterfaceKey() {
   return L"Interface\\" + GuidText(IID__Main2);
 }
 
-}  // namespace
+std::wstring TypeLibraryVersionKey() {
+  wchar_t version[16] = {};
+  std::swprintf(version, 16, L"%x.%x", TABFORGE_VERSION_MAJOR, TABFORGE_VERSION_MINOR);
+  return L"TypeLib\\" + GuidText(LIBID_Tabforge) + L"\\" + version;
+}
 
 std::wstring GuidText(REFGUID guid) {
   wchar_t text[40] = {};
@@ -59,7 +65,7 @@ std::vector<RegistryEntry> ServerEntries(const std::wstring& path) {
   return {
       {ClassKey(), L"", kProgId},
       {ClassKey() + L"\\InprocServer32", L"", path},
-      {ClassKey() + L"\\InprocServer32", L"ThreadingModel", L"Apartment"},
+      {ClassKey() + L"\\InprocServer32", L"ThreadingModel", kThreadingModel},
       {ClassKey() + L"\\ProgID", L"", kProgId},
       {std::wstring(kProgId) + L"\\CLSID", L"", GuidText(CLSID_Main2)},
       {InterfaceKey(), L"", L"_Main2"},

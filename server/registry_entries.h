@@ -17,6 +17,18 @@ struct RegistryEntry {
   std::wstring value;
 };
 
+// The program id by which the template creates the class, and the threading model of its server.
+inline constexpr wchar_t kProgId[] = L"Tabforge.Main2";
+inline constexpr wchar_t kThreadingModel[] = L"Apartment";
+
+// The class's key and the interface's, below the classes root.
+std::wstring ClassKey();
+std::wstring InterfaceKey();
+
+// TypeLib\{id}\major.minor of this build's type library, the version in hexadecimal as the
+// platform's registration writes it.
+std::wstring TypeLibraryVersionKey();
+
 // A GUID in braces, as registry keys and values spell it.
 std::wstring GuidText(REFGUID guid);
 

@@ -162,10 +162,13 @@ Utf16String WindowsHost::CommandLine() const {
   return line != nullptr ? FromWide(line, std::wcslen(line)) : Utf16String();
 }
 
+std::wstring SettingsKey(Utf16View appName, Utf16View section) {
+  return L"Software\\VB and VBA Program Settings\\" + Wide(appName) + L"\\" + Wide(section);
+}
+
 Utf16String WindowsHost::GetSetting(Utf16View appName, Utf16View section, Utf16View key,
                                     Utf16View defaultValue) const {
-  const std::wstring path =
-      L"Software\\VB and VBA Program Settings\\" + Wide(appName) + L"\\" + Wide(section);
+  const std::wstring path = SettingsKey(appName, section);
   const std::wstring name = Wide(key);
   DWORD type = 0;
   DWORD bytes = 0;

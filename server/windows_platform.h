@@ -67,6 +67,10 @@ class WindowsRibbonUi final : public RibbonUi {
 // Throws `Failure` for a failed status; a dispatch exception carries its own number and text.
 void ThrowIfFailed(HRESULT hr, EXCEPINFO* exception = nullptr);
 
+// The key below HKEY_CURRENT_USER that holds the per-user settings of one section of an
+// application, where the word processor's macros keep theirs.
+std::wstring SettingsKey(Utf16View appName, Utf16View section);
+
 class WindowsHost final : public HostEnvironment {
  public:
   Utf16String CommandLine() const override;

@@ -487,12 +487,21 @@ std::unique_ptr<SessionTarget> MakeLateBoundTarget(CallLog& log, const SessionOp
 }
 
 Utf16String LateBoundRibbonXml(Utf16View productName) {
-  LateBound main2(CreateRegistered());
+  const ComPtr<IDispatch> main2 = CreateRegistered();
+  LateBoundInitialize(main2.Get(), productName);
+  return LateBoundGetRibbonXml(main2.Get());
+}
+
+void LateBoundInitialize(IDispatch* main2, Utf16View productName) {
   auto initialize = Arguments(ObjectValue(nullptr), Text(productName));
-  main2.Call(L"Initialize", DISPATCH_METHOD, initialize);
+  LateBound(ComPtr<IDispatch>(main2)).Call(L"Initialize", DISPATCH_METHOD, initialize);
+}
+
+Utf16String LateBoundGetRibbonXml(IDispatch* main2) {
   std::vector<UniqueVariant> none;
   UniqueVariant document =
-      As(main2.Call(L"GetRibbonXML", DISPATCH_METHOD, none), VT_BSTR, "GetRibbonXML");
+      As(LateBound(ComPtr<IDispatch>(main2)).Call(L"GetRibbonXML", DISPATCH_METHOD, none), VT_BSTR,
+         "GetRibbonXML");
   return com::FromBstr(V_BSTR(document.Get()));
 }
 

@@ -9,6 +9,8 @@
 
 #include "tools/session.h"
 
+struct IDispatch;
+
 namespace tabforge::cli {
 
 // Initialises COM for the calling thread, in a single-threaded apartment, for the life of the
@@ -36,5 +38,10 @@ std::unique_ptr<SessionTarget> MakeLateBoundTarget(CallLog& log, const SessionOp
 // The document of a new registered instance after Initialize with no signalling object and
 // `productName`; throws `std::runtime_error` when a call cannot be made.
 Utf16String LateBoundRibbonXml(Utf16View productName);
+
+// Its two calls one at a time, on an instance created by the caller: Initialize with no signalling
+// object, and the document; each throws `std::runtime_error` naming the call that failed.
+void LateBoundInitialize(IDispatch* main2, Utf16View productName);
+Utf16String LateBoundGetRibbonXml(IDispatch* main2);
 
 }  // namespace tabforge::cli

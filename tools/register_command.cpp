@@ -4,15 +4,12 @@
 
 #include <ole2.h>
 
-#include <cstdint>
-#include <cstdio>
 #include <iostream>
 
-#include "Tabforge_h.h"
 #include "platform/utf16.h"
 #include "server/com_ptr.h"
 #include "server/registry_entries.h"
-#include "tabforge_version.h"
+#include "tools/classes_key.h"
 
 namespace tabforge::cli {
 namespace {
@@ -29,117 +26,6 @@ constexpr const char* kRegisterUsage =
     "them for every user, under HKEY_LOCAL_MACHINE\\Software\\Classes. Either way they go into\n"
     "the registry view of the DLL's own bitness, where a word processor of that bitness looks,\n"
     "whichever tabforge.exe writes them. --unregister removes them again.\n";
-
-// The registry view that a program of the DLL's bitness reads, and the other one; 0 when PATH is
-// not a Windows DLL for x86 or x64.
-struct Views {
-  REGSAM own = 0;
-  REGSAM other = 0;
-};
-
-Views ViewsOf(const std::wstring& path) {
-  FILE* file = ::_wfopen(path.c_str(), L"rb");
-  if (file == nullptr)
-    return {};
-  unsigned char dos[64] = {};
-  unsigned char header[6] = {};
-  bool read = std::fread(dos, 1, sizeof dos, file) == sizeof dos && dos[0] == 'M' && dos[1] == 'Z';
-  if (read) {
-    const std::uint32_t offset =
-        dos[60] | dos[61] << 8 | dos[62] << 16 | static_cast<std::uint32_t>(dos[63]) << 24;
-    read = std::fseek(file, static_cast<long>(offset), SEEK_SET) == 0 &&
-           std::fread(header, 1, sizeof header, file) == sizeof header && header[0] == 'P' &&
-           header[1] == 'E' && header[2] == 0 && header[3] == 0;
-  }
-  std::fclose(file);
-  if (!read)
-    return {};
-  switch (header[4] | header[5] << 8) {
-    case IMAGE_FILE_MACHINE_I386:
-      return {KEY_WOW64_32KEY, KEY_WOW64_64KEY};
-    case IMAGE_FILE_MACHINE_AMD64:
-      return {KEY_WOW64_64KEY, KEY_WOW64_32KEY};
-    default:
-      return {};
-  }
-}
-
-// The classes key of one hive, seen in one view.
-class ClassesKey {
- public:
-  ClassesKey(HKEY hive, REGSAM view) : hive_(hive), view_(view) {}
-
-  bool Write(const RegistryEntry& entry) const {
-    com::UniqueHkey key;
-    if (::RegCreateKeyExW(hive_, Path(entry.key).c_str(), 0, nullptr, 0,
-                          KEY_WRITE | ViewOf(entry.key), nullptr, key.Put(),
-                          nullptr) != ERROR_SUCCESS)
-      return false;
-    return ::RegSetValueExW(key.Get(), entry.name.empty() ? nullptr : entry.name.c_str(), 0, REG_SZ,
-                            reinterpret_cast<const BYTE*>(entry.value.c_str()),
-                            static_cast<DWORD>((entry.value.size() + 1) * sizeof(wchar_t))) ==
-           ERROR_SUCCESS;
-  }
-
-  // Deletes `name` with everything below it; a key that is not there is already deleted.
-  bool DeleteTree(const std::wstring& name) const {
-    const std::wstring path = Path(name);
-    const std::wstring parentPath = path.substr(0, path.find_last_of(L'\\'));
-    const std::wstring leaf = path.substr(parentPath.size() + 1);
-    com::UniqueHkey parent;
-    const REGSAM view = ViewOf(name);
-    const LSTATUS opened =
-        ::RegOpenKeyExW(hive_, parentPath.c_str(), 0, KEY_READ | KEY_WRITE | view, parent.Put());
-    if (opened == ERROR_FILE_NOT_FOUND)
-      return true;
-    if (opened != ERROR_SUCCESS)
-      return false;
-    const LSTATUS status = ::RegDeleteTreeW(parent.Get(), leaf.c_str());
-    const LSTATUS deleted = ::RegDeleteKeyExW(parent.Get(), leaf.c_str(), view, 0);
-    return (status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND) &&
-           (deleted == ERROR_SUCCESS || deleted == ERROR_FILE_NOT_FOUND);
-  }
-
-  // Deletes `name` when nothing is left in it.
-  void DeleteIfEmpty(const std::wstring& name) const {
-    ::RegDeleteKeyExW(hive_, Path(name).c_str(), ViewOf(name), 0);
-  }
-
-  std::vector<std::wstring> Subkeys(const std::wstring& name) const {
-    std::vector<std::wstring> names;
-    com::UniqueHkey key;
-    if (::RegOpenKeyExW(hive_, Path(name).c_str(), 0, KEY_READ | ViewOf(name), key.Put()) !=
-        ERROR_SUCCESS)
-      return names;
-    wchar_t text[256];
-    for (DWORD index = 0;; ++index) {
-      DWORD length = static_cast<DWORD>(std::size(text));
-      if (::RegEnumKeyExW(key.Get(), index, text, &length, nullptr, nullptr, nullptr, nullptr) !=
-          ERROR_SUCCESS)
-        break;
-      names.emplace_back(text, length);
-    }
-    return names;
-  }
-
- private:
-  std::wstring Path(const std::wstring& key) const { return L"Software\\Classes\\" + key; }
-
-  // Of the classes, only the class ids and the interfaces have a key per view; the program ids
-  // and the type libraries are shared by both. Naming the 64-bit view for a shared key is the
-  // same on Windows, and where Wine keeps it too when a 64-bit program asks for the 32-bit view.
-  REGSAM ViewOf(const std::wstring& key) const {
-    for (const std::wstring redirected : {L"CLSID", L"Interface"}) {
-      if (key.compare(0, redirected.size(), redirected) == 0 &&
-          (key.size() == redirected.size() || key[redirected.size()] == L'\\'))
-        return view_;
-    }
-    return KEY_WOW64_64KEY;
-  }
-
-  HKEY hive_;
-  REGSAM view_;
-};
 
 std::wstring FullPath(const std::string& path) {
   const std::u16string wide = FromUtf8(path);
@@ -195,15 +81,13 @@ int Remove(const std::wstring& path, const ClassesKey& own, const ClassesKey& ot
       removed = own.DeleteTree(typeLibrary.versionKey) && removed;
     own.DeleteIfEmpty(typeLibrary.libraryKey);
   } else {
-    wchar_t version[16] = {};
-    std::swprintf(version, 16, L"%x.%x", TABFORGE_VERSION_MAJOR, TABFORGE_VERSION_MINOR);
-    const std::wstring libraryKey = L"TypeLib\\" + com::GuidText(LIBID_Tabforge);
-    removed = own.DeleteTree(libraryKey + L"\\" + version);
-    own.DeleteIfEmpty(libraryKey);
+    const std::wstring versionKey = com::TypeLibraryVersionKey();
+    removed = own.DeleteTree(versionKey);
+    own.DeleteIfEmpty(versionKey.substr(0, versionKey.find_last_of(L'\\')));
   }
   for (const auto& key : com::ServerKeys())
     removed = own.DeleteTree(key) && removed;
-  removed = other.DeleteTree(L"Interface\\" + com::GuidText(IID__Main2)) && removed;
+  removed = other.DeleteTree(com::InterfaceKey()) && removed;
   // Registration may have created these in a user's classes, which start out nearly empty.
   for (const ClassesKey* view : {&own, &other}) {
     for (const wchar_t* parent : {L"CLSID", L"Interface", L"TypeLib"})
@@ -246,7 +130,7 @@ int Register(const std::vector<std::string>& args) {
     return 2;
   }
   const std::wstring fullPath = FullPath(path);
-  const Views views = ViewsOf(fullPath);
+  const Views views = ViewsOf(ReadPeHeader(fullPath).machine);
   if (views.own == 0) {
     std::cerr << "tabforge register: '" << path << "' is not a Windows DLL for x86 or x64\n";
     return 2;

@@ -15,6 +15,7 @@
 #include <stdexcept>
 
 #include "tools/com_session.h"
+#include "tools/doctor.h"
 #include "tools/register_command.h"
 #else
 #include "platform/portable/portable_platform.h"
@@ -38,10 +39,11 @@ constexpr const char* kUsage =
     "                                     draw the ribbon as an HTML page\n"
     "  session [--icons DIR] [--errors ...] [FILE]\n"
     "                                     replay a host session from FILE or standard input\n"
-#ifdef _WIN32
     "  register [--user | --machine] [--unregister] PATH\n"
-    "                                     register Tabforge.dll at PATH, or remove it\n"
-#endif
+    "                                     register Tabforge.dll at PATH, or remove it (Windows)\n"
+    "  doctor [--bits 32|64] [--json]     tell why a word processor cannot create the class\n"
+    "                                     (Windows)\n"
+    "  trace on|off|show                  the user's tracing request (Windows)\n"
     "\n"
     "Run 'tabforge <command> --help' for a command's options.\n";
 
@@ -372,6 +374,10 @@ int main(int argc, char** argv) {
 #ifdef _WIN32
   if (command == "register")
     return cli::Register(args);
+  if (command == "doctor")
+    return cli::Doctor(args);
+  if (command == "trace")
+    return cli::Trace(args);
   if (command == "check" || command == "preview") {
     std::cerr << "tabforge " << command
               << ": not available in the Windows build; use the Linux tool\n";
@@ -382,6 +388,11 @@ int main(int argc, char** argv) {
     return Check(args);
   if (command == "preview")
     return Preview(args);
+  if (command == "register" || command == "doctor" || command == "trace") {
+    std::cerr << "tabforge " << command
+              << ": not available in the Linux build; use tabforge.exe on Windows\n";
+    return 2;
+  }
 #endif
   std::cerr << "tabforge: unknown command '" << command << "'\n" << kUsage;
   return 2;

@@ -38,8 +38,6 @@ constexpr auto kReportVariable =
     DefineProcedure(u"vbwProtector.vbwReportVariable", 1100, kUntracked);
 constexpr auto kReportObject = DefineProcedure(u"vbwProtector.vbwReportObject", 1200, kUntracked);
 
-constexpr Utf16View kTraceSwitch = u"/trace";
-
 }  // namespace
 
 VbwProtector::VbwProtector(const Platform& platform) : platform_(platform) {}
@@ -90,7 +88,7 @@ Utf16View VbwProtector::StackSlot(int k) const noexcept {
 bool VbwProtector::TracingRequested() {
   if (platform_.host->CommandLine().find(kTraceSwitch) != Utf16String::npos)
     return true;
-  return platform_.host->GetSetting(kProjectName, u"Init", u"vbwTrace", u"") == u"1";
+  return platform_.host->GetSetting(kProjectName, kTraceSection, kTraceKey, u"") == kTraceOn;
 }
 
 void VbwProtector::vbwInitializeProtector() {

@@ -21,6 +21,13 @@ inline constexpr Utf16View kProjectName = u"Tabforge";
 inline constexpr Utf16View kErrorComponentProgId = u"MorvelinError.Main2";
 inline constexpr Utf16View kSupportMailbox = u"support@morvelin.com";
 
+// The tracing request: kTraceSwitch anywhere in the host's command line, or kTraceOn exactly in
+// the per-user setting kTraceKey of section kTraceSection, under the application kProjectName.
+inline constexpr Utf16View kTraceSwitch = u"/trace";
+inline constexpr Utf16View kTraceSection = u"Init";
+inline constexpr Utf16View kTraceKey = u"vbwTrace";
+inline constexpr Utf16View kTraceOn = u"1";
+
 // Banners of the three dump sections, each with its own line ends.
 inline constexpr Utf16View kLocalBanner =
     u"\r\n**************************\r\n* LOCAL LEVEL VARIABLES  *\r\n"

@@ -1,0 +1,73 @@
+#!/usr/bin/env bash
+# Runs `tabforge doctor --json` under Wine against each broken machine of doctor_cases.txt, each
+# from the same good machine (the prefix's registry is put back between cases), then switches the
+# tracing request on and off with `tabforge trace`.
+#
+#   doctor_test.sh BITS WORK-DIR TABFORGE.EXE TABFORGE.DLL CASES
+set -euo pipefail
+bits=$1 work=$2 tool=$3 dll=$4 cases=$5
+run=("$(dirname "$0")/../../scripts/run-under-wine.sh" --bits "$bits" "$work")
+prefix=$work/wineprefix
+clsid='{CC663791-259D-4F14-9E50-74944FB9E5D1}' libid='{09A869B8-F509-4A14-A2EC-4AC3672E2B89}'
+# A DLL of the other bitness: Wine's own build of a system library.
+other=/usr/lib/i386-linux-gnu/wine/i386-windows/oleaut32.dll view=/reg:$bits
+[ "$bits" = 32 ] && other=/usr/lib/x86_64-linux-gnu/wine/x86_64-windows/oleaut32.dll
+
+"${run[@]}" reg query 'HKLM\Software' >/dev/null  # boots the prefix on first use
+rm -rf "$prefix/drive_c/tabforge" && mkdir -p "$prefix/drive_c/tabforge/other" "$work/good"
+cp "$dll" "$prefix/drive_c/tabforge/Tabforge.dll"
+cp "$other" "$prefix/drive_c/tabforge/other/Tabforge.dll"
+"${run[@]}" regsvr32 /s 'C:\tabforge\Tabforge.dll'
+cp "$prefix"/*.reg "$work/good/"
+
+failed=0
+fail() { echo "FAIL $name: $*"; failed=$((failed + 1)); }
+dll_word="'C:\\tabforge\\Tabforge.dll'" other_word="'C:\\tabforge\\other\\Tabforge.dll'"
+while IFS='|' read -r name status expected setup args; do
+    name=$(echo $name) status=$(echo $status)
+    [[ -z "$name" || "$name" == \#* ]] && continue
+    [[ "$name" != [0-9]*:* || "$name" == "$bits":* ]] || continue
+    before=$failed
+    cp "$work"/good/*.reg "$prefix/"
+    rm -f "$prefix/drive_c/tabforge/moved.dll"
+    cp "$dll" "$prefix/drive_c/tabforge/Tabforge.dll"
+    setup=${setup//%CLSID%/$clsid} setup=${setup//%LIBID%/$libid} setup=${setup//%VIEW%/$view}
+    setup=${setup//%DLL%/$dll_word} setup=${setup//%OTHER%/$other_word}
+    setup=${setup//%TABFORGE%/$tool}
+    while [ -n "${setup// /}" ]; do
+        eval "command=(${setup%% & *})"
+        "${run[@]}" "${command[@]}" >/dev/null 2>&1 || fail "setup: ${command[*]}"
+        [[ "$setup" == *" & "* ]] && setup=${setup#* & } || setup=
+    done
+    code=0
+    # shellcheck disable=SC2086
+    "${run[@]}" "$tool" doctor --json $args > "$work/report.json" 2>&1 || code=$?
+    report=$(tr -d '\r' < "$work/report.json")
+    problems=$( (grep -o '"check": "[a-z-]*", "status": "problem"' <<< "$report" || true) |
+        cut -d'"' -f4 | sort | xargs)
+    want=$( (tr ' ' '\n' <<< "$expected" | grep -v '=' || true) | sort | xargs)
+    [ "$problems" = "$want" ] || fail "problems '$problems', expected '$want'"
+    for pair in $expected; do
+        [[ "$pair" != *=* ]] || grep -q "\"check\": \"${pair%=*}\", \"status\": \"${pair#*=}\"" \
+            <<< "$report" || fail "no $pair"
+    done
+    [ "$code" = "$status" ] || fail "exit $code, expected $status"
+    if [ "$failed" = "$before" ]; then echo "ok $name"; else echo "$report"; fi
+done < "$cases"
+
+# The tracing request, set and shown by `tabforge trace`, and read by doctor.
+name=trace
+cp "$work"/good/*.reg "$prefix/"
+"${run[@]}" "$tool" trace on | grep -q '^tracing on: .*= "1"' || fail "trace on"
+"${run[@]}" "$tool" doctor | grep -q '^ok *trace-setting: .*= "1": tracing requested' ||
+    fail "doctor does not see the request"
+"${run[@]}" "$tool" trace off | grep -q '^tracing off: .* is not set' || fail "trace off"
+"${run[@]}" "$tool" trace show | grep -q '^tracing off' || fail "trace show"
+code=0
+"${run[@]}" "$tool" trace sideways >/dev/null 2>&1 || code=$?
+[ "$code" = 2 ] || fail "trace sideways: exit $code, expected 2"
+code=0
+"${run[@]}" "$tool" doctor --bits 48 >/dev/null 2>&1 || code=$?
+[ "$code" = 2 ] || fail "doctor --bits 48: exit $code, expected 2"
+echo "$failed failed"
+[ "$failed" = 0 ]
