@@ -88,6 +88,7 @@ check_signed() {
     # Signing pads the file to a multiple of 8 bytes and updates the PE checksum; taking the
     # signature off leaves both.
     if [ "${1%.msi}" = "$1" ]; then
+        rm -f "$work/bare"
         osslsigncode remove-signature -in "$1" -out "$work/bare" >/dev/null
         if ! python3 - "$work/bare" "$2" <<'PY'; then
 import struct, sys
