@@ -20,7 +20,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 repo=$PWD
 dist=$(cd "${1:-dist}" && pwd)
-scripts/apt-install.sh openssl osslsigncode git
+scripts/apt-install.sh openssl osslsigncode msitools git
 if ! git diff --quiet HEAD --; then
     echo "release-check: the working tree has changes; commit them, then package and check" >&2
     exit 1
@@ -62,6 +62,7 @@ while read -r file; do
 done < "$work/first.txt"
 
 echo "== signed: a throw-away certificate"
+start=$SECONDS
 openssl req -x509 -newkey rsa:3072 -nodes -days 2 -keyout "$work/signer.key" \
     -out "$work/signer.pem" -subj "/CN=Tabforge release check/O=Morvelin Inc." \
     -addext "keyUsage=critical,digitalSignature" -addext "extendedKeyUsage=codeSigning" \
@@ -115,8 +116,12 @@ for arch in x86 x64; do
     check_signed "$(find "$work/msi-$arch" -name Tabforge.dll)" "$work/unsigned/$arch/Tabforge.dll"
 done
 
+echo "   signed and verified in $((SECONDS - start)) s"
+
 echo "== installable: the signed folder under Wine"
+start=$SECONDS
 scripts/test-install.sh "$signed" || failed=1
+echo "   tested in $((SECONDS - start)) s"
 
 [ "$failed" = 0 ] && echo "release-check: passed" || echo "release-check: FAILED"
 [ "$failed" = 0 ]
