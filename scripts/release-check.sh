@@ -25,8 +25,9 @@ if ! git diff --quiet HEAD --; then
     echo "release-check: the working tree has changes; commit them, then package and check" >&2
     exit 1
 fi
-# package.sh dates every file with the commit it built.
-if [ "$(stat -c %Y "$dist/SHA256SUMS")" != "$(git log -1 --format=%ct)" ]; then
+# package.sh dates every file with the commit it built; both builds here take that time.
+export SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git log -1 --format=%ct)}
+if [ "$(stat -c %Y "$dist/SHA256SUMS")" != "$SOURCE_DATE_EPOCH" ]; then
     echo "release-check: $dist was not built from this commit; run scripts/package.sh" >&2
     exit 1
 fi
