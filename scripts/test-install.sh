@@ -39,7 +39,6 @@ unset DISPLAY WAYLAND_DISPLAY
 
 msi_for() { ls "$dist"/Tabforge-*-"$1".msi; }
 version=$(basename "$(msi_for x86)" | sed 's/^Tabforge-\(.*\)-x86\.msi$/\1/')
-IFS=. read -r major minor _ <<< "$version"
 client="Z:${repo//\//\\}\\server\\tests\\installed.vbs"
 
 passed=0
@@ -191,10 +190,8 @@ for arch in ${TABFORGE_INSTALL_ARCHES:-x86 x64}; do
 
     # An older version of the same package, so that installing this one is a major upgrade.
     old=$work/Tabforge-0.9.0-$arch.msi
-    (cd "$WINEPREFIX/drive_c/tabforge/$arch" &&
-        wixl -a "$arch" -D Arch="$arch" -D Version=0.9.0 -D TypeLibVersion="${version%.*}" \
-            -D TypeLibKey="$(printf '%x.%x' "${major}" "${minor}")" -D Dll=Tabforge.dll \
-            -o "$old" "$repo/server/packaging/Tabforge.wxs" 2>/dev/null)
+    python3 tools/msi_package.py --arch "$arch" --version 0.9.0 --typelib "${version%.*}" \
+        --dll "$WINEPREFIX/drive_c/tabforge/$arch/Tabforge.dll" --out "$old" 2>/dev/null
 
     # register-user runs the tabforge.exe of the DLL's bitness, register-machine the other one.
     for case in msi-machine msi-user register-user register-machine; do
