@@ -119,6 +119,11 @@ TEST_F(Loader, MakesThePictureOfEachFileAsTheTableSays) {
         std::snprintf(actual, sizeof actual, "crc=%08lX",
                       crc32(0, bitmap.bgra.data(), static_cast<uInt>(bitmap.bgra.size())));
         EXPECT_EQ(actual, check) << f[0];
+      } else if (check.starts_with("himetric=")) {
+        const auto size = [&](Utf16View side) {
+          return std::to_string(ToLong(CallByName(picture, side, CallKind::kPropertyGet)));
+        };
+        EXPECT_EQ("himetric=" + size(u"Width") + "x" + size(u"Height"), check) << f[0];
       } else if (std::sscanf(check.c_str(), "%d,%d%c%x", &x, &y, &how, &expected) == 4) {
         std::snprintf(actual, sizeof actual, "%08X", bitmap.Pixel(x, y));
         EXPECT_TRUE(how == '=' ? bitmap.Pixel(x, y) == expected
@@ -140,8 +145,6 @@ TEST_F(Loader, PictureAnswersItsMembersByName) {
   Ref<Object> picture = loader->LoadTransparentGif(bytes);
   ASSERT_TRUE(picture);
   EXPECT_EQ(ToLong(CallByName(picture, u"Type", CallKind::kPropertyGet)), 1);
-  EXPECT_EQ(ToLong(CallByName(picture, u"Width", CallKind::kPropertyGet)), 53);  // 2 px, HIMETRIC
-  EXPECT_EQ(ToLong(CallByName(picture, u"Height", CallKind::kPropertyGet)), 53);
   EXPECT_EQ(
       static_cast<std::uintptr_t>(ToLong(CallByName(picture, u"Handle", CallKind::kPropertyGet))),
       dynamic_cast<PortablePicture&>(*picture).handle());
