@@ -160,6 +160,20 @@ TEST_F(Loader, PictureAnswersItsMembersByName) {
   EXPECT_EQ(
       static_cast<std::uintptr_t>(ToLong(CallByName(picture, u"Handle", CallKind::kPropertyGet))),
       dynamic_cast<PortablePicture&>(*picture).handle());
+  // A size takes no argument, and a picture whose handle is gone has none.
+  const auto refusal = [&](const Ref<Object>& of, std::vector<Variant> arguments) {
+    try {
+      of->Invoke(u"Width", CallKind::kPropertyGet, arguments);
+    } catch (const Failure& failure) {
+      return failure.number;
+    }
+    return 0;
+  };
+  EXPECT_EQ(refusal(picture, {std::int32_t{1}}), 5);
+  const Ref<Object> borrowed =
+      api.OleCreatePictureIndirect(loader->picConv(), TransparentGifLoader::kIPicture, false);
+  EXPECT_TRUE(api.DeleteObject(loader->picConv().hbitmap));
+  EXPECT_EQ(refusal(borrowed, {}), 5);
 }
 
 TEST_F(Loader, NoPictureGivesNothingWithoutFailureAndLeavesNothingBehind) {
