@@ -3,7 +3,7 @@
 #include <benchmark/benchmark.h>
 #include <stb/stb_image.h>
 
-#include "doubles/picture_files.h"
+#include "picture_files.h"
 #include "platform/portable/portable_platform.h"
 #include "ribbon/main2.h"
 #include "tracing/vbw_protector.h"

@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <sstream>
 
 #include "accessibility/accessibility.h"
 #include "accessibility/accessible_tree.h"
 #include "apartment.h"
+#include "golden.h"
 #include "platform/call_by_name.h"
 
 namespace tabforge::testing {
@@ -47,146 +49,45 @@ class Walker : public ::testing::Test {
   }
 };
 
-TEST_F(Walker, MatchAtTheStartIsReturnedWithoutListingItsChildren) {
-  auto root = Parse(
-      "38 \"Ribbon\"\n"
-      "  10 \"first\"\n"
-      "  10 \"second\"\n");
-  EXPECT_EQ(Find(root, 38, u"Ribbon"), Ref<Object>(root));
-  EXPECT_EQ(root->Calls(u"accChildCount"), 0);
-  EXPECT_EQ(root->Calls(kPortableChildrenMember), 0);
-
-  // With GetClient the first child of the match comes back, still without a listing.
-  EXPECT_EQ(Find(root, 38, u"Ribbon", kTrue), Ref<Object>(root->Find(u"first")));
-  EXPECT_EQ(root->Calls(u"accChildCount"), 0);
-  ExpectNothingReported();
-}
-
-TEST_F(Walker, RoleAndNameMustBothMatchExactlyAndTheFirstInDepthFirstOrderWins) {
-  auto root = Parse(
-      "22 \"bar\"\n"
-      "  38 \"Other\"\n"
-      "    40 \"leaf\"\n"
-      "  10 \"Ribbon\"\n"
-      "    38 \"ribbon\"\n"
-      "    10 \"deep\"\n"
-      "      38 \"Ribbon\" state=0x2\n"
-      "  38 \"Ribbon\"\n");
-  auto found = Find(root, 38, u"Ribbon");
-  ASSERT_TRUE(found);
-  // The deep match in the second child beats the shallow match in the third.
-  EXPECT_EQ(static_cast<AccessibleElement*>(found.get())->state(), 0x2);
-  // A role alone or a name alone is no match: their children were searched.
-  EXPECT_EQ(root->Find(u"Other")->Calls(u"accChildCount"), 1);
-  EXPECT_EQ(root->Find(u"leaf")->Calls(u"accName"), 1);
-  // The name differing only in case is no match either.
-  EXPECT_FALSE(Find(root, 38, u"RIBBON"));
-  ExpectNothingReported();
-}
-
-TEST_F(Walker, CountsOfZeroOrLessAndSimpleChildrenGiveNothingToSearch) {
-  auto root = Parse(
-      "22 \"bar\"\n"
-      "  10 \"zero\" count=0\n"
-      "    38 \"Ribbon\"\n"
-      "  10 \"negative\" count=-3\n"
-      "    38 \"Ribbon\"\n"
-      "  10 \"simple\"\n"
-      "    38 \"Ribbon\" simple\n"
-      "    38 \"Ribbon\" simple\n");
-  EXPECT_FALSE(Find(root, 38, u"Ribbon"));
-  EXPECT_EQ(root->Find(u"zero")->Calls(kPortableChildrenMember), 0);
-  EXPECT_EQ(root->Find(u"negative")->Calls(kPortableChildrenMember), 0);
-  EXPECT_EQ(root->Find(u"simple")->Calls(kPortableChildrenMember), 1);
-  EXPECT_TRUE(walker.GetChildren(Ref<Object>(root->Find(u"negative"))).empty());
-  ExpectNothingReported();
-}
-
-TEST_F(Walker, GetClientFallsBackToTheMatchAndNothingStaysNothing) {
-  auto root = Parse(
-      "22 \"bar\"\n"
-      "  60 \"Ribbon Tabs\"\n"
-      "  60 \"Simple first\"\n"
-      "    37 \"tab\" simple\n");
-  // No match: nothing, and navigating from nothing is given up quietly.
-  EXPECT_FALSE(Find(root, 60, u"Missing", kTrue));
-  // A match without a first child, or with a simple first child, comes back itself.
-  EXPECT_EQ(Find(root, 60, u"Ribbon Tabs", kTrue), Ref<Object>(root->Find(u"Ribbon Tabs")));
-  EXPECT_EQ(Find(root, 60, u"Simple first", kTrue), Ref<Object>(root->Find(u"Simple first")));
-  EXPECT_FALSE(walker.GetAccessible(nullptr, 60, u"Ribbon Tabs", kTrue));
-  ExpectNothingReported();
-}
-
-TEST_F(Walker, UnreadableRoleEndsTheSearchOnThatElementWithoutReadingItsName) {
-  auto root = Parse(
-      "22 \"bar\"\n"
-      "  10 \"refuses\" fail=accRole\n"
-      "  38 \"Ribbon\"\n");
-  EXPECT_EQ(Find(root, 38, u"Ribbon"), Ref<Object>(root->Find(u"refuses")));
-  EXPECT_EQ(root->Find(u"refuses")->Calls(u"accName"), 0);
-  ExpectNothingReported();
-}
-
-TEST_F(Walker, ListingKeepsLeavesWithTheirLevelsAndDropsFilteredSubtrees) {
-  auto root = Parse(
-      "10 \"client\"\n"
-      "  37 \"A\"\n"
-      "    20 \"A1\"\n"
-      "      43 \"A1a\"\n"
-      "    43 \"A2\"\n"
-      "  37 \"hidden\" state=0x8000\n"
-      "    43 \"under hidden\"\n"
-      "  37 \"unavailable\" state=0x1\n"
-      "  40 \"graphic\"\n"
-      "  41 \"text\"\n"
-      "  37 \"B\"\n");
-  VariantBool isOK = kFalse;
-  ChildList list = List(root, kTrue, isOK);
-  EXPECT_EQ(isOK, kTrue);
-  EXPECT_THAT(Names(list), ElementsAre(u"A1a", u"A2", u"B"));
-  EXPECT_THAT(list.Levels, ElementsAre(2, 1, 0));
-  EXPECT_EQ(root->Find(u"under hidden")->Calls(u"accRole"), 0);
-  // Each level of a nested listing adds the element, and reads its state, once more.
-  EXPECT_EQ(root->Find(u"A1a")->Calls(u"accState"), 1 + 3);
-
-  // Without descendents the direct children that pass the filters come, all at level 0.
-  ChildList direct = List(root, kFalse, isOK);
-  EXPECT_THAT(Names(direct), ElementsAre(u"A", u"B"));
-  EXPECT_THAT(direct.Levels, ElementsAre(0, 0));
-  EXPECT_EQ(direct.SelectedChild, 0);  // none selected
-  ExpectNothingReported();
-
-  // The selected child is the last one selected; an empty or fully filtered listing succeeds.
-  auto two =
-      Parse("10 \"c\"\n  37 \"a\"\n  37 \"b\" state=0x2\n  37 \"c\"\n  37 \"d\" state=0x2\n");
-  EXPECT_EQ(List(two, kFalse, isOK).SelectedChild, 3);
-  for (const char* text : {"10 \"client\"\n  40 \"graphic\"\n", "10 \"empty\"\n"}) {
-    isOK = kFalse;
-    EXPECT_THAT(List(Parse(text), kTrue, isOK).Children, IsEmpty());
-    EXPECT_EQ(isOK, kTrue);
+// Each case of walker.txt on a tree of its own, with nothing reported.
+TEST_F(Walker, AnswersEachCaseOfTheTable) {
+  for (const auto& [header, text] : ReadCases("tests/walker.txt")) {
+    const std::vector<std::string> f = Fields(header);  // what, answer, calls
+    const auto root = Parse(text);
+    std::istringstream what(f[0]);
+    std::string verb, name;
+    std::int32_t role = 0;
+    what >> verb >> role;
+    std::getline(what >> std::ws, name);
+    std::string answer;
+    if (verb.starts_with("find")) {
+      const Ref<Object> found =
+          Find(root, role, FromUtf8(name), ToVariantBool(verb == "find-client"));
+      const auto* element = static_cast<AccessibleElement*>(found.get());
+      answer = element == nullptr
+                   ? "nothing"
+                   : std::to_string(element->role()) + " " + ToUtf8(element->name()) + " " +
+                         std::to_string(element->state());
+    } else {
+      VariantBool isOK = kFalse;
+      const ChildList list = List(root, ToVariantBool(verb == "list-all"), isOK);
+      answer = isOK == kTrue ? "ok" : "failed";
+      for (std::size_t i = 0; i < list.Children.size(); ++i)
+        answer += (i == 0 ? ": " : ", ") + ToUtf8(Names(list)[i]) + "@" +
+                  std::to_string(list.Levels.at(i));
+      answer += " selected=" + std::to_string(list.SelectedChild);
+    }
+    EXPECT_EQ(answer, f[1]) << header;
+    std::istringstream calls(f.size() > 2 ? f[2] : "");
+    for (std::string call; std::getline(calls >> std::ws, call, ',');) {
+      const auto dot = call.rfind('.'), equals = call.find('=');
+      AccessibleElement* element = root->Find(FromUtf8(call.substr(0, dot)));
+      ASSERT_NE(element, nullptr) << header << ": " << call;
+      EXPECT_EQ(element->Calls(FromUtf8(call.substr(dot + 1, equals - dot - 1))),
+                std::stoi(call.substr(equals + 1)))
+          << header << ": " << call;
+    }
   }
-}
-
-TEST_F(Walker, SimpleChildFailsItsOwnLevelOnly) {
-  auto first = Parse(
-      "10 \"client\"\n"
-      "  37 \"A\"\n"
-      "  37 \"simple\" simple\n");
-  VariantBool isOK = kFalse;
-  ChildList list = List(first, kTrue, isOK);
-  EXPECT_THAT(list.Children, IsEmpty());
-  EXPECT_THAT(list.Levels, IsEmpty());
-  EXPECT_EQ(isOK, kFalse);
-
-  auto deeper = Parse(
-      "10 \"client\"\n"
-      "  37 \"A\"\n"
-      "    43 \"A1\"\n"
-      "    43 \"simple\" simple\n"
-      "  37 \"B\"\n");
-  list = List(deeper, kTrue, isOK);
-  EXPECT_EQ(isOK, kTrue);
-  EXPECT_THAT(Names(list), ElementsAre(u"B"));
   ExpectNothingReported();
 }
 
@@ -225,26 +126,12 @@ TEST_F(Walker, TreesThatLeadBackOrGoTooDeepEnd) {
 }
 
 TEST(AccessibleTree, RejectsMalformedLinesWithTheirNumbers) {
-  struct Case {
-    const char* text;
-    int line;
-    const char* error;
-  } cases[] = {
-      {"10 \"a\"\n   10 \"b\"\n", 2, "indentation must be a multiple of two blanks"},
-      {"10 \"a\"\n    10 \"b\"\n", 2, "indented more than one level"},
-      {"10 \"a\"\n  10 \"b\" simple\n    10 \"c\"\n", 3, "a simple child has nothing below it"},
-      {"10 \"a\"\n10 \"b\"\n", 2, "a tree has exactly one root"},
-      {"# only a comment\n\n10 \"a\" colour=red\n", 3, "unknown field 'colour=red'"},
-      {"ten \"a\"\n", 1, "role must be a number"},
-      {"10 \"a\n", 1, "name has no closing quote"},
-      {"10 \"a\" state=zero\n", 1, "state must be a number"},
-      {"# nothing\n", 1, "no element"},
-  };
-  for (const auto& c : cases) {
-    ParsedTree tree = ParseAccessibleTree(c.text);
-    EXPECT_FALSE(tree.root) << c.text;
-    EXPECT_EQ(tree.error, c.error) << c.text;
-    EXPECT_EQ(tree.errorLine, c.line) << c.text;
+  for (const auto& c : testing::ReadCases("tests/tree_errors.txt")) {
+    const std::vector<std::string> fields = testing::Fields(c.header);  // line, error
+    ParsedTree tree = ParseAccessibleTree(c.body);
+    EXPECT_FALSE(tree.root) << c.body;
+    EXPECT_EQ(tree.error, fields[1]) << c.body;
+    EXPECT_EQ(std::to_string(tree.errorLine), fields[0]) << c.body;
   }
 }
 

@@ -15,7 +15,6 @@
 
 #include "accessibility/accessible_tree.h"
 #include "apartment.h"
-#include "doubles/picture_files.h"
 #include "doubles/recording_ribbon.h"
 #include "doubles/recording_signaller.h"
 #include "golden.h"
@@ -76,7 +75,9 @@ struct Host {
   Main2 main2{apartment.protector};
 
   explicit Host(State state) {
-    signaller->fallback = Variant(VarType::VT_UI1, MakeArray(RgbPng(2, 1, {1, 2, 3, 4, 5, 6})));
+    const std::string png = ReadSource("tests/pictures/two-pixels.png");
+    signaller->fallback =
+        Variant(VarType::VT_UI1, MakeArray(std::vector<std::uint8_t>(png.begin(), png.end())));
     TabSearchLimits limits;
     limits.timeBudget = std::chrono::milliseconds(200);
     limits.maxAttemptsPerStage = 3;

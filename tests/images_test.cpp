@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 
 #include "apartment.h"
-#include "doubles/picture_files.h"
 #include "doubles/recording_signaller.h"
+#include "golden.h"
 #include "ribbon/main2.h"
 
 namespace tabforge::testing {
@@ -19,7 +19,9 @@ using ::testing::IsEmpty;
 class Images : public ::testing::Test {
  protected:
   void SetUp() override {
-    const Variant picture(VarType::VT_UI1, MakeArray(RgbaPng(1, 1, {0, 0, 255, 255})));
+    const std::string png = ReadSource("tests/pictures/blue-pixel.png");
+    const Variant picture(VarType::VT_UI1,
+                          MakeArray(std::vector<std::uint8_t>(png.begin(), png.end())));
     for (std::int16_t number : {102, 318, 303})
       signaller->answers[number] = picture;
     main2.Initialize(signaller, u"Morvelin");
@@ -30,42 +32,6 @@ class Images : public ::testing::Test {
   Main2 main2{apartment.protector};
   Ref<RecordingSignaller> signaller = MakeRef<RecordingSignaller>();
 };
-
-TEST_F(Images, ApplyNumberFollowsTheExactProductName) {
-  // productNameChanged lives on another branch; a further Initialize renames the same way.
-  main2.Initialize(signaller, u"Tabula");
-  main2.GetImage(u"MVN0");
-  main2.Initialize(signaller, u"morvelin");
-  main2.GetImage(u"MVN26");
-  main2.Initialize(signaller, u"");
-  main2.GetImage(u"MVN0");
-  main2.Initialize(signaller, u"Morvelin");
-  main2.GetImage(u"MVN0");
-  EXPECT_THAT(signaller->asked, ElementsAre(318, 318, 318, 102));
-}
-
-TEST_F(Images, SlotsOfTheApplyNumberKeepTheFirstFill) {
-  main2.LoadImage(u"0");
-  main2.Initialize(signaller, u"Tabula");  // a further Initialize leaves the table alone too
-  main2.LoadImage(u"0");
-  main2.LoadImage(u"26");
-  main2.GetImage(u"MVN0");  // GetImage is free of the table
-  EXPECT_THAT(signaller->asked, ElementsAre(102, 102, 102, 318));
-}
-
-TEST_F(Images, PrefixedOrOutOfRangeIdsFailIntoTheTail) {
-  EXPECT_FALSE(main2.LoadImage(u"MVN5"));
-  EXPECT_FALSE(main2.LoadImage(u"27"));
-  EXPECT_FALSE(main2.LoadImage(u"-1"));
-  const auto calls = HandlerCalls();
-  ASSERT_EQ(calls.size(), 3u);
-  EXPECT_THAT(calls[0], HasSubstr(R"(I4 13, BSTR "Type mismatch")"));
-  EXPECT_THAT(calls[0], HasSubstr(R"(BSTR "Main2", BSTR "LoadImage", I4 1005)"));
-  EXPECT_THAT(calls[1], HasSubstr(R"(I4 9, BSTR "Subscript out of range")"));
-  EXPECT_THAT(calls[2], HasSubstr(R"(I4 9, BSTR "Subscript out of range")"));
-  EXPECT_THAT(signaller->asked, IsEmpty());
-  EXPECT_EQ(apartment.protector.Depth(), 0);
-}
 
 TEST_F(Images, UndecodableOrMissingBytesAreNoFailure) {
   signaller->answers[303] = Variant(VarType::VT_UI1, MakeArray(std::vector<std::uint8_t>{1, 2}));

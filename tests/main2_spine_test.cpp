@@ -6,6 +6,7 @@
 
 #include "apartment.h"
 #include "doubles/recording_ribbon.h"
+#include "golden.h"
 #include "ribbon/main2.h"
 #include "ribbon/string_extensions.h"
 
@@ -77,26 +78,21 @@ TEST_F(Spine, FailedTableCreationLeavesTheLaterStepsToTheirTails) {
   EXPECT_THAT(calls[1], ::testing::HasSubstr(R"(BSTR "initProductNameSensitiveControl", I4 1601)"));
 }
 
+// Each case of replace_text.txt.
 TEST(StringExtensionsTest, ReplaceTextIsOnePassAndExact) {
-  EXPECT_EQ(StringExtensions::replaceText(u"About PN / Login to PN", u"PN", u"Quill"),
-            u"About Quill / Login to Quill");
-  EXPECT_EQ(StringExtensions::replaceText(u"Apply PN", u"PN", u"PNPN"), u"Apply PNPN");
-  EXPECT_EQ(StringExtensions::replaceText(u"Apply pn", u"PN", u"X"), u"Apply pn");
-  EXPECT_EQ(StringExtensions::replaceText(u"Apply pn", u"PN", u"X", 1, -1, 1), u"Apply X");
-  EXPECT_EQ(StringExtensions::replaceText(u"PN PN PN", u"PN", u"x", 1, 2), u"x x PN");
-  EXPECT_EQ(StringExtensions::replaceText(u"Apply PN", u"PN", u""), u"Apply ");
-  EXPECT_EQ(StringExtensions::replaceText(u"abc", u"", u"x"), u"abc");
-  EXPECT_EQ(StringExtensions::replaceText(u"PN PN", u"PN", u"x", 1, 0), u"PN PN");
-  // The result begins at `start`; matches do not overlap; a find longer than the text is no match.
-  EXPECT_EQ(StringExtensions::replaceText(u"xPNyPN", u"PN", u"-", 3), u"Ny-");
-  EXPECT_EQ(StringExtensions::replaceText(u"abc", u"c", u"x", 9), u"");
-  EXPECT_EQ(StringExtensions::replaceText(u"aaa", u"aa", u"b"), u"ba");
-  EXPECT_EQ(StringExtensions::replaceText(u"P", u"PN", u"x"), u"P");
-  EXPECT_EQ(StringExtensions::replaceText(u"pN Pn", u"Pn", u"x", 1, 1, 1), u"x Pn");
-  // More matches than the search keeps places for, with and without a count.
-  EXPECT_EQ(StringExtensions::replaceText(u"a.a.a.a.a.a.a.a.a.a", u"a", u"bc"),
-            u"bc.bc.bc.bc.bc.bc.bc.bc.bc.bc");
-  EXPECT_EQ(StringExtensions::replaceText(u"a.a.a.a.a.a.a.a.a.a", u"a", u"", 1, 9), u".........a");
+  for (const auto& c : ReadCases("tests/replace_text.txt")) {
+    std::vector<std::string> f = Fields(c.header);
+    ASSERT_EQ(f.size(), 7u) << c.header;
+    for (std::string& field : f)
+      field = field.starts_with("[") ? field.substr(1, field.size() - 2) : field;
+    const auto number = [&](std::size_t i, int otherwise) {
+      return f[i].empty() ? otherwise : std::stoi(f[i]);
+    };
+    EXPECT_EQ(ToUtf8(StringExtensions::replaceText(FromUtf8(f[0]), FromUtf8(f[1]), FromUtf8(f[2]),
+                                                   number(3, 1), number(4, -1), number(5, 0))),
+              f[6])
+        << c.header;
+  }
 }
 
 TEST(StringExtensionsTest, EndsWithAndStripPrefix) {

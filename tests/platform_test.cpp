@@ -4,7 +4,6 @@
 #include "platform/failure.h"
 #include "platform/variant.h"
 #include "ribbon/dictionary.h"
-#include "ribbon/string_extensions.h"
 #include "tracing/runtime_objects.h"
 
 namespace tabforge {
@@ -66,8 +65,6 @@ TEST(Text, CaseIsIgnoredFromAToZOnly) {
               properties->Invoke(u"AZaz", CallKind::kPropertyGet, {&argument, 1});
             }),
             438);
-  EXPECT_EQ(StringExtensions::replaceText(u"AZaz@[", u"azAZ", u"x", 1, -1, 1), u"x@[");
-  EXPECT_EQ(StringExtensions::replaceText(u"@[", u"`{", u"x", 1, -1, 1), u"@[");
 }
 
 TEST(Dictionary, KeepsKeysInTheOrderOfAddingAndRefusesASecondAdd) {

@@ -6,16 +6,13 @@ usage: preview_browser_test.py TABFORGE SOURCE_DIR WORK_DIR
 Leaves WORK_DIR/preview.html and WORK_DIR/preview.png (the picture in docs/). Exits 77 (skipped)
 when Chromium is not installed.
 """
-import base64
 import html.parser
 import os
 import shutil
-import struct
 import subprocess
 import sys
 import tempfile
 import xml.etree.ElementTree as ET
-import zlib
 
 WIDTH, HEIGHT = 1400, 400
 NS = "{http://schemas.microsoft.com/office/2006/01/customui}"
@@ -41,21 +38,6 @@ def chromium(browser, *args):
                     "--user-data-dir=" + profile, *args]).stdout
     finally:
         shutil.rmtree(profile, ignore_errors=True)
-
-
-def png_header(data):
-    """Width and height of a PNG, and its image data inflated (rows still filtered)."""
-    if data[:8] != b"\x89PNG\r\n\x1a\n":
-        raise ValueError("not a PNG")
-    pos, idat, size = 8, b"", None
-    while pos < len(data):
-        length, kind = struct.unpack(">I4s", data[pos:pos + 8])
-        if kind == b"IHDR":
-            size = struct.unpack(">II", data[pos + 8:pos + 16])
-        elif kind == b"IDAT":
-            idat += data[pos + 8:pos + 8 + length]
-        pos += 12 + length
-    return size, zlib.decompress(idat)
 
 
 class Dom(html.parser.HTMLParser):
@@ -111,21 +93,13 @@ def expectations(tabforge, cwd, session):
 
 
 def check_page(page):
-    """Every picture is a PNG of the size it claims, inlined; nothing is fetched."""
-    elements = parse(page)
-    images = [e for e in elements if e["tag"] == "img"]
+    """Every picture is an inline PNG; nothing is fetched."""
+    images = [e for e in parse(page) if e["tag"] == "img"]
     if len(images) < 10:
         fail("only %d pictures on the page" % len(images))
     for image in images:
-        src = image["attrs"].get("src", "")
-        prefix = "data:image/png;base64,"
-        if not src.startswith(prefix):
-            fail("a picture is not an inline PNG: " + src[:40])
-            continue
-        size, _ = png_header(base64.b64decode(src[len(prefix):]))
-        claimed = (int(image["attrs"]["data-width"]), int(image["attrs"]["data-height"]))
-        if size != claimed or size[0] == 0:
-            fail("picture is %dx%d, claims %dx%d" % (*size, *claimed))
+        if not image["attrs"].get("src", "").startswith("data:image/png;base64,"):
+            fail("a picture is not an inline PNG: " + image["attrs"].get("src", "")[:40])
     for needle in ("http://", "https://", "<script", "<link"):
         if needle in page:
             fail("the page holds " + needle)
@@ -160,18 +134,10 @@ def check_dom(dom, expected, groups):
     if not any(w["pressed"] for w in expected.values()):
         fail("the session leaves no control pressed, so the check proves nothing")
     for e in elements:
-        if e["tag"] == "img" and e["attrs"].get("data-natural", "0x0").startswith("0x"):
-            fail("the browser could not decode a picture of " + e["attrs"].get("alt", "?"))
-
-
-def check_screenshot(path):
-    with open(path, "rb") as f:
-        size, rows = png_header(f.read())
-    if size != (WIDTH, HEIGHT):
-        fail("screenshot is %dx%d" % size)
-    # A blank or single-coloured page inflates to a handful of distinct bytes, filtered or not.
-    if len(set(rows)) < 64:
-        fail("screenshot holds only %d distinct bytes: nothing is drawn" % len(set(rows)))
+        claimed = "%sx%s" % (e["attrs"].get("data-width"), e["attrs"].get("data-height"))
+        if e["tag"] == "img" and e["attrs"].get("data-natural") != claimed:
+            fail("the browser decoded a picture of %s as %s, not %s"
+                 % (e["attrs"].get("alt", "?"), e["attrs"].get("data-natural"), claimed))
 
 
 def main():
@@ -202,7 +168,6 @@ def main():
     shot = os.path.join(work, "preview.png")
     chromium(browser, "--screenshot=" + shot, "--window-size=%d,%d" % (WIDTH, HEIGHT),
              "--hide-scrollbars", "file://" + page_path)
-    check_screenshot(shot)
     print("%d controls checked; screenshot %s" % (len(expected), shot))
     return 1 if failures else 0
 

@@ -2,8 +2,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <iterator>
+#include <sstream>
 #include <string>
 
+#include "golden.h"
 #include "probe.h"
 
 namespace tabforge::testing {
@@ -17,63 +20,37 @@ class Runner : public ::testing::Test {
   Probe probe{apartment, {}};
 };
 
-// Each row: the probe called ("Branch+" is Branch(true)), the statements made to fail (procedure,
-// step, times), the handler's answers, what ran and how often the handler was asked.
-struct Failing {
-  const char16_t* procedure;
-  int step;
-  int times = 1;
-};
-struct FlowCase {
-  std::string call;
-  std::vector<Failing> failures;
-  std::vector<std::int32_t> answers;
-  const char* trail;
-  std::size_t handlerCalls;
-};
-
-TEST_F(Runner, FailuresTakeTheFlowTheirModeAndAnswerSay) {
-  const FlowCase cases[] = {
-      {"Branch+", {}, {}, "abc", 0},
-      {"Branch-", {{u"Probe.Branch", 2}}, {5}, "abc", 1},  // continue runs the true branch
-      {"Modes-", {{u"Probe.Modes", 3}}, {}, "abcd", 0},    // pass-over: the same, no handler
-      // A continue or pass-over lands on the change of mode behind the failed statement: 1 is
-      // answered "continue"; 3 is passed over into the branch; 6 leaves without the handler.
-      {"Modes-", {{u"Probe.Modes", 1}, {u"Probe.Modes", 3}, {u"Probe.Modes", 6}}, {5}, "b", 1},
-      {"Branch+", {{u"Probe.Branch", 3, 2}}, {4, 4}, "abc", 2},  // retry, twice
-      // The head never ran: the body runs with what the loop variable held, then the loop goes on.
-      {"Loop", {{u"Probe.Loop", 2}}, {5}, "x01y", 1},
-      {"Modes+", {{u"Probe.Modes", 7}}, {}, "abc", 0},  // exit on failure, no handler
-      {"Early", {}, {}, "1", 0},
-      // Leave, and answers that are none of the known ones.
-      {"Branch+", {{u"Probe.Branch", 3}}, {0}, "a", 1},
-      {"Branch+", {{u"Probe.Branch", 3}}, {1}, "a", 1},
-      {"Branch+", {{u"Probe.Branch", 3}}, {2}, "a", 1},
-      {"Branch+", {{u"Probe.Branch", 3}}, {7}, "a", 1},
-      {"Branch+", {{u"Probe.Branch", 3}}, {9}, "a", 1},
-      {"Branch+", {{u"Probe.Branch", 3}}, {-3}, "a", 1},
-  };
-  for (const FlowCase& c : cases) {
+// Each case of runner_flows.txt on an apartment of its own.
+TEST(RunnerFlows, FailuresTakeTheFlowTheirModeAndAnswerSay) {
+  for (const auto& c : ReadCases("tests/runner_flows.txt")) {
+    const std::vector<std::string> fields = Fields(c.header);
+    ASSERT_EQ(fields.size(), 5u) << c.header;
     Apartment fresh;
     Probe run{fresh, {}};
-    for (const Failing& f : c.failures)
-      fresh.faults.FailAt(f.procedure, f.step, f.times);
-    fresh.script->answers.assign(c.answers.begin(), c.answers.end());
-    if (c.call == "Loop")
-      run.Loop();
-    else if (c.call == "Early")
-      run.Early();
-    else if (c.call.starts_with("Branch"))
-      run.Branch(c.call.back() == '+');
-    else
-      run.Modes(c.call.back() == '+');
-    const std::string row = "row " + std::to_string(&c - cases);
-    EXPECT_EQ(run.trail, c.trail) << row;
-    EXPECT_EQ(fresh.script->CallsTo("vbwErrorHandler").size(), c.handlerCalls) << row;
-    if (c.handlerCalls == 0) {
-      EXPECT_EQ(fresh.script->created, 0) << row;
+    std::istringstream failures(fields[1]), answers(fields[2]);
+    for (std::string failure; failures >> failure;) {
+      const auto colon = failure.find(':'), star = failure.find('*');
+      fresh.faults.FailAt(FromUtf8(failure.substr(0, colon)), std::stoi(failure.substr(colon + 1)),
+                          star == std::string::npos ? 1 : std::stoi(failure.substr(star + 1)));
     }
-    EXPECT_EQ(fresh.protector.Depth(), 0) << row;
+    const std::vector<std::int32_t> answered{std::istream_iterator<std::int32_t>(answers), {}};
+    fresh.script->answers.assign(answered.begin(), answered.end());
+    const std::string& call = fields[0];
+    if (call == "Loop")
+      run.Loop();
+    else if (call == "Early")
+      run.Early();
+    else if (call.starts_with("Branch"))
+      run.Branch(call.back() == '+');
+    else
+      run.Modes(call.back() == '+');
+    EXPECT_EQ(run.trail, fields[3]) << c.header;
+    EXPECT_EQ(std::to_string(fresh.script->CallsTo("vbwErrorHandler").size()), fields[4])
+        << c.header;
+    if (fields[4] == "0") {
+      EXPECT_EQ(fresh.script->created, 0) << c.header;
+    }
+    EXPECT_EQ(fresh.protector.Depth(), 0) << c.header;
   }
 }
 

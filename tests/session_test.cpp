@@ -9,6 +9,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "golden.h"
 #include "tools/session.h"
 
 namespace tabforge::cli {
@@ -29,42 +30,47 @@ Transcript Replay(const std::string& script, SessionOptions options = {}) {
   return {status, out.str(), errors.str()};
 }
 
-TEST(Session, PrintsTheCallsOfEachCommandThenItsResult) {
-  const std::string tree = ::testing::TempDir() + "tabforge-ribbon.tree";
-  std::ofstream(tree) << "22 \"Ribbon\"\n  38 \"Ribbon\"\n    60 \"Ribbon Tabs\"\n      10 \"\"\n"
-                         "        37 \"Home\"\n        37 \"Quill\"\n";
-  const std::pair<std::string, std::string> cases[] = {
-      // Comments and blank lines skipped, either line end; the last text takes the rest.
-      {"# comment\n\nInitialize Morvelin Pro\r\nGetLabel MVN0\nproductNameChanged A B\r\n"
-       "GetLabel MVN0\nInitialize\nGetLabel MVN1\n",
-       "= ok\n= \"Apply Morvelin Pro\"\n= ok\n= \"Apply A B\"\n= ok\n= \"Configure \"\n"},
-      {"Initialize M\nribbon\nEnableGotoQuickBookmark true\nGetEnabled MVN16\n"
-       "RibbonCallback MVN23 true\nGetPressed MVN23\nUpdateLexoscopeIcon true\nGetScreentip MVN23\n"
-       "EnableToolbar false\nGetEnabled MVN5\n",
-       "= ok\n= ok\n  ribbon.InvalidateControl MVN16\n= ok\n= true\n"
-       "  signaller.Run ToggleLexoscope\n= ok\n= false\n  ribbon.InvalidateControl MVN23\n= ok\n"
-       "= \"Turn Lexoscope off\"\n  ribbon.Invalidate\n= ok\n= false\n"},
-      // Without icons every picture is nothing; the built-in one is not even asked for.
-      {"Initialize Morvelin\nGetImage MVN0\nLoadImage 5\nLoadImage 2\n",
-       "= ok\n  signaller.getToolbarIconBits 102\n= nothing\n  signaller.getToolbarIconBits 303\n"
-       "= nothing\n= nothing\n"},
-      {"Initialize Quill\nactivateMorvelinTab " + tree + "\n",
-       "= ok\n  tree.accDoDefaultAction \"Quill\"\n= ok\n"},
-  };
-  for (const auto& [script, out] : cases) {
-    const auto t = Replay(script);
-    EXPECT_EQ(t.status, 0) << script << t.errors;
-    EXPECT_EQ(t.out, out) << script;
+// The options of a case's header behind " | ": those of the session command; --icons is the source
+// tree's icons, and without it there are none.
+SessionOptions Options(const std::string& header) {
+  SessionOptions options;
+  options.iconDirectory = "/nonexistent";
+  std::istringstream words(header.substr(std::min(header.find(" | "), header.size())));
+  for (std::string word, value; words >> word;) {
+    if (word == "--icons")
+      options.iconDirectory = TABFORGE_ICONS;
+    options.errors = options.errors || word == "--errors";
+    if (word == "--failing-macros" && words >> value)
+      options.failingMacros.push_back(value);
+    std::istringstream list(word == "--answers" && words >> value ? value : "");
+    for (std::string answer; std::getline(list, answer, ',');)
+      options.answers.push_back(std::stoi(answer));
   }
+  return options;
 }
 
-TEST(Session, BadLinesStopWithTheirNumber) {
-  for (const char* line : {"Frobnicate", "EnableToolbar yes", "RibbonCallback MVN5 maybe",
-                           "ribbon extra", "GetRibbonXML now", "activateMorvelinTab /none.tree"}) {
-    const auto t = Replay(std::string("Initialize Morvelin\n\n") + line + "\nGetLabel MVN0\n");
-    EXPECT_EQ(t.status, 2) << line;
-    EXPECT_NE(t.errors.find("line 3:"), std::string::npos) << t.errors;
-    EXPECT_EQ(t.out, "= ok\n") << line;  // nothing behind the bad line runs
+// Each case of sessions.txt: the lines behind "> " are the session ($SOURCE the source tree),
+// those behind "! " what it says on standard error, and the others its transcript.
+TEST(Session, ReplaysEachCaseAsItsTranscriptSays) {
+  for (const auto& [header, body] : testing::ReadCases("tests/sessions.txt")) {
+    std::string script, out, errors;
+    std::istringstream lines(body);
+    for (std::string line; std::getline(lines, line);) {
+      if (line.starts_with(">"))
+        script += line.substr(std::min<std::size_t>(2, line.size())) + "\n";
+      else if (line.starts_with("! "))
+        errors += line.substr(2) + "\n";
+      else if (!line.empty() && !line.starts_with("#"))
+        out += line + "\n";
+    }
+    for (auto at = script.find("$SOURCE"); at != std::string::npos; at = script.find("$SOURCE"))
+      script.replace(at, 7, TABFORGE_SOURCE_DIR);
+    std::istringstream in(script);
+    std::ostringstream transcript, said;
+    EXPECT_EQ(ReplaySession(in, transcript, said, Options(header)), errors.empty() ? 0 : 2)
+        << header;
+    EXPECT_EQ(transcript.str(), out) << header;
+    EXPECT_EQ(said.str(), errors) << header;
   }
 }
 
@@ -102,30 +108,6 @@ TEST(Session, ACallThatCannotBeMadeStopsTheReplayAtItsLine) {
   EXPECT_EQ(out.str(), "  initialized\n= ok\n");
   EXPECT_EQ(errors.str(),
             "tabforge session: line 3: GetLabel failed with 0x80010108: GetLabel MVN0\n");
-}
-
-TEST(Session, ErrorsShowWhatTheComponentReceivesAndAnswers) {
-  SessionOptions options;
-  options.failingMacros = {"InsertReference"};
-  options.errors = true;
-  options.answers = {8, 5};
-  const auto t = Replay("Initialize Morvelin\nGetLabel MVN9x\nRibbonCallback MVN5\n", options);
-  const std::string start =
-      "  error.vbwInitializeProtector vbwCatchException=true vbwTraceLine=false "
-      "mOldTraceProc=false vbwCallStack=true vbwSystemInfo=true vbwScreenshot=true\n";
-  const std::string failure = R"( "Type mismatch" "Tabforge" "Main2" "convertToId" line 2002 )"
-                              R"(depth 2 stack "Main2.GetLabel[Get]" "Main2.convertToId" => )";
-  // The answers in turn: a dump, then on at the next statement; used up, a new component leaves.
-  EXPECT_EQ(t.out.substr(0, t.out.find("  error.vbwOpenDumpFile\n")),
-            "= ok\n" + start + "  error.vbwErrorHandler 13" + failure + "8\n");
-  EXPECT_NE(t.out.find("  error.vbwCloseDumpFile\n  error.vbwErrorHandler -1" + failure +
-                       "5\n= \"Apply Morvelin\"\n  signaller.Run InsertReference\n" + start +
-                       R"(  error.vbwErrorHandler 1004 "The macro 'InsertReference' failed" )"
-                       R"("Tabforge" "Main2" "RibbonCallback" line 1104 depth 1 stack )"
-                       R"("Main2.RibbonCallback" => 7)"
-                       "\n= ok\n"),
-            std::string::npos)
-      << t.out;
 }
 
 // Dumps go to a folder that is made when missing; one that cannot be written is said on standard

@@ -2,9 +2,9 @@
 // line and from the settings, and what is tracked before and after start-up.
 #include <gtest/gtest.h>
 
-#include <optional>
 #include <string>
 
+#include "golden.h"
 #include "platform/portable/portable_platform.h"
 #include "tracing/vbw_protector.h"
 
@@ -12,42 +12,22 @@ namespace tabforge {
 namespace {
 
 TEST(Switches, FollowTheTracingRequestOfTheCommandLineOrTheSetting) {
-  struct Case {
-    const char16_t* commandLine;
-    std::optional<const char16_t*> setting;
-    bool requested;
-  };
-  const Case cases[] = {
-      {u"WINWORD.EXE", std::nullopt, false},
-      {u"WINWORD.EXE /trace", std::nullopt, true},
-      {u"WINWORD.EXE /tracer", std::nullopt, true},
-      {u"WINWORD.EXE x/trace/y", std::nullopt, true},
-      {u"WINWORD.EXE /TRACE", std::nullopt, false},
-      {u"WINWORD.EXE /Trace", std::nullopt, false},
-      {u"WINWORD.EXE", u"1", true},
-      {u"WINWORD.EXE /trace", u"0", true},
-      {u"WINWORD.EXE", u"01", false},
-      {u"WINWORD.EXE", u" 1", false},
-      {u"WINWORD.EXE", u"1 ", false},
-      {u"WINWORD.EXE", u"one", false},
-      {u"WINWORD.EXE", u"", false},
-      {u"WINWORD.EXE", u"True", false},
-  };
-  for (const Case& c : cases) {
+  for (const auto& c : testing::ReadCases("tests/switches.txt")) {
+    const std::vector<std::string> fields = testing::Fields(c.header);
+    ASSERT_EQ(fields.size(), 3u) << c.header;
     PortablePlatform platform;
-    platform.host.SetCommandLine(c.commandLine);
-    if (c.setting)
-      platform.host.SetSetting(u"Tabforge", u"Init", u"vbwTrace", *c.setting);
+    platform.host.SetCommandLine(FromUtf8(fields[0]));
+    if (fields[1] != "-")
+      platform.host.SetSetting(u"Tabforge", u"Init", u"vbwTrace",
+                               FromUtf8(fields[1].substr(1, fields[1].size() - 2)));
     VbwProtector protector(platform.View());
     protector.vbwInitializeProtector();
-    const std::string where =
-        ToUtf8(c.commandLine) + ", setting " + ToUtf8(c.setting.value_or(u"-"));
-    const VariantBool request = ToVariantBool(c.requested);
-    EXPECT_EQ(protector.vbwTraceParameters, request) << where;
-    EXPECT_EQ(protector.mOldTraceProc, request) << where;
-    EXPECT_EQ(protector.vbwTraceLine, request) << where;
-    EXPECT_EQ(protector.vbwTraceProc, kTrue) << where;
-    EXPECT_TRUE(protector.StackAllocated()) << where;
+    const VariantBool request = ToVariantBool(fields[2] == "yes");
+    EXPECT_EQ(protector.vbwTraceParameters, request) << c.header;
+    EXPECT_EQ(protector.mOldTraceProc, request) << c.header;
+    EXPECT_EQ(protector.vbwTraceLine, request) << c.header;
+    EXPECT_EQ(protector.vbwTraceProc, kTrue) << c.header;
+    EXPECT_TRUE(protector.StackAllocated()) << c.header;
   }
 
   // The same request from a settings file.

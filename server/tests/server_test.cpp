@@ -13,6 +13,9 @@
 #include <algorithm>
 #include <cstring>
 #include <cwctype>
+#include <fstream>
+#include <iterator>
+#include <map>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -255,19 +258,74 @@ constexpr WORD kNoResult = 0x4000;
 constexpr WORD kNoParams = 0x2000;
 constexpr WORD kAsWindows = 0x1000;
 
-// One late-bound call: the names whose ids are asked, the member's first (or a bare `id` when
-// there are none), the kind of call, the arguments first to last as `Side::Fill` reads them, what
-// both Invokes answer, the argument that the server names for a type mismatch, and the ids of the
-// named arguments, the last ones.
+// One late-bound call of late_calls.txt: the names whose ids are asked, the member's first (or a
+// bare `id` when there are none), the kind of call, the arguments first to last as `Side::Fill`
+// reads them, what both Invokes answer, the argument that the server names for a type mismatch,
+// and the ids of the named arguments, the last ones.
 struct LateCall {
-  std::vector<const wchar_t*> names;
-  WORD flags;
-  const wchar_t* arguments;
-  HRESULT expected;
+  std::vector<std::wstring> names;
+  WORD flags = 0;
+  std::wstring arguments;
+  HRESULT expected = E_FAIL;
   UINT argumentError = kUntouched;
-  std::vector<DISPID> named = {};
+  std::vector<DISPID> named;
   DISPID id = DISPID_UNKNOWN;
 };
+
+std::vector<LateCall> LateCalls() {
+  // The words of the file for answers and kinds of call, and what each stands for.
+  static const std::map<std::string, LONG> kWords = {
+      {"S_OK", S_OK},
+      {"E_INVALIDARG", E_INVALIDARG},
+      {"DISP_E_TYPEMISMATCH", DISP_E_TYPEMISMATCH},
+      {"DISP_E_BADPARAMCOUNT", DISP_E_BADPARAMCOUNT},
+      {"DISP_E_PARAMNOTFOUND", DISP_E_PARAMNOTFOUND},
+      {"DISP_E_MEMBERNOTFOUND", DISP_E_MEMBERNOTFOUND},
+      {"method", DISPATCH_METHOD},
+      {"get", DISPATCH_PROPERTYGET},
+      {"script", DISPATCH_METHOD | DISPATCH_PROPERTYGET},
+      {"put", DISPATCH_PROPERTYPUT},
+      {"putref", DISPATCH_PROPERTYPUTREF},
+      {"noresult", kNoResult},
+      {"noparams", kNoParams},
+      {"windows", kAsWindows}};
+  std::vector<LateCall> calls;
+  std::ifstream file(TABFORGE_LATE_CALLS);
+  for (std::string line; std::getline(file, line);) {
+    if (!line.starts_with("## "))
+      continue;
+    std::vector<std::vector<std::string>> fields;  // the words of each
+    std::istringstream in(line.substr(3));
+    for (std::string field; std::getline(in, field, '|');) {
+      std::istringstream words(field);
+      fields.emplace_back(std::istream_iterator<std::string>(words),
+                          std::istream_iterator<std::string>());
+    }
+    fields.resize(6);
+    LateCall& call = calls.emplace_back();
+    for (std::string name : fields[0]) {
+      if (name.starts_with("=")) {
+        call.id = static_cast<DISPID>(std::stoul(name.substr(1), nullptr, 0));
+        continue;
+      }
+      if (name.ends_with("\\s")) {  // a name that ends in a blank
+        name.pop_back();
+        name.back() = ' ';
+      }
+      call.names.emplace_back(name.begin(), name.end());
+    }
+    for (const std::string& flag : fields[1])
+      call.flags |= static_cast<WORD>(kWords.at(flag));
+    for (const std::string& argument : fields[2])
+      call.arguments += std::wstring(argument.begin(), argument.end()) + L" ";
+    call.expected = kWords.at(fields[3].at(0));
+    if (!fields[4].empty() && fields[4][0] != "-")
+      call.argumentError = static_cast<UINT>(std::stoul(fields[4][0]));
+    for (const std::string& id : fields[5])
+      call.named.push_back(id == "put" ? DISPID_PROPERTYPUT : std::stol(id));
+  }
+  return calls;
+}
 
 // The type library's Invoke on the object's vtable, as the server answered before it had its own.
 // The server has always taken a script's variable that holds the parameter's type as a reference
@@ -363,8 +421,8 @@ struct Side {
   std::vector<std::wstring> Run(const LateCall& call, ITypeInfo* info, bool throughTypeLibrary,
                                 const ErrorComponent& recorder) {
     std::vector<LPOLESTR> names;
-    for (const wchar_t* name : call.names)
-      names.push_back(const_cast<LPOLESTR>(name));
+    for (const std::wstring& name : call.names)
+      names.push_back(const_cast<LPOLESTR>(name.c_str()));
     const UINT count = static_cast<UINT>(names.size());
     std::vector<DISPID> ids(count, 0x5EED);
     const HRESULT found = count == 0 ? S_OK
@@ -441,93 +499,18 @@ struct Side {
   UINT argumentError = kUntouched;
 };
 
-constexpr WORD kMethod = DISPATCH_METHOD;
-constexpr WORD kGet = DISPATCH_PROPERTYGET;
-constexpr WORD kScript = DISPATCH_METHOD | DISPATCH_PROPERTYGET;
-constexpr WORD kPut = DISPATCH_PROPERTYPUT;
-constexpr DISPID kPutName = DISPID_PROPERTYPUT;
-
-// Each member once, and each form of argument once for each kind of parameter and of call; the
-// members' names in any case, with names of parameters, of inherited members and of nothing.
-const LateCall kLateCalls[] = {
-    {{L"Initialize", L"productName", L"eventSignaller"}, kMethod, L"*o:signaller *s:Quill", S_OK},
-    {{L"INITIALIZE"}, kMethod, L"&o:signaller &s:Quill", S_OK},
-    {{L"Initialize"}, kMethod, L"u:signaller i:7", S_OK},
-    {{L"Initialize"}, kMethod, L"e s:Quill", DISP_E_TYPEMISMATCH, 1},
-    {{L"Initialize"}, kMethod, L"o:signaller", DISP_E_BADPARAMCOUNT},
-    {{L"ribbon"}, kPut, L"o:ribbon", S_OK, kUntouched, {kPutName}},
-    {{L"Ribbon"}, DISPATCH_PROPERTYPUTREF, L"o:ribbon", S_OK, kUntouched, {kPutName}},
-    {{L"ribbon"}, kPut, L"&o:signaller", S_OK, kUntouched, {kPutName}},
-    {{L"ribbon"}, kPut, L"o:ribbon", DISP_E_PARAMNOTFOUND},
-    {{L"RIBBON"}, kGet, L"", DISP_E_MEMBERNOTFOUND},
-    {{L"GetRibbonXML"}, kMethod, L"", S_OK},
-    {{L"getribbonxml"}, kGet, L"", DISP_E_MEMBERNOTFOUND},
-    {{L"GetRibbonXML"}, kMethod, L"s:MVN4", DISP_E_BADPARAMCOUNT},
-    {{L"GetRibbonXML"}, kMethod | kNoParams, L"", E_INVALIDARG},
-    {{L"PRODUCTNAMECHANGED"}, kMethod, L"*s:Quill", S_OK},
-    {{L"getlabel", L"IDSTR"}, kGet, L"s:MVN4", S_OK},
-    {{L"GetLabel"}, kGet, L"", DISP_E_BADPARAMCOUNT},
-    {{L"GetLabel"}, kGet, L"s:MVN4 s:MVN4", DISP_E_BADPARAMCOUNT},
-    {{L"GetLabel"}, kPut, L"s:MVN4 s:MVN4", DISP_E_MEMBERNOTFOUND, kUntouched, {kPutName}},
-    {{L"GetEnabled", L"result"}, kGet, L"s:MVN16", S_OK},
-    {{L"GETENABLED"}, kGet | kNoResult, L"s:MVN5", S_OK},
-    {{L"GetEnabled"}, kGet, L"*i:5", DISP_E_TYPEMISMATCH, 0},
-    {{L"GetEnabled"}, kGet, L"&i:5", DISP_E_TYPEMISMATCH, 0},
-    {{L"GetEnabled"}, kGet, L"m", DISP_E_TYPEMISMATCH, 0},
-    {{L"GetEnabled"}, kGet, L"s:MVN5", DISP_E_BADPARAMCOUNT, kUntouched, {kPutName}},
-    {{L"GetEnabled "}, kGet, L"s:MVN5", DISP_E_MEMBERNOTFOUND},
-    {{L"getpressed"}, kGet, L"*s:MVN23", S_OK},
-    {{L"GETSCREENTIP"}, kScript, L"s:MVN23", S_OK},
-    {{L"getImage"}, kGet, L"*s:MVN0", S_OK},
-    {{L"LoadImage"}, kMethod, L"s:5", S_OK},
-    {{L"LOADIMAGE"}, kScript, L"*s:2", S_OK},
-    {{L"LoadImage"}, kMethod, L"i:5", S_OK},
-    {{L"RibbonCallback", L"isOn", L"noSuchParameter"}, kMethod, L"*s:MVN5 *b:0", S_OK},
-    {{L"ribboncallback"}, kMethod, L"s:MVN23 b:1", S_OK},
-    {{L"RibbonCallback"}, kMethod | kAsWindows, L"&s:MVN23 i:3", S_OK},
-    {{L"RibbonCallback"}, kMethod, L"s:MVN5 s:maybe", DISP_E_TYPEMISMATCH, 0},
-    {{L"RibbonCallback"}, kMethod | kAsWindows, L"b:0 s:MVN5", S_OK, kUntouched, {0}},
-    {{L"RibbonCallback"}, kMethod | kAsWindows, L"s:MVN5 b:0 b:1", DISP_E_BADPARAMCOUNT},
-    {{L"RibbonCallback"}, kMethod | kAsWindows, L"s:MVN5 b:0", DISP_E_PARAMNOTFOUND, 0, {7}},
-    {{L"RibbonCallback"},
-     kMethod | kAsWindows,
-     L"b:0 b:1",
-     DISP_E_BADPARAMCOUNT,
-     kUntouched,
-     {1, 1}},
-    {{L"Initialize"}, kMethod | kAsWindows, L"o:signaller s:Quill", S_OK, kUntouched, {1, 0}},
-    {{L"ribbon"},
-     kPut | kAsWindows,
-     L"o:bar o:ribbon",
-     DISP_E_BADPARAMCOUNT,
-     kUntouched,
-     {kPutName}},
-    {{L"RibbonCallback"}, kMethod, L"s:MVN5 b:0", S_OK, kUntouched, {1}},
-    {{L"ENABLEGOTOQUICKBOOKMARK"}, kMethod, L"&b:1", S_OK},
-    {{L"EnableGotoQuickBookmark"}, kMethod | kAsWindows, L"s:True", S_OK},
-    {{L"updatelexoscopeicon"}, kScript, L"b:1", S_OK},
-    {{L"EnableToolbar"}, kMethod | kAsWindows, L"b:0 b:1", DISP_E_BADPARAMCOUNT},
-    {{L"ENABLETOOLBAR"}, kMethod, L"b:0", S_OK, kUntouched, {kPutName}},
-    {{L"EnableToolbar"}, kMethod, L"n", DISP_E_TYPEMISMATCH, 0},
-    {{L"EnableToolbar"}, kMethod, L"", E_INVALIDARG, kUntouched, {kPutName}},
-    {{L"activatemorvelintab"}, kMethod, L"*o:bar", S_OK},
-    {{L"NoSuchMember", L"idStr"}, kMethod, L"", DISP_E_MEMBERNOTFOUND},
-    {{L"QueryInterface"}, kMethod, L"", DISP_E_MEMBERNOTFOUND},
-    {{L"invoke"}, kMethod, L"", DISP_E_MEMBERNOTFOUND},
-    {{}, kMethod, L"", DISP_E_MEMBERNOTFOUND, kUntouched, {}, 0x60030008},
-    {{}, kGet, L"", DISP_E_MEMBERNOTFOUND, kUntouched, {}, DISPID_VALUE},
-};
-
-// Every call of the table through the server's GetIDsOfNames and Invoke and through the type
+// Every call of late_calls.txt through the server's GetIDsOfNames and Invoke and through the type
 // library's, on two objects in the same state: the same ids, the same answer, the same error, the
 // same arguments afterwards and the same effects, except where the server answers as Windows does.
 // A type mismatch names its argument; a by-value argument is never changed.
 TEST_F(Members, InvokeAnswersAsTheTypeLibrary) {
   const ComPtr<ITypeInfo> info = TypeLibraryInterface();
   ASSERT_TRUE(info);
-  for (const LateCall& call : kLateCalls) {
+  const std::vector<LateCall> calls = LateCalls();
+  ASSERT_GE(calls.size(), 50u) << TABFORGE_LATE_CALLS;
+  for (const LateCall& call : calls) {
     SCOPED_TRACE(::testing::Message() << (call.names.empty() ? L"" : call.names[0]) << " "
-                                      << call.arguments << " #" << (&call - kLateCalls));
+                                      << call.arguments << " #" << (&call - calls.data()));
     Side ours(call);
     Side theirs(call);
     const auto ourLog = ours.Run(call, info.Get(), false, recorder);
