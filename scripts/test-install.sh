@@ -37,6 +37,20 @@ export WINEARCH=win64 WINEDEBUG=-all
 export WINEDLLOVERRIDES="mscoree,mshtml=;winemenubuilder.exe=d"
 unset DISPLAY WAYLAND_DISPLAY
 
+# A machine whose kernel runs no 32-bit programs (IA-32 emulation switched off) cannot run any
+# 32-bit program of the prefix: there only the x64 side is installed and checked, without the
+# cases that need a 32-bit program, and the run says what it left out.
+can32=1
+"$WINE32" --version >/dev/null 2>&1 || can32=0
+arches=${TABFORGE_INSTALL_ARCHES:-x86 x64}
+cases="msi-machine msi-user register-user register-machine"
+if [ $can32 = 0 ]; then
+    echo "test-install: SKIPPED the x86 side, register-machine and the x86 clients: this" \
+        "machine's kernel cannot run 32-bit programs"
+    arches=x64
+    cases="msi-machine msi-user register-user"
+fi
+
 msi_for() { ls "$dist"/Tabforge-*-"$1".msi; }
 version=$(basename "$(msi_for x86)" | sed 's/^Tabforge-\(.*\)-x86\.msi$/\1/')
 client="Z:${repo//\//\\}\\server\\tests\\installed.vbs"
@@ -150,6 +164,7 @@ timeout 60 "$WINESERVER" -w || true
 # Script hosts register parts of themselves on first use; let them do it here, so that no case
 # sees it. The first 32-bit one in a new prefix does not always get that far.
 for arch in x86 x64 x86; do
+    [ $can32 = 1 ] || [ "$arch" = x64 ] || continue
     creates "$arch" >/dev/null
 done
 stop_server
@@ -167,7 +182,7 @@ fresh() {
     snapshot > "$before"
 }
 
-for arch in ${TABFORGE_INSTALL_ARCHES:-x86 x64}; do
+for arch in $arches; do
     msi=$(msi_for "$arch")
     msi_win="Z:${msi//\//\\}"
     dll_win="C:\\tabforge\\$arch\\Tabforge.dll"
@@ -194,7 +209,7 @@ for arch in ${TABFORGE_INSTALL_ARCHES:-x86 x64}; do
         --dll "$WINEPREFIX/drive_c/tabforge/$arch/Tabforge.dll" --out "$old" 2>/dev/null
 
     # register-user runs the tabforge.exe of the DLL's bitness, register-machine the other one.
-    for case in msi-machine msi-user register-user register-machine; do
+    for case in $cases; do
         echo "== $arch: $case"
         fresh
         hive=HKLM
@@ -244,9 +259,11 @@ for arch in ${TABFORGE_INSTALL_ARCHES:-x86 x64}; do
             said=$(creates "$arch")
             [[ $said == "document "[1-9]* ]]
             check $? "$arch $case: a $arch client creates Tabforge.Main2 and gets the document"
-            said=$(creates "$(other "$arch")")
-            [[ $said == "not created"* ]]
-            check $? "$arch $case: a $(other "$arch") client does not find it"
+            if [ $can32 = 1 ]; then
+                said=$(creates "$(other "$arch")")
+                [[ $said == "not created"* ]]
+                check $? "$arch $case: a $(other "$arch") client does not find it"
+            fi
         fi
 
         case $case in
