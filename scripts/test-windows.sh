@@ -4,8 +4,9 @@
 # system-only imports); registration with the regsvr32 of the DLL's bitness; the GoogleTest clients
 # (every binding form, and a host's life: failing calls, apartments on threads, unload and reload, a
 # process that ends with a live instance); the VBScript suite; tabforge.exe's transcripts beside
-# the Linux tool's; unregistration, checked gone; and the late-binding benchmark, which writes
-# build/win32/bench-wine.txt and build/win64/bench-wine.txt. Wine runs in a private prefix under
+# the Linux tool's; unregistration, checked gone; the late-binding benchmark, which writes
+# build/win32/bench-wine.txt and build/win64/bench-wine.txt; and the cold-start benchmark, which
+# writes cold-start-wine.txt beside them. Wine runs in a private prefix under
 # each build folder with its heap checks on, every program under `timeout`, and the prefix's
 # wineserver is stopped on exit (scripts/run-under-wine.sh).
 set -euo pipefail
@@ -25,14 +26,16 @@ for preset in win32 win64; do
     ctest --preset $preset
 done
 
-# One late-bound call on Tabforge.Main2 beside one on Wine's Scripting.Dictionary, for each DLL.
-# The numbers are reported, not judged: only a failed call fails the run.
+# One late-bound call on Tabforge.Main2 beside one on Wine's Scripting.Dictionary, and the cold
+# start beside its floor, for each DLL. The numbers are reported, not judged: only a failed call
+# fails the run.
 bench_status=0
 for preset in win32 win64; do
     echo "== late-binding benchmark under Wine ($preset)"
     bits=${preset#win}
     if [ "$bits" = 32 ] && ! /usr/lib/wine/wine --version >/dev/null 2>&1; then
-        echo "SKIPPED: this machine's kernel cannot run 32-bit programs"
+        echo "SKIPPED: this machine's kernel cannot run 32-bit programs (late-binding and"
+        echo "cold-start benchmarks, 32-bit)"
         continue
     fi
     run_wine=(scripts/run-under-wine.sh --bits "$bits" "build/$preset")
@@ -41,6 +44,14 @@ for preset in win32 win64; do
     set +e
     "${run_wine[@]}" "$PWD/build/$preset/server/late_binding_bench.exe" | tr -d '\r' \
         | tee "build/$preset/bench-wine.txt"
+    status=${PIPESTATUS[0]}
+    set -e
+    [ "$status" -eq 0 ] || bench_status=$status
+    # The cold start: every start a fresh process, Tabforge's and the floor's taking turns.
+    echo "== cold-start benchmark under Wine ($preset)"
+    set +e
+    "${run_wine[@]}" "$PWD/build/$preset/server/cold_start_bench.exe" "$PWD/icons" 15 \
+        | tr -d '\r' | tee "build/$preset/cold-start-wine.txt"
     status=${PIPESTATUS[0]}
     set -e
     [ "$status" -eq 0 ] || bench_status=$status
