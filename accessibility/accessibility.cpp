@@ -23,22 +23,22 @@ bool IsNull(const Variant& value) {
 }
 
 std::int32_t Role(const Ref<Object>& element) {
-  return ToLong(CallByName(element, u"accRole", CallKind::kPropertyGet, kChildIdSelf));
+  return ToLong(CallOnTree(element, u"accRole", CallKind::kPropertyGet, kChildIdSelf));
 }
 
 std::int32_t State(const Ref<Object>& element) {
-  return ToLong(CallByName(element, u"accState", CallKind::kPropertyGet, kChildIdSelf));
+  return ToLong(CallOnTree(element, u"accState", CallKind::kPropertyGet, kChildIdSelf));
 }
 
 std::int32_t ChildCount(const Ref<Object>& element) {
-  return ToLong(CallByName(element, u"accChildCount", CallKind::kPropertyGet));
+  return ToLong(CallOnTree(element, u"accChildCount", CallKind::kPropertyGet));
 }
 
 // Role first, then name, both always read; a Null on either side is no match.
 bool HasRoleAndName(const Ref<Object>& element, std::int32_t role, const Utf16String& name) {
-  const Variant roleValue = CallByName(element, u"accRole", CallKind::kPropertyGet, kChildIdSelf);
+  const Variant roleValue = CallOnTree(element, u"accRole", CallKind::kPropertyGet, kChildIdSelf);
   const bool sameRole = !IsNull(roleValue) && ToLong(roleValue) == role;
-  const Variant nameValue = CallByName(element, u"accName", CallKind::kPropertyGet, kChildIdSelf);
+  const Variant nameValue = CallOnTree(element, u"accName", CallKind::kPropertyGet, kChildIdSelf);
   const bool sameName = !IsNull(nameValue) && ToBstr(nameValue) == name;
   return sameRole && sameName;
 }
@@ -133,6 +133,7 @@ std::vector<Variant> Accessibility::GetChildren(const Ref<Object>& Element) {
           TF_STEP(4) if (ChildrenArray.size() < static_cast<std::size_t>(NumChildren)) {
             Raise(RunTimeError::kSubscriptOutOfRange);
           }
+          const TreeCall onTree;
           CollaboratorCall counted;
           protector_.platform().accessibility->AccessibleChildren(
               Element, 0, NumChildren, ChildrenArray.data(), &NumReturned);
@@ -194,7 +195,7 @@ Ref<Object> Accessibility::GetAccessible(const Ref<Object>& Element, std::int32_
         }
         TF_STEP(12) if (IsTrue(GetClient)) {
           TF_STEP(13)
-          ReturnElement = ToObject(CallByName(ReturnElement, u"accNavigate", CallKind::kMethod,
+          ReturnElement = ToObject(CallOnTree(ReturnElement, u"accNavigate", CallKind::kMethod,
                                               kNavDirFirstChild, kChildIdSelf));
         }
         TF_STEP(14) result = ReturnElement;

@@ -1,5 +1,7 @@
 #include "platform/call_budget.h"
 
+#include <utility>
+
 #include "platform/failure.h"
 
 namespace tabforge {
@@ -17,6 +19,8 @@ void CallBudget::Open(std::uintptr_t stackBase) noexcept {
   if (openProcedures_++ > 0)
     return;
   calls_ = 0;
+  treeCalls_ = 0;
+  treeNext_ = false;
   collaboratorDepth_ = 0;
   spent_ = false;
   clockStarted_ = false;
@@ -61,7 +65,8 @@ bool CallBudget::StackExhausted(std::uintptr_t here, std::size_t slack) const no
 bool CallBudget::BeginCollaboratorCall() noexcept {
   if (Spent())
     return false;
-  if (++calls_ > limits.maxCollaboratorCalls) {
+  const bool onTree = std::exchange(treeNext_, false);
+  if (onTree ? ++treeCalls_ > limits.maxTreeCalls : ++calls_ > limits.maxCollaboratorCalls) {
     spent_ = true;
     return false;
   }

@@ -21,9 +21,14 @@ namespace tabforge {
 
 struct CallBudgetLimits {
   // Calls on collaborators in one outside call. Under Wine with its heap checks a call on a simple
-  // component costs about a quarter of a millisecond all told, so this is half a second at most; a
-  // dump takes about forty calls, so a failure may still be dumped and retried fifty times over.
-  int maxCollaboratorCalls = 2000;
+  // recording component costs about a fifth of a millisecond all told, so this is about a second at
+  // the very most, and a fraction of it with an instant one; a dump takes about forty calls, so a
+  // failure may still be dumped and retried a hundred times over. The tab search over a ribbon of
+  // ten thousand elements needs this much room: two thousand cut it short.
+  int maxCollaboratorCalls = 5000;
+  // Calls on the elements of an accessibility tree, counted apart: a walk of a ribbon of ten
+  // thousand elements takes more than twenty thousand. The tab search's own time bounds them too.
+  int maxTreeCalls = 100000;
   // The library's own time in one outside call, from its first collaborator call or failure on;
   // time spent inside collaborators is not counted (a macro may show a dialog for minutes).
   std::chrono::milliseconds maxOwnTime{250};
@@ -56,6 +61,8 @@ class CallBudget {
   void EndCollaboratorCall() noexcept;
 
   int CollaboratorCalls() const noexcept { return calls_; }
+  // The next collaborator call, and only that one, is a call on an accessibility tree.
+  void NextCallIsOnTree(bool onTree) noexcept { treeNext_ = onTree; }
 
   // The budget of the outside call running on this thread, or none outside any.
   static CallBudget* Active() noexcept;
@@ -65,6 +72,8 @@ class CallBudget {
 
   int openProcedures_ = 0;
   int calls_ = 0;
+  int treeCalls_ = 0;
+  bool treeNext_ = false;
   int collaboratorDepth_ = 0;
   bool spent_ = false;
   bool clockStarted_ = false;
@@ -84,6 +93,25 @@ class CollaboratorCall {
   ~CollaboratorCall();
   CollaboratorCall(const CollaboratorCall&) = delete;
   CollaboratorCall& operator=(const CollaboratorCall&) = delete;
+
+ private:
+  CallBudget* budget_;
+};
+
+// Marks the collaborator call made next, in its scope, as one on an accessibility tree; calls that
+// the element's own code makes meanwhile count as usual.
+class TreeCall {
+ public:
+  TreeCall() : budget_(CallBudget::Active()) {
+    if (budget_ != nullptr)
+      budget_->NextCallIsOnTree(true);
+  }
+  ~TreeCall() {
+    if (budget_ != nullptr)
+      budget_->NextCallIsOnTree(false);
+  }
+  TreeCall(const TreeCall&) = delete;
+  TreeCall& operator=(const TreeCall&) = delete;
 
  private:
   CallBudget* budget_;

@@ -23,6 +23,13 @@ Variant CallByName(Ref<Object> target, Utf16View member, CallKind kind, Args&&..
   return target->Invoke(member, kind, list);
 }
 
+// A call on an element of an accessibility tree, counted apart from other collaborator calls.
+template <class... Args>
+Variant CallOnTree(Ref<Object> element, Utf16View member, CallKind kind, Args&&... arguments) {
+  const TreeCall onTree;
+  return CallByName(std::move(element), member, kind, std::forward<Args>(arguments)...);
+}
+
 // The object behind a reference that a statement needs: an empty one is "object variable not set".
 template <class T>
 T& Required(const Ref<T>& reference) {

@@ -61,7 +61,7 @@ std::size_t AncestryLength(std::int32_t level) {
 }
 
 Variant AccName(const Ref<Object>& element) {
-  return CallByName(element, u"accName", CallKind::kPropertyGet, kChildIdSelf);
+  return CallOnTree(element, u"accName", CallKind::kPropertyGet, kChildIdSelf);
 }
 
 // A Null name is neither equal to nor different from any text.
@@ -253,7 +253,7 @@ std::int16_t Main2::TabIndex(const ChildList& Info, const Utf16String& tabName) 
                ndxAncestry <= highestAncestry; ++ndxAncestry) {
             TF_STEP(7)
             At(Ancestry, ndxAncestry) = ToObject(
-                CallByName(At(Ancestry, ndxAncestry - 1), u"accParent", CallKind::kPropertyGet));
+                CallOnTree(At(Ancestry, ndxAncestry - 1), u"accParent", CallKind::kPropertyGet));
           }
           // From the oldest ancestor down: the first element in the chain that carries the tab's
           // name, and not merely the name of the element above it, decides.
