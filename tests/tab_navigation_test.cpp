@@ -117,6 +117,20 @@ TEST_F(TabNavigation, TreeThatLeadsBackEndsWithinTheBound) {
   ExpectQuietEnd();
 }
 
+// The search's calls on the tree have a budget of their own, apart from the component's: a bound
+// on the one does not cut the other short.
+TEST_F(TabNavigation, TreeCallsHaveABudgetOfTheirOwn) {
+  Ref<AccessibleElement> ribbon = Tree(SampleRibbonText(u"Morvelin"));
+  apartment.protector.budget.limits.maxCollaboratorCalls = 3;
+  Activate(ribbon);
+  EXPECT_EQ(ribbon->Find(u"Morvelin")->presses(), 1);
+  apartment.protector.budget.limits = {};
+  apartment.protector.budget.limits.maxTreeCalls = 3;
+  Activate(ribbon);
+  EXPECT_EQ(ribbon->Find(u"Morvelin")->presses(), 1);  // the tree's spent budget pressed nothing
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
 TEST_F(TabNavigation, FailingPressGoesToTheErrorComponentAndLeavesQuietly) {
   auto ribbon = Tree(RibbonWith("        37 \"Morvelin\" fail=accDoDefaultAction\n"));
   Activate(ribbon);
