@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "Tabforge_h.h"
+#include "server/bench/bench_check.h"
 #include "server/com_ptr.h"
 
 namespace {
@@ -44,10 +45,7 @@ using tabforge::com::UniqueVariant;
 constexpr int kDefaultRounds = 15;
 
 bool Check(HRESULT hr, const char* what) {
-  if (FAILED(hr))
-    std::fprintf(stderr, "cold_start_bench: %s failed with 0x%08lX\n", what,
-                 static_cast<unsigned long>(hr));
-  return SUCCEEDED(hr);
+  return CheckCall("cold_start_bench", hr, what);
 }
 
 double Now() {

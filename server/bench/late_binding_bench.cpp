@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "Tabforge_h.h"
+#include "server/bench/bench_check.h"
 #include "server/com_ptr.h"
 
 namespace {
@@ -26,10 +27,7 @@ constexpr int kRounds = 15;
 constexpr int kCallsPerRound = 20000;
 
 bool Check(HRESULT hr, const char* what) {
-  if (FAILED(hr))
-    std::fprintf(stderr, "late_binding_bench: %s failed with 0x%08lX\n", what,
-                 static_cast<unsigned long>(hr));
-  return SUCCEEDED(hr);
+  return CheckCall("late_binding_bench", hr, what);
 }
 
 ComPtr<IDispatch> Create(const wchar_t* progId) {
