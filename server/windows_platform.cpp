@@ -11,6 +11,7 @@
 
 #include "platform/failure.h"
 #include "server/conversions.h"
+#include "server/system_library.h"
 
 namespace tabforge::com {
 
@@ -202,12 +203,17 @@ SystemFacts::ScreenSize WindowsSystemFacts::Screen() const {
 }
 
 std::optional<Utf16String> WindowsSystemFacts::DefaultPrinter() const {
+  // Only a failure report asks, so the spooler's DLL loads then and not with ours.
+  static const auto getDefaultPrinter =
+      SystemFunction<decltype(&::GetDefaultPrinterW)>(L"winspool.drv", "GetDefaultPrinterW");
+  if (getDefaultPrinter == nullptr)
+    return std::nullopt;
   DWORD length = 0;
-  ::GetDefaultPrinterW(nullptr, &length);
+  getDefaultPrinter(nullptr, &length);
   if (length == 0)
     return std::nullopt;
   std::vector<wchar_t> name(length);
-  if (!::GetDefaultPrinterW(name.data(), &length))
+  if (!getDefaultPrinter(name.data(), &length))
     return std::nullopt;
   return FromWide(name.data(), std::wcslen(name.data()));
 }
@@ -234,12 +240,17 @@ std::int32_t WindowsAccessibility::AccessibleChildren(const Ref<Object>& contain
     ComPtr<IAccessible> accessible = dispatch.TryAs<IAccessible>();
     if (!accessible || count <= 0)
       return E_INVALIDARG;
+    // Only the tab search asks, so oleacc loads then and not with ours.
+    static const auto accessibleChildren =
+        SystemFunction<decltype(&::AccessibleChildren)>(L"oleacc.dll", "AccessibleChildren");
+    if (accessibleChildren == nullptr)
+      return E_NOTIMPL;
     std::vector<UniqueVariant> raw(static_cast<std::size_t>(count));
     std::vector<VARIANT> list(static_cast<std::size_t>(count));
     for (VARIANT& v : list)
       ::VariantInit(&v);
     LONG got = 0;
-    const HRESULT hr = ::AccessibleChildren(accessible.Get(), firstChild, count, list.data(), &got);
+    const HRESULT hr = accessibleChildren(accessible.Get(), firstChild, count, list.data(), &got);
     // Hand every returned VARIANT to an owner before converting, so nothing leaks on a throw.
     for (LONG i = 0; i < got && i < count; ++i)
       raw[static_cast<std::size_t>(i)].Reset(list[static_cast<std::size_t>(i)]);
