@@ -22,6 +22,9 @@ SYSTEM_DLLS = {"kernel32.dll", "user32.dll", "gdi32.dll", "advapi32.dll", "ole32
                "msvcrt.dll", "ucrtbase.dll", "gdiplus.dll", "oleacc.dll", "shell32.dll", "shlwapi.dll",
                "comctl32.dll", "winspool.drv", "version.dll", "uxtheme.dll", "ws2_32.dll", "bcrypt.dll", "ntdll.dll",
                "rpcrt4.dll", "comdlg32.dll", "winmm.dll", "crypt32.dll", "secur32.dll", "imm32.dll"}
+# System DLLs that only a few calls need and that cost a process dearly to load: the server looks
+# them up on first use, so they must not be in its import table.
+LOADED_ON_USE = {"winspool.drv", "oleacc.dll"}
 IID_MAIN2 = uuid.UUID("A9489D5E-4FFE-404A-9AC7-BA2BEF99BC85")
 LIBID = uuid.UUID("09A869B8-F509-4A14-A2EC-4AC3672E2B89")
 CLSID_MAIN2 = uuid.UUID("CC663791-259D-4F14-9E50-74944FB9E5D1")
@@ -211,6 +214,8 @@ def main():
     imports = pe.imports()
     foreign = [d for d in imports if d.lower() not in SYSTEM_DLLS]
     check(not foreign, "imports only system DLLs %s%s" % (imports, " - not system: %s" % foreign if foreign else ""))
+    eager = [d for d in imports if d.lower() in LOADED_ON_USE]
+    check(not eager, "imports none of %s, loaded on first use%s" % (sorted(LOADED_ON_USE), " - imported: %s" % eager if eager else ""))
 
     res = pe.resources()
     if args.dump:
