@@ -2,23 +2,15 @@
 // the answer is a picture or nothing, and once the loader is gone no memory block, decoded bitmap,
 // bitmap handle or GDI+ start is left behind.
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <vector>
 
+#include "fuzz/input_bytes.h"
 #include "pictures/transparent_gif_loader.h"
 #include "platform/portable/portable_platform.h"
 #include "tracing/vbw_protector.h"
 
 namespace tabforge::fuzzing {
 namespace {
-
-void Expect(bool holds, const char* what) {
-  if (!holds) {
-    std::fprintf(stderr, "broken: %s\n", what);
-    std::abort();
-  }
-}
 
 void RunOne(const std::uint8_t* data, std::size_t size) {
   PortablePlatform platform;

@@ -1,13 +1,33 @@
-// Reads a fuzz input from the front: small numbers and byte runs, zeros once it has run out, so
-// that a seed is easy to write by hand.
+// What every fuzz target shares: reading an input from the front (small numbers and byte runs,
+// zeros once it has run out, so that a seed is easy to write by hand), the failure handler's
+// answers, and stopping the run with a reason when a property breaks.
 #pragma once
 
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <span>
 #include <vector>
 
 namespace tabforge::fuzzing {
+
+// Answers a failure handler can give; anything else is worth a try too.
+inline constexpr std::int32_t kAnswers[] = {3, 4, 5, 6, 7, 8, 0, 9};
+
+// Ends the run, saying what broke, unless `holds`.
+[[gnu::format(printf, 2, 3)]] inline void Expect(bool holds, const char* format, ...) {
+  if (holds)
+    return;
+  std::va_list arguments;
+  va_start(arguments, format);
+  std::fputs("broken: ", stderr);
+  std::vfprintf(stderr, format, arguments);
+  std::fputc('\n', stderr);
+  va_end(arguments);
+  std::abort();
+}
 
 class InputBytes {
  public:
