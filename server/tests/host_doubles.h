@@ -1,6 +1,7 @@
 // What the Wine clients hand the library in a host's place: an apartment, dispatch objects that
 // record what they are asked, and the error component "MorvelinError.Main2" registered in this
-// process.
+// process; and what they do with Main2 as a host does: create it, connect it, call it by name, and
+// ask the library whether it may be unloaded.
 #pragma once
 
 #include <windows.h>
@@ -9,9 +10,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
+#include "Tabforge_h.h"
 #include "server/com_ptr.h"
 
 using tabforge::com::ComPtr;
@@ -22,6 +25,10 @@ using tabforge::com::UniqueVariant;
 struct Apartment {
   Apartment() { EXPECT_EQ(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), S_OK); }
   ~Apartment() { ::CoUninitialize(); }
+};
+
+struct ComTest : ::testing::Test {
+  Apartment apartment;
 };
 
 inline std::wstring GuidText(REFGUID guid) {
@@ -59,8 +66,9 @@ inline UniqueVariant Value(VARTYPE type, const wchar_t* text) {
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
 // Stands in for an object of the host: counts references without ever deleting itself, counts the
-// questions for `Interface`, knows each member by the name it was first asked for, records every
-// call as its member and arguments, and answers through `Answer`.
+// questions for `Interface`, gives each name it is asked for an id of its own (of a list, the first
+// name; the others are unknown), records every call as its member and arguments, and answers
+// through `Answer`.
 template <class Interface = IDispatch>
 class DispatchDouble : public Interface {
  public:
@@ -82,11 +90,15 @@ class DispatchDouble : public Interface {
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT, LCID,
+  HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID,
                                           DISPID* ids) override {
-    members.emplace_back(names[0]);
-    ids[0] = static_cast<DISPID>(members.size());
-    return S_OK;
+    if (names == nullptr || ids == nullptr || count == 0 || names[0] == nullptr)
+      return E_INVALIDARG;
+    const auto known = std::find(members.begin(), members.end(), names[0]);
+    ids[0] = static_cast<DISPID>(known - members.begin()) + 1;
+    if (known == members.end())
+      members.emplace_back(names[0]);
+    return count == 1 ? S_OK : DISP_E_UNKNOWNNAME;
   }
   HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* params,
                                    VARIANT* result, EXCEPINFO*, UINT*) override {
@@ -205,4 +217,37 @@ inline ComPtr<IDispatch> CreateMain2() {
           ::CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IDispatch, main.PutVoid())))
     return nullptr;
   return main;
+}
+
+// Hands `main` the signalling object, the product's name and the ribbon through the vtable, as the
+// template's early-bound calls do.
+inline void Connect(_Main2* main, IDispatch* signaller, IDispatch* ribbon,
+                    const wchar_t* product = L"Morvelin") {
+  UniqueBstr name(::SysAllocString(product));
+  EXPECT_EQ(main->Initialize(&signaller, name.InOut()), S_OK);
+  EXPECT_EQ(main->put_ribbon(&ribbon), S_OK);
+}
+
+// A late-bound call by name as a script host makes it: the arguments in order, as they stand, the
+// member a method that may also be read.
+inline HRESULT CallByName(IDispatch* object, const wchar_t* member, std::vector<VARIANT> arguments,
+                          VARIANT* result = nullptr) {
+  LPOLESTR name = const_cast<LPOLESTR>(member);
+  DISPID id = DISPID_UNKNOWN;
+  const HRESULT found = object->GetIDsOfNames(IID_NULL, &name, 1, 0, &id);
+  if (FAILED(found))
+    return found;
+  std::reverse(arguments.begin(), arguments.end());
+  DISPPARAMS params{arguments.data(), nullptr, static_cast<UINT>(arguments.size()), 0};
+  return object->Invoke(id, IID_NULL, 0, DISPATCH_METHOD | DISPATCH_PROPERTYGET, &params, result,
+                        nullptr, nullptr);
+}
+
+// What the library answers DllCanUnloadNow; S_OK also when it is not loaded.
+inline HRESULT CanUnloadNow() {
+  HMODULE library = ::GetModuleHandleW(L"Tabforge.dll");
+  const auto answer = reinterpret_cast<HRESULT(STDAPICALLTYPE*)()>(
+      library != nullptr ? reinterpret_cast<void*>(::GetProcAddress(library, "DllCanUnloadNow"))
+                         : nullptr);
+  return answer != nullptr ? answer() : S_OK;
 }
