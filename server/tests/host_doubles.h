@@ -16,8 +16,10 @@
 
 #include "Tabforge_h.h"
 #include "server/com_ptr.h"
+#include "server/registry_entries.h"
 
 using tabforge::com::ComPtr;
+using tabforge::com::GuidText;
 using tabforge::com::UniqueBstr;
 using tabforge::com::UniqueVariant;
 
@@ -30,12 +32,6 @@ struct Apartment {
 struct ComTest : ::testing::Test {
   Apartment apartment;
 };
-
-inline std::wstring GuidText(REFGUID guid) {
-  wchar_t text[40] = {};
-  EXPECT_EQ(::StringFromGUID2(guid, text, 40), 39);
-  return text;
-}
 
 // A value as the platform writes it as text, references followed; objects are not asked for theirs.
 inline std::wstring TextOf(const VARIANT& value) {

@@ -118,9 +118,6 @@ TEST_F(Registered, RegistryHoldsTheClassProgIdInterfaceAndTypeLibrary) {
                            L"ThreadingModel", RRF_RT_REG_SZ, nullptr, model, &bytes),
             ERROR_SUCCESS);
   EXPECT_STREQ(model, L"Apartment");
-  CLSID clsid{};
-  EXPECT_EQ(::CLSIDFromProgID(L"Tabforge.Main2", &clsid), S_OK);
-  EXPECT_TRUE(IsEqualCLSID(clsid, CLSID_Main2));
 }
 
 TEST_F(Unregistered, NothingOfTheServerIsLeftInTheRegistry) {
