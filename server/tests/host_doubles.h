@@ -1,6 +1,7 @@
 // What the Wine clients hand the library in a host's place: an apartment, dispatch objects that
 // record what they are asked, and the error component "MorvelinError.Main2" registered in this
-// process.
+// process; and what they do with Main2 as a host does: create it, connect it, call it by name, and
+// ask the library whether it may be unloaded.
 #pragma once
 
 #include <windows.h>
@@ -9,12 +10,16 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
+#include "Tabforge_h.h"
 #include "server/com_ptr.h"
+#include "server/registry_entries.h"
 
 using tabforge::com::ComPtr;
+using tabforge::com::GuidText;
 using tabforge::com::UniqueBstr;
 using tabforge::com::UniqueVariant;
 
@@ -24,11 +29,9 @@ struct Apartment {
   ~Apartment() { ::CoUninitialize(); }
 };
 
-inline std::wstring GuidText(REFGUID guid) {
-  wchar_t text[40] = {};
-  EXPECT_EQ(::StringFromGUID2(guid, text, 40), 39);
-  return text;
-}
+struct ComTest : ::testing::Test {
+  Apartment apartment;
+};
 
 // A value as the platform writes it as text, references followed; objects are not asked for theirs.
 inline std::wstring TextOf(const VARIANT& value) {
@@ -59,8 +62,9 @@ inline UniqueVariant Value(VARTYPE type, const wchar_t* text) {
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
 // Stands in for an object of the host: counts references without ever deleting itself, counts the
-// questions for `Interface`, knows each member by the name it was first asked for, records every
-// call as its member and arguments, and answers through `Answer`.
+// questions for `Interface`, gives each name it is asked for an id of its own (of a list, the first
+// name; the others are unknown), records every call as its member and arguments, and answers
+// through `Answer`.
 template <class Interface = IDispatch>
 class DispatchDouble : public Interface {
  public:
@@ -82,11 +86,15 @@ class DispatchDouble : public Interface {
     return S_OK;
   }
   HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
-  HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT, LCID,
+  HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID,
                                           DISPID* ids) override {
-    members.emplace_back(names[0]);
-    ids[0] = static_cast<DISPID>(members.size());
-    return S_OK;
+    if (names == nullptr || ids == nullptr || count == 0 || names[0] == nullptr)
+      return E_INVALIDARG;
+    const auto known = std::find(members.begin(), members.end(), names[0]);
+    ids[0] = static_cast<DISPID>(known - members.begin()) + 1;
+    if (known == members.end())
+      members.emplace_back(names[0]);
+    return count == 1 ? S_OK : DISP_E_UNKNOWNNAME;
   }
   HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* params,
                                    VARIANT* result, EXCEPINFO*, UINT*) override {
@@ -205,4 +213,37 @@ inline ComPtr<IDispatch> CreateMain2() {
           ::CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IDispatch, main.PutVoid())))
     return nullptr;
   return main;
+}
+
+// Hands `main` the signalling object, the product's name and the ribbon through the vtable, as the
+// template's early-bound calls do.
+inline void Connect(_Main2* main, IDispatch* signaller, IDispatch* ribbon,
+                    const wchar_t* product = L"Morvelin") {
+  UniqueBstr name(::SysAllocString(product));
+  EXPECT_EQ(main->Initialize(&signaller, name.InOut()), S_OK);
+  EXPECT_EQ(main->put_ribbon(&ribbon), S_OK);
+}
+
+// A late-bound call by name as a script host makes it: the arguments in order, as they stand, the
+// member a method that may also be read.
+inline HRESULT CallByName(IDispatch* object, const wchar_t* member, std::vector<VARIANT> arguments,
+                          VARIANT* result = nullptr) {
+  LPOLESTR name = const_cast<LPOLESTR>(member);
+  DISPID id = DISPID_UNKNOWN;
+  const HRESULT found = object->GetIDsOfNames(IID_NULL, &name, 1, 0, &id);
+  if (FAILED(found))
+    return found;
+  std::reverse(arguments.begin(), arguments.end());
+  DISPPARAMS params{arguments.data(), nullptr, static_cast<UINT>(arguments.size()), 0};
+  return object->Invoke(id, IID_NULL, 0, DISPATCH_METHOD | DISPATCH_PROPERTYGET, &params, result,
+                        nullptr, nullptr);
+}
+
+// What the library answers DllCanUnloadNow; S_OK also when it is not loaded.
+inline HRESULT CanUnloadNow() {
+  HMODULE library = ::GetModuleHandleW(L"Tabforge.dll");
+  const auto answer = reinterpret_cast<HRESULT(STDAPICALLTYPE*)()>(
+      library != nullptr ? reinterpret_cast<void*>(::GetProcAddress(library, "DllCanUnloadNow"))
+                         : nullptr);
+  return answer != nullptr ? answer() : S_OK;
 }
