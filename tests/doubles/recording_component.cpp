@@ -83,9 +83,16 @@ Variant RecordingComponent::Invoke(Utf16View member, CallKind, std::span<Variant
       script_->stringArrays.emplace_back(ToUtf8(ToBstr(arguments[0])), std::move(texts));
     }
   }
-  if (member == u"vbwReportObject" && arguments.size() >= 2 && ToBstr(arguments[0]) == u"Err") {
-    script_->errNumbers.push_back(
-        ToLong(CallByName(ToObject(arguments[1]), u"Number", CallKind::kPropertyGet)));
+  if (member == u"vbwReportObject" && arguments.size() >= 2 && ToObject(arguments[1])) {
+    const auto get = [&](Utf16View name) {
+      return ToUtf8(ToBstr(CallByName(ToObject(arguments[1]), name, CallKind::kPropertyGet)));
+    };
+    if (ToBstr(arguments[0]) == u"Err")
+      script_->objects.push_back("Err " + get(u"Number") + " " + get(u"Erl") + " " +
+                                 get(u"source"));
+    if (ToBstr(arguments[0]) == u"VB.App")
+      script_->objects.push_back("VB.App " + get(u"Title") + " " + get(u"Major") + "." +
+                                 get(u"Minor"));
   }
   if (member == u"vbwReportParameter")
     return Variant(u"<" + ToBstr(arguments[0]) + u">");
