@@ -95,19 +95,5 @@ TEST(StringExtensionsTest, ReplaceTextIsOnePassAndExact) {
   }
 }
 
-TEST(StringExtensionsTest, EndsWithAndStripPrefix) {
-  EXPECT_EQ(StringExtensions::endsWith(u"paper!", u"!"), kTrue);
-  EXPECT_EQ(StringExtensions::endsWith(u"", u"!"), kFalse);
-  Utf16View id = u"MVN26";
-  EXPECT_EQ(StringExtensions::stripPrefix(id, u"MVN"), kTrue);
-  EXPECT_EQ(id, u"26");
-  Utf16View plain = u"26";
-  EXPECT_EQ(StringExtensions::stripPrefix(plain, u"MVN"), kFalse);
-  EXPECT_EQ(plain, u"26");
-  Utf16View shorter = u"MV";
-  EXPECT_EQ(StringExtensions::stripPrefix(shorter, u"MVN"), kFalse);
-  EXPECT_EQ(shorter, u"MV");
-}
-
 }  // namespace
 }  // namespace tabforge::testing
