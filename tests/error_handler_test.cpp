@@ -38,42 +38,6 @@ TEST_F(Handler, IgnoreAlwaysIsRememberedByModuleNumberAndLine) {
   EXPECT_THAT(script.CallsTo("vbwErrorHandler"), SizeIs(2));
 }
 
-// What the component is asked for each answer, how far the probe got, and that no answer keeps the
-// component beyond the failure.
-TEST(HandlerAnswers, DecideWhatTheComponentIsAskedAndWhereTheProcedureGoes) {
-  struct Case {
-    std::vector<Variant> answers;
-    bool failInitialize;
-    std::vector<std::string> members;
-    const char* trail;
-  };
-  const Case cases[] = {
-      {{std::int32_t{3}},
-       false,
-       {"vbwInitializeProtector", "vbwErrorHandler", "vbwExitThread"},
-       ""},
-      // Retry empties the component, and a fresh one answers the next failure.
-      {{std::int32_t{4}, std::int32_t{5}},
-       false,
-       {"vbwInitializeProtector", "vbwErrorHandler", "vbwInitializeProtector", "vbwErrorHandler"},
-       "2"},
-      {{Variant(u"seven")}, false, {"vbwInitializeProtector", "vbwErrorHandler"}, ""},  // no number
-      {{std::int32_t{5}}, true, {"vbwInitializeProtector"}, ""},  // failed start: no answer
-  };
-  for (const Case& c : cases) {
-    Apartment apartment;
-    Probe probe{apartment, {}};
-    apartment.faults.FailAt(u"Probe.Children", 1, 2);
-    apartment.script->answers.assign(c.answers.begin(), c.answers.end());
-    apartment.script->failInitialize = c.failInitialize;
-    probe.Children();
-    const std::string row = "row " + std::to_string(&c - cases);
-    EXPECT_EQ(apartment.script->Members(), c.members) << row;
-    EXPECT_EQ(probe.trail, c.trail) << row;
-    EXPECT_FALSE(apartment.protector.ErrorComponent()) << row;
-  }
-}
-
 TEST_F(Handler, NumberMinusOneKeepsThePreviousKey) {
   apartment.protector.vbwErrorHandler(5, u"d", u"Tabforge", u"Main2", u"P", 12);
   const Utf16String key = apartment.protector.LastError();
