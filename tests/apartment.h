@@ -6,10 +6,21 @@
 
 #include "doubles/recording_component.h"
 #include "doubles/scripted_faults.h"
+#include "platform/failure.h"
 #include "platform/portable/portable_platform.h"
 #include "tracing/vbw_protector.h"
 
 namespace tabforge::testing {
+
+// The number of the failure that `call` raises; 0 when it returns.
+std::int32_t FailureNumber(auto&& call) {
+  try {
+    call();
+  } catch (const Failure& failure) {
+    return failure.number;
+  }
+  return 0;
+}
 
 struct Apartment {
   PortablePlatform platform;

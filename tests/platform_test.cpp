@@ -1,6 +1,7 @@
 // The platform seam's value types: text, tagged values and their conversions.
 #include <gtest/gtest.h>
 
+#include "apartment.h"
 #include "platform/failure.h"
 #include "platform/variant.h"
 #include "ribbon/dictionary.h"
@@ -9,14 +10,7 @@
 namespace tabforge {
 namespace {
 
-std::int32_t FailureNumber(auto&& call) {
-  try {
-    call();
-  } catch (const Failure& failure) {
-    return failure.number;
-  }
-  return 0;
-}
+using testing::FailureNumber;
 
 TEST(Text, Utf8RoundTripAndReplacement) {
   EXPECT_EQ(ToUtf8(FromUtf8("Morvelin é 𝄞")), "Morvelin é 𝄞");
