@@ -45,16 +45,6 @@ TEST_F(Spine, InitializeSetsStateAndASecondReplacesTheTable) {
   EXPECT_FALSE(main2.eventSignaller());
 }
 
-TEST_F(Spine, RibbonSetTwiceKeepsTheSecondAndReleasesTheFirst) {
-  auto first = MakeRef<RecordingRibbon>(&log);
-  auto second = MakeRef<RecordingRibbon>(&log);
-  main2.ribbon(first);
-  main2.ribbon(second);
-  EXPECT_EQ(main2.ribbonUi(), Ref<RibbonUi>(second));
-  first.reset();  // only this test's reference was left, so the object is gone without a leak
-  EXPECT_TRUE(log.empty());  // setting the property invalidates nothing
-}
-
 TEST_F(Spine, ObjectWithoutRibbonInterfaceLeavesTheFieldAndEntersTheTail) {
   auto ribbonObject = MakeRef<RecordingRibbon>(&log);
   main2.ribbon(ribbonObject);
