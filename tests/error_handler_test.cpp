@@ -15,12 +15,7 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::SizeIs;
 
-class Handler : public ::testing::Test {
- protected:
-  Apartment apartment;
-  Probe probe{apartment, {}};
-  ComponentScript& script = *apartment.script;
-};
+using Handler = ProbeTest;
 
 TEST_F(Handler, IgnoreAlwaysIsRememberedByModuleNumberAndLine) {
   apartment.faults.FailAt(u"Probe.Children", 1, 2);

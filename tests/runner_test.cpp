@@ -13,11 +13,7 @@ namespace {
 
 using ::testing::ElementsAre;
 
-class Runner : public ::testing::Test {
- protected:
-  Apartment apartment;
-  Probe probe{apartment, {}};
-};
+using Runner = ProbeTest;
 
 // Each case of runner_flows.txt on an apartment of its own.
 TEST(RunnerFlows, FailuresTakeTheFlowTheirModeAndAnswerSay) {
