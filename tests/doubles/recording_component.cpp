@@ -1,5 +1,7 @@
 #include "doubles/recording_component.h"
 
+#include <map>
+
 #include "platform/call_by_name.h"
 #include "platform/failure.h"
 #include "tracing/vbw_protector.h"
@@ -8,24 +10,12 @@ namespace tabforge::testing {
 
 std::string LogText(const Variant& value) {
   std::string text = Describe(value.Value());
+  static const std::map<char, std::string> escapes = {
+      {'\0', "\\0"}, {'\1', "\\1"}, {'\r', "\\r"}, {'\n', "\\n"}};
   std::string escaped;
   for (char c : text) {
-    switch (c) {
-      case '\0':
-        escaped += "\\0";
-        break;
-      case '\1':
-        escaped += "\\1";
-        break;
-      case '\r':
-        escaped += "\\r";
-        break;
-      case '\n':
-        escaped += "\\n";
-        break;
-      default:
-        escaped += c;
-    }
+    const auto escape = escapes.find(c);
+    escaped += escape != escapes.end() ? escape->second : std::string(1, c);
   }
   return escaped;
 }
