@@ -34,11 +34,6 @@ class TabNavigation : public ::testing::Test {
     main2.Initialize(nullptr, u"Morvelin");
     main2.SetTabSearchLimits({.timeBudget = 2s, .maxAttemptsPerStage = 5, .walk = {}});
   }
-  Ref<AccessibleElement> Tree(const std::string& text) {
-    ParsedTree tree = ParseAccessibleTree(text);
-    EXPECT_EQ(tree.error, "") << "line " << tree.errorLine;
-    return tree.root;
-  }
   void Activate(const Ref<AccessibleElement>& commandBar) {
     main2.activateMorvelinTab(Ref<Object>(commandBar));
   }
@@ -62,11 +57,10 @@ TEST(TabSearch, PressesTheEntryThatTheAncestryRulePicksOrNothing) {
     Main2 tabs{fresh.protector};
     tabs.Initialize(nullptr, FromUtf8(fields[0]));
     tabs.SetTabSearchLimits({.timeBudget = 2s, .maxAttemptsPerStage = 5, .walk = {}});
-    ParsedTree ribbon = ParseAccessibleTree(tree);
-    ASSERT_EQ(ribbon.error, "") << header;
-    tabs.activateMorvelinTab(Ref<Object>(ribbon.root));
+    const auto ribbon = Tree(tree);
+    tabs.activateMorvelinTab(Ref<Object>(ribbon));
     std::string pressed;
-    ribbon.root->VisitAll([&](AccessibleElement& element) {
+    ribbon->VisitAll([&](AccessibleElement& element) {
       if (element.presses() > 0)
         pressed += std::to_string(element.role()) + " " + ToUtf8(element.name());
     });
