@@ -42,6 +42,11 @@ struct Apartment {
     protector.vbwInitializeProtector();
     protector.SetFaultInjector(&faults);
   }
+  // Nothing reached the error component's handler, and no tracked procedure is left on the stack.
+  void ExpectQuiet(const std::string& where = "") const {
+    EXPECT_TRUE(script->CallsTo("vbwErrorHandler").empty()) << where;
+    EXPECT_EQ(protector.Depth(), 0) << where;
+  }
 };
 
 }  // namespace tabforge::testing
