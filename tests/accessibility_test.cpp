@@ -16,24 +16,12 @@ namespace tabforge::testing {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-
-Ref<AccessibleElement> Parse(std::string_view text) {
-  ParsedTree tree = ParseAccessibleTree(text);
-  EXPECT_EQ(tree.error, "") << "line " << tree.errorLine;
-  return tree.root;
-}
 
 class Walker : public ::testing::Test {
  protected:
   Apartment apartment;
   Accessibility walker{apartment.protector};
 
-  // Only the start-up call reached the error component: nothing was reported.
-  void ExpectNothingReported() {
-    EXPECT_THAT(apartment.script->CallsTo("vbwErrorHandler"), IsEmpty());
-    EXPECT_EQ(apartment.protector.Depth(), 0);
-  }
   Ref<Object> Find(const Ref<AccessibleElement>& root, std::int32_t role, const Utf16String& name,
                    VariantBool getClient = kFalse) {
     return walker.GetAccessible(Ref<Object>(root), role, name, getClient);
@@ -53,7 +41,7 @@ class Walker : public ::testing::Test {
 TEST_F(Walker, AnswersEachCaseOfTheTable) {
   for (const auto& [header, text] : ReadCases("tests/walker.txt")) {
     const std::vector<std::string> f = Fields(header);  // what, answer, calls
-    const auto root = Parse(text);
+    const auto root = Tree(text);
     std::istringstream what(f[0]);
     std::string verb, name;
     std::int32_t role = 0;
@@ -88,11 +76,11 @@ TEST_F(Walker, AnswersEachCaseOfTheTable) {
           << header << ": " << call;
     }
   }
-  ExpectNothingReported();
+  apartment.ExpectQuiet();
 }
 
 TEST_F(Walker, TreesThatLeadBackOrGoTooDeepEnd) {
-  auto root = Parse(
+  auto root = Tree(
       "22 \"bar\"\n"
       "  10 \"loop\"\n"
       "    43 \"leaf\"\n");
@@ -122,7 +110,7 @@ TEST_F(Walker, TreesThatLeadBackOrGoTooDeepEnd) {
   EXPECT_TRUE(Find(chain, 38, u"Ribbon"));
   walker.SetWalkLimits({.maxDepth = 400, .maxElements = 100});
   EXPECT_FALSE(Find(chain, 38, u"Ribbon"));
-  ExpectNothingReported();
+  apartment.ExpectQuiet();
 }
 
 TEST(AccessibleTree, RejectsMalformedLinesWithTheirNumbers) {
@@ -136,42 +124,36 @@ TEST(AccessibleTree, RejectsMalformedLinesWithTheirNumbers) {
 }
 
 TEST(AccessibleTree, FieldsSetStateCountFailuresAndSimpleChildIds) {
-  ParsedTree tree = ParseAccessibleTree(
+  const auto root = Tree(
       "10 \"a\" state=0x8001 count=-2 fail=accRole,accParent\n"
       "  43 \"x\" simple\n"
       "  43 \"y\" simple\n");
-  ASSERT_EQ(tree.error, "");
-  Ref<Object> root(tree.root);
-  EXPECT_EQ(tree.root->state(), 0x8001);
+  EXPECT_EQ(root->state(), 0x8001);
   EXPECT_EQ(ToLong(CallByName(root, u"accChildCount", CallKind::kPropertyGet)), -2);
-  tree.root->SetFailing(u"accRole");  // failing twice is failing
+  root->SetFailing(u"accRole");  // failing twice is failing
   EXPECT_THROW(CallByName(root, u"accRole", CallKind::kPropertyGet, kChildIdSelf), Failure);
   EXPECT_THROW(CallByName(root, u"accParent", CallKind::kPropertyGet), Failure);
-  tree.root->SetFailing(u"accRole", false);  // un-failing undoes it
+  root->SetFailing(u"accRole", false);  // un-failing undoes it
   EXPECT_EQ(ToLong(CallByName(root, u"accRole", CallKind::kPropertyGet, kChildIdSelf)), 10);
   const Variant children = CallByName(root, kPortableChildrenMember, CallKind::kPropertyGet);
   const auto& entries = std::get<std::vector<Variant>>(children.Array()->elements);
   EXPECT_THAT(entries, ElementsAre(Variant(std::int32_t{1}), Variant(std::int32_t{2})));
 
   // Hexadecimal after 0x or 0X; a leading zero alone is still decimal.
-  ParsedTree other = ParseAccessibleTree("10 \"b\" state=0X10 count=012\n");
-  ASSERT_EQ(other.error, "");
-  EXPECT_EQ(other.root->state(), 16);
-  EXPECT_EQ(ToLong(CallByName(Ref<Object>(other.root), u"accChildCount", CallKind::kPropertyGet)),
-            12);
+  const auto other = Tree("10 \"b\" state=0X10 count=012\n");
+  EXPECT_EQ(other->state(), 16);
+  EXPECT_EQ(ToLong(CallByName(other, u"accChildCount", CallKind::kPropertyGet)), 12);
 }
 
 TEST(AccessibleTree, ChildByIdIsTheElementOrNothingForASimpleChild) {
-  ParsedTree tree = ParseAccessibleTree(
+  const auto root = Tree(
       "10 \"a\"\n"
       "  43 \"x\"\n"
       "  43 \"y\" simple\n");
-  ASSERT_EQ(tree.error, "");
-  Ref<Object> root(tree.root);
   auto child = [&](std::int32_t id) {
     return CallByName(root, u"accChild", CallKind::kPropertyGet, id);
   };
-  EXPECT_EQ(child(1), Variant(Ref<Object>(tree.root->Find(u"x"))));
+  EXPECT_EQ(child(1), Variant(Ref<Object>(root->Find(u"x"))));
   EXPECT_EQ(child(2).type(), VarType::VT_EMPTY);
   EXPECT_THROW(child(0), Failure);
   EXPECT_THROW(CallByName(root, u"accChild", CallKind::kPropertyGet), Failure);  // no id

@@ -11,39 +11,11 @@
 namespace tabforge::testing {
 namespace {
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::SizeIs;
 
-class Handler : public ::testing::Test {
- protected:
-  Apartment apartment;
-  Probe probe{apartment, {}};
-  ComponentScript& script = *apartment.script;
-};
-
-std::string Banner(Utf16View banner) {
-  return LogText(Variant(Utf16String(banner)));
-}
-
-// The dump's whole sequence is in the session transcripts and fault_injection.golden; here, that
-// the failure is told before it and again as -1 after it, from one component that is let go.
-TEST_F(Handler, DumpThenLeaveTellsTheFailureBeforeAndAfterTheDump) {
-  apartment.faults.FailAt(u"Probe.Children", 1, 1, 440);
-  script.answers = {std::int32_t{8}, std::int32_t{7}};
-  probe.Children();
-  const std::string failure = R"(, BSTR "injected", BSTR "Tabforge", BSTR "Probe", )"
-                              R"(BSTR "Children", I4 701, I2 1, ARRAY(BSTR) 64))";
-  ASSERT_EQ(script.log.size(), 18u);
-  EXPECT_EQ(script.log[1], "vbwErrorHandler(I4 440" + failure);
-  EXPECT_EQ(script.log[2], "vbwOpenDumpFile()");
-  EXPECT_EQ(script.log[3], "vbwReportToFile(" + Banner(kLocalBanner) + ")");
-  EXPECT_EQ(script.log[16], "vbwCloseDumpFile()");
-  EXPECT_EQ(script.log[17], "vbwErrorHandler(I4 -1" + failure);
-  EXPECT_EQ(script.created, 1);
-  EXPECT_FALSE(apartment.protector.ErrorComponent());
-  EXPECT_EQ(probe.trail, "");
-  EXPECT_EQ(apartment.protector.Depth(), 0);
-}
+using Handler = ProbeTest;
 
 TEST_F(Handler, IgnoreAlwaysIsRememberedByModuleNumberAndLine) {
   apartment.faults.FailAt(u"Probe.Children", 1, 2);
@@ -59,42 +31,6 @@ TEST_F(Handler, IgnoreAlwaysIsRememberedByModuleNumberAndLine) {
   apartment.faults.FailAt(u"Probe.Children", 2);
   probe.Children();
   EXPECT_THAT(script.CallsTo("vbwErrorHandler"), SizeIs(2));
-}
-
-// What the component is asked for each answer, how far the probe got, and that no answer keeps the
-// component beyond the failure.
-TEST(HandlerAnswers, DecideWhatTheComponentIsAskedAndWhereTheProcedureGoes) {
-  struct Case {
-    std::vector<Variant> answers;
-    bool failInitialize;
-    std::vector<std::string> members;
-    const char* trail;
-  };
-  const Case cases[] = {
-      {{std::int32_t{3}},
-       false,
-       {"vbwInitializeProtector", "vbwErrorHandler", "vbwExitThread"},
-       ""},
-      // Retry empties the component, and a fresh one answers the next failure.
-      {{std::int32_t{4}, std::int32_t{5}},
-       false,
-       {"vbwInitializeProtector", "vbwErrorHandler", "vbwInitializeProtector", "vbwErrorHandler"},
-       "2"},
-      {{Variant(u"seven")}, false, {"vbwInitializeProtector", "vbwErrorHandler"}, ""},  // no number
-      {{std::int32_t{5}}, true, {"vbwInitializeProtector"}, ""},  // failed start: no answer
-  };
-  for (const Case& c : cases) {
-    Apartment apartment;
-    Probe probe{apartment, {}};
-    apartment.faults.FailAt(u"Probe.Children", 1, 2);
-    apartment.script->answers.assign(c.answers.begin(), c.answers.end());
-    apartment.script->failInitialize = c.failInitialize;
-    probe.Children();
-    const std::string row = "row " + std::to_string(&c - cases);
-    EXPECT_EQ(apartment.script->Members(), c.members) << row;
-    EXPECT_EQ(probe.trail, c.trail) << row;
-    EXPECT_FALSE(apartment.protector.ErrorComponent()) << row;
-  }
 }
 
 TEST_F(Handler, NumberMinusOneKeepsThePreviousKey) {
@@ -147,7 +83,8 @@ TEST_F(Handler, EveryAnswerIsCarriedOutWithinTheBudget) {
   script.answers.assign(6, std::int32_t{8});
   probe.Children();
   EXPECT_THAT(script.CallsTo("vbwOpenDumpFile"), SizeIs(6));
-  EXPECT_THAT(script.errNumbers, ElementsAre(440, -1, -1, -1, -1, -1));
+  EXPECT_THAT(script.objects, Contains("Err 440 701 Tabforge"));
+  EXPECT_THAT(script.objects, Contains("Err -1 701 Tabforge").Times(5));
 
   script.log.clear();
   script.failOpenDump = true;
@@ -235,42 +172,12 @@ TEST_F(Handler, NestedFailureThatEmptiesTheComponentDoesNotBreakTheOuterCall) {
   EXPECT_EQ(apartment.protector.Depth(), 0);
 }
 
+// The dump's objects describe the failure being handled and the project.
 TEST_F(Handler, ErrObjectDescribesTheFailureBeingHandled) {
   apartment.faults.FailAt(u"Probe.Children", 2, 1, 91);
   script.answers = {std::int32_t{8}, std::int32_t{7}};
-  Ref<Object> err;
-  Ref<Object> app;
-  // Catch the object as it is reported.
-  struct Catcher final : Object {
-    Ref<Object>* target;
-    Ref<Object>* appTarget;
-    Variant Invoke(Utf16View member, CallKind, std::span<Variant> args) override {
-      if (member == u"vbwReportObject" && ToBstr(args[0]) == u"Err")
-        *target = ToObject(args[1]);
-      if (member == u"vbwReportObject" && ToBstr(args[0]) == u"VB.App")
-        *appTarget = ToObject(args[1]);
-      if (member == u"vbwErrorHandler")
-        return std::int32_t{calls++ == 0 ? 8 : 7};
-      return {};
-    }
-    int calls = 0;
-  };
-  apartment.platform.objects.Register(Utf16String(kErrorComponentProgId), [&] {
-    auto catcher = MakeRef<Catcher>();
-    catcher->target = &err;
-    catcher->appTarget = &app;
-    return Ref<Object>(catcher);
-  });
   probe.Children();
-  ASSERT_TRUE(err);
-  EXPECT_EQ(ToLong(err->Invoke(u"Number", CallKind::kPropertyGet, {})), 91);
-  EXPECT_EQ(ToLong(err->Invoke(u"Erl", CallKind::kPropertyGet, {})), 702);
-  EXPECT_EQ(ToBstr(err->Invoke(u"source", CallKind::kPropertyGet, {})), u"Tabforge");
-  ASSERT_TRUE(app);
-  EXPECT_EQ(ToBstr(app->Invoke(u"Title", CallKind::kPropertyGet, {})), u"Tabforge");
-  EXPECT_EQ(ToLong(app->Invoke(u"Major", CallKind::kPropertyGet, {})) * 100 +
-                ToLong(app->Invoke(u"Minor", CallKind::kPropertyGet, {})),
-            100);
+  EXPECT_THAT(script.objects, ElementsAre("VB.App Tabforge 1.0", "Err 91 702 Tabforge"));
 }
 
 }  // namespace

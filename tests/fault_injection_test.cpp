@@ -8,10 +8,12 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <regex>
 #include <set>
+#include <sstream>
 
 #include "accessibility/accessible_tree.h"
 #include "apartment.h"
@@ -26,25 +28,17 @@ namespace {
 
 using Statement = std::pair<std::u16string, int>;
 
-// --- The statements that exist: every TF_STEP of every instrumented procedure
+// --- The statements that exist: every TF_STEP of every instrumented procedure of the core
 // ---------------------
 
 std::set<Statement> StatementsThatExist() {
-  const std::vector<std::string> files = {"ribbon/procedure_names.h",
-                                          "ribbon/main2.cpp",
-                                          "ribbon/callbacks.cpp",
-                                          "ribbon/document.cpp",
-                                          "ribbon/images.cpp",
-                                          "ribbon/tab_navigation.cpp",
-                                          "accessibility/accessibility.h",
-                                          "accessibility/accessibility.cpp",
-                                          "pictures/transparent_gif_loader.cpp",
-                                          "pictures/vb_language_extensions.cpp",
-                                          "tracing/vbw_protector.cpp"};
   std::map<std::string, std::u16string> names;  // constant -> qualified name
   std::string all;
-  for (const auto& file : files)
-    all += ReadSource(file) + "\n";
+  for (const char* folder : {"ribbon", "accessibility", "pictures", "tracing"}) {
+    for (const auto& file :
+         std::filesystem::directory_iterator(std::filesystem::path(TABFORGE_SOURCE_DIR) / folder))
+      all += ReadSource(std::string(folder) + "/" + file.path().filename().string()) + "\n";
+  }
   const std::regex definition(R"((k\w+)\s*=\s*(?:tracing::)?DefineProcedure\(\s*u"([^"]+)\")");
   for (std::sregex_iterator it(all.begin(), all.end(), definition), end; it != end; ++it) {
     names[(*it)[1]] = FromUtf8((*it)[2].str());
@@ -91,12 +85,6 @@ struct Host {
   }
 };
 
-struct Member {
-  const char* name;
-  // Calls the member and checks that its result is one the member can give.
-  std::function<void(Host&)> call;
-};
-
 void ExpectTruth(VariantBool value) {
   EXPECT_TRUE(value == kTrue || value == kFalse) << static_cast<int>(value);
 }
@@ -107,87 +95,58 @@ void ExpectPictureOrNothing(const Ref<Object>& picture) {
   }
 }
 
-const std::vector<Member>& Members() {
-  static const std::vector<Member> members = {
-      {"Initialize", [](Host& h) { h.main2.Initialize(h.signaller, u"Quill"); }},
-      {"ribbon", [](Host& h) { h.main2.ribbon(h.ribbon); }},
-      {"GetRibbonXML", [](Host& h) { h.main2.GetRibbonXML(); }},
-      {"productNameChanged", [](Host& h) { h.main2.productNameChanged(u"Quill"); }},
-      {"GetLabel", [](Host& h) { h.main2.GetLabel(u"MVN4"); }},
-      {"GetEnabled", [](Host& h) { ExpectTruth(h.main2.GetEnabled(u"MVN16")); }},
-      {"GetPressed", [](Host& h) { ExpectTruth(h.main2.GetPressed(u"MVN23")); }},
-      {"GetScreentip", [](Host& h) { h.main2.GetScreentip(u"MVN23"); }},
-      {"GetImage", [](Host& h) { ExpectPictureOrNothing(h.main2.GetImage(u"MVN0")); }},
-      {"LoadImage", [](Host& h) { ExpectPictureOrNothing(h.main2.LoadImage(u"5")); }},
-      {"RibbonCallback", [](Host& h) { h.main2.RibbonCallback(u"MVN5", kFalse); }},
-      {"EnableGotoQuickBookmark", [](Host& h) { h.main2.EnableGotoQuickBookmark(kTrue); }},
-      {"UpdateLexoscopeIcon", [](Host& h) { h.main2.UpdateLexoscopeIcon(kTrue); }},
-      {"EnableToolbar", [](Host& h) { h.main2.EnableToolbar(kFalse); }},
-      {"activateMorvelinTab",
-       [](Host& h) {
-         ParsedTree tree = ParseAccessibleTree(SampleRibbonText(u"Morvelin"));
-         h.main2.activateMorvelinTab(tree.root);
-       }},
-      // Variants that take the other branches.
-      {"GetEnabled of the manual", [](Host& h) { ExpectTruth(h.main2.GetEnabled(u"MVN19")); }},
-      {"GetImage without picture",
-       [](Host& h) { ExpectPictureOrNothing(h.main2.GetImage(u"MVN1")); }},
-      {"GetScreentip of a plain button", [](Host& h) { h.main2.GetScreentip(u"MVN5"); }},
-      {"LoadImage without picture",
-       [](Host& h) { ExpectPictureOrNothing(h.main2.LoadImage(u"2")); }},
-      {"LoadImage of an empty array",
-       [](Host& h) {
-         h.signaller->fallback = Variant(VarType::VT_UI1, MakeArray(std::vector<std::uint8_t>{}));
-         ExpectPictureOrNothing(h.main2.LoadImage(u"5"));
-       }},
-      {"EnableGotoQuickBookmark unchanged",
-       [](Host& h) { h.main2.EnableGotoQuickBookmark(kFalse); }},
-      {"GetLabel traced",
-       [](Host& h) {
-         h.apartment.protector.vbwTraceParameters = kTrue;
-         h.main2.GetLabel(u"MVN0");
-       }},
-      {"activateMorvelinTab below a grouping",
-       [](Host& h) {
-         ParsedTree tree = ParseAccessibleTree(
-             "22 \"Ribbon\"\n  38 \"Ribbon\"\n    60 \"Ribbon Tabs\"\n      10 \"\"\n"
-             "        20 \"Morvelin\"\n          37 \"\"\n        37 \"Home\"\n");
-         h.main2.activateMorvelinTab(tree.root);
-       }},
-      {"activateMorvelinTab without the tab",
-       [](Host& h) {
-         ParsedTree tree = ParseAccessibleTree(SampleRibbonText(u"Quill"));
-         h.main2.activateMorvelinTab(tree.root);
-       }},
-      {"LoadImage of bytes that are no picture",
-       [](Host& h) {
-         h.signaller->fallback = Variant(VarType::VT_UI1, MakeArray(std::vector<std::uint8_t>{7}));
-         ExpectPictureOrNothing(h.main2.LoadImage(u"5"));
-       }},
-      {"LoadImage without bytes",
-       [](Host& h) {
-         h.signaller->fallback = Variant(VarType::VT_UI1, ArrayRef());
-         ExpectPictureOrNothing(h.main2.LoadImage(u"5"));
-       }},
-      {"LoadImage without memory",
-       [](Host& h) {
-         h.apartment.platform.pictures.failAllocations = true;
-         ExpectPictureOrNothing(h.main2.LoadImage(u"5"));
-       }},
-      {"activateMorvelinTab on a ribbon that is not there yet",
-       [](Host& h) {
-         for (const char* text : {"22 \"Ribbon\"\n  20 \"Other\"\n",
-                                  "22 \"Ribbon\"\n  38 \"Ribbon\"\n    20 \"Other\"\n",
-                                  "22 \"Ribbon\"\n  38 \"Ribbon\"\n    60 \"Ribbon Tabs\"\n"
-                                  "      10 \"\"\n        37 \"Home\"\n        37 \"\" simple\n"}) {
-           ParsedTree tree = ParseAccessibleTree(text);
-           h.main2.activateMorvelinTab(tree.root);
-         }
-       }},
-      {"start-up of the tracing module",
-       [](Host& h) { h.apartment.protector.vbwInitializeProtector(); }},
-  };
+// The members as fault_injection_members.txt gives them.
+const std::vector<Case>& Members() {
+  static const std::vector<Case> members = ReadCases("tests/fault_injection_members.txt");
   return members;
+}
+
+// Calls `member` as its case says, and checks that its result is one the member can give.
+void Call(Host& host, const Case& member) {
+  using A = const Utf16String&;
+  static const std::map<std::string, std::function<void(Host&, A)>> calls = {
+      {"Initialize", [](Host& h, A a) { h.main2.Initialize(h.signaller, a); }},
+      {"ribbon", [](Host& h, A) { h.main2.ribbon(h.ribbon); }},
+      {"GetRibbonXML", [](Host& h, A) { h.main2.GetRibbonXML(); }},
+      {"productNameChanged", [](Host& h, A a) { h.main2.productNameChanged(a); }},
+      {"GetLabel", [](Host& h, A a) { h.main2.GetLabel(a); }},
+      {"GetEnabled", [](Host& h, A a) { ExpectTruth(h.main2.GetEnabled(a)); }},
+      {"GetPressed", [](Host& h, A a) { ExpectTruth(h.main2.GetPressed(a)); }},
+      {"GetScreentip", [](Host& h, A a) { h.main2.GetScreentip(a); }},
+      {"GetImage", [](Host& h, A a) { ExpectPictureOrNothing(h.main2.GetImage(a)); }},
+      {"LoadImage", [](Host& h, A a) { ExpectPictureOrNothing(h.main2.LoadImage(a)); }},
+      {"RibbonCallback", [](Host& h, A a) { h.main2.RibbonCallback(a, kFalse); }},
+      {"EnableGotoQuickBookmark",
+       [](Host& h, A a) { h.main2.EnableGotoQuickBookmark(ToVariantBool(a == u"true")); }},
+      {"UpdateLexoscopeIcon",
+       [](Host& h, A a) { h.main2.UpdateLexoscopeIcon(ToVariantBool(a == u"true")); }},
+      {"EnableToolbar", [](Host& h, A a) { h.main2.EnableToolbar(ToVariantBool(a == u"true")); }},
+      {"vbwInitializeProtector",
+       [](Host& h, A) { h.apartment.protector.vbwInitializeProtector(); }},
+  };
+  const std::vector<std::string> f = Fields(member.header);
+  const std::string name = f[0].substr(0, f[0].find(' '));
+  const Utf16String argument = FromUtf8(f[0].substr(std::min(f[0].find(' ') + 1, f[0].size())));
+  const std::string setup = f.size() > 1 ? f[1] : "";
+  if (setup == "traced")
+    host.apartment.protector.vbwTraceParameters = kTrue;
+  if (setup == "no memory")
+    host.apartment.platform.pictures.failAllocations = true;
+  if (setup.starts_with("bytes")) {
+    std::istringstream numbers(setup.substr(5));
+    std::vector<std::uint8_t> bytes;
+    for (int byte; numbers >> byte;)
+      bytes.push_back(static_cast<std::uint8_t>(byte));
+    host.signaller->fallback =
+        Variant(VarType::VT_UI1, setup == "bytes none" ? ArrayRef() : MakeArray(bytes));
+  }
+  if (name != "activateMorvelinTab")
+    return calls.at(name)(host, argument);
+  std::string trees = (member.body.empty() ? SampleRibbonText(argument) : member.body) + "--\n";
+  for (auto end = trees.find("--\n"); end != std::string::npos; end = trees.find("--\n")) {
+    host.main2.activateMorvelinTab(Tree(trees.substr(0, end)));
+    trees.erase(0, end + 3);
+  }
 }
 
 // --- The answers ---------------------------------------------------------------------------------
@@ -287,12 +246,12 @@ TEST(FaultInjection, EveryStatementOfEveryMemberFailsWithEveryAnswer) {
   int runs = 0;
 
   for (State state : {State::kNew, State::kInitialized, State::kConnected}) {
-    for (const Member& member : Members()) {
+    for (const Case& member : Members()) {
       // Which statements does the member run, failure-free, in this state?
       std::vector<Statement> reached;
       {
         Host host(state);
-        member.call(host);
+        Call(host, member);
         for (const auto& [name, step] : host.apartment.faults.visits) {
           Statement statement{std::u16string(name), step};
           if (std::find(reached.begin(), reached.end(), statement) == reached.end()) {
@@ -310,9 +269,9 @@ TEST(FaultInjection, EveryStatementOfEveryMemberFailsWithEveryAnswer) {
             host.apartment.script->answers.push_back(answer);
           host.apartment.faults.FailAt(target.first, target.second);
           const std::int16_t depth = host.apartment.protector.Depth();
-          member.call(host);
+          Call(host, member);
           ++runs;
-          const std::string where = std::string(member.name) + " state " +
+          const std::string where = member.header + " state " +
                                     std::to_string(static_cast<int>(state)) + " failing " +
                                     ToUtf8(target.first) + " step " +
                                     std::to_string(target.second) + " answers " + answers.name;
@@ -386,14 +345,14 @@ TEST(FaultInjection, EveryStatementOfEveryMemberFailsWithEveryAnswer) {
 
   // With parameter tracing, every entry of every procedure fails, answered "dump" then "continue":
   // each dump shows the entered procedure's parameter text.
-  for (const Member& member : Members()) {
+  for (const Case& member : Members()) {
     Host host(State::kConnected);
     host.apartment.protector.vbwTraceParameters = kTrue;
     host.apartment.faults.FailAt(u"vbwProtector.vbwProcIn", 1, /*times=*/1000);
     for (int i = 0; i < 1000; ++i)
       host.apartment.script->answers.insert(host.apartment.script->answers.end(), {8, 5});
-    member.call(host);
-    EXPECT_EQ(host.apartment.protector.Depth(), 0) << member.name << " traced";
+    Call(host, member);
+    EXPECT_EQ(host.apartment.protector.Depth(), 0) << member.header << " traced";
     Record(*host.apartment.script, told, "vbwProtector.vbwProcIn");
   }
 

@@ -56,14 +56,6 @@ TEST_F(Images, NoByteArrayFailingTemplateOrMissingInitializeEnterTheTail) {
   EXPECT_THAT(HandlerCalls().back(), HasSubstr(R"(I4 91, )"));
 }
 
-TEST_F(Images, EveryQuestionMakesANewPicture) {
-  Ref<Object> first = main2.LoadImage(u"5");
-  Ref<Object> second = main2.LoadImage(u"5");
-  ASSERT_TRUE(first && second);
-  EXPECT_NE(first, second);
-  EXPECT_EQ(apartment.platform.pictures.liveHandles(), 2u);
-}
-
 TEST_F(Images, InitializeStartsANewLoaderBeforeTheOldStops) {
   auto& api = apartment.platform.pictures;
   EXPECT_EQ(api.liveStarts(), 1u);

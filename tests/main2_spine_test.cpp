@@ -45,16 +45,6 @@ TEST_F(Spine, InitializeSetsStateAndASecondReplacesTheTable) {
   EXPECT_FALSE(main2.eventSignaller());
 }
 
-TEST_F(Spine, RibbonSetTwiceKeepsTheSecondAndReleasesTheFirst) {
-  auto first = MakeRef<RecordingRibbon>(&log);
-  auto second = MakeRef<RecordingRibbon>(&log);
-  main2.ribbon(first);
-  main2.ribbon(second);
-  EXPECT_EQ(main2.ribbonUi(), Ref<RibbonUi>(second));
-  first.reset();  // only this test's reference was left, so the object is gone without a leak
-  EXPECT_TRUE(log.empty());  // setting the property invalidates nothing
-}
-
 TEST_F(Spine, ObjectWithoutRibbonInterfaceLeavesTheFieldAndEntersTheTail) {
   auto ribbonObject = MakeRef<RecordingRibbon>(&log);
   main2.ribbon(ribbonObject);
@@ -93,20 +83,6 @@ TEST(StringExtensionsTest, ReplaceTextIsOnePassAndExact) {
               f[6])
         << c.header;
   }
-}
-
-TEST(StringExtensionsTest, EndsWithAndStripPrefix) {
-  EXPECT_EQ(StringExtensions::endsWith(u"paper!", u"!"), kTrue);
-  EXPECT_EQ(StringExtensions::endsWith(u"", u"!"), kFalse);
-  Utf16View id = u"MVN26";
-  EXPECT_EQ(StringExtensions::stripPrefix(id, u"MVN"), kTrue);
-  EXPECT_EQ(id, u"26");
-  Utf16View plain = u"26";
-  EXPECT_EQ(StringExtensions::stripPrefix(plain, u"MVN"), kFalse);
-  EXPECT_EQ(plain, u"26");
-  Utf16View shorter = u"MV";
-  EXPECT_EQ(StringExtensions::stripPrefix(shorter, u"MVN"), kFalse);
-  EXPECT_EQ(shorter, u"MV");
 }
 
 }  // namespace

@@ -1,6 +1,10 @@
 // The platform seam's value types: text, tagged values and their conversions.
 #include <gtest/gtest.h>
 
+#include <sstream>
+
+#include "apartment.h"
+#include "golden.h"
 #include "platform/failure.h"
 #include "platform/variant.h"
 #include "ribbon/dictionary.h"
@@ -9,47 +13,24 @@
 namespace tabforge {
 namespace {
 
-std::int32_t FailureNumber(auto&& call) {
-  try {
-    call();
-  } catch (const Failure& failure) {
-    return failure.number;
-  }
-  return 0;
-}
+using testing::FailureNumber;
 
-TEST(Text, Utf8RoundTripAndReplacement) {
-  EXPECT_EQ(ToUtf8(FromUtf8("Morvelin é 𝄞")), "Morvelin é 𝄞");
-  EXPECT_EQ(FromUtf8("\xC3"), u"\uFFFD");
-  EXPECT_EQ(FromUtf8("\xE0\x80\xAF"), u"\uFFFD\uFFFD\uFFFD");  // overlong form
-  EXPECT_EQ(ToUtf8(Utf16String(1, u'\xD800')), "\xEF\xBF\xBD");
+// Each case of utf8.txt.
+TEST(Text, ConvertsEachCaseOfTheTable) {
+  for (const auto& c : testing::ReadCases("tests/utf8.txt")) {
+    const std::vector<std::string> f = testing::Fields(c.header);  // units, bytes, way
+    Utf16String utf16;
+    std::string utf8;
+    std::istringstream units(f[0]), bytes(f[1]);
+    for (unsigned unit; units >> std::hex >> unit;)
+      utf16 += static_cast<char16_t>(unit);
+    for (unsigned byte; bytes >> std::hex >> byte;)
+      utf8 += static_cast<char>(byte);
+    EXPECT_TRUE(f[2] == "from-utf8" || ToUtf8(utf16) == utf8) << c.header;
+    EXPECT_TRUE(f[2] == "to-utf8" || FromUtf8(utf8) == utf16) << c.header;
+  }
   EXPECT_EQ(DecimalText(-2147483648LL), u"-2147483648");
   EXPECT_EQ(DecimalText(0), u"0");
-}
-
-TEST(Text, EveryEncodedLengthsEdgeConvertsBothWays) {
-  const std::pair<Utf16String, std::string> both[] = {
-      {u"\x7F", "\x7F"},
-      {u"\x80", "\xC2\x80"},
-      {u"\x7FF", "\xDF\xBF"},
-      {u"\x800", "\xE0\xA0\x80"},
-      {u"\xFFFF", "\xEF\xBF\xBF"},
-      {u"\xD800\xDC00", "\xF0\x90\x80\x80"},
-      {u"\xDBFF\xDFFF", "\xF4\x8F\xBF\xBF"},
-  };
-  for (const auto& [utf16, utf8] : both) {
-    EXPECT_EQ(ToUtf8(utf16), utf8);
-    EXPECT_EQ(FromUtf8(utf8), utf16) << utf8;
-  }
-  // Surrogates that make no pair, and UTF-8 past U+10FFFF, overlong or cut short: each unit
-  // that cannot be read is one replacement.
-  EXPECT_EQ(ToUtf8(u"\xDC00\xD800"
-                   u"A\xDBFF\xE000"),
-            "\xEF\xBF\xBD\xEF\xBF\xBD"
-            "A\xEF\xBF\xBD\xEE\x80\x80");
-  for (const char* bad :
-       {"\xF4\x90\x80\x80", "\xF0\x8F\xBF\xBF", "\xED\xA0\x80\x80", "\xC1\xBF\xE0\xA0"})
-    EXPECT_EQ(FromUtf8(bad), Utf16String(4, u'\xFFFD')) << bad;
 }
 
 // Names and text compared without case fold A to Z and nothing beside them.

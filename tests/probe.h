@@ -2,6 +2,8 @@
 // mode, nesting, early exit, and locals of each kind for a dump.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
 
@@ -129,6 +131,14 @@ struct Probe {
       TF_END
     });
   }
+};
+
+// A test on an apartment of its own with a probe module in it.
+class ProbeTest : public ::testing::Test {
+ protected:
+  Apartment apartment;
+  Probe probe{apartment, {}};
+  ComponentScript& script = *apartment.script;
 };
 
 }  // namespace tabforge::testing

@@ -13,7 +13,6 @@
 namespace tabforge::testing {
 namespace {
 
-using ::testing::IsEmpty;
 using namespace std::chrono_literals;
 
 // The ribbon down to the page tab list's client, with `tabs` below the client at level 4.
@@ -34,20 +33,10 @@ class TabNavigation : public ::testing::Test {
     main2.Initialize(nullptr, u"Morvelin");
     main2.SetTabSearchLimits({.timeBudget = 2s, .maxAttemptsPerStage = 5, .walk = {}});
   }
-  Ref<AccessibleElement> Tree(const std::string& text) {
-    ParsedTree tree = ParseAccessibleTree(text);
-    EXPECT_EQ(tree.error, "") << "line " << tree.errorLine;
-    return tree.root;
-  }
   void Activate(const Ref<AccessibleElement>& commandBar) {
     main2.activateMorvelinTab(Ref<Object>(commandBar));
   }
   int passes() const { return apartment.platform.messages.passes(); }
-  // The search ended without a press, a report or a tracked procedure left on the stack.
-  void ExpectQuietEnd() {
-    EXPECT_THAT(apartment.script->CallsTo("vbwErrorHandler"), IsEmpty());
-    EXPECT_EQ(apartment.protector.Depth(), 0);
-  }
 };
 
 // Each case of tab_search.txt on an apartment of its own: the one element pressed, the passes the
@@ -62,18 +51,16 @@ TEST(TabSearch, PressesTheEntryThatTheAncestryRulePicksOrNothing) {
     Main2 tabs{fresh.protector};
     tabs.Initialize(nullptr, FromUtf8(fields[0]));
     tabs.SetTabSearchLimits({.timeBudget = 2s, .maxAttemptsPerStage = 5, .walk = {}});
-    ParsedTree ribbon = ParseAccessibleTree(tree);
-    ASSERT_EQ(ribbon.error, "") << header;
-    tabs.activateMorvelinTab(Ref<Object>(ribbon.root));
+    const auto ribbon = Tree(tree);
+    tabs.activateMorvelinTab(Ref<Object>(ribbon));
     std::string pressed;
-    ribbon.root->VisitAll([&](AccessibleElement& element) {
+    ribbon->VisitAll([&](AccessibleElement& element) {
       if (element.presses() > 0)
         pressed += std::to_string(element.role()) + " " + ToUtf8(element.name());
     });
     EXPECT_EQ(pressed, fields[1]) << header;
     EXPECT_EQ(std::to_string(fresh.platform.messages.passes()), fields[2]) << header;
-    EXPECT_THAT(fresh.script->CallsTo("vbwErrorHandler"), IsEmpty()) << header;
-    EXPECT_EQ(fresh.protector.Depth(), 0) << header;
+    fresh.ExpectQuiet(header);
   }
 }
 
@@ -87,7 +74,7 @@ TEST_F(TabNavigation, TabThatAppearsAfterSomePassesIsFoundAndPressed) {
   Activate(commandBar);
   EXPECT_EQ(passes(), 3);
   EXPECT_EQ(ribbon->Find(u"Morvelin")->presses(), 1);
-  ExpectQuietEnd();
+  apartment.ExpectQuiet();
 }
 
 TEST_F(TabNavigation, TimeBudgetEndsAWaitLongBeforeTheAttemptCap) {
@@ -97,7 +84,7 @@ TEST_F(TabNavigation, TimeBudgetEndsAWaitLongBeforeTheAttemptCap) {
   Activate(empty);
   EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
   EXPECT_GT(passes(), 0);
-  ExpectQuietEnd();
+  apartment.ExpectQuiet();
 }
 
 TEST_F(TabNavigation, TreeThatLeadsBackEndsWithinTheBound) {
@@ -106,7 +93,7 @@ TEST_F(TabNavigation, TreeThatLeadsBackEndsWithinTheBound) {
   looping->Find(u"group")->AddLink(*looping);
   Activate(looping);
   EXPECT_EQ(passes(), 4);
-  ExpectQuietEnd();
+  apartment.ExpectQuiet();
 
   // A loop inside the tab list costs only the subtree that leads back; the tab is still found.
   auto ribbon =
@@ -114,7 +101,7 @@ TEST_F(TabNavigation, TreeThatLeadsBackEndsWithinTheBound) {
   ribbon->Find(u"Home")->AddLink(*ribbon->Find(u"Ribbon Tabs"));
   Activate(ribbon);
   EXPECT_EQ(ribbon->Find(u"Morvelin")->presses(), 1);
-  ExpectQuietEnd();
+  apartment.ExpectQuiet();
 }
 
 // The search's calls on the tree have a budget of their own, apart from the component's: a bound

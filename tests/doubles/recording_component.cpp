@@ -1,5 +1,7 @@
 #include "doubles/recording_component.h"
 
+#include <map>
+
 #include "platform/call_by_name.h"
 #include "platform/failure.h"
 #include "tracing/vbw_protector.h"
@@ -8,24 +10,12 @@ namespace tabforge::testing {
 
 std::string LogText(const Variant& value) {
   std::string text = Describe(value.Value());
+  static const std::map<char, std::string> escapes = {
+      {'\0', "\\0"}, {'\1', "\\1"}, {'\r', "\\r"}, {'\n', "\\n"}};
   std::string escaped;
   for (char c : text) {
-    switch (c) {
-      case '\0':
-        escaped += "\\0";
-        break;
-      case '\1':
-        escaped += "\\1";
-        break;
-      case '\r':
-        escaped += "\\r";
-        break;
-      case '\n':
-        escaped += "\\n";
-        break;
-      default:
-        escaped += c;
-    }
+    const auto escape = escapes.find(c);
+    escaped += escape != escapes.end() ? escape->second : std::string(1, c);
   }
   return escaped;
 }
@@ -83,9 +73,16 @@ Variant RecordingComponent::Invoke(Utf16View member, CallKind, std::span<Variant
       script_->stringArrays.emplace_back(ToUtf8(ToBstr(arguments[0])), std::move(texts));
     }
   }
-  if (member == u"vbwReportObject" && arguments.size() >= 2 && ToBstr(arguments[0]) == u"Err") {
-    script_->errNumbers.push_back(
-        ToLong(CallByName(ToObject(arguments[1]), u"Number", CallKind::kPropertyGet)));
+  if (member == u"vbwReportObject" && arguments.size() >= 2 && ToObject(arguments[1])) {
+    const auto get = [&](Utf16View name) {
+      return ToUtf8(ToBstr(CallByName(ToObject(arguments[1]), name, CallKind::kPropertyGet)));
+    };
+    if (ToBstr(arguments[0]) == u"Err")
+      script_->objects.push_back("Err " + get(u"Number") + " " + get(u"Erl") + " " +
+                                 get(u"source"));
+    if (ToBstr(arguments[0]) == u"VB.App")
+      script_->objects.push_back("VB.App " + get(u"Title") + " " + get(u"Major") + "." +
+                                 get(u"Minor"));
   }
   if (member == u"vbwReportParameter")
     return Variant(u"<" + ToBstr(arguments[0]) + u">");

@@ -29,8 +29,9 @@ struct ComponentScript {
   // The string arrays that dumps reported, by name, element by element. (Only texts are kept: a
   // kept object would outlive the library that made it.)
   std::vector<std::pair<std::string, std::vector<std::string>>> stringArrays;
-  // The number of the "Err" object that each dump reported.
-  std::vector<std::int32_t> errNumbers;
+  // The "Err" and "VB.App" objects that dumps reported: "Err NUMBER ERL SOURCE" and
+  // "VB.App TITLE MAJOR.MINOR".
+  std::vector<std::string> objects;
   bool failOpenDump = false;
   bool failInitialize = false;
   // Runs inside vbwInitializeProtector with its arguments (the switches, by reference).
