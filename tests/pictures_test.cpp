@@ -18,7 +18,6 @@
 namespace tabforge::testing {
 namespace {
 
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 // The bytes of a file of tests/pictures/, as an array whose first element is `lowerBound`.
