@@ -34,7 +34,6 @@ class Loader : public ::testing::Test {
       throw std::runtime_error("no picture");
     return portable->bitmap();
   }
-  std::vector<std::string> HandlerCalls() { return apartment.script->CallsTo("vbwErrorHandler"); }
 
   Apartment apartment;
   PortablePictureApi& api = apartment.platform.pictures;
@@ -63,7 +62,7 @@ TEST_F(Loader, FailedStartGivesNothingWithoutFailureAndNoShutdownOfTokenZero) {
   EXPECT_EQ(api.liveBlocks(), 0u);
   unstarted.reset();
   EXPECT_EQ(api.shutdowns, shutdowns);
-  EXPECT_TRUE(HandlerCalls().empty());
+  apartment.ExpectQuiet();
 }
 
 TEST_F(Loader, PictureOfAHandleIsMadeForIPictureAndIPictureDispOnly) {
@@ -134,7 +133,7 @@ TEST_F(Loader, MakesThePictureOfEachFileAsTheTableSays) {
   EXPECT_EQ(api.allocations, static_cast<int>(cases.size()));
   EXPECT_EQ(api.liveBlocks(), 0u);  // each stream took its block and released it
   EXPECT_EQ(api.liveBitmaps(), 0u);
-  EXPECT_TRUE(HandlerCalls().empty());
+  apartment.ExpectQuiet();
 }
 
 // A decoder that keeps libjpeg's memory, or a table that keeps a released entry, shows as heap
