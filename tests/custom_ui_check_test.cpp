@@ -15,20 +15,12 @@
 
 #include "apartment.h"
 #include "golden.h"
-#include "ribbon/main2.h"
 #include "tools/custom_ui_check.h"
 
 namespace tabforge::cli {
 namespace {
 
 using Xml = std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)>;
-
-std::string Document(Utf16View productName) {
-  testing::Apartment apartment;
-  Main2 main2(apartment.protector);
-  main2.Initialize(nullptr, Utf16String(productName));
-  return ToUtf8(main2.GetRibbonXML());
-}
 
 std::string Ribbon(const std::string& inside) {
   return R"(<customUI xmlns="http://schemas.microsoft.com/office/2006/01/customui"><ribbon>)" +
@@ -110,7 +102,9 @@ TEST(CustomUiCheck, JudgesEachCaseAsTheSchemaDoesAndSaysWhereAndWhy) {
 
 // The composed documents for three names, and the changes of custom_ui_corpus.txt to the first.
 std::vector<std::string> Corpus() {
-  std::vector<std::string> out{Document(u"Morvelin"), Document(u""), Document(u"Ä")};
+  using testing::RibbonDocument;
+  std::vector<std::string> out{RibbonDocument(u"Morvelin"), RibbonDocument(u""),
+                               RibbonDocument(u"Ä")};
   const std::vector<testing::Case> cases = testing::ReadCases("tests/custom_ui_corpus.txt");
   const std::string& document = cases.at(0).body;
   for (const auto& [header, text] : cases) {
