@@ -72,10 +72,8 @@ struct Host {
     const std::string png = ReadSource("tests/pictures/two-pixels.png");
     signaller->fallback =
         Variant(VarType::VT_UI1, MakeArray(std::vector<std::uint8_t>(png.begin(), png.end())));
-    TabSearchLimits limits;
-    limits.timeBudget = std::chrono::milliseconds(200);
-    limits.maxAttemptsPerStage = 3;
-    main2.SetTabSearchLimits(limits);
+    main2.SetTabSearchLimits(
+        {.timeBudget = std::chrono::milliseconds(200), .maxAttemptsPerStage = 3, .walk = {}});
     if (state != State::kNew)
       main2.Initialize(signaller, u"Morvelin");
     if (state == State::kConnected)
