@@ -55,8 +55,6 @@ class VisitFaults final : public tracing::FaultInjector {
 // within its bound; so an input has fewer calls, and each a tenth of the budget, which exercises
 // the same mechanism and keeps an input far below the unit time limit.
 constexpr std::size_t kMaxIds = 6;
-constexpr CallBudgetLimits kFuzzBudget{.maxCollaboratorCalls = 500,
-                                       .maxOwnTime = std::chrono::milliseconds(25)};
 
 std::vector<Utf16String> IdTexts(InputBytes& input, bool utf16) {
   const std::vector<std::uint8_t> bytes = input.Rest();
@@ -68,13 +66,10 @@ std::vector<Utf16String> IdTexts(InputBytes& input, bool utf16) {
     all = FromUtf8(std::string(bytes.begin(), bytes.end()));
   }
   std::vector<Utf16String> ids;
-  std::size_t start = 0;
-  for (;;) {
-    const std::size_t end = all.find(u'\n', start);
+  for (std::size_t start = 0, end = 0; end != Utf16String::npos && ids.size() < kMaxIds;
+       start = end + 1) {
+    end = all.find(u'\n', start);
     ids.push_back(all.substr(start, end - start));
-    if (end == Utf16String::npos || ids.size() == kMaxIds)
-      break;
-    start = end + 1;
   }
   return ids;
 }
@@ -101,8 +96,8 @@ void RunOne(InputBytes& input) {
     }
   }
   VbwProtector protector(platform.View());
-  protector.budget.limits.maxCollaboratorCalls = kFuzzBudget.maxCollaboratorCalls;
-  protector.budget.limits.maxOwnTime = kFuzzBudget.maxOwnTime;
+  protector.budget.limits = {.maxCollaboratorCalls = 500,
+                             .maxOwnTime = std::chrono::milliseconds(25)};
   protector.vbwInitializeProtector();
   VisitFaults faults;
   if ((mode & kInjectFaults) != 0) {

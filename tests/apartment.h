@@ -11,6 +11,7 @@
 #include "doubles/scripted_faults.h"
 #include "platform/failure.h"
 #include "platform/portable/portable_platform.h"
+#include "ribbon/main2.h"
 #include "tracing/vbw_protector.h"
 
 namespace tabforge::testing {
@@ -48,5 +49,14 @@ struct Apartment {
     EXPECT_EQ(protector.Depth(), 0) << where;
   }
 };
+
+// The ribbon document of a Main2 initialised for `productName`, or never initialised.
+inline std::string RibbonDocument(Utf16View productName, bool initialize = true) {
+  Apartment apartment;
+  Main2 main2(apartment.protector);
+  if (initialize)
+    main2.Initialize(nullptr, Utf16String(productName));
+  return ToUtf8(main2.GetRibbonXML());
+}
 
 }  // namespace tabforge::testing

@@ -15,7 +15,6 @@
 
 #include "apartment.h"
 #include "golden.h"
-#include "ribbon/main2.h"
 #include "tools/custom_ui_check.h"
 
 namespace tabforge::cli {
@@ -23,21 +22,11 @@ namespace {
 
 using Xml = std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)>;
 
-std::string Document(Utf16View productName) {
-  testing::Apartment apartment;
-  Main2 main2(apartment.protector);
-  main2.Initialize(nullptr, Utf16String(productName));
-  return ToUtf8(main2.GetRibbonXML());
-}
-
-std::string Ribbon(const std::string& inside) {
-  return R"(<customUI xmlns="http://schemas.microsoft.com/office/2006/01/customui"><ribbon>)" +
-         inside + "</ribbon></customUI>";
-}
-
+// `controls` in a group of a tab of a ribbon.
 std::string InGroup(const std::string& controls) {
-  return Ribbon(R"(<tabs><tab id="t" label="T"><group id="g" label="G">)" + controls +
-                "</group></tab></tabs>");
+  return R"(<customUI xmlns="http://schemas.microsoft.com/office/2006/01/customui"><ribbon><tabs>)"
+         R"(<tab id="t" label="T"><group id="g" label="G">)" +
+         controls + "</group></tab></tabs></ribbon></customUI>";
 }
 
 std::string Lines(const std::vector<Finding>& findings) {
@@ -45,12 +34,6 @@ std::string Lines(const std::vector<Finding>& findings) {
   for (const auto& f : findings)
     text += FormatFinding(f) + "\n";
   return text;
-}
-
-Xml Parse(const std::string& text) {
-  return {xmlReadMemory(text.data(), static_cast<int>(text.size()), "corpus.xml", nullptr,
-                        XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING),
-          &xmlFreeDoc};
 }
 
 // The published schema's validator; null where the schema is not beside the source tree.
@@ -80,7 +63,9 @@ Verdict Judge(const std::string& text) {
                                        [](auto& f) { return f.kind == Finding::Kind::kExclusive; });
   const Verdict verdict = findings.empty() ? kTaken : pairs ? kExclusivePair : kRefused;
   if (auto* schema = Schema(); schema != nullptr) {
-    const Xml doc = Parse(text);
+    const Xml doc(xmlReadMemory(text.data(), static_cast<int>(text.size()), "corpus.xml", nullptr,
+                                XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING),
+                  &xmlFreeDoc);
     const bool accepted = doc != nullptr && xmlSchemaValidateDoc(schema, doc.get()) == 0;
     EXPECT_EQ(accepted, verdict != kRefused) << "the check and the schema differ on\n"
                                              << Lines(findings) << text;
@@ -110,7 +95,9 @@ TEST(CustomUiCheck, JudgesEachCaseAsTheSchemaDoesAndSaysWhereAndWhy) {
 
 // The composed documents for three names, and the changes of custom_ui_corpus.txt to the first.
 std::vector<std::string> Corpus() {
-  std::vector<std::string> out{Document(u"Morvelin"), Document(u""), Document(u"Ä")};
+  using testing::RibbonDocument;
+  std::vector<std::string> out{RibbonDocument(u"Morvelin"), RibbonDocument(u""),
+                               RibbonDocument(u"Ä")};
   const std::vector<testing::Case> cases = testing::ReadCases("tests/custom_ui_corpus.txt");
   const std::string& document = cases.at(0).body;
   for (const auto& [header, text] : cases) {

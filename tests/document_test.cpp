@@ -13,14 +13,6 @@
 namespace tabforge::testing {
 namespace {
 
-std::string Document(Utf16View productName, bool initialize = true) {
-  Apartment apartment;
-  Main2 main2(apartment.protector);
-  if (initialize)
-    main2.Initialize(nullptr, Utf16String(productName));
-  return ToUtf8(main2.GetRibbonXML());
-}
-
 // A failure at the very end of an element's writer: the dump shows the element's pieces as the
 // strings they stand for, and the document goes on without that element.
 TEST(Document, FailedElementDumpsItsPiecesAndIsLeftOut) {
@@ -48,17 +40,16 @@ TEST(Document, FailedElementDumpsItsPiecesAndIsLeftOut) {
 }
 
 TEST(Document, FollowsTheProductNameInThreePlacesOnly) {
-  const std::string empty = Document(u"", /*initialize=*/false);
+  const std::string empty = RibbonDocument(u"", /*initialize=*/false);
   EXPECT_NE(empty.find(R"(<tab id="Morvelin" label="" keytip="Z">)"), std::string::npos);
   EXPECT_NE(empty.find(R"(label=" Core Features")"), std::string::npos);
-  EXPECT_EQ(Document(u"", true), empty);
-  const std::string quill = Document(u"Quill PN");
+  EXPECT_EQ(RibbonDocument(u"", true), empty);
+  const std::string quill = RibbonDocument(u"Quill PN");
   EXPECT_NE(quill.find(R"(label="Quill PN Core Features")"), std::string::npos);
   std::size_t count = 0;
   for (auto at = quill.find("Quill PN"); at != std::string::npos;
-       at = quill.find("Quill PN", at + 1)) {
+       at = quill.find("Quill PN", at + 1))
     ++count;
-  }
   EXPECT_EQ(count, 3u);
 }
 

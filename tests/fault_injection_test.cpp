@@ -72,10 +72,8 @@ struct Host {
     const std::string png = ReadSource("tests/pictures/two-pixels.png");
     signaller->fallback =
         Variant(VarType::VT_UI1, MakeArray(std::vector<std::uint8_t>(png.begin(), png.end())));
-    TabSearchLimits limits;
-    limits.timeBudget = std::chrono::milliseconds(200);
-    limits.maxAttemptsPerStage = 3;
-    main2.SetTabSearchLimits(limits);
+    main2.SetTabSearchLimits(
+        {.timeBudget = std::chrono::milliseconds(200), .maxAttemptsPerStage = 3, .walk = {}});
     if (state != State::kNew)
       main2.Initialize(signaller, u"Morvelin");
     if (state == State::kConnected)
@@ -151,17 +149,9 @@ void Call(Host& host, const Case& member) {
 
 // --- The answers ---------------------------------------------------------------------------------
 
-struct Answers {
-  const char* name;
-  bool component;  // false: no component can be created
-  std::vector<std::int32_t> answers;
-};
-
-const std::vector<Answers> kAnswers = {
-    {"none", false, {}},   {"0", true, {0}},      {"3", true, {3}},
-    {"4,5", true, {4, 5}}, {"5", true, {5}},      {"6", true, {6}},
-    {"7", true, {7}},      {"8,7", true, {8, 7}}, {"8,8,5", true, {8, 8, 5}},
-};
+// The handler's answers in turn; none at all: no component can be created.
+const std::vector<std::vector<std::int32_t>> kAnswers = {{},  {0}, {3},    {4, 5},   {5},
+                                                         {6}, {7}, {8, 7}, {8, 8, 5}};
 
 // --- What the component is told
 // --------------------------------------------------------------------
@@ -248,33 +238,27 @@ TEST(FaultInjection, EveryStatementOfEveryMemberFailsWithEveryAnswer) {
   for (State state : {State::kNew, State::kInitialized, State::kConnected}) {
     for (const Case& member : Members()) {
       // Which statements does the member run, failure-free, in this state?
-      std::vector<Statement> reached;
+      std::set<Statement> reached;
       {
         Host host(state);
         Call(host, member);
-        for (const auto& [name, step] : host.apartment.faults.visits) {
-          Statement statement{std::u16string(name), step};
-          if (std::find(reached.begin(), reached.end(), statement) == reached.end()) {
-            reached.push_back(statement);
-          }
-        }
+        for (const auto& [name, step] : host.apartment.faults.visits)
+          reached.emplace(name, step);
       }
       for (const Statement& target : reached) {
-        for (const Answers& answers : kAnswers) {
+        for (const auto& answers : kAnswers) {
           Host host(state);
-          if (!answers.component) {
+          if (answers.empty())
             host.apartment.platform.objects.Unregister(kErrorComponentProgId);
-          }
-          for (std::int32_t answer : answers.answers)
-            host.apartment.script->answers.push_back(answer);
+          host.apartment.script->answers.assign(answers.begin(), answers.end());
           host.apartment.faults.FailAt(target.first, target.second);
           const std::int16_t depth = host.apartment.protector.Depth();
           Call(host, member);
           ++runs;
-          const std::string where = member.header + " state " +
-                                    std::to_string(static_cast<int>(state)) + " failing " +
-                                    ToUtf8(target.first) + " step " +
-                                    std::to_string(target.second) + " answers " + answers.name;
+          const std::string where =
+              member.header + " state " + std::to_string(static_cast<int>(state)) + " failing " +
+              ToUtf8(target.first) + " step " + std::to_string(target.second) + " answers " +
+              ::testing::PrintToString(answers);
           EXPECT_EQ(host.apartment.protector.Depth(), depth) << where;
           EXPECT_FALSE(host.apartment.protector.ErrorComponent()) << where;
           // Only a failure in armed mode goes to the handler; the others are passed over or leave.
@@ -282,7 +266,7 @@ TEST(FaultInjection, EveryStatementOfEveryMemberFailsWithEveryAnswer) {
               !host.apartment.faults.injectedModes.empty() &&
               host.apartment.faults.injectedModes.front() == tracing::FailureMode::kArmed;
           Record(*host.apartment.script, told);
-          if (armed && answers.component && answers.answers.front() == kIgnoreAlways) {
+          if (armed && !answers.empty() && answers.front() == kIgnoreAlways) {
             EXPECT_FALSE(host.apartment.protector.RememberedErrors().empty()) << where;
           }
           covered.insert(target);
@@ -302,19 +286,18 @@ TEST(FaultInjection, EveryStatementOfEveryMemberFailsWithEveryAnswer) {
   for (const Statement& target : handling) {
     if (covered.count(target))
       continue;
-    for (const Answers& answers : kAnswers) {
-      if (!answers.component)
+    for (const auto& answers : kAnswers) {
+      if (answers.empty())
         continue;
       Host host(State::kConnected);
-      for (std::int32_t answer : answers.answers)
-        host.apartment.script->answers.push_back(answer);
+      host.apartment.script->answers.assign(answers.begin(), answers.end());
       host.apartment.faults.FailAt(trigger.first, trigger.second);
       host.apartment.faults.FailAt(target.first, target.second);
       ExpectTruth(host.main2.GetEnabled(u"MVN16"));
       ++runs;
       const std::string where = "GetEnabled failing " + ToUtf8(target.first) + " step " +
                                 std::to_string(target.second) + " while handling, answers " +
-                                answers.name;
+                                ::testing::PrintToString(answers);
       EXPECT_EQ(host.apartment.protector.Depth(), 0) << where;
       EXPECT_FALSE(host.apartment.protector.ErrorComponent()) << where;
       Record(*host.apartment.script, told, ToUtf8(target.first));

@@ -18,7 +18,6 @@
 namespace tabforge::testing {
 namespace {
 
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 // The bytes of a file of tests/pictures/, as an array whose first element is `lowerBound`.
@@ -29,14 +28,6 @@ ArrayRef Bytes(const std::string& file, std::int32_t lowerBound = 0) {
 
 class Loader : public ::testing::Test {
  protected:
-  const PortableBitmap& Pixels(const Ref<Object>& picture) {
-    auto* portable = dynamic_cast<PortablePicture*>(picture.get());
-    if (portable == nullptr)
-      throw std::runtime_error("no picture");
-    return portable->bitmap();
-  }
-  std::vector<std::string> HandlerCalls() { return apartment.script->CallsTo("vbwErrorHandler"); }
-
   Apartment apartment;
   PortablePictureApi& api = apartment.platform.pictures;
   Ref<TransparentGifLoader> loader = MakeRef<TransparentGifLoader>(apartment.protector);
@@ -64,7 +55,7 @@ TEST_F(Loader, FailedStartGivesNothingWithoutFailureAndNoShutdownOfTokenZero) {
   EXPECT_EQ(api.liveBlocks(), 0u);
   unstarted.reset();
   EXPECT_EQ(api.shutdowns, shutdowns);
-  EXPECT_TRUE(HandlerCalls().empty());
+  apartment.ExpectQuiet();
 }
 
 TEST_F(Loader, PictureOfAHandleIsMadeForIPictureAndIPictureDispOnly) {
@@ -105,7 +96,7 @@ TEST_F(Loader, MakesThePictureOfEachFileAsTheTableSays) {
     EXPECT_EQ(picture == nullptr, f[1] == "nothing") << f[0];
     if (!picture)
       continue;
-    const PortableBitmap& bitmap = Pixels(picture);
+    const PortableBitmap& bitmap = dynamic_cast<PortablePicture&>(*picture).bitmap();
     EXPECT_EQ(std::to_string(bitmap.width) + "x" + std::to_string(bitmap.height), f[1]) << f[0];
     std::istringstream checks(f.size() > 2 ? f[2] : "");
     for (std::string check; checks >> check;) {
@@ -135,7 +126,7 @@ TEST_F(Loader, MakesThePictureOfEachFileAsTheTableSays) {
   EXPECT_EQ(api.allocations, static_cast<int>(cases.size()));
   EXPECT_EQ(api.liveBlocks(), 0u);  // each stream took its block and released it
   EXPECT_EQ(api.liveBitmaps(), 0u);
-  EXPECT_TRUE(HandlerCalls().empty());
+  apartment.ExpectQuiet();
 }
 
 // A decoder that keeps libjpeg's memory, or a table that keeps a released entry, shows as heap
@@ -209,7 +200,7 @@ TEST_F(Loader, EachLoadIsItsOwnPictureThatOutlivesTheLoader) {
   EXPECT_EQ(api.liveBlocks(), 0u);   // and the stream with its block when the load leaves
 
   loader.reset();
-  EXPECT_EQ(Pixels(first).Pixel(1, 0), 0x000000FFu);
+  EXPECT_EQ(dynamic_cast<PortablePicture&>(*first).bitmap().Pixel(1, 0), 0x000000FFu);
   first.reset();
   EXPECT_EQ(api.liveHandles(), 1u);  // the picture owned its handle
   second.reset();

@@ -11,8 +11,6 @@
 namespace tabforge::testing {
 namespace {
 
-using ::testing::ElementsAre;
-
 using Runner = ProbeTest;
 
 // Each case of runner_flows.txt on an apartment of its own.
@@ -36,17 +34,19 @@ TEST(RunnerFlows, FailuresTakeTheFlowTheirModeAndAnswerSay) {
       else
         fresh.script->answers.push_back(FromUtf8(answer));
     }
-    const std::string& call = fields[0];
-    if (call == "Loop")
-      run.Loop();
-    else if (call == "Early")
-      run.Early();
-    else if (call == "Children")
-      run.Children();
-    else if (call.starts_with("Branch"))
-      run.Branch(call.back() == '+');
-    else
-      run.Modes(call.back() == '+');
+    std::istringstream calls(fields[0]);
+    for (std::string call; calls >> call;) {
+      if (call == "Loop")
+        run.Loop();
+      else if (call == "Early")
+        run.Early();
+      else if (call == "Children")
+        run.Children();
+      else if (call.starts_with("Branch"))
+        run.Branch(call.back() == '+');
+      else
+        run.Modes(call.back() == '+');
+    }
     EXPECT_EQ(run.trail, fields[3]) << c.header;
     EXPECT_EQ(std::to_string(fresh.script->CallsTo("vbwErrorHandler").size()), fields[4])
         << c.header;
@@ -56,10 +56,7 @@ TEST(RunnerFlows, FailuresTakeTheFlowTheirModeAndAnswerSay) {
     EXPECT_EQ(fresh.protector.Depth(), 0) << c.header;
     EXPECT_FALSE(fresh.protector.ErrorComponent()) << c.header;
     if (fields.size() > 5) {
-      std::string members;
-      for (const auto& member : fresh.script->Members())
-        members += (members.empty() ? "" : " ") + member;
-      EXPECT_EQ(members, fields[5]) << c.header;
+      EXPECT_EQ(fresh.script->Members(), fields[5]) << c.header;
     }
   }
 }

@@ -15,21 +15,6 @@
 namespace tabforge::cli {
 namespace {
 
-struct Transcript {
-  int status;
-  std::string out;
-  std::string errors;
-};
-
-Transcript Replay(const std::string& script, SessionOptions options = {}) {
-  std::istringstream in(script);
-  std::ostringstream out;
-  std::ostringstream errors;
-  options.iconDirectory = "/nonexistent";
-  const int status = ReplaySession(in, out, errors, options);
-  return {status, out.str(), errors.str()};
-}
-
 // The options of a case's header behind " | ": those of the session command; --icons is the source
 // tree's icons, and without it there are none.
 SessionOptions Options(const std::string& header) {
@@ -114,28 +99,28 @@ TEST(Session, ACallThatCannotBeMadeStopsTheReplayAtItsLine) {
 // error with the reason, and the session goes on.
 TEST(Session, DumpsMakeTheirFolderOrSayWhyNot) {
   const std::string root = ::testing::TempDir() + "tabforge-dumps-" + std::to_string(::getpid());
-  SessionOptions options;
-  options.errors = true;
-  options.answers = {8, 7};
+  SessionOptions options = Options(" | --errors --answers 8,7");
   options.dumpDirectory = root + "/new/folder";
-  ::testing::internal::CaptureStderr();
-  EXPECT_EQ(Replay("Initialize Morvelin\nGetLabel MVN9x\n", options).status, 0);
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
-  std::ifstream dump(options.dumpDirectory + "/dump-1.txt");
+  std::ostringstream out, errors;
+  const auto replay = [&] {  // what the replay says on standard error
+    std::istringstream in("Initialize Morvelin\nGetLabel MVN9x\n");
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(ReplaySession(in, out, errors, options), 0);
+    return ::testing::internal::GetCapturedStderr();
+  };
+  EXPECT_EQ(replay(), "");
   std::stringstream text;
-  text << dump.rdbuf();
+  text << std::ifstream(options.dumpDirectory + "/dump-1.txt").rdbuf();
   EXPECT_NE(text.str().find("LOCAL LEVEL VARIABLES"), std::string::npos);
 
   // A folder inside a file cannot be made.
-  options.dumpDirectory = options.dumpDirectory + "/dump-1.txt/below";
-  ::testing::internal::CaptureStderr();
-  const auto t = Replay("Initialize Morvelin\nGetLabel MVN9x\n", options);
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(),
-            "tabforge session: dump 1 cannot be written to " + options.dumpDirectory +
-                "/dump-1.txt: Not a directory\n");
-  EXPECT_EQ(t.status, 0);
-  EXPECT_NE(t.out.find("  error.vbwOpenDumpFile\n  error.vbwErrorHandler 75"), std::string::npos)
-      << t.out;
+  options.dumpDirectory += "/dump-1.txt/below";
+  out.str("");
+  EXPECT_EQ(replay(), "tabforge session: dump 1 cannot be written to " + options.dumpDirectory +
+                          "/dump-1.txt: Not a directory\n");
+  EXPECT_NE(out.str().find("  error.vbwOpenDumpFile\n  error.vbwErrorHandler 75"),
+            std::string::npos)
+      << out.str();
   std::filesystem::remove_all(root);
 }
 

@@ -20,19 +20,18 @@ std::string LogText(const Variant& value) {
   return escaped;
 }
 
-std::vector<std::string> ComponentScript::Members() const {
-  std::vector<std::string> members;
+std::string ComponentScript::Members() const {
+  std::string members;
   for (const auto& line : log)
-    members.push_back(line.substr(0, line.find('(')));
+    (members += members.empty() ? "" : " ") += line.substr(0, line.find('('));
   return members;
 }
 
 std::vector<std::string> ComponentScript::CallsTo(const std::string& member) const {
   std::vector<std::string> calls;
-  for (const auto& line : log) {
+  for (const auto& line : log)
     if (line.rfind(member + "(", 0) == 0)
       calls.push_back(line);
-  }
   return calls;
 }
 

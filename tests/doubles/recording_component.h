@@ -39,8 +39,8 @@ struct ComponentScript {
   // Runs inside vbwErrorHandler before it answers; may call back into the library.
   std::function<void(std::span<Variant>)> onFailure;
 
-  // Only the names of the members called, in order.
-  std::vector<std::string> Members() const;
+  // Only the names of the members called, in order, between blanks.
+  std::string Members() const;
   // The log lines of calls to `member`.
   std::vector<std::string> CallsTo(const std::string& member) const;
 };
