@@ -212,14 +212,12 @@ TEST_F(AccessibleTree, ElementsAnswerThroughOleacc) {
     *children[i].Get() = raw[i];
   ASSERT_EQ(count, 3);
   EXPECT_TRUE(V_VT(children[1].Get()) == VT_I4 && V_I4(children[1].Get()) == 2);
-  VARIANT self;
-  V_VT(&self) = VT_I4;
-  V_I4(&self) = CHILDID_SELF;
+  UniqueVariant self = Value(VT_I4, L"0");  // CHILDID_SELF
   // The name, or whether the call failed and left the name empty.
   const auto nameOf = [&](IDispatch* element) {
     UniqueBstr name;
     const ComPtr<IAccessible> accessible = ComPtr<IDispatch>(element).TryAs<IAccessible>();
-    const HRESULT hr = accessible ? accessible->get_accName(self, name.Put()) : E_POINTER;
+    const HRESULT hr = accessible ? accessible->get_accName(*self.Get(), name.Put()) : E_POINTER;
     return SUCCEEDED(hr) ? Text(name.Get()) : name ? L"failed, named" : L"failed";
   };
   ComPtr<IAccessible> home = ComPtr<IDispatch>(V_DISPATCH(children[0].Get())).TryAs<IAccessible>();
@@ -227,7 +225,7 @@ TEST_F(AccessibleTree, ElementsAnswerThroughOleacc) {
   UniqueVariant state;
   ASSERT_TRUE(home && V_VT(children[2].Get()) == VT_DISPATCH);
   EXPECT_EQ(home->get_accParent(parent.Put()), S_OK);
-  EXPECT_EQ(home->get_accState(self, state.Get()), S_OK);
+  EXPECT_EQ(home->get_accState(*self.Get(), state.Get()), S_OK);
   EXPECT_EQ(TextOf(*state.Get()), L"2");
   EXPECT_EQ(nameOf(home.Get()) + L"," + nameOf(parent.Get()) + L"," +
                 nameOf(V_DISPATCH(children[2].Get())),
@@ -338,7 +336,7 @@ TEST_F(HostLife, FailingCallsFreeEachStringOnceAndKeptObjectsKeepTheLibrary) {
   EXPECT_EQ(CanUnloadNow(), S_OK);
 }
 
-constexpr char kLiveInstanceSwitch[] = "--end-with-a-live-instance";
+constexpr wchar_t kLiveInstanceSwitch[] = L"--end-with-a-live-instance";
 
 DWORD WINAPI HoldAnInstanceForEver(void*) {
   ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
@@ -363,8 +361,7 @@ int EndWithALiveInstance() {
 TEST(HostLifeModule, AProcessWithALiveInstanceEnds) {
   wchar_t self[MAX_PATH] = {};
   ASSERT_GT(::GetModuleFileNameW(nullptr, self, MAX_PATH), 0u);
-  std::wstring commandLine = L"\"" + std::wstring(self) + L"\" " +
-                             std::wstring(kLiveInstanceSwitch, std::end(kLiveInstanceSwitch) - 1);
+  std::wstring commandLine = std::wstring(L"child ") + kLiveInstanceSwitch;
   STARTUPINFOW startup{};
   startup.cb = sizeof(startup);
   PROCESS_INFORMATION process{};
@@ -377,9 +374,9 @@ TEST(HostLifeModule, AProcessWithALiveInstanceEnds) {
 // --- Late binding: the server's own Invoke beside the type library's ----------------------------
 
 constexpr UINT kUntouched = 0xDEADBEEF;
-// Flags of the table alone: the call has no result, or no DISPPARAMS at all; or the server answers
-// as Windows does where Wine's type library does not (it writes back into by-value arguments,
-// takes arguments that nothing binds and binds named ones by position).
+// Flags of the table alone, numbered there too: the call has no result, or no DISPPARAMS at all;
+// or the server answers as Windows does where Wine's type library does not (it writes back into
+// by-value arguments, takes arguments that nothing binds and binds named ones by position).
 constexpr WORD kNoResult = 0x4000;
 constexpr WORD kNoParams = 0x2000;
 constexpr WORD kAsWindows = 0x1000;
@@ -399,32 +396,20 @@ struct LateCall {
 };
 
 std::vector<LateCall> LateCalls() {
-  // The words of the file for answers and kinds of call, and what each stands for.
-  static const std::map<std::string, LONG> kWords = {
-      {"S_OK", S_OK},
-      {"E_INVALIDARG", E_INVALIDARG},
-      {"DISP_E_TYPEMISMATCH", DISP_E_TYPEMISMATCH},
-      {"DISP_E_BADPARAMCOUNT", DISP_E_BADPARAMCOUNT},
-      {"DISP_E_PARAMNOTFOUND", DISP_E_PARAMNOTFOUND},
-      {"DISP_E_MEMBERNOTFOUND", DISP_E_MEMBERNOTFOUND},
-      {"method", DISPATCH_METHOD},
-      {"get", DISPATCH_PROPERTYGET},
-      {"script", DISPATCH_METHOD | DISPATCH_PROPERTYGET},
-      {"put", DISPATCH_PROPERTYPUT},
-      {"putref", DISPATCH_PROPERTYPUTREF},
-      {"noresult", kNoResult},
-      {"noparams", kNoParams},
-      {"windows", kAsWindows}};
   std::vector<LateCall> calls;
+  std::map<std::string, unsigned long> words;
   std::ifstream file(TABFORGE_LATE_CALLS);
   for (std::string line; std::getline(file, line);) {
+    std::istringstream in(line.substr(std::min<std::size_t>(3, line.size())));
+    std::string word, number;
+    if (line.starts_with("#= ") && in >> word >> number)  // a word and the number it stands for
+      words[word] = std::stoul(number, nullptr, 0);
     if (!line.starts_with("## "))
       continue;
     std::vector<std::vector<std::string>> fields;  // the words of each
-    std::istringstream in(line.substr(3));
     for (std::string field; std::getline(in, field, '|');) {
-      std::istringstream words(field);
-      fields.emplace_back(std::istream_iterator<std::string>(words),
+      std::istringstream split(field);
+      fields.emplace_back(std::istream_iterator<std::string>(split),
                           std::istream_iterator<std::string>());
     }
     fields.resize(6);
@@ -441,10 +426,10 @@ std::vector<LateCall> LateCalls() {
       call.names.emplace_back(name.begin(), name.end());
     }
     for (const std::string& flag : fields[1])
-      call.flags |= static_cast<WORD>(kWords.at(flag));
+      call.flags |= static_cast<WORD>(words.at(flag));
     for (const std::string& argument : fields[2])
       call.arguments += std::wstring(argument.begin(), argument.end()) + L" ";
-    call.expected = kWords.at(fields[3].at(0));
+    call.expected = static_cast<HRESULT>(words.at(fields[3].at(0)));
     if (!fields[4].empty() && fields[4][0] != "-")
       call.argumentError = static_cast<UINT>(std::stoul(fields[4][0]));
     for (const std::string& id : fields[5])
@@ -658,7 +643,7 @@ TEST_F(Members, InvokeAnswersAsTheTypeLibrary) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 2 && std::strcmp(argv[1], kLiveInstanceSwitch) == 0)
+  if (std::wcsstr(::GetCommandLineW(), kLiveInstanceSwitch) != nullptr)
     return EndWithALiveInstance();
   ::testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
