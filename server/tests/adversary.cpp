@@ -45,7 +45,6 @@ ULONGLONG g_slowest = 0;  // milliseconds, with the call's number
 long g_slowestCall = -1;
 
 constexpr ULONGLONG kCallBound = 5000;  // milliseconds: a call that takes longer holds the host
-constexpr UINT kUntouched = 0xDEADBEEF;
 constexpr int kMaxDepth = 3;
 
 using Random = std::mt19937;
@@ -291,7 +290,6 @@ void Attack(long number, ErrorComponent& component, Hostile (&parties)[3]) {
     party.mode = Hostile::kWell;
     party.random.seed(r());
     party.arena = &arena;
-    party.main.Reset();
     party.members.clear();
   }
   component.answers.clear();

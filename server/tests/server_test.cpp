@@ -107,17 +107,11 @@ using Registered = ComTest;
 using AccessibleTree = ComTest;
 using Unregistered = ComTest;
 
-TEST_F(Registered, RegistryHoldsTheClassProgIdInterfaceAndTypeLibrary) {
-  const std::vector<std::wstring> keys = ServerKeys();
-  for (const std::wstring& key : {keys[0] + L"\\InprocServer32", keys[0] + L"\\ProgID",
-                                  keys[1] + L"\\CLSID", keys[2] + L"\\ProxyStubClsid32", keys[3]})
-    EXPECT_TRUE(KeyExists(key)) << key;
-  wchar_t model[32] = {};
-  DWORD bytes = sizeof(model);
-  EXPECT_EQ(::RegGetValueW(HKEY_CLASSES_ROOT, (keys[0] + L"\\InprocServer32").c_str(),
-                           L"ThreadingModel", RRF_RT_REG_SZ, nullptr, model, &bytes),
-            ERROR_SUCCESS);
-  EXPECT_STREQ(model, L"Apartment");
+// The server, the program id's class, the threading model, the interface and the type library of
+// a registration are what `tabforge doctor` finds well on a machine just registered (wine_doctor's
+// first case); the class's own program id it does not read.
+TEST_F(Registered, TheClassNamesItsProgramId) {
+  EXPECT_TRUE(KeyExists(ServerKeys()[0] + L"\\ProgID"));
 }
 
 TEST_F(Unregistered, NothingOfTheServerIsLeftInTheRegistry) {
@@ -373,7 +367,6 @@ TEST(HostLifeModule, AProcessWithALiveInstanceEnds) {
 
 // --- Late binding: the server's own Invoke beside the type library's ----------------------------
 
-constexpr UINT kUntouched = 0xDEADBEEF;
 // Flags of the table alone, numbered there too: the call has no result, or no DISPPARAMS at all;
 // or the server answers as Windows does where Wine's type library does not (it writes back into
 // by-value arguments, takes arguments that nothing binds and binds named ones by position).
@@ -415,15 +408,12 @@ std::vector<LateCall> LateCalls() {
     fields.resize(6);
     LateCall& call = calls.emplace_back();
     for (std::string name : fields[0]) {
-      if (name.starts_with("=")) {
+      if (name.ends_with("\\s"))  // a name that ends in a blank
+        name.replace(name.size() - 2, 2, " ");
+      if (name.starts_with("="))
         call.id = static_cast<DISPID>(std::stoul(name.substr(1), nullptr, 0));
-        continue;
-      }
-      if (name.ends_with("\\s")) {  // a name that ends in a blank
-        name.pop_back();
-        name.back() = ' ';
-      }
-      call.names.emplace_back(name.begin(), name.end());
+      else
+        call.names.emplace_back(name.begin(), name.end());
     }
     for (const std::string& flag : fields[1])
       call.flags |= static_cast<WORD>(words.at(flag));
