@@ -364,9 +364,8 @@ void Attack(long number, ErrorComponent& component, Hostile (&parties)[3]) {
                  std::wstring(pointers[i], ::SysStringLen(pointers[i])) == texts[i]))
         << "argument " << i << " is not the caller's string as it went in";
   EXPECT_TRUE(argumentError == kUntouched || argumentError < count) << argumentError;
-  ::SysFreeString(exception.bstrDescription);
-  ::SysFreeString(exception.bstrSource);
-  ::SysFreeString(exception.bstrHelpFile);
+  for (BSTR text : {exception.bstrDescription, exception.bstrSource, exception.bstrHelpFile})
+    ::SysFreeString(text);
   arena.CutLoops();
   for (VARIANT& argument : arguments)
     ::VariantClear(&argument);
@@ -388,7 +387,6 @@ void Attack(long number, ErrorComponent& component, Hostile (&parties)[3]) {
     kept->Invoke(static_cast<DISPID>(Pick(r, 6)), IID_NULL, 0, static_cast<WORD>(Pick(r, 16)),
                  &moreParams, answer.Put(), nullptr, nullptr);
     kept->GetIDsOfNames(IID_NULL, names + Pick(r, 2), Pick(r, 4), 0, ids);
-    arena.CutLoops();
     for (VARIANT& argument : more)
       ::VariantClear(&argument);
   }

@@ -37,9 +37,6 @@ using tabforge::com::AccessibleObject;
 std::wstring Text(BSTR text) {
   return std::wstring(text, ::SysStringLen(text));
 }
-UniqueBstr Utf16String(const wchar_t* text) {
-  return UniqueBstr(::SysAllocString(text));
-}
 
 // The ribbon, which records what it is told to invalidate.
 class FakeRibbon final : public DispatchDouble<IRibbonUI> {
@@ -140,7 +137,8 @@ TEST_F(Members, HoldsItsObjectsAndMakesRealPicturesOfTheTemplatesBytes) {
   EXPECT_EQ(ribbon.queried, 1);
   EXPECT_GT(signaller.references, 1u);
   EXPECT_GT(ribbon.references, 1u);
-  UniqueBstr ids[] = {Utf16String(L"MVN0"), Utf16String(L"5"), Utf16String(L"2")};
+  UniqueBstr ids[] = {UniqueBstr(::SysAllocString(L"MVN0")), UniqueBstr(::SysAllocString(L"5")),
+                      UniqueBstr(::SysAllocString(L"2"))};
   ComPtr<IPictureDisp> image, first, second, nothing;
   EXPECT_EQ(main->get_GetImage(ids[0].InOut(), image.Put()), S_OK);
   EXPECT_EQ(main->LoadImage(ids[1].InOut(), first.Put()), S_OK);
@@ -169,7 +167,7 @@ TEST_F(Members, FailuresReachTheErrorComponentAndNeverTheCaller) {
   DispatchDouble<> notARibbon;
   IDispatch* argument = &notARibbon;
   EXPECT_EQ(main->put_ribbon(&argument), S_OK);
-  UniqueBstr pastTheTable = Utf16String(L"27");
+  UniqueBstr pastTheTable(::SysAllocString(L"27"));
   ComPtr<IPictureDisp> nothing;
   for (int i = 0; i < 2; ++i)
     EXPECT_EQ(main->LoadImage(pastTheTable.InOut(), nothing.Put()), S_OK);
@@ -289,14 +287,13 @@ TEST(HostLifeModule, ApartmentThreadsEndAndTheLibraryUnloadsAndLoadsAgain) {
 // Calls `member` of `main` by name with an id that fails (a bad id text, an image past the table)
 // and, for RibbonCallback, a truth value, both by value.
 void CallFailing(IDispatch* main, const wchar_t* member) {
-  const bool loads = std::wcscmp(member, L"LoadImage") == 0;
-  UniqueVariant id = Value(VT_BSTR, loads ? L"27" : L"MVNx");
-  UniqueVariant off = Value(VT_BOOL, L"0");
-  std::vector<VARIANT> arguments{*id.Get(), *off.Get()};
-  arguments.resize(std::wcscmp(member, L"RibbonCallback") == 0 ? 2 : 1);
+  const wchar_t* text = std::wcscmp(member, L"LoadImage") == 0 ? L"27" : L"MVNx";
+  UniqueVariant arguments[] = {Value(VT_BSTR, text), Value(VT_BOOL, L"0")};
+  const VARIANT passed[] = {*arguments[0].Get(), *arguments[1].Get()};
+  const int count = std::wcscmp(member, L"RibbonCallback") == 0 ? 2 : 1;
   UniqueVariant result;
-  EXPECT_EQ(CallByName(main, member, arguments, result.Put()), S_OK);
-  EXPECT_EQ(TextOf(*id.Get()), loads ? L"27" : L"MVNx") << "the caller's own string";
+  EXPECT_EQ(CallByName(main, member, {passed, passed + count}, result.Put()), S_OK);
+  EXPECT_EQ(TextOf(*arguments[0].Get()), text) << "the caller's own string";
 }
 using HostLife = Members;
 
@@ -507,10 +504,9 @@ struct Side {
     if (V_VT(&v) != VT_DISPATCH && V_VT(&v) != VT_UNKNOWN)
       return type + TextOf(v);
     IUnknown* object = V_UNKNOWN(&v);
-    for (const wchar_t* party : {L"signaller", L"ribbon", L"bar"}) {
+    for (const wchar_t* party : {L"signaller", L"ribbon", L"bar"})
       if (object != nullptr && object == Party(party))
         return type + party;
-    }
     OLE_XSIZE_HIMETRIC width = -1;
     if (const auto picture = ComPtr<IUnknown>(object).TryAs<IPicture>())
       picture->get_Width(&width);
@@ -563,7 +559,7 @@ struct Side {
       log.push_back(L"failure " + std::to_wstring(recorder.errors[i]));
     // What the members answer now, read through the vtable.
     for (const wchar_t* control : {L"MVN0", L"MVN5", L"MVN16", L"MVN23"}) {
-      UniqueBstr idStr = Utf16String(control);
+      UniqueBstr idStr(::SysAllocString(control));
       UniqueBstr label;
       VARIANT_BOOL enabled = 1;
       VARIANT_BOOL pressed = 1;
