@@ -52,14 +52,10 @@ class FakeRibbon final : public DispatchDouble<IRibbonUI> {
 };
 
 // A 96 x 48 PNG of one translucent colour: 96 pixels are 2540 HIMETRIC at 96 dots an inch.
-constexpr char kIconPng[] =
-    "\x89\x50\x4E\x47\x0D\x0A\x1A\x0A\x00\x00\x00\x0D\x49\x48\x44\x52\x00\x00\x00\x60\x00\x00\x00"
-    "\x30\x08\x06\x00\x00\x00\xEE\x16\x7F\xCF\x00\x00\x00\x5F\x49\x44\x41\x54\x78\xDA\xED\xD1\x31"
-    "\x01\x00\x00\x04\x00\x41\x51\x44\x15\x4D\x33\x22\x18\x2D\x37\x7C\x81\xBF\xC8\xEA\xD1\x5F\x61"
-    "\x02\x00\x00\x02\x00\x40\x00\x00\x08\x00\x00\x01\x00\x20\x00\x00\x04\x00\x80\x00\x00\x10\x00"
-    "\x00\x02\x00\x40\x00\x00\x08\x00\x00\x01\x00\x20\x00\x00\x04\x00\x80\x00\x00\x10\x00\x00\x02"
-    "\x00\x40\x00\x00\x08\x00\x00\x01\x00\x20\x00\x00\x04\x00\x80\xEE\x16\x1A\x07\xB0\x77\xCB\x4D"
-    "\x63\xD8\x00\x00\x00\x00\x49\x45\x4E\x44\xAE\x42\x60\x82";
+const std::string kIconPng = [] {
+  std::ifstream file(TABFORGE_ICON_PNG, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(file), {});
+}();
 
 // The template's signalling object, which hands out the same icon for every image.
 class Signaller final : public DispatchDouble<> {
@@ -68,8 +64,8 @@ class Signaller final : public DispatchDouble<> {
     if (member != L"getToolbarIconBits" || result == nullptr)
       return S_OK;
     V_VT(result) = VT_ARRAY | VT_UI1;
-    V_ARRAY(result) = ::SafeArrayCreateVector(VT_UI1, 0, sizeof kIconPng - 1);
-    std::memcpy(V_ARRAY(result)->pvData, kIconPng, sizeof kIconPng - 1);
+    V_ARRAY(result) = ::SafeArrayCreateVector(VT_UI1, 0, kIconPng.size());
+    std::memcpy(V_ARRAY(result)->pvData, kIconPng.data(), kIconPng.size());
     return S_OK;
   }
 };
