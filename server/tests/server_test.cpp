@@ -96,14 +96,13 @@ ComPtr<ITypeInfo> TypeLibraryInterface() {
   return info;
 }
 
-using Registered = ComTest;
 using AccessibleTree = ComTest;
 using Unregistered = ComTest;
 
 // The server, the program id's class, the threading model, the interface and the type library of
 // a registration are what `tabforge doctor` finds well on a machine just registered (wine_doctor's
 // first case); the class's own program id it does not read.
-TEST_F(Registered, TheClassNamesItsProgramId) {
+TEST(Registered, TheClassNamesItsProgramId) {
   EXPECT_TRUE(KeyExists(ServerKeys()[0] + L"\\ProgID"));
 }
 
@@ -297,14 +296,13 @@ using HostLife = Members;
 // heap checks, not these assertions, catch one freed twice. Then, while the component holds an
 // object that a dump handed it, the library stays loaded.
 TEST_F(HostLife, FailingCallsFreeEachStringOnceAndKeptObjectsKeepTheLibrary) {
-  for (LONG answer : {7, 8}) {
+  for (LONG answer : {7, 8})
     for (const wchar_t* member : {L"RibbonCallback", L"LoadImage", L"GetLabel"}) {
       recorder.answers = {answer};
       recorder.errors.clear();
       CallFailing(main.Get(), member);
       EXPECT_FALSE(recorder.errors.empty()) << member << " answered " << answer;
     }
-  }
   recorder.answers = {8, 7};
   recorder.keepObjects = true;
   CallFailing(main.Get(), L"RibbonCallback");
