@@ -33,6 +33,8 @@ struct ComTest : ::testing::Test {
   Apartment apartment;
 };
 
+constexpr UINT kUntouched = 0xDEADBEEF;  // an argument error that the callee has not written
+
 // A value as the platform writes it as text, references followed; objects are not asked for theirs.
 inline std::wstring TextOf(const VARIANT& value) {
   const VARTYPE type = V_VT(&value) & VT_TYPEMASK;
