@@ -99,11 +99,17 @@ ComPtr<ITypeInfo> TypeLibraryInterface() {
 using AccessibleTree = ComTest;
 using Unregistered = ComTest;
 
-// The server, the program id's class, the threading model, the interface and the type library of
-// a registration are what `tabforge doctor` finds well on a machine just registered (wine_doctor's
-// first case); the class's own program id it does not read.
-TEST(Registered, TheClassNamesItsProgramId) {
-  EXPECT_TRUE(KeyExists(ServerKeys()[0] + L"\\ProgID"));
+TEST(Registered, RegistryHoldsTheClassProgIdInterfaceAndTypeLibrary) {
+  const std::vector<std::wstring> keys = ServerKeys();
+  for (const std::wstring& key : {keys[0] + L"\\InprocServer32", keys[0] + L"\\ProgID",
+                                  keys[1] + L"\\CLSID", keys[2] + L"\\ProxyStubClsid32", keys[3]})
+    EXPECT_TRUE(KeyExists(key)) << key;
+  wchar_t model[32] = {};
+  DWORD bytes = sizeof(model);
+  EXPECT_EQ(::RegGetValueW(HKEY_CLASSES_ROOT, (keys[0] + L"\\InprocServer32").c_str(),
+                           L"ThreadingModel", RRF_RT_REG_SZ, nullptr, model, &bytes),
+            ERROR_SUCCESS);
+  EXPECT_STREQ(model, L"Apartment");
 }
 
 TEST_F(Unregistered, NothingOfTheServerIsLeftInTheRegistry) {
