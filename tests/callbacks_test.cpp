@@ -39,6 +39,17 @@ TEST_F(Callbacks, RibbonRefusalIsPassedOverAndTheStateStays) {
   apartment.ExpectQuiet();
 }
 
+// A question left at its first failing statement answers what an unset result holds: the states
+// would otherwise show a control enabled or pressed that nothing asked to be.
+TEST_F(Callbacks, QuestionsLeftAtTheirFirstStatementAnswerFalse) {
+  main2.UpdateLexoscopeIcon(kTrue);
+  for (const char16_t* procedure : {u"Main2.GetEnabled[Get]", u"Main2.GetPressed[Get]"})
+    apartment.faults.FailAt(procedure, 1);
+  EXPECT_EQ(main2.GetEnabled(u"MVN5"), kFalse);
+  EXPECT_EQ(main2.GetPressed(u"MVN23"), kFalse);
+  EXPECT_EQ(main2.GetEnabled(u"MVN5"), kTrue);  // the next question is answered again
+}
+
 TEST_F(Callbacks, MacroThatCallsBackFindsTheLibraryWorking) {
   signaller->onRun = [&](const Utf16String& macro) {
     if (macro != u"ApplyMorvelin")
