@@ -36,6 +36,7 @@ void RunOne(const std::uint8_t* data, std::size_t size) {
       (void)bitmap.Pixel(bitmap.width - 1, bitmap.height - 1);
     }
     Expect(platform.pictures.liveBlocks() == 0, "no memory block left");
+    Expect(platform.pictures.strayFrees == 0, "no block freed twice");
     Expect(platform.pictures.liveBitmaps() == 0, "no decoded bitmap left");
     Expect(platform.pictures.liveHandles() == (picture ? 1u : 0u), "one handle a picture");
   }

@@ -168,6 +168,7 @@ TEST(LoaderRefusals, GiveNothingAndLeaveNothingBehindAsTheTableSays) {
     PortablePictureApi& api = apartment.platform.pictures;
     api.failAllocations = f[1] == "no-memory";
     api.failStreams = f[1] == "no-stream";
+    api.failLocks = f[1] == "no-lock";
     api.refusePictures = f[1] == "no-picture";
     if (f[1].starts_with("pixels="))
       api.maxPixels = std::stoll(f[1].substr(7));
@@ -182,7 +183,8 @@ TEST(LoaderRefusals, GiveNothingAndLeaveNothingBehindAsTheTableSays) {
     ASSERT_EQ(calls.size(), f.size() > 3 ? 1u : 0u) << header;
     EXPECT_THAT(calls, ::testing::Each(HasSubstr(f.size() > 3 ? f[3] : ""))) << header;
     EXPECT_EQ(api.allocations == 0, f[0] == "-") << header;
-    EXPECT_EQ(api.liveBlocks() + api.liveBitmaps() + api.liveHandles(), 0u) << header;
+    EXPECT_EQ(api.liveBlocks() + api.liveBitmaps() + api.liveHandles() + api.strayFrees, 0u)
+        << header;
     EXPECT_EQ(apartment.protector.Depth(), 0) << header;
   }
 }

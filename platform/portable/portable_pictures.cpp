@@ -155,7 +155,7 @@ std::uintptr_t PortablePictureApi::GlobalAlloc(std::uint32_t, std::size_t size) 
 
 void* PortablePictureApi::GlobalLock(std::uintptr_t block) {
   auto it = blocks_.find(block);
-  if (it == blocks_.end() || it->second.bytes.empty())
+  if (failLocks || it == blocks_.end() || it->second.bytes.empty())
     return nullptr;
   ++it->second.locks;
   return it->second.bytes.data();
@@ -167,7 +167,10 @@ void PortablePictureApi::GlobalUnlock(std::uintptr_t block) {
 }
 
 std::uintptr_t PortablePictureApi::GlobalFree(std::uintptr_t block) {
-  return blocks_.erase(block) == 1 ? 0 : block;
+  if (blocks_.erase(block) == 1)
+    return 0;
+  ++strayFrees;
+  return block;
 }
 
 Ref<Object> PortablePictureApi::CreateStreamOnHGlobal(std::uintptr_t block, bool deleteOnRelease) {

@@ -83,6 +83,7 @@ class PortablePictureApi final : public PictureApi {
   bool failStartup = false;
   bool failAllocations = false;
   bool failStreams = false;
+  bool failLocks = false;
   bool refusePictures = false;
   // The most pixels a picture file may declare; a larger one is refused before it is decoded, so
   // that a few bytes of header cannot make the decoder ask for gigabytes. Icons are 32 by 32.
@@ -91,6 +92,8 @@ class PortablePictureApi final : public PictureApi {
   int allocations = 0;
   int startups = 0;
   int shutdowns = 0;
+  // Blocks freed that were not live: freed twice, or never allocated. Windows may corrupt its heap.
+  int strayFrees = 0;
   std::size_t liveStarts() const { return tokens_.size(); }
   std::size_t liveBlocks() const { return blocks_.size(); }
   std::size_t liveBitmaps() const { return bitmaps_.size(); }
