@@ -4,6 +4,7 @@
 
 #include <sstream>
 #include <string>
+#include <thread>
 
 #include "golden.h"
 #include "probe.h"
@@ -85,6 +86,24 @@ TEST_F(Runner, RetryIsCarriedOutUntilTheBudgetIsSpent) {
 
 // The stack keeps sixty-four names; deeper calls are counted and not stored, and a return at
 // depth zero stays there.
+// Only the library's own time counts against the budget: a collaborator's is its own, whether it
+// has returned or is still running while the library is called back.
+TEST(CallBudget, CountsTheLibrarysOwnTimeAlone) {
+  using std::chrono::milliseconds;
+  CallBudget budget;
+  budget.limits.maxOwnTime = milliseconds(200);
+  const int base = 0;
+  budget.Open(reinterpret_cast<std::uintptr_t>(&base));
+  ASSERT_TRUE(budget.BeginCollaboratorCall());
+  std::this_thread::sleep_for(milliseconds(250));
+  EXPECT_FALSE(budget.Spent());  // asked from inside the collaborator
+  budget.EndCollaboratorCall();
+  EXPECT_FALSE(budget.Spent());
+  std::this_thread::sleep_for(milliseconds(250));
+  EXPECT_TRUE(budget.Spent());
+  budget.Close();
+}
+
 TEST_F(Runner, TheStackNamesSixtyFourLevelsAndCountsTheRest) {
   int deepest = 0;
   probe.Nest(65, deepest);
