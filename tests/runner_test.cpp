@@ -101,6 +101,11 @@ TEST(CallBudget, CountsTheLibrarysOwnTimeAlone) {
   EXPECT_FALSE(budget.Spent());
   std::this_thread::sleep_for(milliseconds(250));
   EXPECT_TRUE(budget.Spent());
+  // The stack is the library's below the outermost procedure's frame; above it is the host's.
+  const auto at = reinterpret_cast<std::uintptr_t>(&base);
+  EXPECT_FALSE(budget.StackExhausted(at - budget.limits.maxStackBytes + 8, 8));
+  EXPECT_TRUE(budget.StackExhausted(at - budget.limits.maxStackBytes - 16, 8));
+  EXPECT_FALSE(budget.StackExhausted(at + 4096));
   budget.Close();
 }
 
