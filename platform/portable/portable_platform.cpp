@@ -70,10 +70,6 @@ void PortableMessageQueue::PumpOnce() {
   ++passes_;
   if (everyPass_)
     everyPass_();
-  std::vector<std::function<void()>> work;
-  work.swap(pending_);
-  for (auto& item : work)
-    item();
 }
 
 std::int32_t PortableAccessibilityApi::AccessibleChildren(const Ref<Object>& container,

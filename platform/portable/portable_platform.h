@@ -54,17 +54,16 @@ class PortableSystemFacts final : public SystemFacts {
   std::optional<Utf16String> printer_;
 };
 
-// A queue of work items that one pass runs. Work posted during a pass waits for the next one.
+// A message queue with no messages: it counts its passes, and a host that simulates a UI can have
+// each pass run its work.
 class PortableMessageQueue final : public MessageQueue {
  public:
   void PumpOnce() override;
-  void Post(std::function<void()> work) { pending_.push_back(std::move(work)); }
-  // A callback that runs on every pass, before the posted work (for hosts that simulate a UI).
+  // A callback that runs on every pass.
   void OnEveryPass(std::function<void()> work) { everyPass_ = std::move(work); }
   int passes() const { return passes_; }
 
  private:
-  std::vector<std::function<void()>> pending_;
   std::function<void()> everyPass_;
   int passes_ = 0;
 };
