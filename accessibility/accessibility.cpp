@@ -126,7 +126,12 @@ std::vector<Variant> Accessibility::GetChildren(const Ref<Object>& Element) {
         TF_BEGIN(body)
         TF_STEP(1) NumChildren = ChildCount(Element);
         TF_STEP(2) if (NumChildren > 0) {
-          TF_STEP(3) ChildrenArray.assign(static_cast<std::size_t>(NumChildren), Variant());
+          // The count is the element's word: more children than the outside call may still visit
+          // are out of memory before anything is made for them.
+          TF_STEP(3) if (NumChildren > protector_.budget.TreeCallsLeft()) {
+            Raise(RunTimeError::kOutOfMemory);
+          }
+          ChildrenArray.assign(static_cast<std::size_t>(NumChildren), Variant());
           // The status and the count are not looked at: entries not filled stay empty.
           // The array is handed over by its entry 0 with room for every child; an array that was
           // never made has no entry 0.
@@ -187,9 +192,10 @@ Ref<Object> Accessibility::GetAccessible(const Ref<Object>& Element, std::int32_
                 TF_STEP(8) Child = ToObject(At(ChildrenArray, ndxChild));
                 TF_STEP(9) ReturnElement = GetAccessible(Child, RoleWanted, NameWanted, kFalse);
                 TF_STEP(10) if (ReturnElement) {
-                  TF_STEP(11) break;
+                  TF_LAST_IN_LOOP(11) break;
                 }
               }
+              TF_LOOP_END(11)
             }
           }
         }
@@ -268,9 +274,10 @@ ChildList Accessibility::GetListOfChildren(const Ref<Object>& Parent, VariantBoo
                       TF_STEP(13)
                       GrandChild = At(GrandChildInfo.Children, ndxGrandChild);
                       TF_STEP(14) AddChildToList(GrandChild, ChildInfo);
-                      TF_STEP(15)
+                      TF_LAST_IN_LOOP(15)
                       Last(ChildInfo.Levels) =
                           CheckedIncrement(At(GrandChildInfo.Levels, ndxGrandChild));
+                      TF_LOOP_END(15)
                     }
                   }
                 }

@@ -38,9 +38,11 @@ Variant ByteArray(const ArrayRef& array) {
   return Variant(VarType::VT_UI1, array);
 }
 
-// Upper bound + 1: the block size and copy length for an array whose first byte is element 0.
+// Upper bound + 1: the block size and copy length for an array whose first byte is element 0. An
+// array without element 0 has no such size: its bounds are checked before any block is asked for,
+// so that a lower bound near the top of the range cannot ask for gigabytes.
 std::size_t ByteCount(const ArrayRef& bArr) {
-  if (!bArr)
+  if (!bArr || bArr->lowerBound > 0)
     Raise(RunTimeError::kSubscriptOutOfRange);
   const std::int64_t count = bArr->UpperBound() + 1;
   if (count < 0)

@@ -19,6 +19,8 @@
 
 namespace tabforge {
 
+class SystemFacts;
+
 struct CallBudgetLimits {
   // Calls on collaborators in one outside call. Under Wine with its heap checks a call on a simple
   // recording component costs about a fifth of a millisecond all told, so this is about a second at
@@ -32,55 +34,116 @@ struct CallBudgetLimits {
   // The library's own time in one outside call, from its first collaborator call or failure on;
   // time spent inside collaborators is not counted (a macro may show a dialog for minutes).
   std::chrono::milliseconds maxOwnTime{250};
+  // A call from outside that arrives while a collaborator runs (the host's own calls while a
+  // component's dialog is up, or a collaborator calling back) gets the bounds above for itself,
+  // so that it cannot spend the budget of the failure that waits for the dialog. All the calls
+  // nested in one outermost call together may take this many times those bounds.
+  int nestedShare = 4;
   // Stack that nested procedures, failures inside failures and calls back into the library may
-  // take below the outermost procedure: a thread of a 32-bit host may have no more than 1 MB in
-  // all. Past it a procedure is refused at entry; a failure tail may still ask the component
-  // within `tailStackBytes` more, so that the refusal itself is reported.
+  // take below the outermost entry: a thread of a 32-bit host may have no more than 1 MB in all.
+  // Past it a procedure is refused at entry; a failure tail may still ask the component within
+  // `tailStackBytes` more, so that the refusal itself is reported.
   std::size_t maxStackBytes = 384 * 1024;
   std::size_t tailStackBytes = 64 * 1024;
+  // Room kept free above the lowest address that the thread's stack can reach, whatever the host
+  // used before it called: a procedure is refused within it, and a tail within all but
+  // `tailStackBytes` of it, which leaves the rest to the component and the system.
+  std::size_t stackReserveBytes = 256 * 1024;
 };
 
 class CallBudget {
  public:
   using Clock = std::chrono::steady_clock;
 
+ private:
+  // What one outside call, outermost or nested, has counted itself.
+  struct Frame {
+    int calls = 0;
+    int treeCalls = 0;
+    bool spent = false;
+    bool clockStarted = false;
+    Clock::time_point clockStart{};
+    Clock::time_point collaboratorStart{};
+    Clock::duration inCollaborators{};
+    int collaboratorDepth = 0;
+  };
+
+ public:
   CallBudgetLimits limits;
 
   // The outermost procedure of an outside call opens the budget; procedures inside it nest.
-  void Open(std::uintptr_t stackBase) noexcept;
+  // `stackFloor` is the lowest address the thread's stack can reach, 0 when unknown.
+  void Open(std::uintptr_t stackBase, std::uintptr_t stackFloor = 0) noexcept;
   void Close() noexcept;
   bool IsOpen() const noexcept { return openProcedures_ > 0; }
 
   // True once the outside call may call no collaborator again.
   bool Spent() noexcept;
-  // True when the stack below the outermost procedure, with `slack` more, is used up at `here`.
+  // True when the stack below the outermost entry, with `slack` more, is used up at `here`, or
+  // the thread's own stack is within its reserve (less `slack`).
   bool StackExhausted(std::uintptr_t here, std::size_t slack = 0) const noexcept;
 
   // A collaborator call begins: false (and the budget spent) when it may not be made.
   bool BeginCollaboratorCall() noexcept;
   void EndCollaboratorCall() noexcept;
 
-  int CollaboratorCalls() const noexcept { return calls_; }
+  int CollaboratorCalls() const noexcept { return frame_.calls; }
+  // How many more calls on an accessibility tree the outside call may make.
+  std::int64_t TreeCallsLeft() const noexcept;
   // The next collaborator call, and only that one, is a call on an accessibility tree.
   void NextCallIsOnTree(bool onTree) noexcept { treeNext_ = onTree; }
+  // The next collaborator call, and only that one, is made even when the budget is spent: the
+  // close of a dump whose opening reached the component.
+  void AllowNextCallWhenSpent(bool allow) noexcept { closingNext_ = allow; }
 
   // The budget of the outside call running on this thread, or none outside any.
   static CallBudget* Active() noexcept;
 
+  // One entry from outside: the outermost opens the budget (reading the thread's stack floor
+  // only then), and one that arrives while a collaborator runs gets bounds of its own until it
+  // returns. Every procedure and every entry of the server holds one for its length.
+  class Scope {
+   public:
+    // `system` tells the thread's stack floor; none leaves only the bound below the entry.
+    Scope(CallBudget* budget, std::uintptr_t here, const SystemFacts* system) noexcept;
+    ~Scope();
+    Scope(const Scope&) = delete;
+    Scope& operator=(const Scope&) = delete;
+
+   private:
+    CallBudget* budget_;
+    bool nested_ = false;
+    Frame interrupted_;  // what the call that this one interrupts had counted
+  };
+
+  // Work of the library's own done while a collaborator call is open (reading its answer): the
+  // time counts as the library's, not the collaborator's.
+  class OwnWork {
+   public:
+    OwnWork() noexcept;
+    ~OwnWork();
+    OwnWork(const OwnWork&) = delete;
+    OwnWork& operator=(const OwnWork&) = delete;
+
+   private:
+    CallBudget* budget_;
+    int depth_ = 0;
+  };
+
  private:
   void StartClock() noexcept;
+  Clock::duration OwnTime(Clock::time_point now) const noexcept;
 
   int openProcedures_ = 0;
-  int calls_ = 0;
-  int treeCalls_ = 0;
+  Frame frame_;
+  // The whole outermost call, nested calls included.
+  int totalCalls_ = 0;
+  int totalTreeCalls_ = 0;
+  Clock::duration nestedOwnTime_{};
   bool treeNext_ = false;
-  int collaboratorDepth_ = 0;
-  bool spent_ = false;
-  bool clockStarted_ = false;
-  Clock::time_point clockStart_{};
-  Clock::time_point collaboratorStart_{};
-  Clock::duration inCollaborators_{};
+  bool closingNext_ = false;
   std::uintptr_t stackBase_ = 0;
+  std::uintptr_t stackFloor_ = 0;
   CallBudget* outer_ = nullptr;
 };
 

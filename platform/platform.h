@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -41,13 +42,17 @@ class SystemFacts {
   virtual ScreenSize Screen() const = 0;
   // The default printer's name, or nothing on a machine without printers.
   virtual std::optional<Utf16String> DefaultPrinter() const = 0;
+  // The lowest address that the calling thread's stack can reach, or 0 when it cannot be told.
+  virtual std::uintptr_t StackFloor() const { return 0; }
 };
 
-// One pass over the thread's message queue: dispatch what is pending, then return at once.
+// One pass over the thread's message queue: dispatch what was pending when the pass began, and no
+// more, then return at once, or at `deadline`. False when the thread has been asked to quit: the
+// request stays in the queue for the host's own loop, and whoever waits gives up.
 class MessageQueue {
  public:
   virtual ~MessageQueue() = default;
-  virtual void PumpOnce() = 0;
+  virtual bool PumpOnce(std::chrono::steady_clock::time_point deadline) = 0;
 };
 
 // The one entry point that lists an accessible element's children. Like the platform function it

@@ -92,7 +92,8 @@ void Main2::productNameChanged(const Utf16String& productName) {
         TF_STEP(2) keys = Required(mProductNameSensitiveControls).Keys();
         TF_STEP(3) for (ndx = 0; ndx < keys.size(); ++ndx) {
           TF_STEP(4) id = At(keys, static_cast<std::int64_t>(ndx));
-          TF_STEP(5) InvalidateRibbonControl(ToInteger(id));
+          TF_LAST_IN_LOOP(5) InvalidateRibbonControl(ToInteger(id));
+          TF_LOOP_END(5)
         }
         TF_END
       });

@@ -32,13 +32,17 @@ class WaitBudget {
   void StartStage() noexcept { attempts_ = 0; }
   // Counts an attempt that did not succeed; true when the stage may not try again.
   bool Spent() noexcept {
-    return ++attempts_ >= maxAttempts_ || std::chrono::steady_clock::now() >= deadline_;
+    return quit_ || ++attempts_ >= maxAttempts_ || std::chrono::steady_clock::now() >= deadline_;
   }
+  std::chrono::steady_clock::time_point Deadline() const noexcept { return deadline_; }
+  // The host's thread is to end: no stage tries again.
+  void Quit() noexcept { quit_ = true; }
 
  private:
   std::chrono::steady_clock::time_point deadline_;
   int maxAttempts_;
   int attempts_ = 0;
+  bool quit_ = false;
 };
 
 // A listing's lowest index; a listing without entries has none.
@@ -136,9 +140,12 @@ Ref<Object> Main2::getMorvelinTab(const Ref<Object>& RibbonCommandBar) {
   Ref<Object> RibbonPropPage;
   Ref<Object> PageTabListClient;
   // A message pass runs the host's code, and it may call back into the library.
-  auto pass = [this] {
+  // A pass that finds the host's thread asked to quit leaves the request where it was and ends the
+  // search at the stage's next look at its bounds.
+  auto pass = [this, &budget] {
     CollaboratorCall counted;
-    protector_.platform().messages->PumpOnce();
+    if (!protector_.platform().messages->PumpOnce(budget.Deadline()))
+      budget.Quit();
   };
   Run(
       Trace(), kGetMorvelinTab,
@@ -164,8 +171,9 @@ Ref<Object> Main2::getMorvelinTab(const Ref<Object>& RibbonCommandBar) {
             TF_STEP(5) if (budget.Spent()) {
               TF_STEP(6) return;
             }
-            TF_STEP(7) pass();
+            TF_LAST_IN_LOOP(7) pass();
           }
+          TF_LOOP_END(7)
         }
         while (!RibbonPropPage)
           ;
@@ -178,8 +186,9 @@ Ref<Object> Main2::getMorvelinTab(const Ref<Object>& RibbonCommandBar) {
             TF_STEP(12) if (budget.Spent()) {
               TF_STEP(13) return;
             }
-            TF_STEP(14) pass();
+            TF_LAST_IN_LOOP(14) pass();
           }
+          TF_LOOP_END(14)
         }
         while (!PageTabListClient)
           ;
@@ -190,8 +199,9 @@ Ref<Object> Main2::getMorvelinTab(const Ref<Object>& RibbonCommandBar) {
             TF_STEP(19) if (budget.Spent()) {
               TF_STEP(20) return;
             }
-            TF_STEP(21) pass();
+            TF_LAST_IN_LOOP(21) pass();
           }
+          TF_LOOP_END(21)
         }
         while (!IsTrue(isOK))
           ;
@@ -204,8 +214,9 @@ Ref<Object> Main2::getMorvelinTab(const Ref<Object>& RibbonCommandBar) {
             TF_STEP(26) if (budget.Spent()) {
               TF_STEP(27) return;
             }
-            TF_STEP(28) pass();
+            TF_LAST_IN_LOOP(28) pass();
           }
+          TF_LOOP_END(28)
         }
         while (MorvelinTabIndex == -1)
           ;
@@ -251,9 +262,10 @@ std::int16_t Main2::TabIndex(const ChildList& Info, const Utf16String& tabName) 
           TF_STEP(6)
           for (ndxAncestry = 1, highestAncestry = static_cast<std::int32_t>(Ancestry.size()) - 1;
                ndxAncestry <= highestAncestry; ++ndxAncestry) {
-            TF_STEP(7)
+            TF_LAST_IN_LOOP(7)
             At(Ancestry, ndxAncestry) = ToObject(
                 CallOnTree(At(Ancestry, ndxAncestry - 1), u"accParent", CallKind::kPropertyGet));
+            TF_LOOP_END(7)
           }
           // From the oldest ancestor down: the first element in the chain that carries the tab's
           // name, and not merely the name of the element above it, decides.
@@ -266,8 +278,9 @@ std::int16_t Main2::TabIndex(const ChildList& Info, const Utf16String& tabName) 
             TF_STEP(12)
             if (NamedAfterItselfOnly(At(Ancestry, ndxAncestry), AncestralName, tabName)) {
               TF_STEP(13) result = ndxObject;
-              TF_STEP(14) return;
+              TF_LAST_IN_LOOP(14) return;
             }
+            TF_LOOP_END(14)
           }
         }
         TF_END

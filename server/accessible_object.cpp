@@ -88,13 +88,15 @@ HRESULT AccessibleObject::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCI
 
 HRESULT AccessibleObject::Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* params, VARIANT* result,
                                  EXCEPINFO* exception, UINT*) {
+  const CallHold hold(this);
   if (!WellFormed(params))
     return E_INVALIDARG;
   const auto member = std::find_if(std::begin(kMembers), std::end(kMembers),
                                    [id](const Member& m) { return m.id == id; });
   if (member == std::end(kMembers))
     return DISP_E_MEMBERNOTFOUND;
-  const CallHold hold(this);
+  if (params->cArgs > kMaxArguments)
+    return DISP_E_BADPARAMCOUNT;
   return Barrier<FailurePolicy::kException>(
       [&] {
         // Arguments come last to first.

@@ -47,10 +47,27 @@ SRWLOCK g_lock = SRWLOCK_INIT;
 Apartment* g_apartments = nullptr;
 long g_moduleReferences = 0;
 
+}  // namespace
+
+struct ApartmentVisit::Entry {
+  ThreadKey visitor;
+  Apartment* home = nullptr;
+  Entry* next = nullptr;
+};
+
+namespace {
+
+// Calls from other threads now running in an apartment's objects, innermost first.
+ApartmentVisit::Entry* g_visits = nullptr;
+
 Apartment* FindLocked(const ThreadKey& thread) {
   for (Apartment* a = g_apartments; a != nullptr; a = a->next) {
     if (a->thread == thread)
       return a;
+  }
+  for (ApartmentVisit::Entry* v = g_visits; v != nullptr; v = v->next) {
+    if (v->visitor == thread)
+      return v->home;
   }
   return nullptr;
 }
@@ -121,6 +138,34 @@ ApartmentHold ApartmentHold::Current() {
 
 VbwProtector& ApartmentHold::Protector() const {
   return apartment_->protector;
+}
+
+ApartmentVisit::ApartmentVisit(const ApartmentHold& home) noexcept {
+  Apartment* apartment = home.apartment_;
+  if (apartment == nullptr || apartment->thread.id == ::GetCurrentThreadId())
+    return;
+  // The visit holds nothing of its own: the object called holds its apartment for the call.
+  entry_ = new (std::nothrow) Entry{ThreadKey::Current(), apartment, nullptr};
+  if (entry_ == nullptr)
+    return;
+  ::AcquireSRWLockExclusive(&g_lock);
+  entry_->next = g_visits;
+  g_visits = entry_;
+  ::ReleaseSRWLockExclusive(&g_lock);
+}
+
+ApartmentVisit::~ApartmentVisit() {
+  if (entry_ == nullptr)
+    return;
+  ::AcquireSRWLockExclusive(&g_lock);
+  for (Entry** link = &g_visits; *link != nullptr; link = &(*link)->next) {
+    if (*link == entry_) {
+      *link = entry_->next;
+      break;
+    }
+  }
+  ::ReleaseSRWLockExclusive(&g_lock);
+  delete entry_;
 }
 
 void ModuleAddRef() {

@@ -34,8 +34,27 @@ class ApartmentHold {
   VbwProtector& Protector() const;
 
  private:
+  friend class ApartmentVisit;
   explicit ApartmentHold(Apartment* apartment) : apartment_(apartment) {}
   Apartment* apartment_ = nullptr;
+};
+
+// A call from another thread into an object of an apartment, as a host that breaks the apartment
+// rule makes: for its length, whatever the library creates on the calling thread belongs to the
+// object's apartment, whose state it uses, and not to the caller's (which may have none). On the
+// apartment's own thread it costs a comparison.
+class ApartmentVisit {
+ public:
+  explicit ApartmentVisit(const ApartmentHold& home) noexcept;
+  ~ApartmentVisit();
+  ApartmentVisit(const ApartmentVisit&) = delete;
+  ApartmentVisit& operator=(const ApartmentVisit&) = delete;
+
+  // One visit in the list of visits now running.
+  struct Entry;
+
+ private:
+  Entry* entry_ = nullptr;
 };
 
 // Every object that the library hands out, and every server lock, counts here from its creation
@@ -55,6 +74,10 @@ class ObjectHold {
     apartment_ = ApartmentHold();
     ModuleRelease();
   }
+
+  const ApartmentHold& Apartment() const { return apartment_; }
+  // The tracing module of the object's apartment, none for an object made outside any.
+  VbwProtector* Protector() const { return apartment_ ? &apartment_.Protector() : nullptr; }
 
  private:
   ApartmentHold apartment_;

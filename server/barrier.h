@@ -9,6 +9,7 @@
 #include <new>
 #include <type_traits>
 
+#include "platform/call_budget.h"
 #include "platform/failure.h"
 #include "server/conversions.h"
 
@@ -64,9 +65,18 @@ inline HRESULT CaughtStatus(FailurePolicy policy, EXCEPINFO* exception) noexcept
 // Runs an entry point's body, which answers an HRESULT (or nothing, for S_OK), and turns whatever
 // it throws into the entry point's answer under `policy`. `exception` is the caller's EXCEPINFO
 // of an Invoke.
+// True when the call from outside that runs may not go on: the stack is used up already.
+inline bool EntryRefused() noexcept {
+  const CallBudget* budget = CallBudget::Active();
+  return budget != nullptr && budget->StackExhausted(TABFORGE_STACK_HERE());
+}
+
 template <FailurePolicy policy = FailurePolicy::kStatus, class Body>
 HRESULT Barrier(Body&& body, EXCEPINFO* exception = nullptr) noexcept {
   try {
+    if (EntryRefused()) [[unlikely]] {
+      Raise(RunTimeError::kOutOfStackSpace);
+    }
     if constexpr (std::is_void_v<decltype(body())>) {
       body();
       return S_OK;

@@ -50,18 +50,47 @@ class ComObject : public Interface {
   ~ComObject() = default;
   void* QueryMore(REFIID) { return nullptr; }
 
-  // The object's own reference for the length of one call. Whatever the call lets run (a macro,
-  // a message, a collaborator that calls back) may let go of the caller's last reference; the
-  // object, and with it its apartment, goes only when the call is over.
+  // The first line of every call from outside: the object's own reference for the length of the
+  // call, the call's budget, and the object's apartment for a caller on another thread.
+  //
+  // Whatever the call lets run (a macro, a message, a collaborator that calls back) may let go of
+  // the caller's last reference; the object, and with it its apartment, goes only when the call is
+  // over. Every call from outside is the outermost scope of its own: the budget (calls on
+  // collaborators, the library's own time, the stack) opens here, before any argument is looked
+  // at, and the entry's barrier refuses the call when the stack is used up already.
   class CallHold {
    public:
-    explicit CallHold(ComObject* object) : object_(object) { object_->AddRef(); }
+    explicit CallHold(ComObject* object)
+        : reference_(object),
+          visit_(object->hold_.Apartment()),
+          budget_(BudgetOf(object), TABFORGE_STACK_HERE(), SystemOf(object)) {}
     CallHold(const CallHold&) = delete;
     CallHold& operator=(const CallHold&) = delete;
-    ~CallHold() { object_->Release(); }
 
    private:
-    ComObject* object_;
+    class Reference {
+     public:
+      explicit Reference(ComObject* object) : object_(object) { object_->AddRef(); }
+      Reference(const Reference&) = delete;
+      Reference& operator=(const Reference&) = delete;
+      ~Reference() { object_->Release(); }
+
+     private:
+      ComObject* object_;
+    };
+    static CallBudget* BudgetOf(const ComObject* object) {
+      VbwProtector* protector = object->hold_.Protector();
+      return protector != nullptr ? &protector->budget : nullptr;
+    }
+    static const SystemFacts* SystemOf(const ComObject* object) {
+      VbwProtector* protector = object->hold_.Protector();
+      return protector != nullptr ? protector->platform().system : nullptr;
+    }
+
+    // Released last, after the budget has closed and the visit has ended.
+    Reference reference_;
+    ApartmentVisit visit_;
+    CallBudget::Scope budget_;
   };
 
  private:

@@ -10,6 +10,7 @@
 #include <variant>
 #include <vector>
 
+#include "platform/call_budget.h"
 #include "platform/failure.h"
 #include "server/dispatch_adapter.h"
 #include "server/windows_platform.h"
@@ -92,7 +93,33 @@ SAFEARRAY* ToSafeArray(const VariantArray& array) {
 
 constexpr int kMaxNesting = 16;
 
-Variant Convert(const VARIANT& value, int depth);
+// What one read may visit: values and references followed, and bytes of numbers and text. A few
+// VARIANTs that refer to one another can describe a tree of any size (eight levels of eight
+// references to the next level are sixteen million values), so the read stops, out of memory,
+// when its allowance is used up, and before anything is made for a count past it.
+struct Allowance {
+  std::size_t values = 65536;
+  std::size_t bytes = std::size_t{64} << 20;
+
+  void Visit() {
+    if (values == 0)
+      Raise(RunTimeError::kOutOfMemory);
+    --values;
+  }
+  void Take(std::size_t count, std::size_t& from) {
+    if (count > from)
+      Raise(RunTimeError::kOutOfMemory);
+    from -= count;
+  }
+};
+
+Variant Convert(const VARIANT& value, Allowance& allowance, int depth);
+
+Utf16String ReadBstr(BSTR s, Allowance& allowance) {
+  if (s != nullptr)
+    allowance.Take(std::size_t{::SysStringLen(s)} * sizeof(wchar_t), allowance.bytes);
+  return FromBstr(s);
+}
 
 // The size of one element of the core's element type `vt`.
 ULONG ElementSize(VARTYPE vt) {
@@ -159,20 +186,20 @@ class ArrayLock {
 };
 
 template <class T>
-T ReadElement(const void* data, std::size_t i, int depth) {
+T ReadElement(const void* data, std::size_t i, Allowance& allowance, int depth) {
   if constexpr (std::is_same_v<T, Utf16String>) {
-    return FromBstr(static_cast<const BSTR*>(data)[i]);
+    return ReadBstr(static_cast<const BSTR*>(data)[i], allowance);
   } else if constexpr (std::is_same_v<T, Ref<Object>>) {
     return WrapDispatch(static_cast<IDispatch* const*>(data)[i]);
   } else if constexpr (std::is_same_v<T, Variant>) {
-    return Convert(static_cast<const VARIANT*>(data)[i], depth + 1);
+    return Convert(static_cast<const VARIANT*>(data)[i], allowance, depth + 1);
   } else {
     return static_cast<const T*>(data)[i];
   }
 }
 
 // A one-dimensional array that holds elements of type `vt` as a core array.
-ArrayRef FromSafeArray(SAFEARRAY* array, VARTYPE vt, int depth) {
+ArrayRef FromSafeArray(SAFEARRAY* array, VARTYPE vt, Allowance& allowance, int depth) {
   if (array == nullptr)
     return nullptr;
   if (::SafeArrayGetDim(array) != 1 || !Holds(array, vt))
@@ -183,53 +210,58 @@ ArrayRef FromSafeArray(SAFEARRAY* array, VARTYPE vt, int depth) {
   if ((count > 0 && array->pvData == nullptr) ||
       std::int64_t{lower} + count - 1 > std::numeric_limits<LONG>::max())
     Raise(RunTimeError::kTypeMismatch);
+  // Numbers cost their bytes; strings, objects and variants a value each, besides what they hold.
+  if (vt == VT_UI1 || vt == VT_I2 || vt == VT_I4)
+    allowance.Take(std::size_t{count} * ElementSize(vt), allowance.bytes);
+  else
+    allowance.Take(count, allowance.values);
   auto out = std::make_shared<VariantArray>(VariantArray{lower, EmptyElements(vt)});
   std::visit(
       [&](auto& elements) {
         using T = typename std::decay_t<decltype(elements)>::value_type;
         elements.reserve(count);
         for (std::size_t i = 0; i < count; ++i)
-          elements.push_back(ReadElement<T>(array->pvData, i, depth));
+          elements.push_back(ReadElement<T>(array->pvData, i, allowance, depth));
       },
       out->elements);
   return out;
 }
 
 // What a reference points at, read without copying it; a reference to nothing is a mismatch.
-Variant FollowReference(const VARIANT& value, int depth) {
+Variant FollowReference(const VARIANT& value, Allowance& allowance, int depth) {
   if (V_BYREF(&value) == nullptr)
     Raise(RunTimeError::kTypeMismatch);
   const VARTYPE vt = static_cast<VARTYPE>(V_VT(&value) & ~VT_BYREF);
   if (vt == VT_VARIANT)
-    return Convert(*V_VARIANTREF(&value), depth + 1);
+    return Convert(*V_VARIANTREF(&value), allowance, depth + 1);
   VARIANT view;
   V_VT(&view) = vt;
   if ((vt & VT_ARRAY) != 0) {
     V_ARRAY(&view) = *V_ARRAYREF(&value);
-    return Convert(view, depth + 1);
+    return Convert(view, allowance, depth + 1);
   }
   switch (vt) {
     case VT_I2:
       V_I2(&view) = *V_I2REF(&value);
-      return Convert(view, depth + 1);
+      return Convert(view, allowance, depth + 1);
     case VT_I4:
       V_I4(&view) = *V_I4REF(&value);
-      return Convert(view, depth + 1);
+      return Convert(view, allowance, depth + 1);
     case VT_BSTR:
       V_BSTR(&view) = *V_BSTRREF(&value);
-      return Convert(view, depth + 1);
+      return Convert(view, allowance, depth + 1);
     case VT_DISPATCH:
       V_DISPATCH(&view) = *V_DISPATCHREF(&value);
-      return Convert(view, depth + 1);
+      return Convert(view, allowance, depth + 1);
     case VT_UNKNOWN:
       V_UNKNOWN(&view) = *V_UNKNOWNREF(&value);
-      return Convert(view, depth + 1);
+      return Convert(view, allowance, depth + 1);
     case VT_BOOL:
       V_BOOL(&view) = *V_BOOLREF(&value);
-      return Convert(view, depth + 1);
+      return Convert(view, allowance, depth + 1);
     case VT_UI1:
       V_UI1(&view) = *V_UI1REF(&value);
-      return Convert(view, depth + 1);
+      return Convert(view, allowance, depth + 1);
     case VT_RECORD:
       Raise(RunTimeError::kTypeMismatch);
     default: {
@@ -237,22 +269,24 @@ Variant FollowReference(const VARIANT& value, int depth) {
       UniqueVariant copy;
       if (FAILED(::VariantCopyInd(copy.Put(), const_cast<VARIANT*>(&value))))
         Raise(RunTimeError::kTypeMismatch);
-      return Convert(*copy.Get(), depth + 1);
+      return Convert(*copy.Get(), allowance, depth + 1);
     }
   }
 }
 
-Variant Convert(const VARIANT& value, int depth) {
+Variant Convert(const VARIANT& value, Allowance& allowance, int depth) {
   if (depth > kMaxNesting)
     Raise(RunTimeError::kTypeMismatch);
+  allowance.Visit();
   const VARTYPE vt = V_VT(&value);
   if ((vt & VT_BYREF) != 0)
-    return FollowReference(value, depth);
+    return FollowReference(value, allowance, depth);
   if ((vt & VT_ARRAY) != 0) {
     const VARTYPE element = vt & VT_TYPEMASK;
     if ((vt & ~(VT_ARRAY | VT_TYPEMASK)) != 0)
       Raise(RunTimeError::kTypeMismatch);
-    return Variant(static_cast<VarType>(element), FromSafeArray(V_ARRAY(&value), element, depth));
+    return Variant(static_cast<VarType>(element),
+                   FromSafeArray(V_ARRAY(&value), element, allowance, depth));
   }
   switch (vt) {
     case VT_EMPTY:
@@ -264,7 +298,7 @@ Variant Convert(const VARIANT& value, int depth) {
     case VT_I4:
       return Variant(std::int32_t{V_I4(&value)});
     case VT_BSTR:
-      return Variant(FromBstr(V_BSTR(&value)));
+      return Variant(ReadBstr(V_BSTR(&value), allowance));
     case VT_DISPATCH:
       return Variant(WrapDispatch(V_DISPATCH(&value)));
     case VT_BOOL:
@@ -282,7 +316,7 @@ Variant Convert(const VARIANT& value, int depth) {
       if (SUCCEEDED(::VariantChangeType(converted.Put(), const_cast<VARIANT*>(&value), 0, VT_I4)))
         return Variant(std::int32_t{V_I4(converted.Get())});
       if (SUCCEEDED(::VariantChangeType(converted.Put(), const_cast<VARIANT*>(&value), 0, VT_BSTR)))
-        return Variant(FromBstr(V_BSTR(converted.Get())));
+        return Variant(ReadBstr(V_BSTR(converted.Get()), allowance));
       Raise(RunTimeError::kTypeMismatch);
     }
   }
@@ -316,7 +350,12 @@ Ref<Object> WrapDispatch(IDispatch* dispatch) {
 Ref<Object> WrapUnknown(IUnknown* unknown) {
   if (unknown == nullptr)
     return nullptr;
-  ComPtr<IDispatch> dispatch = ComPtr<IUnknown>(unknown).TryAs<IDispatch>();
+  ComPtr<IDispatch> dispatch;
+  {
+    // Asking a caller's object anything runs its code: a collaborator call.
+    CollaboratorCall counted;
+    dispatch = ComPtr<IUnknown>(unknown).TryAs<IDispatch>();
+  }
   if (dispatch)
     return WrapDispatch(dispatch.Get());
   return MakeRef<WindowsObject>(ComPtr<IUnknown>(unknown));
@@ -338,7 +377,11 @@ ComPtr<IUnknown> ToUnknown(const Ref<Object>& object) {
 }
 
 Variant FromAutomation(const VARIANT& value) {
-  return Convert(value, 0);
+  // Reading an answer is the library's own work, though it happens before the collaborator's
+  // call is over.
+  const CallBudget::OwnWork own;
+  Allowance allowance;
+  return Convert(value, allowance, 0);
 }
 
 bool WellFormed(const DISPPARAMS* params) {

@@ -41,6 +41,9 @@ ComPtr<IUnknown> ToUnknown(const Ref<Object>& object);
 // an array that does not hold what its tag says, a reference to nothing, or nesting past a fixed
 // depth.
 Variant FromAutomation(const VARIANT& value);
+// The most arguments that an object we hand out reads from one call; its members take a few, and a
+// count from outside sizes nothing past this.
+inline constexpr UINT kMaxArguments = 64;
 // True when `params` can be read as the caller's arguments: present, with as many named as there
 // are arguments at most, and the lists there for what they count.
 bool WellFormed(const DISPPARAMS* params);

@@ -88,11 +88,13 @@ HRESULT DispatchAdapter::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID
 
 HRESULT DispatchAdapter::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* params,
                                 VARIANT* result, EXCEPINFO* exception, UINT*) {
+  const CallHold hold(this);
   if (!WellFormed(params))
     return E_INVALIDARG;
   if (id < 1 || static_cast<std::size_t>(id) > names_.size())
     return DISP_E_MEMBERNOTFOUND;
-  const CallHold hold(this);
+  if (params->cArgs > kMaxArguments)
+    return DISP_E_BADPARAMCOUNT;
   return Barrier<FailurePolicy::kException>(
       [&] {
         const Utf16String member = names_[static_cast<std::size_t>(id) - 1];

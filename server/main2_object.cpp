@@ -119,7 +119,19 @@ class Argument {
     // Arrays never become a parameter's type; nothing of them is read.
     if ((V_VT(&source) & VT_ARRAY) != 0)
       return DISP_E_TYPEMISMATCH;
-    const HRESULT hr = ::VariantChangeType(copy_.emplace().Put(), &source, 0, type);
+    // An object becomes text or a truth value through its default member: its own code runs, as
+    // a collaborator's call of the call from outside.
+    const VARTYPE held = V_VT(&source) & VT_TYPEMASK;
+    const bool callsOut = held == VT_DISPATCH || held == VT_UNKNOWN || held == VT_RECORD;
+    HRESULT hr = S_OK;
+    if (callsOut) {
+      hr = Barrier([&] {
+        CollaboratorCall counted;
+        return ::VariantChangeType(copy_.emplace().Put(), &source, 0, type);
+      });
+    } else {
+      hr = ::VariantChangeType(copy_.emplace().Put(), &source, 0, type);
+    }
     if (SUCCEEDED(hr))
       value_ = ValueOf(*copy_->Get());
     return hr;
@@ -411,6 +423,7 @@ HRESULT Main2Object::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DI
 // call.
 HRESULT Main2Object::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* params,
                             VARIANT* result, EXCEPINFO*, UINT* argumentError) {
+  const CallHold hold(this);
   if (!WellFormed(params))
     return E_INVALIDARG;
   const Member* member = FindMember(id, flags);
@@ -432,7 +445,13 @@ HRESULT Main2Object::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* par
   if (params->cArgs > inputs || NamedArgument(*params, inputs, declared) != nullptr)
     return DISP_E_BADPARAMCOUNT;
 
-  const CallHold hold(this);
+  // A call that finds the stack used up answers as a member whose every statement failed.
+  Answer answer;
+  if (EntryRefused()) [[unlikely]] {
+    if (result != nullptr)
+      answer.HandTo(member->answer, *result);
+    return S_OK;
+  }
   Argument arguments[kMaxInputs];
   const UINT unnamed = params->cArgs - params->cNamedArgs;
   UINT positional = 0;
@@ -451,7 +470,6 @@ HRESULT Main2Object::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* par
   if (bound != params->cArgs)
     return DISP_E_BADPARAMCOUNT;  // an argument named twice, or one that nothing takes
 
-  Answer answer;
   Call(*this, member->id, arguments, answer);
   if (result != nullptr)
     answer.HandTo(member->answer, *result);

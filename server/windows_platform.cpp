@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/call_budget.h"
 #include "platform/failure.h"
 #include "server/conversions.h"
 #include "server/system_library.h"
@@ -68,8 +69,19 @@ void ThrowIfFailed(HRESULT hr, EXCEPINFO* exception) {
 
 // --- WindowsObject ------------------------------------------------------------------------------
 
+namespace {
+
+// The object's answer to QueryInterface: its own code runs, so the call is a collaborator's.
+template <class Interface>
+ComPtr<Interface> Query(const ComPtr<IUnknown>& object) {
+  CollaboratorCall counted;
+  return object.TryAs<Interface>();
+}
+
+}  // namespace
+
 WindowsObject::WindowsObject(ComPtr<IUnknown> unknown)
-    : unknown_(std::move(unknown)), dispatch_(unknown_.TryAs<IDispatch>()) {}
+    : unknown_(std::move(unknown)), dispatch_(Query<IDispatch>(unknown_)) {}
 
 DISPID WindowsObject::FindMember(Utf16View member) {
   if (!dispatch_)
@@ -132,7 +144,7 @@ Variant WindowsObject::Invoke(Utf16View member, CallKind kind, std::span<Variant
 }
 
 Ref<RibbonUi> WindowsObject::QueryRibbonUi() {
-  ComPtr<IRibbonUI> ribbon = unknown_.TryAs<IRibbonUI>();
+  ComPtr<IRibbonUI> ribbon = Query<IRibbonUI>(unknown_);
   if (!ribbon)
     return nullptr;
   return MakeRef<WindowsRibbonUi>(Ref<WindowsObject>(this), std::move(ribbon));
@@ -218,14 +230,48 @@ std::optional<Utf16String> WindowsSystemFacts::DefaultPrinter() const {
   return FromWide(name.data(), std::wcslen(name.data()));
 }
 
+std::uintptr_t WindowsSystemFacts::StackFloor() const {
+  const DWORD thread = ::GetCurrentThreadId();
+  if (thread == cachedThread_ && cachedFloor_ != 0)
+    return cachedFloor_;
+  // A thread's stack is one reservation: its base is the lowest address the stack can grow to.
+  MEMORY_BASIC_INFORMATION region{};
+  const int here = 0;
+  if (::VirtualQuery(&here, &region, sizeof region) != sizeof region)
+    return 0;
+  cachedThread_ = thread;
+  cachedFloor_ = reinterpret_cast<std::uintptr_t>(region.AllocationBase);
+  return cachedFloor_;
+}
+
 // --- Message queue ------------------------------------------------------------------------------
 
-void WindowsMessageQueue::PumpOnce() {
+bool WindowsMessageQueue::PumpOnce(std::chrono::steady_clock::time_point deadline) {
+  // A window that posts itself work while handling it would keep a pass that runs until the queue
+  // is empty going for ever: a pass handles what was posted before it began, and at most so many
+  // messages, within the waiting search's own time.
+  constexpr int kMaxMessagesPerPass = 1000;
+  const DWORD began = ::GetTickCount();
   MSG message;
-  while (::PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) {
+  for (int handled = 0; handled < kMaxMessagesPerPass; ++handled) {
+    if (!::PeekMessageW(&message, nullptr, 0, 0, PM_NOREMOVE))
+      return true;
+    // The quit request stays where it is, for the host's own loop to find.
+    if (message.message == WM_QUIT)
+      return false;
+    if (static_cast<LONG>(message.time - began) > 0 || std::chrono::steady_clock::now() >= deadline)
+      return true;
+    if (!::PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE))
+      return true;
+    if (message.message == WM_QUIT) {
+      // Taken off between the two looks: put it back.
+      ::PostQuitMessage(static_cast<int>(message.wParam));
+      return false;
+    }
     ::TranslateMessage(&message);
     ::DispatchMessageW(&message);
   }
+  return true;
 }
 
 // --- Accessibility ------------------------------------------------------------------------------

@@ -87,11 +87,17 @@ class WindowsSystemFacts final : public SystemFacts {
  public:
   ScreenSize Screen() const override;
   std::optional<Utf16String> DefaultPrinter() const override;
+  std::uintptr_t StackFloor() const override;
+
+ private:
+  // The last thread asked about and its floor: a call from the host asks once.
+  mutable DWORD cachedThread_ = 0;
+  mutable std::uintptr_t cachedFloor_ = 0;
 };
 
 class WindowsMessageQueue final : public MessageQueue {
  public:
-  void PumpOnce() override;
+  bool PumpOnce(std::chrono::steady_clock::time_point deadline) override;
 };
 
 class WindowsAccessibility final : public AccessibilityApi {

@@ -113,6 +113,28 @@ TEST_F(Walker, TreesThatLeadBackOrGoTooDeepEnd) {
   apartment.ExpectQuiet();
 }
 
+// A child count is the element's word: past what the outside call may still visit it is out of
+// memory before room is made for it (2,147,483,647 children would ask for gigabytes), and the
+// search goes on with the next element.
+TEST_F(Walker, CountsPastTheBudgetAreRefusedBeforeAnythingIsMade) {
+  auto root = Tree(
+      "22 \"bar\"\n"
+      "  10 \"huge\" count=2147483647\n"
+      "    38 \"Ribbon\"\n"
+      "  10 \"over\" count=150000\n"
+      "    38 \"Ribbon\"\n"
+      "  38 \"Ribbon\"\n");
+  const Ref<Object> found = Find(root, 38, u"Ribbon");
+  ASSERT_TRUE(found);
+  EXPECT_EQ(static_cast<AccessibleElement*>(found.get())->parent(), root.get());
+  EXPECT_EQ(root->Find(u"huge")->Calls(u"accChildren"), 0);
+  EXPECT_EQ(root->Find(u"over")->Calls(u"accChildren"), 0);
+  const auto told = apartment.script->CallsTo("vbwErrorHandler");
+  ASSERT_EQ(told.size(), 2u);
+  for (const std::string& call : told)
+    EXPECT_THAT(call, ::testing::HasSubstr("I4 7, BSTR \"Out of memory\""));
+}
+
 TEST(AccessibleTree, RejectsMalformedLinesWithTheirNumbers) {
   for (const auto& c : testing::ReadCases("tests/tree_errors.txt")) {
     const std::vector<std::string> fields = testing::Fields(c.header);  // line, error

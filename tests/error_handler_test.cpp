@@ -8,7 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "doubles/recording_ribbon.h"
 #include "probe.h"
+#include "ribbon/main2.h"
 
 namespace tabforge::testing {
 namespace {
@@ -154,6 +156,64 @@ TEST_F(Handler, NestedFailureThatEmptiesTheComponentDoesNotBreakTheOuterCall) {
   // The nested failure took answer 7 and the outer one got 5 from a component that the outer
   // call still held.
   EXPECT_EQ(probe.trail, "2");
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
+// A dump that the spent budget cuts off while it is written is still closed: every opening that
+// reached the component gets its close, however the budget ran out.
+TEST_F(Handler, EveryOpenedDumpIsClosedWhenTheBudgetRunsOut) {
+  for (const int limit : {12, 41, 200}) {
+    script.log.clear();
+    apartment.protector.budget.limits.maxCollaboratorCalls = limit;
+    script.fallback = std::int32_t{8};
+    apartment.faults.FailAt(u"Probe.Children", 1);
+    probe.Children();
+    const std::size_t opened = script.CallsTo("vbwOpenDumpFile").size();
+    EXPECT_GT(opened, 0u) << limit;
+    EXPECT_EQ(script.CallsTo("vbwCloseDumpFile").size(), opened) << limit;
+    EXPECT_LE(script.log.size(), static_cast<std::size_t>(limit) + opened) << limit;
+    EXPECT_EQ(apartment.protector.Depth(), 0);
+  }
+}
+
+// Calls from outside that arrive while the component runs (the host repainting the ribbon while
+// the component's dialog is up) have bounds of their own and leave the failure that waits its own:
+// after as many invalidations as one call may make, the dump and the answer after it still come.
+// The whole stays bounded: a host that never stops calls no collaborator past the nested share.
+TEST_F(Handler, CallsFromOutsideWhileTheComponentRunsHaveBoundsOfTheirOwn) {
+  std::vector<std::string> ribbonLog;
+  Main2 main2(apartment.protector);
+  main2.Initialize(nullptr, u"Morvelin");
+  main2.ribbon(MakeRef<RecordingRibbon>(&ribbonLog));
+  const int limit = apartment.protector.budget.limits.maxCollaboratorCalls;
+  int hostCalls = limit;
+  bool first = true;
+  script.onFailure = [&](std::span<Variant>) {
+    if (!std::exchange(first, false))
+      return;
+    for (int i = 0; i < hostCalls; ++i)
+      main2.EnableToolbar(i % 2 == 0 ? kFalse : kTrue);
+  };
+  script.answers = {std::int32_t{8}, std::int32_t{5}};
+  apartment.faults.FailAt(u"Probe.Children", 1);
+  probe.Children();
+  EXPECT_EQ(ribbonLog.size(), static_cast<std::size_t>(limit));
+  EXPECT_THAT(script.CallsTo("vbwOpenDumpFile"), SizeIs(1));
+  EXPECT_THAT(script.CallsTo("vbwCloseDumpFile"), SizeIs(1));
+  EXPECT_THAT(script.CallsTo("vbwErrorHandler"), SizeIs(2));
+  EXPECT_EQ(probe.trail, "2");
+
+  ribbonLog.clear();
+  script.log.clear();
+  first = true;
+  hostCalls = limit * apartment.protector.budget.limits.nestedShare * 2;
+  script.answers = {std::int32_t{5}};
+  apartment.faults.FailAt(u"Probe.Children", 1);
+  probe.Children();
+  const auto whole =
+      static_cast<std::size_t>(limit * apartment.protector.budget.limits.nestedShare);
+  EXPECT_LE(ribbonLog.size(), whole);
+  EXPECT_GT(ribbonLog.size(), whole - 10);
   EXPECT_EQ(apartment.protector.Depth(), 0);
 }
 

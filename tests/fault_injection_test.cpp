@@ -45,7 +45,7 @@ std::set<Statement> StatementsThatExist() {
   }
   std::set<Statement> statements;
   const std::regex run(R"(Run\(\s*\w+\(\),\s*(k\w+),)");
-  const std::regex step(R"(TF_STEP\((\d+)\))");
+  const std::regex step(R"(TF_(?:STEP|LAST_IN_LOOP)\((\d+)\))");
   for (std::sregex_iterator it(all.begin(), all.end(), run), end; it != end; ++it) {
     const auto begin = all.find("TF_BEGIN", static_cast<std::size_t>(it->position()));
     const auto finish = all.find("TF_END", begin);

@@ -182,7 +182,9 @@ TEST(LoaderRefusals, GiveNothingAndLeaveNothingBehindAsTheTableSays) {
     const auto calls = apartment.script->CallsTo("vbwErrorHandler");
     ASSERT_EQ(calls.size(), f.size() > 3 ? 1u : 0u) << header;
     EXPECT_THAT(calls, ::testing::Each(HasSubstr(f.size() > 3 ? f[3] : ""))) << header;
-    EXPECT_EQ(api.allocations == 0, f[0] == "-") << header;
+    // An array without element 0 has no size to ask for.
+    const bool noElementZero = at != std::string::npos && std::stoll(f[0].substr(at + 1)) > 0;
+    EXPECT_EQ(api.allocations == 0, f[0] == "-" || noElementZero) << header;
     EXPECT_EQ(api.liveBlocks() + api.liveBitmaps() + api.liveHandles() + api.strayFrees, 0u)
         << header;
     EXPECT_EQ(apartment.protector.Depth(), 0) << header;

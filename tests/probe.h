@@ -55,7 +55,8 @@ struct Probe {
       TF_BEGIN(body)
       TF_STEP(1) trail += "x";
       TF_STEP(2) for (i = 0; i < 2; ++i) {
-        TF_STEP(3) trail += std::to_string(i);
+        TF_LAST_IN_LOOP(3) trail += std::to_string(i);
+        TF_LOOP_END(3)
       }
       TF_STEP(4) trail += "y";
       TF_END

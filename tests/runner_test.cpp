@@ -109,6 +109,42 @@ TEST(CallBudget, CountsTheLibrarysOwnTimeAlone) {
   budget.Close();
 }
 
+// Nested procedures, each noting how deep it came, until one is refused at entry.
+void Deeper(Probe& probe, int level, int& deepest) {
+  Run(probe.Trace(), kNest, tracing::NoParameters, tracing::NoLocals, [&](Body& body) {
+    TF_BEGIN(body)
+    TF_STEP(1) deepest = std::max(deepest, level);
+    TF_STEP(2) if (level < 100000) {
+      TF_STEP(3) Deeper(probe, level + 1, deepest);
+    }
+    TF_END
+  });
+}
+
+// A host that has used most of its thread's stack before it calls leaves the library only what is
+// left above the reserve, however far the bound below the first frame would reach: the nesting
+// ends early, and its refusal is still reported.
+TEST_F(Runner, TheStackBoundIsTheRoomTheThreadHasLeft) {
+  apartment.protector.vbwTraceProc = kFalse;  // no depth bound of tracking's own
+  int shallow = 0;
+  const auto here = reinterpret_cast<std::uintptr_t>(&shallow);
+  const CallBudgetLimits& limits = apartment.protector.budget.limits;
+  apartment.platform.system.SetStackFloor(here - limits.stackReserveBytes - 32 * 1024);
+  apartment.script->fallback = std::int32_t{7};
+  Deeper(probe, 1, shallow);
+  EXPECT_GT(shallow, 1);
+  EXPECT_THAT(apartment.script->CallsTo("vbwErrorHandler"),
+              ::testing::ElementsAre(::testing::HasSubstr("I4 28, BSTR \"Out of stack space\"")));
+
+  apartment.platform.system.SetStackFloor(0);  // the thread's own floor, far below
+  apartment.script->log.clear();
+  int deep = 0;
+  Deeper(probe, 1, deep);
+  EXPECT_GT(deep, shallow * 4);
+  EXPECT_THAT(apartment.script->CallsTo("vbwErrorHandler"), ::testing::SizeIs(1));
+  EXPECT_EQ(apartment.protector.Depth(), 0);
+}
+
 TEST_F(Runner, TheStackNamesSixtyFourLevelsAndCountsTheRest) {
   int deepest = 0;
   probe.Nest(65, deepest);

@@ -91,6 +91,20 @@ TEST_F(TabNavigation, TimeBudgetEndsAWaitLongBeforeTheAttemptCap) {
   apartment.ExpectQuiet();
 }
 
+// A word processor that is asked to quit while the search waits: the request stays for its own loop
+// and the search ends at once, pressing nothing.
+TEST_F(TabNavigation, AQuitRequestEndsTheSearch) {
+  main2.SetTabSearchLimits({.timeBudget = 2s, .maxAttemptsPerStage = 1 << 30, .walk = {}});
+  apartment.platform.messages.OnEveryPass([&] {
+    if (passes() == 2)
+      apartment.platform.messages.PostQuit();
+  });
+  auto empty = Tree("22 \"Ribbon\"\n");
+  Activate(empty);
+  EXPECT_EQ(passes(), 2);
+  apartment.ExpectQuiet();
+}
+
 TEST_F(TabNavigation, TreeThatLeadsBackEndsWithinTheBound) {
   // No page, and a group that leads back to the command bar: every attempt ends, none finds.
   auto looping = Tree("22 \"Ribbon\"\n  20 \"group\"\n    43 \"button\"\n");

@@ -65,7 +65,7 @@ bool Frame::Recover(LocalList locals) noexcept {
   const Failure failure = CurrentFailure();
   switch (body_.mode_) {
     case FailureMode::kPassOver:
-      body_.resume_ = body_.step_ + 1;
+      body_.resume_ = body_.Next();
       return true;
     case FailureMode::kGoTo:
       // A failure at or behind the target would come back to it for ever: leave instead.
@@ -80,7 +80,7 @@ bool Frame::Recover(LocalList locals) noexcept {
       entered_ = body_.step_ != 0;  // a failed entry is entered again
       return true;
     case Resolution::kContinue:
-      body_.resume_ = body_.step_ + 1;
+      body_.resume_ = body_.Next();
       return true;
     case Resolution::kLeave:
       break;
@@ -144,7 +144,7 @@ Frame::Resolution Frame::Tail(const Failure& failure, LocalList locals) noexcept
 // Each section starts with its banner, written here so that no module's report has to.
 void Frame::DumpStep(LocalList locals) noexcept {
   VbwProtector& protector = protector_;
-  protector.vbwOpenDumpFile();
+  const bool opened = protector.vbwOpenDumpFile();
   protector.vbwReportToFile(Utf16String(kLocalBanner));
   // The reports of a section have no failure handling of their own. A failure in one (a platform
   // object that the machine lacks, say) costs the rest of that section; the dump goes on with the
@@ -164,7 +164,11 @@ void Frame::DumpStep(LocalList locals) noexcept {
     protector.vbwReportGlobalVariables();
   } catch (...) {
   }
+  // A dump that was opened is closed even when the budget ran out while it was written: the one
+  // call the spent budget still allows.
+  protector.budget.AllowNextCallWhenSpent(opened);
   protector.vbwCloseDumpFile();
+  protector.budget.AllowNextCallWhenSpent(false);
 }
 
 }  // namespace tabforge::tracing

@@ -89,6 +89,16 @@ class Body {
   // Records that statement `step` starts. The fault injector may make it fail here.
   void At(int step) {
     step_ = step;
+    lastInLoop_ = false;
+    if (injector_ != nullptr) [[unlikely]] {
+      injector_->OnStatement(*info_, step, mode_);
+    }
+  }
+  // As `At`, for the last statement in the text of a loop's body: the statement after it in text
+  // order is the loop's end, which goes round again, not the statement behind the loop.
+  void AtLastInLoop(int step) {
+    step_ = step;
+    lastInLoop_ = true;
     if (injector_ != nullptr) [[unlikely]] {
       injector_->OnStatement(*info_, step, mode_);
     }
@@ -98,12 +108,19 @@ class Body {
   // TF_EXIT_ON_FAILURE. In kGoTo a failing statement goes on at `target` without the tail.
   void ChangeMode(int step, FailureMode mode, int target = kEndOfBody) noexcept {
     step_ = step;
+    lastInLoop_ = false;
     mode_ = mode;
     target_ = target;
   }
 
   FailureMode mode() const noexcept { return mode_; }
   int step() const noexcept { return step_; }
+  // Where a continue or a pass-over after the running statement goes on: the next statement in
+  // text order, or the end of the loop whose body the statement closes.
+  int Next() const noexcept { return lastInLoop_ ? LoopEnd(step_) : step_ + 1; }
+
+  // The resume point at the end of the loop whose body statement `last` closes.
+  static constexpr int LoopEnd(int last) noexcept { return -last; }
 
  private:
   friend class Frame;
@@ -113,6 +130,7 @@ class Body {
   int step_ = 0;
   int target_ = kEndOfBody;
   FailureMode mode_ = FailureMode::kArmed;
+  bool lastInLoop_ = false;
 };
 
 // The tracing context of a module: its apartment's protector and its module-variable report, which
@@ -207,6 +225,21 @@ inline constexpr auto NoLocals = [](LocalReport&) {};
   default:         \
     break;         \
     }
+// The last statement in the text of a loop's body, and the loop's end, which closes that body just
+// before its brace: a statement that fails there and is continued or passed over goes on at the
+// loop's end, and so round the loop again, as the next statement in the procedure's text would.
+//   TF_STEP(3) for (ndx = 0; ndx < keys.size(); ++ndx) {
+//     TF_STEP(4) id = At(keys, ndx);
+//     TF_LAST_IN_LOOP(5) Invalidate(id);
+//     TF_LOOP_END(5)
+//   }
+#define TF_LAST_IN_LOOP(n) \
+  [[fallthrough]];         \
+  case n:                  \
+    tf_body_.AtLastInLoop(n);
+#define TF_LOOP_END(n) \
+  [[fallthrough]];     \
+  case ::tabforge::tracing::Body::LoopEnd(n):;
 // A change of failure mode is a statement of its own, numbered in text order like the others, so
 // that a continue or a pass-over after the statement before it lands on the change and never
 // skips it. It cannot fail. TF_PASS_OVER: failing statements from here on are given up and the

@@ -10,12 +10,13 @@ namespace tabforge::tracing {
 class Frame {
  public:
   Frame(const Module& module, const ProcedureInfo& info) noexcept
-      : module_(module), protector_(module.protector()), info_(info) {
+      : module_(module),
+        protector_(module.protector()),
+        budget_(&protector_.budget, TABFORGE_STACK_HERE(), protector_.platform().system),
+        info_(info) {
     body_.info_ = &info;
     body_.injector_ = protector_.faultInjector();
-    protector_.budget.Open(TABFORGE_STACK_HERE());
   }
-  ~Frame() { protector_.budget.Close(); }
   Frame(const Frame&) = delete;
   Frame& operator=(const Frame&) = delete;
 
@@ -69,6 +70,7 @@ class Frame {
 
   Module module_;
   VbwProtector& protector_;
+  CallBudget::Scope budget_;
   const ProcedureInfo& info_;
   Body body_;
   bool entered_ = false;

@@ -283,12 +283,21 @@ VariantBool VbwProtector::alwaysIgnore(const Utf16String& StrRememberErrors,
 
 // --- Dump reports -------------------------------------------------------------------------------
 
-void VbwProtector::vbwOpenDumpFile() {
+bool VbwProtector::vbwOpenDumpFile() {
+  bool asked = false;
   Run(Trace(), kOpenDumpFile, NoParameters, NoLocals, [&](Body& body) {
     TF_BEGIN(body)
-    TF_STEP(1) CallByName(mErrorParams, u"vbwOpenDumpFile", CallKind::kMethod);
+    TF_STEP(1) {
+      // Once the component is asked its dump is open, whatever it answers, and it is owed a close.
+      const Ref<Object> component = mErrorParams;
+      Required(component);
+      CollaboratorCall counted;
+      asked = true;
+      component->Invoke(u"vbwOpenDumpFile", CallKind::kMethod, {});
+    }
     TF_END
   });
+  return asked;
 }
 
 void VbwProtector::vbwCloseDumpFile() {

@@ -134,7 +134,8 @@ class VbwProtector {
 
   // --- Dump reports ----------------------------------------------------------------------------
 
-  void vbwOpenDumpFile();
+  // True when the component was asked to open its dump.
+  bool vbwOpenDumpFile();
   void vbwCloseDumpFile();
   void vbwReportToFile(const Utf16String& lText);
   void vbwReportVariable(Utf16View lName, const Variant& lValue, std::int32_t lTab);

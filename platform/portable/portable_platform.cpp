@@ -66,10 +66,36 @@ void PortableObjectFactory::Unregister(Utf16View progId) {
     creators_.erase(it);
 }
 
-void PortableMessageQueue::PumpOnce() {
+bool PortableMessageQueue::PumpOnce(std::chrono::steady_clock::time_point) {
   ++passes_;
+  if (quit_)
+    return false;
   if (everyPass_)
     everyPass_();
+  return !quit_;
+}
+
+std::uintptr_t PortableSystemFacts::StackFloor() const {
+  if (stackFloor_ != 0)
+    return stackFloor_;
+  // Asked once for each outside call; for the main thread the C library reads the process's maps
+  // to tell, so the answer is kept for the thread that asked last.
+  const pthread_t self = pthread_self();
+  if (cachedValid_ && pthread_equal(cachedThread_, self))
+    return cachedFloor_;
+  pthread_attr_t attributes;
+  std::uintptr_t floor = 0;
+  if (pthread_getattr_np(self, &attributes) == 0) {
+    void* address = nullptr;
+    std::size_t size = 0;
+    if (pthread_attr_getstack(&attributes, &address, &size) == 0)
+      floor = reinterpret_cast<std::uintptr_t>(address);
+    pthread_attr_destroy(&attributes);
+  }
+  cachedThread_ = self;
+  cachedFloor_ = floor;
+  cachedValid_ = true;
+  return floor;
 }
 
 std::int32_t PortableAccessibilityApi::AccessibleChildren(const Ref<Object>& container,

@@ -2,6 +2,8 @@
 // services that a host or a test configures.
 #pragma once
 
+#include <pthread.h>
+
 #include <functional>
 #include <map>
 #include <string>
@@ -46,26 +48,37 @@ class PortableSystemFacts final : public SystemFacts {
  public:
   ScreenSize Screen() const override { return screen_; }
   std::optional<Utf16String> DefaultPrinter() const override { return printer_; }
+  // The thread's own floor, unless a test has set one to stand for a host that has used most of
+  // its stack before it called.
+  std::uintptr_t StackFloor() const override;
+  void SetStackFloor(std::uintptr_t floor) { stackFloor_ = floor; }
   void SetScreen(ScreenSize size) { screen_ = size; }
   void SetDefaultPrinter(std::optional<Utf16String> printer) { printer_ = std::move(printer); }
 
  private:
   ScreenSize screen_{1024, 768};
   std::optional<Utf16String> printer_;
+  std::uintptr_t stackFloor_ = 0;
+  mutable pthread_t cachedThread_{};
+  mutable std::uintptr_t cachedFloor_ = 0;
+  mutable bool cachedValid_ = false;
 };
 
 // A message queue with no messages: it counts its passes, and a host that simulates a UI can have
-// each pass run its work.
+// each pass run its work, or ask the thread to quit.
 class PortableMessageQueue final : public MessageQueue {
  public:
-  void PumpOnce() override;
+  bool PumpOnce(std::chrono::steady_clock::time_point deadline) override;
   // A callback that runs on every pass.
   void OnEveryPass(std::function<void()> work) { everyPass_ = std::move(work); }
+  // A quit request, which stays in the queue: every pass from now on reports it.
+  void PostQuit() { quit_ = true; }
   int passes() const { return passes_; }
 
  private:
   std::function<void()> everyPass_;
   int passes_ = 0;
+  bool quit_ = false;
 };
 
 // Accessible objects of the portable platform list their children through this member, called
