@@ -25,8 +25,10 @@ void CallBudget::Open(std::uintptr_t stackBase, std::uintptr_t stackFloor) noexc
   frame_ = {};
   totalCalls_ = 0;
   totalTreeCalls_ = 0;
+  totalComponentCalls_ = 0;
   nestedOwnTime_ = {};
   treeNext_ = false;
+  componentNext_ = false;
   closingNext_ = false;
   stackBase_ = stackBase;
   stackFloor_ = stackFloor;
@@ -64,7 +66,8 @@ bool CallBudget::Spent() noexcept {
   const Clock::duration own = OwnTime(Clock::now());
   frame_.spent = own > limits.maxOwnTime ||
                  nestedOwnTime_ + own > limits.maxOwnTime * limits.nestedShare ||
-                 totalCalls_ >= limits.maxCollaboratorCalls * limits.nestedShare;
+                 totalCalls_ >= limits.maxCollaboratorCalls * limits.nestedShare ||
+                 totalComponentCalls_ >= limits.maxCollaboratorCalls;
   return frame_.spent;
 }
 
@@ -93,10 +96,17 @@ bool CallBudget::BeginCollaboratorCall() noexcept {
   if (Spent() && !closing)
     return false;
   const bool onTree = std::exchange(treeNext_, false);
-  const bool over = onTree ? ++frame_.treeCalls > limits.maxTreeCalls ||
-                                 ++totalTreeCalls_ > limits.maxTreeCalls * limits.nestedShare
-                           : ++frame_.calls > limits.maxCollaboratorCalls ||
-                                 ++totalCalls_ > limits.maxCollaboratorCalls * limits.nestedShare;
+  const bool onComponent = std::exchange(componentNext_, false);
+  bool over = false;
+  if (onTree) {
+    over = ++frame_.treeCalls > limits.maxTreeCalls;
+    over = ++totalTreeCalls_ > limits.maxTreeCalls * limits.nestedShare || over;
+  } else {
+    over = ++frame_.calls > limits.maxCollaboratorCalls;
+    over = ++totalCalls_ > limits.maxCollaboratorCalls * limits.nestedShare || over;
+    if (onComponent)
+      over = ++totalComponentCalls_ > limits.maxCollaboratorCalls || over;
+  }
   if (over && !closing) {
     frame_.spent = true;
     return false;
@@ -127,6 +137,7 @@ CallBudget::Scope::Scope(CallBudget* budget, std::uintptr_t here,
     nested_ = true;
     interrupted_ = std::exchange(budget_->frame_, Frame{});
     budget_->treeNext_ = false;
+    budget_->componentNext_ = false;
     budget_->closingNext_ = false;
   }
 }
@@ -140,7 +151,8 @@ CallBudget::Scope::~Scope() {
     const bool wholeSpent =
         budget_->totalCalls_ >=
             budget_->limits.maxCollaboratorCalls * budget_->limits.nestedShare ||
-        budget_->nestedOwnTime_ > budget_->limits.maxOwnTime * budget_->limits.nestedShare;
+        budget_->nestedOwnTime_ > budget_->limits.maxOwnTime * budget_->limits.nestedShare ||
+        budget_->totalComponentCalls_ >= budget_->limits.maxCollaboratorCalls;
     budget_->frame_ = interrupted_;
     budget_->frame_.spent = budget_->frame_.spent || wholeSpent;
   }

@@ -37,7 +37,9 @@ struct CallBudgetLimits {
   // A call from outside that arrives while a collaborator runs (the host's own calls while a
   // component's dialog is up, or a collaborator calling back) gets the bounds above for itself,
   // so that it cannot spend the budget of the failure that waits for the dialog. All the calls
-  // nested in one outermost call together may take this many times those bounds.
+  // nested in one outermost call together may take this many times those bounds, except the calls
+  // on the error component: those of the whole outermost call together stay within
+  // `maxCollaboratorCalls`.
   int nestedShare = 4;
   // Stack that nested procedures, failures inside failures and calls back into the library may
   // take below the outermost entry: a thread of a 32-bit host may have no more than 1 MB in all.
@@ -92,6 +94,8 @@ class CallBudget {
   std::int64_t TreeCallsLeft() const noexcept;
   // The next collaborator call, and only that one, is a call on an accessibility tree.
   void NextCallIsOnTree(bool onTree) noexcept { treeNext_ = onTree; }
+  // The next collaborator call, and only that one, is a call on the error component.
+  void NextCallIsOnComponent(bool onComponent) noexcept { componentNext_ = onComponent; }
   // The next collaborator call, and only that one, is made even when the budget is spent: the
   // close of a dump whose opening reached the component.
   void AllowNextCallWhenSpent(bool allow) noexcept { closingNext_ = allow; }
@@ -139,8 +143,10 @@ class CallBudget {
   // The whole outermost call, nested calls included.
   int totalCalls_ = 0;
   int totalTreeCalls_ = 0;
+  int totalComponentCalls_ = 0;
   Clock::duration nestedOwnTime_{};
   bool treeNext_ = false;
+  bool componentNext_ = false;
   bool closingNext_ = false;
   std::uintptr_t stackBase_ = 0;
   std::uintptr_t stackFloor_ = 0;
@@ -175,6 +181,24 @@ class TreeCall {
   }
   TreeCall(const TreeCall&) = delete;
   TreeCall& operator=(const TreeCall&) = delete;
+
+ private:
+  CallBudget* budget_;
+};
+
+// Marks the collaborator call made next, in its scope, as one on the error component.
+class ComponentCall {
+ public:
+  ComponentCall() : budget_(CallBudget::Active()) {
+    if (budget_ != nullptr)
+      budget_->NextCallIsOnComponent(true);
+  }
+  ~ComponentCall() {
+    if (budget_ != nullptr)
+      budget_->NextCallIsOnComponent(false);
+  }
+  ComponentCall(const ComponentCall&) = delete;
+  ComponentCall& operator=(const ComponentCall&) = delete;
 
  private:
   CallBudget* budget_;

@@ -30,6 +30,13 @@ Variant CallOnTree(Ref<Object> element, Utf16View member, CallKind kind, Args&&.
   return CallByName(std::move(element), member, kind, std::forward<Args>(arguments)...);
 }
 
+// A call on the error component, counted as one within the whole outside call's share of them.
+template <class... Args>
+Variant CallComponent(Ref<Object> component, Utf16View member, CallKind kind, Args&&... arguments) {
+  const ComponentCall onComponent;
+  return CallByName(std::move(component), member, kind, std::forward<Args>(arguments)...);
+}
+
 // The object behind a reference that a statement needs: an empty one is "object variable not set".
 template <class T>
 T& Required(const Ref<T>& reference) {

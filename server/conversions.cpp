@@ -44,26 +44,20 @@ VariantArray::Elements EmptyElements(VARTYPE vt) {
   }
 }
 
-// Stores `value` as element `i` of `array`; SafeArrayPutElement takes a copy, and takes strings
-// and objects themselves rather than their address.
+// Stores `value` as element `k` of the data of a new array, which owns what is stored from then
+// on. The array is made here and nobody else sees it yet, so its slots are written in place: a
+// copy through SafeArrayPutElement would allocate every string twice, and the stack handed to the
+// error component on every failure is sixty-four of them.
 template <class T>
-void WriteElement(SAFEARRAY* array, LONG i, const T& value) {
-  auto put = [&](void* in) {
-    if (FAILED(::SafeArrayPutElement(array, &i, in)))
-      Raise(RunTimeError::kOutOfMemory);
-  };
+void WriteElement(void* data, std::size_t k, const T& value) {
   if constexpr (std::is_same_v<T, Utf16String>) {
-    UniqueBstr s = MakeBstr(value);
-    put(s.Get());
+    static_cast<BSTR*>(data)[k] = MakeBstr(value).Detach();
   } else if constexpr (std::is_same_v<T, Ref<Object>>) {
-    ComPtr<IDispatch> d = ToDispatch(value);
-    put(d.Get());
+    static_cast<IDispatch**>(data)[k] = ToDispatch(value).Detach();
   } else if constexpr (std::is_same_v<T, Variant>) {
-    UniqueVariant v = ToAutomation(value);
-    put(v.Get());
+    static_cast<VARIANT*>(data)[k] = ToAutomation(value).Detach();
   } else {
-    T copy = value;
-    put(&copy);
+    static_cast<T*>(data)[k] = value;
   }
 }
 
@@ -75,10 +69,12 @@ SAFEARRAY* ToSafeArray(const VariantArray& array) {
                                               array.lowerBound, static_cast<ULONG>(array.Count())));
   if (!out)
     Raise(RunTimeError::kOutOfMemory);
+  // A new vector's slots are zero (empty strings, no objects, empty variants) until written.
+  void* data = out.Get()->pvData;
   std::visit(
       [&](const auto& elements) {
         for (std::size_t k = 0; k < elements.size(); ++k)
-          WriteElement(out.Get(), array.lowerBound + static_cast<LONG>(k), elements[k]);
+          WriteElement(data, k, elements[k]);
       },
       array.elements);
   return out.Detach();

@@ -199,12 +199,19 @@ Utf16String WindowsHost::GetSetting(Utf16View appName, Utf16View section, Utf16V
 // --- Object factory -----------------------------------------------------------------------------
 
 Ref<Object> WindowsObjectFactory::CreateObject(Utf16View progId) {
-  const std::wstring name = Wide(progId);
-  CLSID clsid{};
+  std::wstring name = Wide(progId);
+  CLSID clsid = lastClass_;
   ComPtr<IUnknown> unknown;
-  if (FAILED(::CLSIDFromProgID(name.c_str(), &clsid)) ||
-      FAILED(::CoCreateInstance(clsid, nullptr, CLSCTX_ALL, IID_IUnknown, unknown.PutVoid())))
+  if (name != lastProgId_ && FAILED(::CLSIDFromProgID(name.c_str(), &clsid))) {
+    lastProgId_.clear();
     Raise(RunTimeError::kCannotCreateObject);
+  }
+  if (FAILED(::CoCreateInstance(clsid, nullptr, CLSCTX_ALL, IID_IUnknown, unknown.PutVoid()))) {
+    lastProgId_.clear();
+    Raise(RunTimeError::kCannotCreateObject);
+  }
+  lastProgId_ = std::move(name);
+  lastClass_ = clsid;
   return WrapUnknown(unknown.Get());
 }
 

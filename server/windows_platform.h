@@ -81,6 +81,13 @@ class WindowsHost final : public HostEnvironment {
 class WindowsObjectFactory final : public ObjectFactory {
  public:
   Ref<Object> CreateObject(Utf16View progId) override;
+
+ private:
+  // The class of the program id created last. The error component is created again for every
+  // failure, and the registry lookup is a third of what that costs; a class that cannot be created
+  // is looked up afresh next time.
+  std::wstring lastProgId_;
+  CLSID lastClass_{};
 };
 
 class WindowsSystemFacts final : public SystemFacts {

@@ -215,6 +215,26 @@ TEST_F(Handler, CallsFromOutsideWhileTheComponentRunsHaveBoundsOfTheirOwn) {
   EXPECT_LE(ribbonLog.size(), whole);
   EXPECT_GT(ribbonLog.size(), whole - 10);
   EXPECT_EQ(apartment.protector.Depth(), 0);
+
+  // The error component's calls are the one share that nesting does not widen: a component that,
+  // while it answers, lets three more calls from outside fail and retry for ever gets no more of
+  // them than one call may make, in the whole.
+  script.log.clear();
+  bool inside = false;
+  script.onFailure = [&](std::span<Variant>) {
+    if (std::exchange(inside, true))
+      return;
+    for (int i = 0; i < 3; ++i) {
+      apartment.faults.FailAt(u"Probe.Other", 1, 1'000'000);
+      probe.Other();
+    }
+  };
+  script.fallback = std::int32_t{4};
+  apartment.faults.FailAt(u"Probe.Children", 1);
+  probe.Children();
+  EXPECT_LE(script.log.size(), static_cast<std::size_t>(limit));
+  EXPECT_GT(script.log.size(), static_cast<std::size_t>(limit) / 2);
+  EXPECT_EQ(apartment.protector.Depth(), 0);
 }
 
 // The dump's objects describe the failure being handled and the project.

@@ -121,7 +121,7 @@ void VbwProtector::vbwExitThread() {
   Run(Trace(), kExitThread, NoParameters, NoLocals, [&](Body& body) {
     TF_BEGIN(body)
     TF_PASS_OVER(1)
-    TF_STEP(2) CallByName(mErrorParams, u"vbwExitThread", CallKind::kMethod);
+    TF_STEP(2) CallComponent(mErrorParams, u"vbwExitThread", CallKind::kMethod);
     TF_END
   });
 }
@@ -160,8 +160,8 @@ Utf16String VbwProtector::vbwReportParameter(Utf16View lName, const Variant& lVa
     TF_STEP(2) if (mErrorParams) {
       Utf16String name(lName);
       Variant value = lValue;
-      result = ToBstr(CallByName(mErrorParams, u"vbwReportParameter", CallKind::kMethod,
-                                 Variant::ByRef(&name), Variant::ByRef(&value)));
+      result = ToBstr(CallComponent(mErrorParams, u"vbwReportParameter", CallKind::kMethod,
+                                    Variant::ByRef(&name), Variant::ByRef(&value)));
     }
     TF_END
   });
@@ -210,21 +210,22 @@ std::int32_t VbwProtector::vbwErrorHandler(std::int32_t errNumber, Utf16String E
         TF_EXIT_ON_FAILURE(7)
         TF_STEP(8) if (!mErrorParams) {
           TF_STEP(9) {
+            const ComponentCall onComponent;
             CollaboratorCall counted;
             mErrorParams = platform_.objects->CreateObject(kErrorComponentProgId);
           }
           TF_STEP(10)
-          CallByName(mErrorParams, u"vbwInitializeProtector", CallKind::kMethod,
-                     Variant::ByRef(&vbwCatchException), Variant::ByRef(&vbwTraceLine),
-                     Variant::ByRef(&mOldTraceProc), Variant::ByRef(&vbwCallStack),
-                     Variant::ByRef(&vbwSystemInfo), Variant::ByRef(&vbwScreenshot));
+          CallComponent(mErrorParams, u"vbwInitializeProtector", CallKind::kMethod,
+                        Variant::ByRef(&vbwCatchException), Variant::ByRef(&vbwTraceLine),
+                        Variant::ByRef(&mOldTraceProc), Variant::ByRef(&vbwCallStack),
+                        Variant::ByRef(&vbwSystemInfo), Variant::ByRef(&vbwScreenshot));
         }
         TF_STEP(11) {
           // The stack goes by reference: the array that the component may write into is taken
           // back as the stack when the call returns.
           const std::vector<Utf16String> handed = StackNames();
           ArrayRef stack = mStackAllocated ? MakeArray(handed, 1) : nullptr;
-          const Variant answer = CallByName(
+          const Variant answer = CallComponent(
               mErrorParams, u"vbwErrorHandler", CallKind::kMethod, Variant::ByRef(&errNumber),
               Variant::ByRef(&ErrDescription), Variant::ByRef(&ErrProject),
               Variant::ByRef(&ErrSource), Variant::ByRef(&ErrProcedure), Variant::ByRef(&errLine),
@@ -291,6 +292,7 @@ bool VbwProtector::vbwOpenDumpFile() {
       // Once the component is asked its dump is open, whatever it answers, and it is owed a close.
       const Ref<Object> component = mErrorParams;
       Required(component);
+      const ComponentCall onComponent;
       CollaboratorCall counted;
       asked = true;
       component->Invoke(u"vbwOpenDumpFile", CallKind::kMethod, {});
@@ -303,7 +305,7 @@ bool VbwProtector::vbwOpenDumpFile() {
 void VbwProtector::vbwCloseDumpFile() {
   Run(Trace(), kCloseDumpFile, NoParameters, NoLocals, [&](Body& body) {
     TF_BEGIN(body)
-    TF_STEP(1) CallByName(mErrorParams, u"vbwCloseDumpFile", CallKind::kMethod);
+    TF_STEP(1) CallComponent(mErrorParams, u"vbwCloseDumpFile", CallKind::kMethod);
     TF_END
   });
 }
@@ -313,7 +315,7 @@ void VbwProtector::vbwReportToFile(const Utf16String& lText) {
     TF_BEGIN(body)
     TF_STEP(1) {
       Utf16String text = lText;
-      CallByName(mErrorParams, u"vbwReportToFile", CallKind::kMethod, Variant::ByRef(&text));
+      CallComponent(mErrorParams, u"vbwReportToFile", CallKind::kMethod, Variant::ByRef(&text));
     }
     TF_END
   });
@@ -327,8 +329,8 @@ void VbwProtector::vbwReportVariable(Utf16View lName, const Variant& lValue, std
       Utf16String name(lName);
       Variant value = lValue;
       std::int32_t tab = lTab;
-      CallByName(mErrorParams, u"vbwReportVariable", CallKind::kMethod, Variant::ByRef(&name),
-                 Variant::ByRef(&value), Variant::ByRef(&tab));
+      CallComponent(mErrorParams, u"vbwReportVariable", CallKind::kMethod, Variant::ByRef(&name),
+                    Variant::ByRef(&value), Variant::ByRef(&tab));
     }
     TF_END
   });
@@ -349,8 +351,8 @@ void VbwProtector::vbwReportObject(const Utf16String& lName, const Ref<Object>& 
           Utf16String name = lName;
           Ref<Object> object = lObject;
           std::int32_t tab = lTab;
-          CallByName(mErrorParams, u"vbwReportObject", CallKind::kMethod, Variant::ByRef(&name),
-                     Variant::ByRef(&object), Variant::ByRef(&tab));
+          CallComponent(mErrorParams, u"vbwReportObject", CallKind::kMethod, Variant::ByRef(&name),
+                        Variant::ByRef(&object), Variant::ByRef(&tab));
         }
         TF_END
       });
