@@ -27,6 +27,7 @@ void CallBudget::Open(std::uintptr_t stackBase, std::uintptr_t stackFloor) noexc
   totalTreeCalls_ = 0;
   totalComponentCalls_ = 0;
   nestedOwnTime_ = {};
+  interruptedOwnTime_ = {};
   treeNext_ = false;
   componentNext_ = false;
   closingNext_ = false;
@@ -65,7 +66,7 @@ bool CallBudget::Spent() noexcept {
   StartClock();
   const Clock::duration own = OwnTime(Clock::now());
   frame_.spent = own > limits.maxOwnTime ||
-                 nestedOwnTime_ + own > limits.maxOwnTime * limits.nestedShare ||
+                 interruptedOwnTime_ + nestedOwnTime_ + own > limits.maxOwnTime * 2 ||
                  totalCalls_ >= limits.maxCollaboratorCalls * limits.nestedShare ||
                  totalComponentCalls_ >= limits.maxCollaboratorCalls;
   return frame_.spent;
@@ -135,6 +136,8 @@ CallBudget::Scope::Scope(CallBudget* budget, std::uintptr_t here,
   // interrupts gets its own counts back when it returns.
   if (budget_->frame_.collaboratorDepth > 0) {
     nested_ = true;
+    interruptedOwn_ = budget_->OwnTime(Clock::now());
+    budget_->interruptedOwnTime_ += interruptedOwn_;
     interrupted_ = std::exchange(budget_->frame_, Frame{});
     budget_->treeNext_ = false;
     budget_->componentNext_ = false;
@@ -148,11 +151,11 @@ CallBudget::Scope::~Scope() {
   if (nested_) {
     const Clock::duration own = budget_->OwnTime(Clock::now());
     budget_->nestedOwnTime_ += own;
-    const bool wholeSpent =
-        budget_->totalCalls_ >=
-            budget_->limits.maxCollaboratorCalls * budget_->limits.nestedShare ||
-        budget_->nestedOwnTime_ > budget_->limits.maxOwnTime * budget_->limits.nestedShare ||
-        budget_->totalComponentCalls_ >= budget_->limits.maxCollaboratorCalls;
+    const bool wholeSpent = budget_->totalCalls_ >= budget_->limits.maxCollaboratorCalls *
+                                                        budget_->limits.nestedShare ||
+                            budget_->nestedOwnTime_ > budget_->limits.maxOwnTime * 2 ||
+                            budget_->totalComponentCalls_ >= budget_->limits.maxCollaboratorCalls;
+    budget_->interruptedOwnTime_ -= interruptedOwn_;
     budget_->frame_ = interrupted_;
     budget_->frame_.spent = budget_->frame_.spent || wholeSpent;
   }

@@ -39,7 +39,9 @@ struct CallBudgetLimits {
   // so that it cannot spend the budget of the failure that waits for the dialog. All the calls
   // nested in one outermost call together may take this many times those bounds, except the calls
   // on the error component: those of the whole outermost call together stay within
-  // `maxCollaboratorCalls`.
+  // `maxCollaboratorCalls`, and the library's own time, of which the whole may take twice one
+  // call's, so that even a collaborator that calls back at every turn gets its answer within a
+  // second or so.
   int nestedShare = 4;
   // Stack that nested procedures, failures inside failures and calls back into the library may
   // take below the outermost entry: a thread of a 32-bit host may have no more than 1 MB in all.
@@ -118,6 +120,7 @@ class CallBudget {
     CallBudget* budget_;
     bool nested_ = false;
     Frame interrupted_;  // what the call that this one interrupts had counted
+    Clock::duration interruptedOwn_{};
   };
 
   // Work of the library's own done while a collaborator call is open (reading its answer): the
@@ -144,7 +147,10 @@ class CallBudget {
   int totalCalls_ = 0;
   int totalTreeCalls_ = 0;
   int totalComponentCalls_ = 0;
+  // The library's own time in nested calls that have returned, and in the calls that the running
+  // one interrupts, up to their interruption.
   Clock::duration nestedOwnTime_{};
+  Clock::duration interruptedOwnTime_{};
   bool treeNext_ = false;
   bool componentNext_ = false;
   bool closingNext_ = false;

@@ -145,6 +145,7 @@ Frame::Resolution Frame::Tail(const Failure& failure, LocalList locals) noexcept
 void Frame::DumpStep(LocalList locals) noexcept {
   VbwProtector& protector = protector_;
   const bool opened = protector.vbwOpenDumpFile();
+  const Ref<Object> opener = opened ? protector.ErrorComponent() : nullptr;
   protector.vbwReportToFile(Utf16String(kLocalBanner));
   // The reports of a section have no failure handling of their own. A failure in one (a platform
   // object that the machine lacks, say) costs the rest of that section; the dump goes on with the
@@ -164,9 +165,13 @@ void Frame::DumpStep(LocalList locals) noexcept {
     protector.vbwReportGlobalVariables();
   } catch (...) {
   }
-  // A dump that was opened is closed even when the budget ran out while it was written: the one
-  // call the spent budget still allows.
+  // A dump that the component opened is closed even when the budget ran out while it was written:
+  // the one call the spent budget still allows.
+  // The close goes to the component that opened the dump, also when a failing report's tail has
+  // let it go meanwhile.
   protector.budget.AllowNextCallWhenSpent(opened);
+  if (opened)
+    protector.RestoreErrorComponent(opener);
   protector.vbwCloseDumpFile();
   protector.budget.AllowNextCallWhenSpent(false);
 }

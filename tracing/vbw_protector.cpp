@@ -285,21 +285,17 @@ VariantBool VbwProtector::alwaysIgnore(const Utf16String& StrRememberErrors,
 // --- Dump reports -------------------------------------------------------------------------------
 
 bool VbwProtector::vbwOpenDumpFile() {
-  bool asked = false;
+  bool opened = false;
   Run(Trace(), kOpenDumpFile, NoParameters, NoLocals, [&](Body& body) {
     TF_BEGIN(body)
+    // A dump that the component has opened is owed its close.
     TF_STEP(1) {
-      // Once the component is asked its dump is open, whatever it answers, and it is owed a close.
-      const Ref<Object> component = mErrorParams;
-      Required(component);
-      const ComponentCall onComponent;
-      CollaboratorCall counted;
-      asked = true;
-      component->Invoke(u"vbwOpenDumpFile", CallKind::kMethod, {});
+      CallComponent(mErrorParams, u"vbwOpenDumpFile", CallKind::kMethod);
+      opened = true;
     }
     TF_END
   });
-  return asked;
+  return opened;
 }
 
 void VbwProtector::vbwCloseDumpFile() {

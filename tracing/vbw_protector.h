@@ -129,12 +129,18 @@ class VbwProtector {
 
   const Ref<Object>& ErrorComponent() const noexcept { return mErrorParams; }
   void ReleaseErrorComponent() noexcept { mErrorParams.reset(); }
+  // Gives the component back for one more call: the close of the dump it opened, after a tail
+  // inside the dump has let it go.
+  void RestoreErrorComponent(Ref<Object> component) noexcept {
+    if (!mErrorParams)
+      mErrorParams = std::move(component);
+  }
   const Utf16String& RememberedErrors() const noexcept { return StrRememberErrors_; }
   const Utf16String& LastError() const noexcept { return strLastError_; }
 
   // --- Dump reports ----------------------------------------------------------------------------
 
-  // True when the component was asked to open its dump.
+  // True when the component opened its dump.
   bool vbwOpenDumpFile();
   void vbwCloseDumpFile();
   void vbwReportToFile(const Utf16String& lText);

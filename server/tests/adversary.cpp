@@ -18,6 +18,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -121,16 +122,100 @@ SAFEARRAY* MakeArray(Random& r, VARTYPE element, Arena& arena, Hostile& object, 
   return array;
 }
 
+// Eight levels of eight-element arrays of variants, each element a reference to the next level:
+// sixty-four values that describe sixteen million, for any answer.
+class ReferenceTower {
+ public:
+  ReferenceTower() {
+    for (int level = kLevels - 1; level >= 0; --level) {
+      SAFEARRAY* array = ::SafeArrayCreateVector(VT_VARIANT, 0, kWidth);
+      auto* elements = static_cast<VARIANT*>(array->pvData);
+      for (int i = 0; i < kWidth; ++i) {
+        V_VT(&elements[i]) = level == kLevels - 1 ? VARTYPE{VT_I4} : VARTYPE{VT_BYREF | VT_VARIANT};
+        if (level == kLevels - 1)
+          V_I4(&elements[i]) = i;
+        else
+          V_VARIANTREF(&elements[i]) = holders_[level + 1].Get();
+      }
+      V_VT(holders_[level].Get()) = VT_ARRAY | VT_VARIANT;
+      V_ARRAY(holders_[level].Get()) = array;
+    }
+  }
+  void CopyTo(VARIANT* out) { ::VariantCopy(out, holders_[0].Get()); }
+
+ private:
+  static constexpr int kLevels = 8;
+  static constexpr int kWidth = 8;
+  UniqueVariant holders_[kLevels];
+};
+
+LRESULT CALLBACK PostsItselfWork(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
+  if (message == WM_APP) {
+    ::PostMessageW(window, WM_APP, 0, 0);
+    return 0;
+  }
+  return ::DefWindowProcW(window, message, wParam, lParam);
+}
+
+// A window that, once started, posts itself work for as long as it lives.
+HWND BusyWindow() {
+  static const HWND window = [] {
+    WNDCLASSW type{};
+    type.lpfnWndProc = PostsItselfWork;
+    type.hInstance = ::GetModuleHandleW(nullptr);
+    type.lpszClassName = L"TabforgeAdversaryBusy";
+    ::RegisterClassW(&type);
+    return ::CreateWindowExW(0, type.lpszClassName, L"", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr,
+                             type.hInstance, nullptr);
+  }();
+  return window;
+}
+
 // A collaborator of the host's: the signalling object, the ribbon or the command bar. Each call
-// gives it a way to behave, drawn from the call's generator.
+// gives it a way to behave, drawn from the call's generator: well, failing, with answers of the
+// wrong types, letting go of Main2, calling back a little; or at the edges of a call's budget:
+// calling back from every question (its default member and its interfaces included) for as long
+// as it is let, answering with a tower of references, claiming two billion children, or keeping
+// the message queue busy for ever.
 class Hostile final : public DispatchDouble<IRibbonUI> {
  public:
-  enum Mode { kWell, kFail, kWrongTypes, kLetGo, kCallBack, kModes };
+  enum Mode {
+    kWell,
+    kFail,
+    kWrongTypes,
+    kLetGo,
+    kCallBack,
+    kRecurse,
+    kTower,
+    kHugeCount,
+    kBusy,
+    kModes
+  };
+
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
+    if (mode == kRecurse && main && recursions < 100000) {
+      ++recursions;
+      Random again(random());
+      CallBack(again);
+    }
+    return DispatchDouble::QueryInterface(riid, out);
+  }
 
   HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS* params,
                                    VARIANT* result, EXCEPINFO* exception, UINT*) override {
     const bool known = id >= 1 && static_cast<std::size_t>(id) <= members.size();
     const std::wstring member = known ? members[static_cast<std::size_t>(id) - 1] : L"";
+    if (mode == kTower && result != nullptr) {
+      tower.CopyTo(result);
+      return S_OK;
+    }
+    if (mode == kHugeCount && result != nullptr) {
+      V_VT(result) = VT_I4;
+      V_I4(result) = Chance(random, 50) ? 2147483647 : 50000000;
+      return S_OK;
+    }
+    if (mode == kBusy)
+      ::PostMessageW(BusyWindow(), WM_APP, 0, 0);
     if (mode == kWell && member == L"getToolbarIconBits" && result != nullptr) {
       V_VT(result) = VT_ARRAY | VT_UI1;
       V_ARRAY(result) = ::SafeArrayCreateVector(VT_UI1, 0, 4);
@@ -163,6 +248,11 @@ class Hostile final : public DispatchDouble<IRibbonUI> {
       CallBack(again);
       --depth;
     }
+    if (mode == kRecurse && main && recursions < 100000) {
+      ++recursions;
+      Random again(random());
+      CallBack(again);
+    }
     if (mode != kFail)
       return S_OK;
     if (exception != nullptr && Chance(random, 50)) {
@@ -175,9 +265,16 @@ class Hostile final : public DispatchDouble<IRibbonUI> {
     return kFailures[Pick(random, std::size(kFailures))];
   }
 
-  // A well-formed call of a member of Main2, from inside a call of Main2.
+  // A well-formed call of a member of Main2, from inside a call of Main2; one that recurses hands
+  // itself as the argument, to be asked again.
   void CallBack(Random& r) {
     UniqueVariant argument = Value(VT_BSTR, kTexts[Pick(r, 3)]);
+    if (mode == kRecurse && Chance(r, 50)) {
+      ::VariantClear(argument.Get());
+      V_VT(argument.Get()) = VT_DISPATCH;
+      V_DISPATCH(argument.Get()) = this;
+      AddRef();
+    }
     DISPPARAMS params{argument.Get(), nullptr, 1, 0};
     UniqueVariant result;
     main->Invoke(kMembers[Pick(r, std::size(kMembers))], IID_NULL, 0,
@@ -189,7 +286,9 @@ class Hostile final : public DispatchDouble<IRibbonUI> {
   Arena* arena = nullptr;
   ComPtr<IDispatch> main;  // the reference it lets go of, or calls back into
   int depth = 0;
+  int recursions = 0;
   bool aliveAfterLetGo = false;
+  ReferenceTower tower;
 };
 
 void Make(Random& r, VARIANT& v, Arena& arena, Hostile& object, int depth, bool mayLoop) {
@@ -291,8 +390,10 @@ void Attack(long number, ErrorComponent& component, Hostile (&parties)[3]) {
     party.random.seed(r());
     party.arena = &arena;
     party.members.clear();
+    party.recursions = 0;
   }
   component.answers.clear();
+  component.invoked.clear();
   for (unsigned i = Pick(r, 4); i > 0; --i)
     component.answers.push_back(static_cast<LONG>(4 + Pick(r, 5)));
   component.keepObjects = Chance(r, 20);
@@ -347,6 +448,18 @@ void Attack(long number, ErrorComponent& component, Hostile (&parties)[3]) {
               withException ? &exception : nullptr, withError ? &argumentError : nullptr);
   const ULONGLONG took = ::GetTickCount64() - start;
   EXPECT_LT(took, kCallBound) << "id " << id << " flags " << flags;
+  // The component is called no more than one call's budget allows, and every dump it opened is
+  // closed.
+  EXPECT_LE(component.invoked.size(), 5000u + 64u);
+  const auto calls = [&](const wchar_t* member) {
+    return std::count_if(component.invoked.begin(), component.invoked.end(),
+                         [&](const std::wstring& call) { return call.starts_with(member); });
+  };
+  EXPECT_EQ(calls(L"vbwCloseDumpFile"),
+            component.failOpenDump ? calls(L"vbwCloseDumpFile") : calls(L"vbwOpenDumpFile"));
+  if (g_verbose > 1)
+    for (const std::wstring& call : component.invoked)
+      std::fprintf(stderr, "    %ls\n", call.substr(0, 60).c_str());
   if (g_verbose) {
     std::fprintf(stderr, "  id %ld flags %u arguments %u named %zu modes %d%d%d", id, flags, count,
                  named.size(), parties[0].mode, parties[1].mode, parties[2].mode);
@@ -394,6 +507,9 @@ void Attack(long number, ErrorComponent& component, Hostile (&parties)[3]) {
   component.errors.clear();
   for (Hostile& party : parties)
     party.main.Reset();
+  // A busy queue stays busy until the window's work is taken off it.
+  for (MSG left; ::PeekMessageW(&left, BusyWindow(), WM_APP, WM_APP, PM_REMOVE);) {
+  }
 }
 
 TEST(Adversary, SurvivesSeededHostileCalls) {
