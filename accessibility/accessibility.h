@@ -82,7 +82,6 @@ class Accessibility {
   void vbwReportModuleVariables() const;
 
   void SetWalkLimits(WalkLimits limits) noexcept { limits_ = limits; }
-  const WalkLimits& walkLimits() const noexcept { return limits_; }
 
  private:
   class WalkScope;

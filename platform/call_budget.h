@@ -91,7 +91,6 @@ class CallBudget {
   bool BeginCollaboratorCall() noexcept;
   void EndCollaboratorCall() noexcept;
 
-  int CollaboratorCalls() const noexcept { return frame_.calls; }
   // How many more calls on an accessibility tree the outside call may make.
   std::int64_t TreeCallsLeft() const noexcept;
   // The next collaborator call, and only that one, is a call on an accessibility tree.

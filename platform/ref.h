@@ -79,10 +79,4 @@ Ref<T> MakeRef(Args&&... args) {
   return Ref<T>(new T(std::forward<Args>(args)...));
 }
 
-// The reference as another type of the same object, or nothing when it is not of that type.
-template <class T, class U>
-Ref<T> RefCast(const Ref<U>& from) {
-  return Ref<T>(dynamic_cast<T*>(from.get()));
-}
-
 }  // namespace tabforge

@@ -19,7 +19,7 @@ using tracing::Run;
 namespace {
 
 // A control id narrowed to 16 bits, as most callers hold it.
-std::int16_t Narrow(std::int32_t id) {
+std::int16_t ToControlId(std::int32_t id) {
   if (id < -32768 || id > 32767)
     Raise(RunTimeError::kOverflow);
   return static_cast<std::int16_t>(id);
@@ -62,7 +62,7 @@ Utf16String Main2::GetScreentip(const Utf16String& idStr) {
       },
       [&](Body& body) {
         TF_BEGIN(body)
-        TF_STEP(1) id = Narrow(convertToId(idStr));
+        TF_STEP(1) id = ToControlId(convertToId(idStr));
         TF_STEP(2) if (id != Number(ControlId::ToggleLexoscope)) {
           TF_STEP(3) return;
         }
@@ -110,7 +110,7 @@ VariantBool Main2::GetEnabled(const Utf16String& idStr) {
       },
       [&](Body& body) {
         TF_BEGIN(body)
-        TF_STEP(1) id = Narrow(convertToId(idStr));
+        TF_STEP(1) id = ToControlId(convertToId(idStr));
         TF_STEP(2) if (id == Number(ControlId::OpenUserManual)) {
           TF_STEP(3) result = kTrue;
           TF_STEP(4) return;
@@ -135,7 +135,7 @@ VariantBool Main2::GetPressed(const Utf16String& idStr) {
       },
       [&](Body& body) {
         TF_BEGIN(body)
-        TF_STEP(1) id = Narrow(convertToId(idStr));
+        TF_STEP(1) id = ToControlId(convertToId(idStr));
         TF_STEP(2) if (id == Number(ControlId::ToggleLexoscope)) {
           TF_STEP(3) result = mLexoscopeOn;
         }
@@ -235,7 +235,7 @@ void Main2::RibbonCallback(const Utf16String& idStr, VariantBool isOn) {
         TF_STEP(1) if (At(macroIndex_, 0).empty()) {
           TF_STEP(2) macroIndex_.assign(kMacroNames.begin(), kMacroNames.end());
         }
-        TF_STEP(3) id = Narrow(convertToId(idStr));
+        TF_STEP(3) id = ToControlId(convertToId(idStr));
         // Neither the id nor isOn goes to the macro; the toggle's state comes back through
         // UpdateLexoscopeIcon.
         // The table's slot goes by reference, as an element of an array does.

@@ -57,7 +57,6 @@ class Main2 {
   void activateMorvelinTab(const Ref<Object>& RibbonCommandBar);
 
   void SetTabSearchLimits(const TabSearchLimits& limits);
-  const TabSearchLimits& tabSearchLimits() const { return tabSearchLimits_; }
 
   // --- State, for hosts and tests ----------------------------------------------------------------
 

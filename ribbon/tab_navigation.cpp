@@ -23,15 +23,15 @@ namespace {
 
 // One search's share of the bounds: a deadline for all stages together and the attempts of the
 // stage that is waiting.
-class WaitBudget {
+class SearchBounds {
  public:
-  explicit WaitBudget(const TabSearchLimits& limits)
+  explicit SearchBounds(const TabSearchLimits& limits)
       : deadline_(std::chrono::steady_clock::now() + limits.timeBudget),
         maxAttempts_(limits.maxAttemptsPerStage) {}
 
   void StartStage() noexcept { attempts_ = 0; }
   // Counts an attempt that did not succeed; true when the stage may not try again.
-  bool Spent() noexcept {
+  bool GivesUp() noexcept {
     return quit_ || ++attempts_ >= maxAttempts_ || std::chrono::steady_clock::now() >= deadline_;
   }
   std::chrono::steady_clock::time_point Deadline() const noexcept { return deadline_; }
@@ -132,7 +132,7 @@ void Main2::clickWidget(const Ref<Object>& widget) {
 Ref<Object> Main2::getMorvelinTab(const Ref<Object>& RibbonCommandBar) {
   const Utf16String ribbonName(u"Ribbon");
   const Utf16String ribbonTabsName(u"Ribbon Tabs");
-  WaitBudget budget(tabSearchLimits_);
+  SearchBounds bounds(tabSearchLimits_);
   Ref<Object> result;
   VariantBool isOK = kFalse;
   ChildList tabInfo;
@@ -142,10 +142,10 @@ Ref<Object> Main2::getMorvelinTab(const Ref<Object>& RibbonCommandBar) {
   // A message pass runs the host's code, and it may call back into the library.
   // A pass that finds the host's thread asked to quit leaves the request where it was and ends the
   // search at the stage's next look at its bounds.
-  auto pass = [this, &budget] {
+  auto pass = [this, &bounds] {
     CollaboratorCall counted;
-    if (!protector_.platform().messages->PumpOnce(budget.Deadline()))
-      budget.Quit();
+    if (!protector_.platform().messages->PumpOnce(bounds.Deadline()))
+      bounds.Quit();
   };
   Run(
       Trace(), kGetMorvelinTab,
@@ -162,13 +162,13 @@ Ref<Object> Main2::getMorvelinTab(const Ref<Object>& RibbonCommandBar) {
       },
       [&](Body& body) {
         TF_BEGIN(body)
-        TF_STEP(1) budget.StartStage();
+        TF_STEP(1) bounds.StartStage();
         TF_STEP(2) do {
           TF_STEP(3)
           RibbonPropPage =
               accessibility_.GetAccessible(RibbonCommandBar, kRolePropertyPage, ribbonName, kFalse);
           TF_STEP(4) if (!RibbonPropPage) {
-            TF_STEP(5) if (budget.Spent()) {
+            TF_STEP(5) if (bounds.GivesUp()) {
               TF_STEP(6) return;
             }
             TF_LAST_IN_LOOP(7) pass();
@@ -177,13 +177,13 @@ Ref<Object> Main2::getMorvelinTab(const Ref<Object>& RibbonCommandBar) {
         }
         while (!RibbonPropPage)
           ;
-        TF_STEP(8) budget.StartStage();
+        TF_STEP(8) bounds.StartStage();
         TF_STEP(9) do {
           TF_STEP(10)
           PageTabListClient =
               accessibility_.GetAccessible(RibbonPropPage, kRolePageTabList, ribbonTabsName, kTrue);
           TF_STEP(11) if (!PageTabListClient) {
-            TF_STEP(12) if (budget.Spent()) {
+            TF_STEP(12) if (bounds.GivesUp()) {
               TF_STEP(13) return;
             }
             TF_LAST_IN_LOOP(14) pass();
@@ -192,11 +192,11 @@ Ref<Object> Main2::getMorvelinTab(const Ref<Object>& RibbonCommandBar) {
         }
         while (!PageTabListClient)
           ;
-        TF_STEP(15) budget.StartStage();
+        TF_STEP(15) bounds.StartStage();
         TF_STEP(16) do {
           TF_STEP(17) tabInfo = accessibility_.GetListOfChildren(PageTabListClient, kTrue, isOK);
           TF_STEP(18) if (!IsTrue(isOK)) {
-            TF_STEP(19) if (budget.Spent()) {
+            TF_STEP(19) if (bounds.GivesUp()) {
               TF_STEP(20) return;
             }
             TF_LAST_IN_LOOP(21) pass();
@@ -207,11 +207,11 @@ Ref<Object> Main2::getMorvelinTab(const Ref<Object>& RibbonCommandBar) {
           ;
         // The listing is not made again while the names are awaited: a tab renamed after it was
         // listed is still found under its new name.
-        TF_STEP(22) budget.StartStage();
+        TF_STEP(22) bounds.StartStage();
         TF_STEP(23) do {
           TF_STEP(24) MorvelinTabIndex = TabIndex(tabInfo, mProductName);
           TF_STEP(25) if (MorvelinTabIndex == -1) {
-            TF_STEP(26) if (budget.Spent()) {
+            TF_STEP(26) if (bounds.GivesUp()) {
               TF_STEP(27) return;
             }
             TF_LAST_IN_LOOP(28) pass();

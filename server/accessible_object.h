@@ -19,9 +19,6 @@
 
 namespace tabforge::com {
 
-// COM interfaces have no virtual destructor by design; objects delete themselves in Release.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 class AccessibleObject final : public ComObject<AccessibleObject, IAccessible> {
  public:
   // Nothing for a null element.
@@ -65,6 +62,5 @@ class AccessibleObject final : public ComObject<AccessibleObject, IAccessible> {
 
   Ref<Object> element_;
 };
-#pragma GCC diagnostic pop
 
 }  // namespace tabforge::com

@@ -82,7 +82,7 @@ Apartment* HoldExisting(const ThreadKey& thread) {
   return found;
 }
 
-void Let(Apartment* apartment) {
+void LetGo(Apartment* apartment) {
   ::AcquireSRWLockExclusive(&g_lock);
   const bool last = --apartment->holds == 0;
   if (last) {
@@ -106,7 +106,7 @@ ApartmentHold::ApartmentHold(ApartmentHold&& other) noexcept
 ApartmentHold& ApartmentHold::operator=(ApartmentHold&& other) noexcept {
   if (this != &other) {
     if (apartment_ != nullptr)
-      Let(apartment_);
+      LetGo(apartment_);
     apartment_ = std::exchange(other.apartment_, nullptr);
   }
   return *this;
@@ -114,7 +114,7 @@ ApartmentHold& ApartmentHold::operator=(ApartmentHold&& other) noexcept {
 
 ApartmentHold::~ApartmentHold() {
   if (apartment_ != nullptr)
-    Let(apartment_);
+    LetGo(apartment_);
 }
 
 ApartmentHold ApartmentHold::Enter() {

@@ -12,6 +12,7 @@
 #include "platform/call_budget.h"
 #include "platform/failure.h"
 #include "server/conversions.h"
+#include "tracing/vbw_protector.h"
 
 namespace tabforge::com {
 
@@ -35,7 +36,7 @@ inline void FillException(EXCEPINFO& exception, const Failure& failure) {
   exception.scode = ScodeOf(failure.number);
   // A description that cannot be made leaves only the status; the caller still has the number.
   try {
-    exception.bstrSource = MakeBstr(u"Tabforge").Detach();
+    exception.bstrSource = MakeBstr(kProjectName).Detach();
     exception.bstrDescription = MakeBstr(failure.description).Detach();
   } catch (...) {
   }

@@ -12,10 +12,6 @@
 
 namespace tabforge::com {
 
-// COM interfaces have no virtual destructor by design; objects delete themselves in Release.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
-
 // `Derived` implements `Interface`, an interface derived from IDispatch. It may answer further
 // identities by hiding `QueryMore`, which returns the pointer to hand out (counted by the caller's
 // rules for that identity) or null.
@@ -111,7 +107,5 @@ inline HRESULT NoTypeInfo(ITypeInfo** out) {
     *out = nullptr;
   return DISP_E_BADINDEX;
 }
-
-#pragma GCC diagnostic pop
 
 }  // namespace tabforge::com

@@ -165,7 +165,6 @@ using UniqueVariant = UniqueHandle<VARIANT, ClearVariantCopy>;
 using UniqueSafeArray = UniqueHandle<SAFEARRAY*, ::SafeArrayDestroy>;
 // Never one of the predefined roots (HKEY_CLASSES_ROOT and the like), which nobody owns.
 using UniqueHkey = UniqueHandle<HKEY, ::RegCloseKey>;
-using UniqueGlobal = UniqueHandle<HGLOBAL, FreeGlobal>;
 using UniqueHBitmap = UniqueHandle<HBITMAP, DeleteBitmap>;
 using UniqueGdiplusBitmap = UniqueHandle<Gdiplus::GpBitmap*, DisposeGdiplusBitmap>;
 

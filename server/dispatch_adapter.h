@@ -19,9 +19,6 @@
 
 namespace tabforge::com {
 
-// COM interfaces have no virtual destructor by design; objects delete themselves in Release.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 class DispatchAdapter final : public ComObject<DispatchAdapter, IDispatch> {
  public:
   static ComPtr<IDispatch> Create(Ref<Object> object);
@@ -48,6 +45,5 @@ class DispatchAdapter final : public ComObject<DispatchAdapter, IDispatch> {
   // Names in the order they were asked for; a member's id is its index plus one.
   std::vector<Utf16String> names_;
 };
-#pragma GCC diagnostic pop
 
 }  // namespace tabforge::com

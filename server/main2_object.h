@@ -22,9 +22,6 @@ namespace tabforge::com {
 // The type information of the _Main2 interface in the library's own type library.
 ComPtr<ITypeInfo> LoadMain2TypeInfo();
 
-// COM interfaces have no virtual destructor by design; objects delete themselves in Release.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 class Main2Object final : public ComObject<Main2Object, _Main2> {
  public:
   static HRESULT Create(REFIID riid, void** out);
@@ -74,6 +71,5 @@ class Main2Object final : public ComObject<Main2Object, _Main2> {
   ComPtr<ITypeInfo> typeInfo_;
   Main2 core_;
 };
-#pragma GCC diagnostic pop
 
 }  // namespace tabforge::com

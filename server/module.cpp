@@ -23,8 +23,6 @@ using tabforge::com::ComPtr;
 
 HINSTANCE g_module = nullptr;
 
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 class ClassFactory final : public IClassFactory {
  public:
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
@@ -82,8 +80,6 @@ class ClassFactory final : public IClassFactory {
   LONG references_ = 0;
   LONG locks_ = 0;
 };
-
-#pragma GCC diagnostic pop
 
 ClassFactory g_factory;
 

@@ -26,12 +26,6 @@ Utf16String FromWide(const wchar_t* text, std::size_t length) {
   return Utf16String(reinterpret_cast<const char16_t*>(text), length);
 }
 
-// An argument slot and, for a reference, the temporary the callee writes into.
-struct Argument {
-  UniqueVariant value;      // what the callee sees for a by-value argument, or the temporary
-  VARIANT* slot = nullptr;  // where in DISPPARAMS this argument sits
-};
-
 // Points `slot` at the value inside `temporary`, with the reference form of its type; a variable
 // of the caller's own variant type gets a reference to the whole VARIANT.
 void PointAt(VARIANT* slot, VARIANT* temporary, bool wholeVariant) {

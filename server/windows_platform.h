@@ -15,9 +15,6 @@
 
 // The word processor's ribbon interface. Only the first two of its members are called here;
 // the ones after them are left undeclared.
-// COM interfaces have no virtual destructor by design; objects delete themselves in Release.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 MIDL_INTERFACE("000C03A7-0000-0000-C000-000000000046")
 IRibbonUI : public IDispatch {
  public:
@@ -28,7 +25,6 @@ IRibbonUI : public IDispatch {
 __CRT_UUID_DECL(IRibbonUI, 0x000C03A7, 0x0000, 0x0000, 0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
                 0x46)
 #endif
-#pragma GCC diagnostic pop
 
 namespace tabforge::com {
 

@@ -41,10 +41,6 @@ using com::UniqueVariant;
   throw std::runtime_error(what + " failed with " + code);
 }
 
-// COM interfaces have no virtual destructor by design; objects delete themselves in Release.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
-
 // The by-name half of IDispatch that the session's objects share: a member's id is its place in a
 // fixed list of names, plus one.
 template <class Derived, class Interface>
@@ -191,8 +187,6 @@ class ErrorComponentFactory final : public IClassFactory {
   CallLog& log_;
   std::shared_ptr<ErrorComponentState> state_;
 };
-
-#pragma GCC diagnostic pop
 
 // The session's error component registered for this process under "MorvelinError.Main2", so that
 // the library's creation by program id reaches it. A class that the program id already names is

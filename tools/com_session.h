@@ -21,7 +21,6 @@ class ComApartment {
   ~ComApartment();
   ComApartment(const ComApartment&) = delete;
   ComApartment& operator=(const ComApartment&) = delete;
-  bool ok() const { return ok_; }
 
  private:
   bool ok_ = false;

@@ -52,8 +52,6 @@ class PortableSystemFacts final : public SystemFacts {
   // its stack before it called.
   std::uintptr_t StackFloor() const override;
   void SetStackFloor(std::uintptr_t floor) { stackFloor_ = floor; }
-  void SetScreen(ScreenSize size) { screen_ = size; }
-  void SetDefaultPrinter(std::optional<Utf16String> printer) { printer_ = std::move(printer); }
 
  private:
   ScreenSize screen_{1024, 768};

@@ -81,9 +81,6 @@ std::map<int, std::string> ReadIcons(const std::wstring& folder) {
   return icons;
 }
 
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"  // COM objects end by Release
-
 // The template's signalling object: getToolbarIconBits(number) answers the icon's bytes as a
 // byte array, and writes down which icons it handed out.
 class Signaller final : public IDispatch {
@@ -146,8 +143,6 @@ class Signaller final : public IDispatch {
   const std::map<int, std::string>& icons_;
   ULONG references_ = 1;
 };
-
-#pragma GCC diagnostic pop
 
 // What the first paint asks about one element of the document.
 struct Control {

@@ -35,10 +35,6 @@ VARIANT ObjectArgument(IDispatch* object) {
   return argument;
 }
 
-// COM interfaces have no virtual destructor by design; these doubles live on the test's stack.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
-
 // An object whose default member, asked when the library makes text of it, asks Main2 for the
 // label of itself again; and whose every question for an interface initialises Main2 with itself.
 class CallsBack final : public DispatchDouble<> {
@@ -75,8 +71,6 @@ class CallsBack final : public DispatchDouble<> {
   int queries = 0;
   int defaults = 0;
 };
-
-#pragma GCC diagnostic pop
 
 using Edges = ComTest;
 

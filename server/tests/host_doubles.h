@@ -59,10 +59,6 @@ inline UniqueVariant Value(VARTYPE type, const wchar_t* text) {
   return value;
 }
 
-// COM interfaces have no virtual destructor by design; objects delete themselves in Release.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
-
 // Stands in for an object of the host: counts references without ever deleting itself, counts the
 // questions for `Interface`, gives each name it is asked for an id of its own (of a list, the first
 // name; the others are unknown), records every call as its member and arguments, and answers
@@ -203,8 +199,6 @@ class ErrorComponent final : public DispatchDouble<>, public IClassFactory {
       0x7a2c1e55, 0x3b9d, 0x4c1f, {0x8e, 0x62, 0x0d, 0x4b, 0x7a, 0x9f, 0x1c, 0x38}};
   DWORD cookie_ = 0;
 };
-
-#pragma GCC diagnostic pop
 
 // Tabforge.Main2 as a host creates it, through its program id; null when it cannot be.
 inline ComPtr<IDispatch> CreateMain2() {
