@@ -1,0 +1,82 @@
+#include "platform/portable/posix_log_folder.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+namespace tabforge {
+
+PosixLogFolder::PosixLogFolder(std::string folder, std::string name)
+    : current_(folder + "/" + name + ".log"),
+      older_(current_ + ".1"),
+      lock_(folder + "/" + name + ".lock") {}
+
+PosixLogFolder::~PosixLogFolder() {
+  Unlock();
+}
+
+bool PosixLogFolder::Lock() {
+  // A descriptor of its own for each line: flock excludes other open descriptions, so threads of
+  // one process exclude each other as processes do.
+  lockDescriptor_ = ::open(lock_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (lockDescriptor_ < 0)
+    return false;
+  int result;
+  do {
+    result = ::flock(lockDescriptor_, LOCK_EX);
+  } while (result != 0 && errno == EINTR);
+  if (result != 0) {
+    ::close(lockDescriptor_);
+    lockDescriptor_ = -1;
+    return false;
+  }
+  return true;
+}
+
+void PosixLogFolder::Unlock() {
+  if (lockDescriptor_ < 0)
+    return;
+  ::flock(lockDescriptor_, LOCK_UN);
+  ::close(lockDescriptor_);
+  lockDescriptor_ = -1;
+}
+
+std::int64_t PosixLogFolder::CurrentSize() {
+  struct stat status {};
+  if (::stat(current_.c_str(), &status) == 0)
+    return status.st_size;
+  return errno == ENOENT ? 0 : -1;
+}
+
+bool PosixLogFolder::Append(std::string_view bytes) {
+  const int descriptor = ::open(current_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+  if (descriptor < 0)
+    return false;
+  ssize_t written;
+  do {
+    written = ::write(descriptor, bytes.data(), bytes.size());
+  } while (written < 0 && errno == EINTR);
+  ::close(descriptor);
+  return written == static_cast<ssize_t>(bytes.size());
+}
+
+bool PosixLogFolder::Rotate() {
+  return std::rename(current_.c_str(), older_.c_str()) == 0;
+}
+
+void LineRecorder::Write(std::string_view event, std::span<const flight::Field> fields) noexcept {
+  try {
+    const flight::Stamp stamp{std::chrono::system_clock::now(),
+                              static_cast<std::uint32_t>(::getpid()),
+                              static_cast<std::uint32_t>(::syscall(SYS_gettid))};
+    log_.Write(flight::FormatLine(stamp, event, fields));
+  } catch (...) {
+  }
+}
+
+}  // namespace tabforge
