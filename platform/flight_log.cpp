@@ -288,4 +288,70 @@ std::vector<Event> LastFailures(std::string_view text, std::size_t count) {
   return failures;
 }
 
+std::vector<Finding> JudgeLastStart(std::string_view text, std::int64_t slowStartMs) {
+  std::vector<Finding> findings;
+  const std::vector<Event> events = Events(text);
+  const std::optional<LastStart> start = FindLastStart(text);
+  if (!start) {
+    findings.push_back({"loaded", "problem",
+                        events.empty()
+                            ? "the log is empty: the library was never loaded while the log was on"
+                            : "the library was never loaded since " + events.front().time +
+                                  ", when the log begins"});
+    return findings;
+  }
+  const Event& loaded = start->loaded;
+  findings.push_back({"loaded", "ok",
+                      "last loaded " + loaded.time + " by " + loaded.Value("host").value_or("?") +
+                          " (process " + std::to_string(loaded.process) + ")"});
+  // The start as the host times it: the load, the connection and the ribbon's document.
+  std::int64_t startMs = -1;
+  bool document = false;
+  for (const StartStep& step : start->steps) {
+    if (step.name == "get-ribbon-xml")
+      document = true;
+    if (step.name == "main2-created" || step.name == "initialize" ||
+        step.name == "get-ribbon-xml" || step.name == "ribbon-handed-over")
+      startMs = std::max(startMs, step.ms);
+  }
+  if (document) {
+    findings.push_back({"document", "ok", "the ribbon asked for its document"});
+  } else {
+    findings.push_back({"document", "problem",
+                        "loaded " + loaded.time +
+                            ", but the ribbon never asked for its document (GetRibbonXML): the "
+                            "host did not connect the add-in, or it ended first"});
+  }
+  if (startMs > slowStartMs) {
+    findings.push_back({"start-time", "problem",
+                        "the start took " + std::to_string(startMs) + " ms, longer than the " +
+                            std::to_string(slowStartMs) + " ms the word processor allows"});
+  } else if (startMs >= 0) {
+    findings.push_back({"start-time", "ok", "the start took " + std::to_string(startMs) + " ms"});
+  }
+  std::size_t failures = 0;
+  const Event* last = nullptr;
+  bool after = false;
+  for (const Event& event : events) {
+    // The last start's "loaded" is the log's last one.
+    if (event.name == "loaded")
+      after = event.time == loaded.time && event.process == loaded.process;
+    else if (after && event.process == loaded.process && event.name == "failure") {
+      ++failures;
+      last = &event;
+    }
+  }
+  if (last == nullptr) {
+    findings.push_back({"failures", "ok", "no failure since the last load"});
+  } else {
+    findings.push_back({"failures", "warning",
+                        std::to_string(failures) + " since the last load, the last " + last->time +
+                            " in " + last->Value("procedure").value_or("?") + ": " +
+                            last->Value("number").value_or("?") + " " +
+                            last->Value("description").value_or("") + " (" +
+                            last->Value("outcome").value_or("?") + ")"});
+  }
+  return findings;
+}
+
 }  // namespace tabforge::flight

@@ -109,4 +109,16 @@ std::optional<LastStart> FindLastStart(std::string_view text);
 // The last `count` failure lines, oldest first.
 std::vector<Event> LastFailures(std::string_view text, std::size_t count);
 
+// What the last start says about the add-in, one finding a check: "loaded" (the library was loaded
+// at all since the log begins), "document" (the ribbon asked for its document after the load),
+// "start-time" (the start took no longer than the host allows) and "failures" (since that load).
+struct Finding {
+  std::string check;
+  std::string status;  // "ok", "warning" or "problem"
+  std::string detail;
+};
+// The word processor disables an add-in whose start takes longer than a second.
+inline constexpr std::int64_t kSlowStartMs = 1000;
+std::vector<Finding> JudgeLastStart(std::string_view text, std::int64_t slowStartMs = kSlowStartMs);
+
 }  // namespace tabforge::flight

@@ -433,5 +433,60 @@ TEST(FlightLogReading, TheLastFailuresOldestFirst) {
   EXPECT_EQ(flight::LastFailures(text, 10).size(), 4u);
 }
 
+// The findings as "check status", and the details apart.
+std::vector<std::string> Verdict(const std::string& text, std::int64_t slowMs = 1000) {
+  std::vector<std::string> verdict;
+  for (const auto& finding : flight::JudgeLastStart(text, slowMs))
+    verdict.push_back(finding.check + " " + finding.status);
+  return verdict;
+}
+
+TEST(FlightLogJudgement, NeverLoadedSinceTheLogBegins) {
+  EXPECT_THAT(Verdict(""), ElementsAre("loaded problem"));
+  const std::string text = "2026-11-20T08:00:00.000Z 10 1 failure number=13\n";
+  const auto findings = flight::JudgeLastStart(text);
+  ASSERT_EQ(findings.size(), 1u);
+  EXPECT_THAT(findings[0].detail, HasSubstr("never loaded since 2026-11-20T08:00:00.000Z"));
+}
+
+TEST(FlightLogJudgement, LoadedButTheRibbonNeverAskedForItsDocument) {
+  const std::string text =
+      "2026-11-25T09:00:00.000Z 30 1 loaded host=WINWORD.EXE\n"
+      "2026-11-25T09:00:00.030Z 30 1 main2-created ms=30\n"
+      "2026-11-25T09:00:00.031Z 30 1 initialize ms=31 took_ms=0\n";
+  EXPECT_THAT(Verdict(text),
+              ElementsAre("loaded ok", "document problem", "start-time ok", "failures ok"));
+}
+
+TEST(FlightLogJudgement, AStartLongerThanTheHostAllows) {
+  const std::string text =
+      "2026-11-25T09:00:00.000Z 30 1 loaded host=WINWORD.EXE\n"
+      "2026-11-25T09:00:00.030Z 30 1 main2-created ms=30\n"
+      "2026-11-25T09:00:01.300Z 30 1 get-ribbon-xml ms=1300 took_ms=1200\n"
+      "2026-11-25T09:00:09.000Z 30 1 first-picture ms=9000 took_ms=1\n";
+  EXPECT_THAT(Verdict(text),
+              ElementsAre("loaded ok", "document ok", "start-time problem", "failures ok"));
+  // The first picture comes when the user opens the tab; it is not part of the start.
+  EXPECT_THAT(Verdict(text, 1300),
+              ElementsAre("loaded ok", "document ok", "start-time ok", "failures ok"));
+}
+
+TEST(FlightLogJudgement, OnlyTheLastStartsOwnFailuresCount) {
+  const std::string text =
+      "2026-11-25T09:00:00.000Z 20 1 loaded host=a\n"
+      "2026-11-25T09:00:00.001Z 20 1 failure procedure=Old number=5\n"
+      "2026-11-25T09:00:01.000Z 30 1 loaded host=b\n"
+      "2026-11-25T09:00:01.002Z 20 1 failure procedure=Other number=6\n"
+      "2026-11-25T09:00:01.010Z 30 1 get-ribbon-xml ms=10 took_ms=1\n"
+      "2026-11-25T09:00:02.000Z 30 1 failure procedure=Main2.convertToId number=13 "
+      "description=\"Type mismatch\" outcome=no-component\n";
+  const auto findings = flight::JudgeLastStart(text);
+  ASSERT_EQ(findings.size(), 4u);
+  EXPECT_EQ(findings[3].status, "warning");
+  EXPECT_EQ(findings[3].detail,
+            "1 since the last load, the last 2026-11-25T09:00:02.000Z in Main2.convertToId: 13 "
+            "Type mismatch (no-component)");
+}
+
 }  // namespace
 }  // namespace tabforge::testing

@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -21,9 +22,10 @@ constexpr const char* kLogUsage =
     "process that loaded it, its start step by step and every failure. It is on unless switched\n"
     "off. 'on' and 'off' set the user's switch (HKEY_CURRENT_USER\\Software\\Tabforge\\Log,\n"
     "Enabled); an administrator's policy (HKEY_LOCAL_MACHINE\\Software\\Policies\\Tabforge\\Log,\n"
-    "Enabled) decides over it. 'show' prints both switches, the last start with each step's\n"
-    "time since the library was loaded, the last failures and the log's last N lines\n"
-    "(default 20).\n";
+    "Enabled) decides over it. 'show' prints both switches, what the last start says (the\n"
+    "library never loaded, the ribbon never asking for its document, a start longer than the\n"
+    "word processor allows, failures), that start with each step's time since the library was\n"
+    "loaded, the last failures and the log's last N lines (default 20).\n";
 
 std::string Narrow(const std::wstring& text) {
   return ToUtf8(Utf16View(reinterpret_cast<const char16_t*>(text.data()), text.size()));
@@ -103,6 +105,11 @@ int Show(std::size_t lines) {
   const std::wstring current = folder + L"\\" + com::kLogFileName;
   std::cout << "folder: " << Narrow(folder) << "\n";
   const std::string text = ReadText(current + L".1") + ReadText(current);
+  for (const flight::Finding& finding : flight::JudgeLastStart(text)) {
+    std::cout << finding.status
+              << std::string(8 - std::min<std::size_t>(finding.status.size(), 7), ' ')
+              << finding.check << ": " << finding.detail << "\n";
+  }
   PrintLastStart(text);
   PrintLastFailures(text);
   std::vector<std::string_view> all;

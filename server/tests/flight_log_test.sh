@@ -64,6 +64,8 @@ session "$start" >/dev/null
 session "$start" >/dev/null
 shown=$("${run[@]}" "$tool" log show | tr -d '\r')
 grep -q '^  first-picture at [0-9]* ms$' <<< "$shown" || fail "show: $shown"
+grep -q '^ok *document: ' <<< "$shown" && grep -q '^ok *start-time: the start took' <<< "$shown" ||
+    fail "show's verdict: $shown"
 [ "$failed" = "$before" ] && ok
 
 name=megabyte
