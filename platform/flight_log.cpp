@@ -218,12 +218,13 @@ bool RotatingLog::Write(std::string_view line) noexcept {
     bytes.reserve(line.size() + 1);
     bytes += line;
     bytes += '\n';
-    if (!folder_.Lock()) {
+    const std::optional<std::uintptr_t> held = folder_.Lock();
+    if (!held) {
       broken_.store(true, std::memory_order_relaxed);
       return false;
     }
     const bool written = WriteLocked(bytes);
-    folder_.Unlock();
+    folder_.Unlock(*held);
     if (!written)
       broken_.store(true, std::memory_order_relaxed);
     return written;

@@ -55,11 +55,13 @@ std::optional<Event> ParseLine(std::string_view line);
 
 // The operating system's side of the log's folder: the current file, the one older file, and a
 // lock that every writer of the folder, in any process and on any thread, takes for each line.
+// The folder keeps no state between calls, so that threads may write at once.
 class LogFolder {
  public:
   virtual ~LogFolder() = default;
-  virtual bool Lock() = 0;
-  virtual void Unlock() = 0;
+  // Waits for the folder's lock and returns what releases it; nothing when it cannot be had.
+  virtual std::optional<std::uintptr_t> Lock() = 0;
+  virtual void Unlock(std::uintptr_t held) = 0;
   // The current file's size in bytes: 0 when there is none, -1 when it cannot be told.
   virtual std::int64_t CurrentSize() = 0;
   // Appends to the current file with one write on a file opened for appending; false unless every

@@ -40,8 +40,8 @@ UniqueFile OpenFile(const wchar_t* path, DWORD access, DWORD disposition) {
   return UniqueFile(file == INVALID_HANDLE_VALUE ? nullptr : file);
 }
 
-// The folder's files. Kept in fixed arrays, so that the one instance of the process can live in
-// static storage with nothing to destroy when the library is unloaded (under the loader lock).
+// The folder's files, in fixed arrays, so that the one instance of the process can live in static
+// storage with nothing to destroy when the library is unloaded (under the loader lock).
 class WindowsLogFolder final : public flight::LogFolder {
  public:
   bool SetFolder(const std::wstring& folder) {
@@ -50,28 +50,24 @@ class WindowsLogFolder final : public flight::LogFolder {
            CopyPath(lock_, folder + L"\\tabforge.lock");
   }
 
-  bool Lock() override {
+  std::optional<std::uintptr_t> Lock() override {
     // A handle of its own for each line: the lock of one handle excludes every other handle,
     // so threads of this process wait for each other as other processes do.
-    lockFile_ = OpenFile(lock_.data(), GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS);
-    if (!lockFile_)
-      return false;
+    UniqueFile file = OpenFile(lock_.data(), GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS);
+    if (!file)
+      return std::nullopt;
     OVERLAPPED at{};
-    if (!::LockFileEx(lockFile_.Get(), LOCKFILE_EXCLUSIVE_LOCK, 0, 1, 0, &at)) {
-      lockFile_.Reset();
-      return false;
-    }
-    return true;
+    if (!::LockFileEx(file.Get(), LOCKFILE_EXCLUSIVE_LOCK, 0, 1, 0, &at))
+      return std::nullopt;
+    return reinterpret_cast<std::uintptr_t>(file.Detach());
   }
 
-  void Unlock() override {
-    if (!lockFile_)
-      return;
+  void Unlock(std::uintptr_t held) override {
+    const UniqueFile file(reinterpret_cast<HANDLE>(held));
     // Unlocked before the handle closes: the system frees a closed handle's locks only "when
     // resources allow", and the next writer would wait for that.
     OVERLAPPED at{};
-    ::UnlockFileEx(lockFile_.Get(), 0, 1, 0, &at);
-    lockFile_.Reset();
+    ::UnlockFileEx(file.Get(), 0, 1, 0, &at);
   }
 
   std::int64_t CurrentSize() override {
@@ -102,7 +98,6 @@ class WindowsLogFolder final : public flight::LogFolder {
   Path current_{};
   Path older_{};
   Path lock_{};
-  UniqueFile lockFile_;
 };
 
 class WindowsRecorder final : public flight::Recorder {

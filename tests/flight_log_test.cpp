@@ -104,11 +104,15 @@ struct RecordingFolder final : flight::LogFolder {
   std::int64_t size = 0;
   bool lockFails = false;
   bool appendFails = false;
-  bool Lock() override {
+  std::optional<std::uintptr_t> Lock() override {
     calls.push_back("lock");
-    return !lockFails;
+    if (lockFails)
+      return std::nullopt;
+    return 0xdeadbeef;
   }
-  void Unlock() override { calls.push_back("unlock"); }
+  void Unlock(std::uintptr_t held) override {
+    calls.push_back(held == 0xdeadbeef ? "unlock" : "unlock of something never locked");
+  }
   std::int64_t CurrentSize() override {
     calls.push_back("size");
     return size;
@@ -257,6 +261,34 @@ TEST(PosixLogFolder, ProcessesRotatingAtOnceKeepWholeLinesWithinTheBound) {
       EXPECT_TRUE(flight::ParseLine(line).has_value()) << line;
   }
   EXPECT_FALSE(fs::exists(dir.path / "tabforge.log.2"));
+}
+
+TEST(PosixLogFolder, ThreadsSharingOneLogLoseAndMixNoLine) {
+  TemporaryFolder dir;
+  PosixLogFolder folder(dir.path.string(), "tabforge");
+  flight::RotatingLog log(folder);
+  constexpr int kThreads = 4;
+  constexpr int kLines = 500;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&log, t] {
+      for (int i = 0; i < kLines; ++i) {
+        const flight::Field fields[] = {{"writer", std::to_string(t)}, {"n", std::to_string(i)}};
+        EXPECT_TRUE(log.Write(flight::FormatLine(FixedStamp(), "probe", fields)));
+      }
+    });
+  }
+  for (auto& thread : threads)
+    thread.join();
+  std::map<int, int> next;
+  for (const std::string& line : Lines(ReadFile(folder.CurrentPath()))) {
+    const auto event = flight::ParseLine(line);
+    ASSERT_TRUE(event.has_value()) << line;
+    const int writer = std::stoi(*event->Value("writer"));
+    EXPECT_EQ(std::stoi(*event->Value("n")), next[writer]++);
+  }
+  for (int t = 0; t < kThreads; ++t)
+    EXPECT_EQ(next[t], kLines);
 }
 
 // --- The events the core notes -------------------------------------------------------------------

@@ -16,34 +16,27 @@ PosixLogFolder::PosixLogFolder(std::string folder, std::string name)
       older_(current_ + ".1"),
       lock_(folder + "/" + name + ".lock") {}
 
-PosixLogFolder::~PosixLogFolder() {
-  Unlock();
-}
-
-bool PosixLogFolder::Lock() {
+std::optional<std::uintptr_t> PosixLogFolder::Lock() {
   // A descriptor of its own for each line: flock excludes other open descriptions, so threads of
   // one process exclude each other as processes do.
-  lockDescriptor_ = ::open(lock_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-  if (lockDescriptor_ < 0)
-    return false;
+  const int descriptor = ::open(lock_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (descriptor < 0)
+    return std::nullopt;
   int result;
   do {
-    result = ::flock(lockDescriptor_, LOCK_EX);
+    result = ::flock(descriptor, LOCK_EX);
   } while (result != 0 && errno == EINTR);
   if (result != 0) {
-    ::close(lockDescriptor_);
-    lockDescriptor_ = -1;
-    return false;
+    ::close(descriptor);
+    return std::nullopt;
   }
-  return true;
+  return static_cast<std::uintptr_t>(descriptor);
 }
 
-void PosixLogFolder::Unlock() {
-  if (lockDescriptor_ < 0)
-    return;
-  ::flock(lockDescriptor_, LOCK_UN);
-  ::close(lockDescriptor_);
-  lockDescriptor_ = -1;
+void PosixLogFolder::Unlock(std::uintptr_t held) {
+  const int descriptor = static_cast<int>(held);
+  ::flock(descriptor, LOCK_UN);
+  ::close(descriptor);
 }
 
 std::int64_t PosixLogFolder::CurrentSize() {

@@ -15,12 +15,9 @@ namespace tabforge {
 class PosixLogFolder final : public flight::LogFolder {
  public:
   PosixLogFolder(std::string folder, std::string name);
-  ~PosixLogFolder() override;
-  PosixLogFolder(const PosixLogFolder&) = delete;
-  PosixLogFolder& operator=(const PosixLogFolder&) = delete;
 
-  bool Lock() override;
-  void Unlock() override;
+  std::optional<std::uintptr_t> Lock() override;
+  void Unlock(std::uintptr_t held) override;
   std::int64_t CurrentSize() override;
   bool Append(std::string_view bytes) override;
   bool Rotate() override;
@@ -32,7 +29,6 @@ class PosixLogFolder final : public flight::LogFolder {
   std::string current_;
   std::string older_;
   std::string lock_;
-  int lockDescriptor_ = -1;
 };
 
 // Stamps each event with the time, the process and the thread, and writes it as one line.
