@@ -218,6 +218,14 @@ bool RotatingLog::Write(std::string_view line) noexcept {
     bytes.reserve(line.size() + 1);
     bytes += line;
     bytes += '\n';
+    const std::optional<bool> quick =
+        folder_.AppendWithin(bytes, limits_.maxBytes - limits_.maxBytes / 8);
+    if (!quick) {
+      broken_.store(true, std::memory_order_relaxed);
+      return false;
+    }
+    if (*quick)
+      return true;
     const std::optional<std::uintptr_t> held = folder_.Lock();
     if (!held) {
       broken_.store(true, std::memory_order_relaxed);

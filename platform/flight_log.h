@@ -67,6 +67,9 @@ class LogFolder {
   // Appends to the current file with one write on a file opened for appending; false unless every
   // byte was written.
   virtual bool Append(std::string_view bytes) = 0;
+  // The same without the lock, but only while the file stays within `limit` bytes with them:
+  // true when written, false when the file is too large for that, nothing when it failed.
+  virtual std::optional<bool> AppendWithin(std::string_view bytes, std::int64_t limit) = 0;
   // The current file becomes the older one, replacing it.
   virtual bool Rotate() = 0;
 };
@@ -76,9 +79,13 @@ struct LogLimits {
   std::int64_t maxBytes = 1024 * 1024;
 };
 
-// Writes lines into a folder's current file, one write a line under the folder's lock, and rotates
-// it at the bound. A folder that cannot be written costs one attempt: from then on this writer
-// writes nothing, and nothing reports the failure.
+// Writes lines into a folder's current file, one write a line, and rotates it at the bound. Far
+// from the bound a line is appended without the folder's lock: appends of whole lines cannot mix,
+// and only the rotation needs one writer at a time. Within the last eighth below the bound every
+// line takes the lock, reads the size under it and rotates first when the line would not fit, so
+// two writers never both rotate. (A writer that read a small size and then waited while others
+// wrote an eighth of the bound could pass it by its one line.) A folder that cannot be written
+// costs one attempt: from then on this writer writes nothing, and nothing reports the failure.
 class RotatingLog {
  public:
   explicit RotatingLog(LogFolder& folder, LogLimits limits = {}) noexcept

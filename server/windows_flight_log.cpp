@@ -3,6 +3,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <new>
 
 #include "platform/flight_events.h"
@@ -10,7 +11,6 @@
 #include "platform/utf16.h"
 #include "server/com_ptr.h"
 #include "server/registry_entries.h"
-#include "server/system_library.h"
 #include "tabforge_version.h"
 
 namespace tabforge::com {
@@ -42,6 +42,14 @@ UniqueFile OpenFile(const wchar_t* path, DWORD access, DWORD disposition) {
 
 // The folder's files, in fixed arrays, so that the one instance of the process can live in static
 // storage with nothing to destroy when the library is unloaded (under the loader lock).
+// Opened with the right to append and no right to write elsewhere, every write goes to the end of
+// the file, whatever other handles wrote meanwhile; one write a line keeps lines whole.
+bool WriteOnce(HANDLE file, std::string_view bytes) {
+  DWORD written = 0;
+  return ::WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) &&
+         written == bytes.size();
+}
+
 class WindowsLogFolder final : public flight::LogFolder {
  public:
   bool SetFolder(const std::wstring& folder) {
@@ -79,15 +87,21 @@ class WindowsLogFolder final : public flight::LogFolder {
   }
 
   bool Append(std::string_view bytes) override {
-    // Opened with the right to append only, every write goes to the end of the file, whatever
-    // other handles wrote meanwhile; one write a line keeps lines whole.
     const UniqueFile file = OpenFile(current_.data(), FILE_APPEND_DATA, OPEN_ALWAYS);
-    if (!file)
+    return file && WriteOnce(file.Get(), bytes);
+  }
+
+  std::optional<bool> AppendWithin(std::string_view bytes, std::int64_t limit) override {
+    const UniqueFile file =
+        OpenFile(current_.data(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES, OPEN_ALWAYS);
+    LARGE_INTEGER size{};
+    if (!file || !::GetFileSizeEx(file.Get(), &size))
+      return std::nullopt;
+    if (size.QuadPart + static_cast<std::int64_t>(bytes.size()) > limit)
       return false;
-    DWORD written = 0;
-    return ::WriteFile(file.Get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written,
-                       nullptr) &&
-           written == bytes.size();
+    if (!WriteOnce(file.Get(), bytes))
+      return std::nullopt;
+    return true;
   }
 
   bool Rotate() override {
@@ -126,38 +140,30 @@ struct LogState {
 alignas(LogState) unsigned char logStorage[sizeof(LogState)];
 std::atomic<bool> started{false};
 
-// The version of the file at `path` as its version record gives it, "16.0.17928.20114"; empty
-// when it has none. version.dll is loaded on this first use only, so that a process that never
-// loads the library does not pay for it.
-std::string FileVersion(const std::wstring& path) {
-  using SizeFunction = DWORD(WINAPI*)(LPCWSTR, LPDWORD);
-  using InfoFunction = BOOL(WINAPI*)(LPCWSTR, DWORD, DWORD, LPVOID);
-  using QueryFunction = BOOL(WINAPI*)(LPCVOID, LPCWSTR, LPVOID*, PUINT);
-  const auto size =
-      reinterpret_cast<SizeFunction>(SystemProcedure(L"version.dll", "GetFileVersionInfoSizeW"));
-  const auto info =
-      reinterpret_cast<InfoFunction>(SystemProcedure(L"version.dll", "GetFileVersionInfoW"));
-  const auto query =
-      reinterpret_cast<QueryFunction>(SystemProcedure(L"version.dll", "VerQueryValueW"));
-  if (size == nullptr || info == nullptr || query == nullptr)
+// The host program's version as its version record gives it, "16.0.17928.20114"; empty when it
+// has none. Read from the record already mapped with the program, by its fixed part's signature:
+// version.dll would be one more library to load into the start, and it reads the file again.
+std::string HostVersion() {
+  const HMODULE host = ::GetModuleHandleW(nullptr);
+  const HRSRC resource = ::FindResourceW(host, MAKEINTRESOURCEW(VS_VERSION_INFO), RT_VERSION);
+  if (resource == nullptr)
     return {};
-  DWORD ignored = 0;
-  const DWORD bytes = size(path.c_str(), &ignored);
-  if (bytes == 0)
+  const HGLOBAL loaded = ::LoadResource(host, resource);
+  const DWORD size = ::SizeofResource(host, resource);
+  const auto* bytes = static_cast<const unsigned char*>(::LockResource(loaded));
+  if (bytes == nullptr)
     return {};
-  std::string record(bytes, '\0');
-  if (!info(path.c_str(), 0, bytes, record.data()))
-    return {};
-  void* fixed = nullptr;
-  UINT length = 0;
-  if (!query(record.data(), L"\\", &fixed, &length) || fixed == nullptr ||
-      length < sizeof(VS_FIXEDFILEINFO))
-    return {};
-  const auto* version = static_cast<const VS_FIXEDFILEINFO*>(fixed);
-  return std::to_string(HIWORD(version->dwFileVersionMS)) + "." +
-         std::to_string(LOWORD(version->dwFileVersionMS)) + "." +
-         std::to_string(HIWORD(version->dwFileVersionLS)) + "." +
-         std::to_string(LOWORD(version->dwFileVersionLS));
+  for (DWORD at = 0; at + sizeof(VS_FIXEDFILEINFO) <= size; at += 4) {
+    VS_FIXEDFILEINFO fixed;
+    std::memcpy(&fixed, bytes + at, sizeof fixed);
+    if (fixed.dwSignature != VS_FFI_SIGNATURE)
+      continue;
+    return std::to_string(HIWORD(fixed.dwFileVersionMS)) + "." +
+           std::to_string(LOWORD(fixed.dwFileVersionMS)) + "." +
+           std::to_string(HIWORD(fixed.dwFileVersionLS)) + "." +
+           std::to_string(LOWORD(fixed.dwFileVersionLS));
+  }
+  return {};
 }
 
 // The host program's file: the process's first module.
@@ -181,9 +187,11 @@ std::wstring HostPath() {
 void WriteLoaded(HMODULE library) {
   const std::wstring host = HostPath();
   const flight::Field fields[] = {
-      {"path", Narrow(ModulePath(library))},       {"version", TABFORGE_VERSION_TEXT},
-      {"bits", std::to_string(sizeof(void*) * 8)}, {"host", Narrow(host)},
-      {"host_version", FileVersion(host)},
+      {"path", Narrow(ModulePath(library))},
+      {"version", TABFORGE_VERSION_TEXT},
+      {"bits", std::to_string(sizeof(void*) * 8)},
+      {"host", Narrow(host)},
+      {"host_version", HostVersion()},
   };
   flight::Note("loaded", fields);
 }
@@ -236,8 +244,10 @@ void StartFlightLog(HMODULE library) noexcept {
     const std::wstring folder = LogFolderPath();
     if (folder.empty())
       return;
-    ::CreateDirectoryW(folder.substr(0, folder.find_last_of(L'\\')).c_str(), nullptr);
-    ::CreateDirectoryW(folder.c_str(), nullptr);
+    if (::GetFileAttributesW(folder.c_str()) == INVALID_FILE_ATTRIBUTES) {
+      ::CreateDirectoryW(folder.substr(0, folder.find_last_of(L'\\')).c_str(), nullptr);
+      ::CreateDirectoryW(folder.c_str(), nullptr);
+    }
     auto* state = new (logStorage) LogState;
     if (!state->folder.SetFolder(folder))
       return;

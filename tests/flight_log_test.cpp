@@ -124,6 +124,15 @@ struct RecordingFolder final : flight::LogFolder {
     size += static_cast<std::int64_t>(bytes.size());
     return true;
   }
+  std::optional<bool> AppendWithin(std::string_view bytes, std::int64_t limit) override {
+    calls.push_back("append within " + std::to_string(limit));
+    if (appendFails)
+      return std::nullopt;
+    if (size + static_cast<std::int64_t>(bytes.size()) > limit)
+      return false;
+    size += static_cast<std::int64_t>(bytes.size());
+    return true;
+  }
   bool Rotate() override {
     calls.push_back("rotate");
     size = 0;
@@ -131,16 +140,19 @@ struct RecordingFolder final : flight::LogFolder {
   }
 };
 
-TEST(RotatingLog, SizeIsReadUnderTheLockAndTheFileRotatesBeforeItWouldPassTheBound) {
+TEST(RotatingLog, NearTheBoundSizeIsReadUnderTheLockAndTheFileRotatesBeforeItWouldPassIt) {
   RecordingFolder folder;
-  flight::RotatingLog log(folder, {.maxBytes = 10});
-  EXPECT_TRUE(log.Write("1234"));        // 5 bytes
-  EXPECT_TRUE(log.Write("abcd"));        // 10: exactly the bound
-  EXPECT_TRUE(log.Write("x"));           // would be 12: rotate first
-  EXPECT_TRUE(log.Write("0123456789"));  // 11 bytes alone: never written
-  EXPECT_THAT(folder.calls, ElementsAre("lock", "size", "append 5", "unlock", "lock", "size",
-                                        "append 5", "unlock", "lock", "size", "rotate", "append 2",
-                                        "unlock", "lock", "size", "rotate", "unlock"));
+  flight::RotatingLog log(folder, {.maxBytes = 80});
+  EXPECT_TRUE(log.Write(std::string(63, 'a')));  // 64 bytes: far from the bound, no lock
+  EXPECT_TRUE(log.Write("123456"));              // 71: past 80 less an eighth, under the lock
+  EXPECT_TRUE(log.Write("abcdefgh"));            // 80: exactly the bound
+  EXPECT_TRUE(log.Write("x"));                   // would be 82: rotate first
+  EXPECT_TRUE(log.Write(std::string(80, 'z')));  // 81 bytes alone: never written
+  EXPECT_THAT(folder.calls,
+              ElementsAre("append within 70", "append within 70", "lock", "size", "append 7",
+                          "unlock", "append within 70", "lock", "size", "append 9", "unlock",
+                          "append within 70", "lock", "size", "rotate", "append 2", "unlock",
+                          "append within 70", "lock", "size", "rotate", "unlock"));
 }
 
 TEST(RotatingLog, AFolderThatFailsIsTriedOnceAndNeverAgain) {
@@ -148,7 +160,8 @@ TEST(RotatingLog, AFolderThatFailsIsTriedOnceAndNeverAgain) {
     RecordingFolder folder;
     folder.lockFails = lockFails;
     folder.appendFails = !lockFails;
-    flight::RotatingLog log(folder);
+    folder.size = lockFails ? 100 : 0;  // a lock is only asked for near the bound
+    flight::RotatingLog log(folder, {.maxBytes = 100});
     EXPECT_FALSE(log.Write("first"));
     EXPECT_TRUE(log.Broken());
     const std::size_t calls = folder.calls.size();

@@ -46,16 +46,40 @@ std::int64_t PosixLogFolder::CurrentSize() {
   return errno == ENOENT ? 0 : -1;
 }
 
-bool PosixLogFolder::Append(std::string_view bytes) {
-  const int descriptor = ::open(current_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-  if (descriptor < 0)
-    return false;
+namespace {
+
+bool WriteOnce(int descriptor, std::string_view bytes) {
   ssize_t written;
   do {
     written = ::write(descriptor, bytes.data(), bytes.size());
   } while (written < 0 && errno == EINTR);
-  ::close(descriptor);
   return written == static_cast<ssize_t>(bytes.size());
+}
+
+}  // namespace
+
+std::optional<bool> PosixLogFolder::AppendWithin(std::string_view bytes, std::int64_t limit) {
+  const int descriptor = ::open(current_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+  if (descriptor < 0)
+    return std::nullopt;
+  struct stat status {};
+  std::optional<bool> result;
+  if (::fstat(descriptor, &status) == 0) {
+    result = status.st_size + static_cast<std::int64_t>(bytes.size()) <= limit;
+    if (*result && !WriteOnce(descriptor, bytes))
+      result.reset();
+  }
+  ::close(descriptor);
+  return result;
+}
+
+bool PosixLogFolder::Append(std::string_view bytes) {
+  const int descriptor = ::open(current_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+  if (descriptor < 0)
+    return false;
+  const bool written = WriteOnce(descriptor, bytes);
+  ::close(descriptor);
+  return written;
 }
 
 bool PosixLogFolder::Rotate() {

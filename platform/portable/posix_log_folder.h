@@ -20,6 +20,7 @@ class PosixLogFolder final : public flight::LogFolder {
   void Unlock(std::uintptr_t held) override;
   std::int64_t CurrentSize() override;
   bool Append(std::string_view bytes) override;
+  std::optional<bool> AppendWithin(std::string_view bytes, std::int64_t limit) override;
   bool Rotate() override;
 
   const std::string& CurrentPath() const { return current_; }
