@@ -68,9 +68,10 @@ void PrintLastStart(const std::string& text) {
     return;
   }
   const flight::Event& loaded = start->loaded;
+  const std::string hostVersion = loaded.Value("host_version").value_or("");
   std::cout << "last start: " << loaded.time << ", process " << loaded.process << ", "
-            << loaded.Value("host").value_or("?") << " "
-            << loaded.Value("host_version").value_or("") << "\n  loaded "
+            << loaded.Value("host").value_or("?")
+            << (hostVersion.empty() ? "" : " (version " + hostVersion + ")") << "\n  loaded "
             << loaded.Value("path").value_or("?") << " (" << loaded.Value("version").value_or("?")
             << ", " << loaded.Value("bits").value_or("?") << "-bit)\n";
   for (const flight::StartStep& step : start->steps)
@@ -79,7 +80,7 @@ void PrintLastStart(const std::string& text) {
 
 void PrintLastFailures(const std::string& text) {
   const std::vector<flight::Event> failures = flight::LastFailures(text, 5);
-  std::cout << "last failures: " << (failures.empty() ? "none in the log" : "") << "\n";
+  std::cout << "last failures:" << (failures.empty() ? " none in the log" : "") << "\n";
   for (const flight::Event& failure : failures) {
     std::cout << "  " << failure.time << " " << failure.Value("procedure").value_or("?") << " line "
               << failure.Value("line").value_or("?") << ": "
