@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The flight log under Wine, through tabforge.exe driving the registered Tabforge.dll: a start's
-# lines in order, failures with and without the error component, the switch, a full megabyte, two
-# processes writing at once, and a folder that cannot be written.
+# lines in order, failures with and without the error component, the user's switch and the
+# machine's policy over it, a full megabyte, two processes writing at once, and a folder that
+# cannot be written.
 #
 #   flight_log_test.sh BITS WORK-DIR TABFORGE.EXE TABFORGE.DLL
 set -euo pipefail
@@ -66,6 +67,18 @@ shown=$("${run[@]}" "$tool" log show | tr -d '\r')
 grep -q '^  first-picture at [0-9]* ms$' <<< "$shown" || fail "show: $shown"
 grep -q '^ok *document: ' <<< "$shown" && grep -q '^ok *start-time: the start took' <<< "$shown" ||
     fail "show's verdict: $shown"
+[ "$failed" = "$before" ] && ok
+
+name=machine-policy
+before=$failed
+rm -rf "$logs"
+"${run[@]}" reg add 'HKLM\Software\Policies\Tabforge\Log' /v Enabled /t REG_DWORD /d 0 /f /reg:64 \
+    >/dev/null
+"${run[@]}" "$tool" log on | tr -d '\r' | grep -q '^log off: the machine.s policy is off, the user.s switch is on' ||
+    fail "the user's switch decided over the machine's"
+session "$start" >/dev/null
+[ ! -s "$log" ] || fail "written against the machine's policy: $(cat "$log")"
+"${run[@]}" reg delete 'HKLM\Software\Policies\Tabforge\Log' /f /reg:64 >/dev/null
 [ "$failed" = "$before" ] && ok
 
 name=megabyte
