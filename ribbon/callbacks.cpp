@@ -3,6 +3,7 @@
 #include "platform/call_by_name.h"
 #include "platform/checked_access.h"
 #include "platform/failure.h"
+#include "platform/flight_events.h"
 #include "ribbon/main2.h"
 #include "ribbon/procedure_names.h"
 #include "ribbon/string_extensions.h"
@@ -28,6 +29,7 @@ std::int16_t ToControlId(std::int32_t id) {
 }  // namespace
 
 Utf16String Main2::GetLabel(const Utf16String& idStr) {
+  const flight::StepScope step(flight::Step::kFirstCallback);
   Utf16String result;
   std::int32_t id = 0;
   Run(
@@ -50,6 +52,7 @@ Utf16String Main2::GetLabel(const Utf16String& idStr) {
 }
 
 Utf16String Main2::GetScreentip(const Utf16String& idStr) {
+  const flight::StepScope step(flight::Step::kFirstCallback);
   Utf16String result;
   std::int16_t id = 0;
   Utf16String isOn;
@@ -100,6 +103,7 @@ void Main2::productNameChanged(const Utf16String& productName) {
 }
 
 VariantBool Main2::GetEnabled(const Utf16String& idStr) {
+  const flight::StepScope step(flight::Step::kFirstCallback);
   VariantBool result = kFalse;
   std::int16_t id = 0;
   Run(
@@ -125,6 +129,7 @@ VariantBool Main2::GetEnabled(const Utf16String& idStr) {
 }
 
 VariantBool Main2::GetPressed(const Utf16String& idStr) {
+  const flight::StepScope step(flight::Step::kFirstCallback);
   VariantBool result = kFalse;
   std::int16_t id = 0;
   Run(
@@ -217,6 +222,7 @@ void Main2::InvalidateRibbonControl(std::int32_t id) {
 }
 
 void Main2::RibbonCallback(const Utf16String& idStr, VariantBool isOn) {
+  const flight::StepScope step(flight::Step::kFirstCallback);
   std::int16_t id = 0;
   Run(
       Trace(), kRibbonCallback,

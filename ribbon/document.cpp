@@ -1,5 +1,6 @@
 // The ribbon document: the catalogue, the element writer and the composer.
 #include "platform/failure.h"
+#include "platform/flight_events.h"
 #include "ribbon/controls.h"
 #include "ribbon/main2.h"
 #include "ribbon/piece_list.h"
@@ -146,6 +147,7 @@ Utf16String Main2::AddButtonImpl(Utf16View id, Utf16View label, Utf16String& too
 }
 
 Utf16String Main2::GetRibbonXML() {
+  const flight::StepScope step(flight::Step::kGetRibbonXml);
   Utf16String result;
   // The pieces refer to the product name until the end; a report of change that arrives in
   // between (from a failure's report, say) must not pull it from under them.

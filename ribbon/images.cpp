@@ -5,6 +5,7 @@
 
 #include "platform/call_by_name.h"
 #include "platform/failure.h"
+#include "platform/flight_events.h"
 #include "platform/variant.h"
 #include "ribbon/main2.h"
 #include "ribbon/procedure_names.h"
@@ -54,6 +55,7 @@ std::int16_t Main2::getApplyMorvelinImageIndex() {
 }
 
 Ref<Object> Main2::GetImage(const Utf16String& idStr) {
+  const flight::StepScope step(flight::Step::kFirstPicture);
   Ref<Object> result;
   std::int32_t id = 0;
   std::int16_t index = 0;
@@ -80,6 +82,7 @@ Ref<Object> Main2::GetImage(const Utf16String& idStr) {
 }
 
 Ref<Object> Main2::LoadImage(const Utf16String& id) {
+  const flight::StepScope step(flight::Step::kFirstPicture);
   Ref<Object> result;
   Run(
       Trace(), kLoadImage, [&](ParameterText& p) { p.Add(u"id", id); },

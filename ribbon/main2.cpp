@@ -2,6 +2,7 @@
 
 #include "pictures/transparent_gif_loader.h"
 #include "platform/failure.h"
+#include "platform/flight_events.h"
 #include "platform/variant.h"
 #include "ribbon/procedure_names.h"
 #include "ribbon/string_extensions.h"
@@ -34,6 +35,7 @@ void Main2::vbwReportModuleVariables() const {
 }
 
 void Main2::Initialize(const Ref<Object>& eventSignaller, const Utf16String& productName) {
+  const flight::StepScope step(flight::Step::kInitialize);
   static_assert(kLabelTemplates.size() == 4, "one statement for each label template");
   Run(
       Trace(), kInitialize,
@@ -71,6 +73,7 @@ void Main2::Initialize(const Ref<Object>& eventSignaller, const Utf16String& pro
 }
 
 void Main2::ribbon(const Ref<Object>& ribbon) {
+  const flight::StepScope step(flight::Step::kRibbonHandedOver);
   Run(
       Trace(), kRibbon, [&](ParameterText& p) { p.Add(u"ribbon", ribbon); },
       [&](LocalReport& l) { l.Add(u"ribbon", ribbon); },

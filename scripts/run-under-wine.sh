@@ -26,6 +26,8 @@
 # Environment knobs:
 #   WINE_RUN_TIMEOUT   seconds for the program (default 300)
 #   WINE_BOOT_TIMEOUT  seconds for prefix creation (default 300)
+#   WINE_KEEP_SERVER   1: leave the prefix's wineserver running, so that programs started side by
+#                      side in one prefix do not end each other; the next run without it stops it
 #
 # A machine whose kernel runs no 32-bit programs (IA-32 emulation switched off, as on some virtual
 # machines) cannot run 32-bit Wine at all: a 32-bit run then says so and exits 77, which CTest
@@ -60,7 +62,7 @@ unset DISPLAY WAYLAND_DISPLAY
 export HOME=${HOME:-/root}
 
 stop_server() {
-    WINEPREFIX="$WINEPREFIX" "$WINESERVER" -k 2>/dev/null || true
+    [ "${WINE_KEEP_SERVER:-}" = 1 ] || WINEPREFIX="$WINEPREFIX" "$WINESERVER" -k 2>/dev/null || true
 }
 trap stop_server EXIT
 trap 'exit 130' INT TERM

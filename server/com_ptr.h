@@ -151,6 +151,10 @@ inline Gdiplus::GpStatus DisposeGdiplusImage(Gdiplus::GpImage* image) noexcept {
   return Gdiplus::DllExports::GdipDisposeImage(image);
 }
 
+inline BOOL CloseFile(HANDLE file) noexcept {
+  return ::CloseHandle(file);
+}
+
 // Clears a copy of a VARIANT: its contents are what the owner held. (A named function rather
 // than a lambda, so that the owner is the same type in every file.)
 inline void ClearVariantCopy(VARIANT v) noexcept {
@@ -165,6 +169,8 @@ using UniqueVariant = UniqueHandle<VARIANT, ClearVariantCopy>;
 using UniqueSafeArray = UniqueHandle<SAFEARRAY*, ::SafeArrayDestroy>;
 // Never one of the predefined roots (HKEY_CLASSES_ROOT and the like), which nobody owns.
 using UniqueHkey = UniqueHandle<HKEY, ::RegCloseKey>;
+// A file or other kernel handle; a failed CreateFile's INVALID_HANDLE_VALUE is stored as empty.
+using UniqueFile = UniqueHandle<HANDLE, CloseFile>;
 using UniqueHBitmap = UniqueHandle<HBITMAP, DeleteBitmap>;
 using UniqueGdiplusBitmap = UniqueHandle<Gdiplus::GpBitmap*, DisposeGdiplusBitmap>;
 

@@ -11,10 +11,12 @@
 #include <string>
 
 #include "Tabforge_h.h"
+#include "platform/flight_events.h"
 #include "server/barrier.h"
 #include "server/com_ptr.h"
 #include "server/main2_object.h"
 #include "server/registry_entries.h"
+#include "server/windows_flight_log.h"
 #include "tabforge_version.h"
 
 namespace {
@@ -53,7 +55,10 @@ class ClassFactory final : public IClassFactory {
     *out = nullptr;
     if (outer != nullptr)
       return CLASS_E_NOAGGREGATION;
-    return tabforge::com::Main2Object::Create(riid, out);
+    const HRESULT created = tabforge::com::Main2Object::Create(riid, out);
+    if (SUCCEEDED(created))
+      tabforge::flight::NoteStep(tabforge::flight::Step::kMain2Created);
+    return created;
   }
   HRESULT STDMETHODCALLTYPE LockServer(BOOL lock) override {
     if (lock)
@@ -143,6 +148,9 @@ STDAPI DllGetClassObject(REFCLSID clsid, REFIID riid, LPVOID* out) {
   *out = nullptr;
   if (!IsEqualCLSID(clsid, CLSID_Main2))
     return CLASS_E_CLASSNOTAVAILABLE;
+  // The library's load as the log tells it: the first request for the class, right after the
+  // loader, and never inside DllMain.
+  tabforge::com::StartFlightLog(g_module);
   return g_factory.QueryInterface(riid, out);
 }
 

@@ -16,6 +16,7 @@
 
 #include "tools/com_session.h"
 #include "tools/doctor.h"
+#include "tools/log_command.h"
 #include "tools/register_command.h"
 #else
 #include "platform/portable/portable_platform.h"
@@ -44,6 +45,8 @@ constexpr const char* kUsage =
     "  doctor [--bits 32|64] [--json]     tell why a word processor cannot create the class\n"
     "                                     (Windows)\n"
     "  trace on|off|show                  the user's tracing request (Windows)\n"
+    "  log on|off|show [--lines N]        the flight log: switch it, or show the last start,\n"
+    "                                     failures and lines (Windows)\n"
     "\n"
     "Run 'tabforge <command> --help' for a command's options.\n";
 
@@ -378,6 +381,8 @@ int main(int argc, char** argv) {
     return cli::Doctor(args);
   if (command == "trace")
     return cli::Trace(args);
+  if (command == "log")
+    return cli::Log(args);
   if (command == "check" || command == "preview") {
     std::cerr << "tabforge " << command
               << ": not available in the Windows build; use the Linux tool\n";
@@ -388,7 +393,7 @@ int main(int argc, char** argv) {
     return Check(args);
   if (command == "preview")
     return Preview(args);
-  if (command == "register" || command == "doctor" || command == "trace") {
+  if (command == "register" || command == "doctor" || command == "trace" || command == "log") {
     std::cerr << "tabforge " << command
               << ": not available in the Linux build; use tabforge.exe on Windows\n";
     return 2;

@@ -117,6 +117,7 @@ Frame::Resolution Frame::Tail(const Failure& failure, LocalList locals) noexcept
                                              Utf16String(kProjectName), Utf16String(info_.module),
                                              Utf16String(info_.procedure), active.line)
                  : 0;
+      protector.NoteFailure(info_.qualifiedName, active, mayAsk, result);
       switch (result) {
         case kEndThread:
           protector.vbwExitThread();

@@ -184,6 +184,7 @@ std::int32_t VbwProtector::vbwErrorHandler(std::int32_t errNumber, Utf16String E
         component.reset();
     }
   } release{mErrorParams, result};
+  handlerOutcome = mErrorParams ? flight::Answer::kNoAnswer : flight::Answer::kNoComponent;
   Run(
       Trace(), kErrorHandler, NoParameters,
       [&](LocalReport& l) {
@@ -203,6 +204,7 @@ std::int32_t VbwProtector::vbwErrorHandler(std::int32_t errNumber, Utf16String E
         }
         TF_STEP(3) if (IsTrue(alwaysIgnore(StrRememberErrors_, strLastError_))) {
           TF_STEP(4) result = kIgnoreOnce;
+          handlerOutcome = flight::Answer::kRemembered;
           TF_STEP(5) mErrorParams.reset();
           TF_STEP(6) return;
         }
@@ -213,6 +215,7 @@ std::int32_t VbwProtector::vbwErrorHandler(std::int32_t errNumber, Utf16String E
             const ComponentCall onComponent;
             CollaboratorCall counted;
             mErrorParams = platform_.objects->CreateObject(kErrorComponentProgId);
+            handlerOutcome = flight::Answer::kNoAnswer;
           }
           TF_STEP(10)
           CallComponent(mErrorParams, u"vbwInitializeProtector", CallKind::kMethod,
@@ -232,6 +235,7 @@ std::int32_t VbwProtector::vbwErrorHandler(std::int32_t errNumber, Utf16String E
               Variant::ByRef(&mStackCalls), Variant::ByRef(VarType::VT_BSTR, &stack));
           AdoptStack(stack, handed);
           result = ToLong(answer);
+          handlerOutcome = flight::Answer::kAnswered;
         }
         TF_STEP(12) if (result == kIgnoreAlways) {
           TF_STEP(13) StrRememberErrors_ += strLastError_;
@@ -240,6 +244,16 @@ std::int32_t VbwProtector::vbwErrorHandler(std::int32_t errNumber, Utf16String E
         TF_END
       });
   return result;
+}
+
+void VbwProtector::NoteFailure(Utf16View procedure, const ActiveFailure& failure, bool asked,
+                               std::int32_t answer) noexcept {
+  if (!flight::Installed())
+    return;
+  flight::Answer how = handlerOutcome;
+  if (!asked)
+    how = budget.Spent() ? flight::Answer::kBudgetSpent : flight::Answer::kStackSpent;
+  flight::NoteFailure(procedure, failure.line, failure.number, failure.description, how, answer);
 }
 
 Utf16String VbwProtector::hash(const Utf16String& ErrSource, std::int32_t errNumber,

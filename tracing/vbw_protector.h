@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/call_budget.h"
+#include "platform/flight_events.h"
 #include "platform/object.h"
 #include "platform/platform.h"
 #include "platform/utf16.h"
@@ -127,6 +128,9 @@ class VbwProtector {
   Utf16String hash(const Utf16String& ErrSource, std::int32_t errNumber, std::int32_t errLine);
   VariantBool alwaysIgnore(const Utf16String& StrRememberErrors, const Utf16String& strLastError);
 
+  // How the last question to the handler ended, for the flight log.
+  flight::Answer handlerOutcome = flight::Answer::kNoComponent;
+
   const Ref<Object>& ErrorComponent() const noexcept { return mErrorParams; }
   void ReleaseErrorComponent() noexcept { mErrorParams.reset(); }
   // Gives the component back for one more call: the close of the dump it opened, after a tail
@@ -165,6 +169,9 @@ class VbwProtector {
     std::int32_t line = 0;
     const ActiveFailure* outer = nullptr;
   };
+  // Writes a tail's failure to the flight log, with the handler's answer when it was `asked`.
+  void NoteFailure(Utf16View procedure, const ActiveFailure& failure, bool asked,
+                   std::int32_t answer) noexcept;
   // Tail bookkeeping; a tail opens a scope for the failure it handles.
   class TailScope {
    public:
