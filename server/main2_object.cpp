@@ -17,42 +17,6 @@ namespace tabforge::com {
 
 namespace {
 
-Utf16String InString(const BSTR* value) {
-  return value != nullptr ? FromBstr(*value) : Utf16String();
-}
-
-Ref<Object> InObject(IDispatch* const* value) {
-  return value != nullptr ? WrapDispatch(*value) : nullptr;
-}
-
-VariantBool InBool(const VARIANT_BOOL* value) {
-  return value != nullptr ? FromVariantBool(*value) : kFalse;
-}
-
-// Clears a result slot before the body runs, so that a failure leaves the zero value.
-template <class T>
-void ClearResult(T** result) {
-  if (result != nullptr)
-    *result = nullptr;
-}
-void ClearResult(VARIANT_BOOL* result) {
-  if (result != nullptr)
-    *result = VARIANT_FALSE;
-}
-
-void SetResult(BSTR* result, const Utf16String& value) {
-  if (result != nullptr)
-    *result = MakeBstr(value).Detach();
-}
-void SetResult(VARIANT_BOOL* result, VariantBool value) {
-  if (result != nullptr)
-    *result = ToVariantBoolValue(value);
-}
-void SetResult(IPictureDisp** result, const Ref<Object>& picture) {
-  if (result != nullptr)
-    *result = ToDispatch(picture).TryAs<IPictureDisp>().Detach();
-}
-
 // Null when the system cannot tell.
 HMODULE ThisModule() {
   HMODULE module = nullptr;
@@ -63,30 +27,26 @@ HMODULE ThisModule() {
   return module;
 }
 
-// --- Late binding -------------------------------------------------------------------------------
-
-// What a parameter of _Main2 holds. Every argument is [in, out] by reference, the answer [out,
-// retval]; objects, pictures included, travel as IDispatch.
-enum class Slot : std::uint8_t { kNone, kText, kTruth, kObject, kPicture };
-
-VARTYPE TypeOf(Slot slot) {
-  switch (slot) {
-    case Slot::kText:
-      return VT_BSTR;
-    case Slot::kTruth:
-      return VT_BOOL;
-    case Slot::kObject:
-    case Slot::kPicture:
-      return VT_DISPATCH;
-    case Slot::kNone:
-      break;
-  }
-  return VT_EMPTY;
-}
+// --- The members of _Main2 ----------------------------------------------------------------------
 
 // Every value of a VARIANT starts at the same place.
 void* ValueOf(VARIANT& v) {
   return &V_BSTR(&v);
+}
+
+VARTYPE TypeOf(Main2Member::Slot slot) {
+  switch (slot) {
+    case Main2Member::kText:
+      return VT_BSTR;
+    case Main2Member::kTruth:
+      return VT_BOOL;
+    case Main2Member::kObject:
+    case Main2Member::kPicture:
+      return VT_DISPATCH;
+    case Main2Member::kNone:
+      break;
+  }
+  return VT_EMPTY;
 }
 
 // One argument as a member receives it: a pointer to a value of the parameter's type. The caller's
@@ -137,150 +97,209 @@ class Argument {
     return hr;
   }
 
-  BSTR* Text() const { return static_cast<BSTR*>(value_); }
-  VARIANT_BOOL* Truth() const { return static_cast<VARIANT_BOOL*>(value_); }
-  IDispatch** Object() const { return static_cast<IDispatch**>(value_); }
+  void* Value() const { return value_; }
 
  private:
   void* value_ = nullptr;
   std::optional<UniqueVariant> copy_;  // made only when needed: most calls lend
 };
 
-// A member's answer, owned until the caller's result takes it.
-struct Answer {
-  UniqueBstr text;
-  VARIANT_BOOL truth = VARIANT_FALSE;
-  ComPtr<IPictureDisp> picture;
+Utf16String Text(void* value) {
+  return value != nullptr ? FromBstr(*static_cast<BSTR*>(value)) : Utf16String();
+}
+VariantBool Truth(void* value) {
+  return value != nullptr ? FromVariantBool(*static_cast<VARIANT_BOOL*>(value)) : kFalse;
+}
+Ref<Object> ObjectOf(void* value) {
+  return value != nullptr ? WrapDispatch(*static_cast<IDispatch**>(value)) : nullptr;
+}
+void SetText(Main2Member::Answer& out, const Utf16String& text) {
+  out.text = MakeBstr(text);
+}
+void SetPicture(Main2Member::Answer& out, const Ref<Object>& picture) {
+  out.picture = ToDispatch(picture).TryAs<IPictureDisp>();
+}
 
-  // Like the platform, writes over the result without clearing what it held: callers hand in
-  // results that were never initialised.
-  void HandTo(Slot slot, VARIANT& result) {
-    switch (slot) {
-      case Slot::kText:
-        // A string that is not there reaches the caller as an empty one.
-        V_VT(&result) = VT_BSTR;
-        V_BSTR(&result) = text.Get() != nullptr ? text.Detach() : ::SysAllocString(L"");
-        break;
-      case Slot::kTruth:
-        V_VT(&result) = VT_BOOL;
-        V_BOOL(&result) = truth;
-        break;
-      case Slot::kPicture:
-        V_VT(&result) = VT_DISPATCH;
-        V_DISPATCH(&result) = picture.Detach();
-        break;
-      case Slot::kObject:
-      case Slot::kNone:
-        break;
-    }
+// The members of _Main2 as the type library declares them, in slot order, each with the one call
+// it makes on the core. Invoke, GetIDsOfNames and the vtable members all go through this table;
+// a test holds it to the type library.
+using enum Main2Member::Slot;
+constexpr Main2Member kMembers[] = {
+    {u"Initialize",
+     0x60030007,
+     INVOKE_FUNC,
+     {kObject, kText},
+     kNone,
+     [](Main2& core, void* const* in, Main2Member::Answer&) {
+       core.Initialize(ObjectOf(in[0]), Text(in[1]));
+     }},
+    {u"ribbon",
+     0x68030006,
+     INVOKE_PROPERTYPUT,
+     {kObject},
+     kNone,
+     [](Main2& core, void* const* in, Main2Member::Answer&) { core.ribbon(ObjectOf(in[0])); }},
+    {u"GetRibbonXML",
+     0x60030009,
+     INVOKE_FUNC,
+     {},
+     kText,
+     [](Main2& core, void* const*, Main2Member::Answer& out) {
+       SetText(out, core.GetRibbonXML());
+     }},
+    {u"productNameChanged",
+     0x6003000C,
+     INVOKE_FUNC,
+     {kText},
+     kNone,
+     [](Main2& core, void* const* in, Main2Member::Answer&) {
+       core.productNameChanged(Text(in[0]));
+     }},
+    {u"GetLabel",
+     0x68030005,
+     INVOKE_PROPERTYGET,
+     {kText},
+     kText,
+     [](Main2& core, void* const* in, Main2Member::Answer& out) {
+       SetText(out, core.GetLabel(Text(in[0])));
+     }},
+    {u"GetEnabled",
+     0x68030004,
+     INVOKE_PROPERTYGET,
+     {kText},
+     kTruth,
+     [](Main2& core, void* const* in, Main2Member::Answer& out) {
+       out.truth = ToVariantBoolValue(core.GetEnabled(Text(in[0])));
+     }},
+    {u"GetPressed",
+     0x68030003,
+     INVOKE_PROPERTYGET,
+     {kText},
+     kTruth,
+     [](Main2& core, void* const* in, Main2Member::Answer& out) {
+       out.truth = ToVariantBoolValue(core.GetPressed(Text(in[0])));
+     }},
+    {u"GetScreentip",
+     0x68030002,
+     INVOKE_PROPERTYGET,
+     {kText},
+     kText,
+     [](Main2& core, void* const* in, Main2Member::Answer& out) {
+       SetText(out, core.GetScreentip(Text(in[0])));
+     }},
+    {u"GetImage",
+     0x68030000,
+     INVOKE_PROPERTYGET,
+     {kText},
+     kPicture,
+     [](Main2& core, void* const* in, Main2Member::Answer& out) {
+       SetPicture(out, core.GetImage(Text(in[0])));
+     }},
+    {u"LoadImage",
+     0x6003000D,
+     INVOKE_FUNC,
+     {kText},
+     kPicture,
+     [](Main2& core, void* const* in, Main2Member::Answer& out) {
+       SetPicture(out, core.LoadImage(Text(in[0])));
+     }},
+    {u"RibbonCallback",
+     0x6003000F,
+     INVOKE_FUNC,
+     {kText, kTruth},
+     kNone,
+     [](Main2& core, void* const* in, Main2Member::Answer&) {
+       core.RibbonCallback(Text(in[0]), Truth(in[1]));
+     }},
+    {u"EnableGotoQuickBookmark",
+     0x60030010,
+     INVOKE_FUNC,
+     {kTruth},
+     kNone,
+     [](Main2& core, void* const* in, Main2Member::Answer&) {
+       core.EnableGotoQuickBookmark(Truth(in[0]));
+     }},
+    {u"UpdateLexoscopeIcon",
+     0x60030011,
+     INVOKE_FUNC,
+     {kTruth},
+     kNone,
+     [](Main2& core, void* const* in, Main2Member::Answer&) {
+       core.UpdateLexoscopeIcon(Truth(in[0]));
+     }},
+    {u"EnableToolbar",
+     0x60030013,
+     INVOKE_FUNC,
+     {kTruth},
+     kNone,
+     [](Main2& core, void* const* in, Main2Member::Answer&) { core.EnableToolbar(Truth(in[0])); }},
+    {u"activateMorvelinTab",
+     0x60030014,
+     INVOKE_FUNC,
+     {kObject},
+     kNone,
+     [](Main2& core, void* const* in, Main2Member::Answer&) {
+       core.activateMorvelinTab(ObjectOf(in[0]));
+     }},
+};
+
+// The row of the member named `name`, found while compiling.
+consteval const Main2Member& Row(Utf16View name) {
+  for (const Main2Member& member : kMembers) {
+    if (member.name == name)
+      return member;
   }
-};
+  throw "no such member";
+}
 
-constexpr std::size_t kMaxInputs = 2;
-
-// The dispatch ids of the members of _Main2.
-enum : DISPID {
-  kInitialize = 0x60030007,
-  kRibbon = 0x68030006,
-  kGetRibbonXml = 0x60030009,
-  kProductNameChanged = 0x6003000C,
-  kGetLabel = 0x68030005,
-  kGetEnabled = 0x68030004,
-  kGetPressed = 0x68030003,
-  kGetScreentip = 0x68030002,
-  kGetImage = 0x68030000,
-  kLoadImage = 0x6003000D,
-  kRibbonCallback = 0x6003000F,
-  kEnableGotoQuickBookmark = 0x60030010,
-  kUpdateLexoscopeIcon = 0x60030011,
-  kEnableToolbar = 0x60030013,
-  kActivateMorvelinTab = 0x60030014,
-};
-
-// The members of _Main2 as the type library declares them, in slot order.
-struct Member {
-  Utf16View name;
-  DISPID id;
-  INVOKEKIND kind;
-  std::array<Slot, kMaxInputs> inputs;
-  Slot answer;
-
-  UINT Inputs() const {
-    return static_cast<UINT>(
-        std::count_if(inputs.begin(), inputs.end(), [](Slot s) { return s != Slot::kNone; }));
-  }
-};
-
-using enum Slot;
-constexpr Member kMembers[] = {
-    {u"Initialize", kInitialize, INVOKE_FUNC, {kObject, kText}, kNone},
-    {u"ribbon", kRibbon, INVOKE_PROPERTYPUT, {kObject}, kNone},
-    {u"GetRibbonXML", kGetRibbonXml, INVOKE_FUNC, {}, kText},
-    {u"productNameChanged", kProductNameChanged, INVOKE_FUNC, {kText}, kNone},
-    {u"GetLabel", kGetLabel, INVOKE_PROPERTYGET, {kText}, kText},
-    {u"GetEnabled", kGetEnabled, INVOKE_PROPERTYGET, {kText}, kTruth},
-    {u"GetPressed", kGetPressed, INVOKE_PROPERTYGET, {kText}, kTruth},
-    {u"GetScreentip", kGetScreentip, INVOKE_PROPERTYGET, {kText}, kText},
-    {u"GetImage", kGetImage, INVOKE_PROPERTYGET, {kText}, kPicture},
-    {u"LoadImage", kLoadImage, INVOKE_FUNC, {kText}, kPicture},
-    {u"RibbonCallback", kRibbonCallback, INVOKE_FUNC, {kText, kTruth}, kNone},
-    {u"EnableGotoQuickBookmark", kEnableGotoQuickBookmark, INVOKE_FUNC, {kTruth}, kNone},
-    {u"UpdateLexoscopeIcon", kUpdateLexoscopeIcon, INVOKE_FUNC, {kTruth}, kNone},
-    {u"EnableToolbar", kEnableToolbar, INVOKE_FUNC, {kTruth}, kNone},
-    {u"activateMorvelinTab", kActivateMorvelinTab, INVOKE_FUNC, {kObject}, kNone},
-};
-
-// Calls the member through its own slot, each argument and the answer where it expects them.
-void Call(Main2Object& self, DISPID id, const Argument* in, Answer& out) {
-  switch (id) {
-    case kInitialize:
-      self.Initialize(in[0].Object(), in[1].Text());
+// Like the platform, Invoke writes over the result without clearing what it held: callers hand in
+// results that were never initialised.
+void HandTo(Main2Member::Slot slot, Main2Member::Answer& answer, VARIANT& result) {
+  switch (slot) {
+    case kText:
+      // A string that is not there reaches the caller as an empty one.
+      V_VT(&result) = VT_BSTR;
+      V_BSTR(&result) = answer.text ? answer.text.Detach() : ::SysAllocString(L"");
       break;
-    case kRibbon:
-      self.put_ribbon(in[0].Object());
+    case kTruth:
+      V_VT(&result) = VT_BOOL;
+      V_BOOL(&result) = answer.truth;
       break;
-    case kGetRibbonXml:
-      self.GetRibbonXML(out.text.Put());
+    case kPicture:
+      V_VT(&result) = VT_DISPATCH;
+      V_DISPATCH(&result) = answer.picture.Detach();
       break;
-    case kProductNameChanged:
-      self.productNameChanged(in[0].Text());
-      break;
-    case kGetLabel:
-      self.get_GetLabel(in[0].Text(), out.text.Put());
-      break;
-    case kGetEnabled:
-      self.get_GetEnabled(in[0].Text(), &out.truth);
-      break;
-    case kGetPressed:
-      self.get_GetPressed(in[0].Text(), &out.truth);
-      break;
-    case kGetScreentip:
-      self.get_GetScreentip(in[0].Text(), out.text.Put());
-      break;
-    case kGetImage:
-      self.get_GetImage(in[0].Text(), out.picture.Put());
-      break;
-    case kLoadImage:
-      self.LoadImage(in[0].Text(), out.picture.Put());
-      break;
-    case kRibbonCallback:
-      self.RibbonCallback(in[0].Text(), in[1].Truth());
-      break;
-    case kEnableGotoQuickBookmark:
-      self.EnableGotoQuickBookmark(in[0].Truth());
-      break;
-    case kUpdateLexoscopeIcon:
-      self.UpdateLexoscopeIcon(in[0].Truth());
-      break;
-    case kEnableToolbar:
-      self.EnableToolbar(in[0].Truth());
-      break;
-    case kActivateMorvelinTab:
-      self.activateMorvelinTab(in[0].Object());
-      break;
-    default:
+    case kObject:
+    case kNone:
       break;
   }
+}
+
+// The vtable's result slots take what the member answered; each is cleared before the member
+// runs, so that a failure leaves the zero value.
+void Clear(BSTR* result) {
+  if (result != nullptr)
+    *result = nullptr;
+}
+void Clear(VARIANT_BOOL* result) {
+  if (result != nullptr)
+    *result = VARIANT_FALSE;
+}
+void Clear(IPictureDisp** result) {
+  if (result != nullptr)
+    *result = nullptr;
+}
+void Take(Main2Member::Answer& answer, BSTR* result) {
+  if (result != nullptr)
+    *result = answer.text.Detach();
+}
+void Take(Main2Member::Answer& answer, VARIANT_BOOL* result) {
+  if (result != nullptr)
+    *result = answer.truth;
+}
+void Take(Main2Member::Answer& answer, IPictureDisp** result) {
+  if (result != nullptr)
+    *result = answer.picture.Detach();
 }
 
 // True when `name` is `member`'s name in any case of ASCII letters, which member names are made of.
@@ -296,13 +315,13 @@ bool IsNameOf(Utf16View name, Utf16View member) {
 
 // `Set obj.ribbon = r` is accepted beside `obj.ribbon = r`, though the type library can only say
 // the latter.
-WORD AcceptedFlags(const Member& member) {
+WORD AcceptedFlags(const Main2Member& member) {
   return member.kind == INVOKE_PROPERTYPUT ? DISPATCH_PROPERTYPUT | DISPATCH_PROPERTYPUTREF
                                            : static_cast<WORD>(member.kind);
 }
 
-const Member* FindMember(DISPID id, WORD flags) {
-  for (const Member& member : kMembers) {
+const Main2Member* FindMember(DISPID id, WORD flags) {
+  for (const Main2Member& member : kMembers) {
     if (member.id == id && (flags & AcceptedFlags(member)) != 0)
       return &member;
   }
@@ -335,6 +354,10 @@ HRESULT ArgumentFailure(HRESULT hr, const DISPPARAMS& params, const VARIANT& arg
 }
 
 }  // namespace
+
+std::span<const Main2Member> Main2Members() {
+  return kMembers;
+}
 
 ComPtr<ITypeInfo> LoadMain2TypeInfo() {
   const std::wstring path = ModulePath(ThisModule());
@@ -405,7 +428,7 @@ HRESULT Main2Object::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DI
     return names == nullptr ? E_INVALIDARG : DISP_E_UNKNOWNNAME;
   }
   if (count == 1) {
-    for (const Member& member : kMembers) {
+    for (const Main2Member& member : kMembers) {
       if (IsNameOf(NameView(names[0]), member.name)) {
         ids[0] = member.id;
         return S_OK;
@@ -426,7 +449,7 @@ HRESULT Main2Object::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* par
   const CallHold hold(this);
   if (!WellFormed(params))
     return E_INVALIDARG;
-  const Member* member = FindMember(id, flags);
+  const Main2Member* member = FindMember(id, flags);
   if (member == nullptr)
     return DISP_E_MEMBERNOTFOUND;  // also a read of `ribbon`, and any call to no member
   if (member->kind == INVOKE_PROPERTYPUT &&
@@ -434,7 +457,7 @@ HRESULT Main2Object::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* par
     return DISP_E_PARAMNOTFOUND;
 
   const UINT inputs = member->Inputs();
-  const UINT declared = inputs + (member->answer != Slot::kNone ? 1 : 0);
+  const UINT declared = inputs + (member->answer != Main2Member::kNone ? 1 : 0);
   for (UINT j = 0; j < params->cNamedArgs; ++j) {
     if (ParameterNamed(params->rgdispidNamedArgs[j], declared) < 0)
       return ArgumentFailure(DISP_E_PARAMNOTFOUND, *params, params->rgvarg[j], argumentError);
@@ -446,13 +469,13 @@ HRESULT Main2Object::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* par
     return DISP_E_BADPARAMCOUNT;
 
   // A call that finds the stack used up answers as a member whose every statement failed.
-  Answer answer;
+  Main2Member::Answer answer;
   if (EntryRefused()) [[unlikely]] {
     if (result != nullptr)
-      answer.HandTo(member->answer, *result);
+      HandTo(member->answer, answer, *result);
     return S_OK;
   }
-  Argument arguments[kMaxInputs];
+  Argument arguments[Main2Member::kMaxInputs];
   const UINT unnamed = params->cArgs - params->cNamedArgs;
   UINT positional = 0;
   UINT bound = 0;
@@ -470,79 +493,78 @@ HRESULT Main2Object::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* par
   if (bound != params->cArgs)
     return DISP_E_BADPARAMCOUNT;  // an argument named twice, or one that nothing takes
 
-  Call(*this, member->id, arguments, answer);
+  void* values[Main2Member::kMaxInputs] = {arguments[0].Value(), arguments[1].Value()};
+  Barrier<FailurePolicy::kAlwaysSucceed>([&] { member->call(core_, values, answer); });
   if (result != nullptr)
-    answer.HandTo(member->answer, *result);
+    HandTo(member->answer, answer, *result);
   return S_OK;
 }
 
-// --- The members --------------------------------------------------------------------------------
+// --- The vtable ----------------------------------------------------------------------------------
+
+// A vtable member: its row's call on the caller's own values, the answer into its result.
+template <class Result>
+HRESULT Main2Object::Member(const Main2Member& row, std::initializer_list<void*> in,
+                            Result* result) {
+  Clear(result);
+  return Guarded([&] {
+    Main2Member::Answer answer;
+    row.call(core_, in.begin(), answer);
+    Take(answer, result);
+  });
+}
+
+HRESULT Main2Object::Member(const Main2Member& row, std::initializer_list<void*> in) {
+  return Guarded([&] {
+    Main2Member::Answer answer;
+    row.call(core_, in.begin(), answer);
+  });
+}
 
 HRESULT Main2Object::Initialize(IDispatch** eventSignaller, BSTR* productName) {
-  return Guarded([&] { core_.Initialize(InObject(eventSignaller), InString(productName)); });
+  return Member(Row(u"Initialize"), {eventSignaller, productName});
 }
-
 HRESULT Main2Object::put_ribbon(IDispatch** value) {
-  return Guarded([&] { core_.ribbon(InObject(value)); });
+  return Member(Row(u"ribbon"), {value});
 }
-
 HRESULT Main2Object::GetRibbonXML(BSTR* result) {
-  ClearResult(result);
-  return Guarded([&] { SetResult(result, core_.GetRibbonXML()); });
+  return Member(Row(u"GetRibbonXML"), {}, result);
 }
-
 HRESULT Main2Object::productNameChanged(BSTR* productName) {
-  return Guarded([&] { core_.productNameChanged(InString(productName)); });
+  return Member(Row(u"productNameChanged"), {productName});
 }
-
 HRESULT Main2Object::get_GetLabel(BSTR* idStr, BSTR* result) {
-  ClearResult(result);
-  return Guarded([&] { SetResult(result, core_.GetLabel(InString(idStr))); });
+  return Member(Row(u"GetLabel"), {idStr}, result);
 }
-
 HRESULT Main2Object::get_GetEnabled(BSTR* idStr, VARIANT_BOOL* result) {
-  ClearResult(result);
-  return Guarded([&] { SetResult(result, core_.GetEnabled(InString(idStr))); });
+  return Member(Row(u"GetEnabled"), {idStr}, result);
 }
-
 HRESULT Main2Object::get_GetPressed(BSTR* idStr, VARIANT_BOOL* result) {
-  ClearResult(result);
-  return Guarded([&] { SetResult(result, core_.GetPressed(InString(idStr))); });
+  return Member(Row(u"GetPressed"), {idStr}, result);
 }
-
 HRESULT Main2Object::get_GetScreentip(BSTR* idStr, BSTR* result) {
-  ClearResult(result);
-  return Guarded([&] { SetResult(result, core_.GetScreentip(InString(idStr))); });
+  return Member(Row(u"GetScreentip"), {idStr}, result);
 }
-
 HRESULT Main2Object::get_GetImage(BSTR* idStr, IPictureDisp** result) {
-  ClearResult(result);
-  return Guarded([&] { SetResult(result, core_.GetImage(InString(idStr))); });
+  return Member(Row(u"GetImage"), {idStr}, result);
 }
-
 HRESULT Main2Object::LoadImage(BSTR* id, IPictureDisp** result) {
-  ClearResult(result);
-  return Guarded([&] { SetResult(result, core_.LoadImage(InString(id))); });
+  return Member(Row(u"LoadImage"), {id}, result);
 }
-
 HRESULT Main2Object::RibbonCallback(BSTR* idStr, VARIANT_BOOL* isOn) {
-  return Guarded([&] { core_.RibbonCallback(InString(idStr), InBool(isOn)); });
+  return Member(Row(u"RibbonCallback"), {idStr, isOn});
 }
-
 HRESULT Main2Object::EnableGotoQuickBookmark(VARIANT_BOOL* value) {
-  return Guarded([&] { core_.EnableGotoQuickBookmark(InBool(value)); });
+  return Member(Row(u"EnableGotoQuickBookmark"), {value});
 }
-
 HRESULT Main2Object::UpdateLexoscopeIcon(VARIANT_BOOL* enable) {
-  return Guarded([&] { core_.UpdateLexoscopeIcon(InBool(enable)); });
+  return Member(Row(u"UpdateLexoscopeIcon"), {enable});
 }
-
 HRESULT Main2Object::EnableToolbar(VARIANT_BOOL* value) {
-  return Guarded([&] { core_.EnableToolbar(InBool(value)); });
+  return Member(Row(u"EnableToolbar"), {value});
 }
-
 HRESULT Main2Object::activateMorvelinTab(IDispatch** RibbonCommandBar) {
-  return Guarded([&] { core_.activateMorvelinTab(InObject(RibbonCommandBar)); });
+  return Member(Row(u"activateMorvelinTab"), {RibbonCommandBar});
 }
 
 }  // namespace tabforge::com

@@ -8,6 +8,11 @@
 // <windows.h> names LoadImageW as LoadImage; the member of _Main2 keeps its own name.
 #undef LoadImage
 
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <initializer_list>
+#include <span>
 #include <utility>
 
 #include "Tabforge_h.h"
@@ -21,6 +26,38 @@ namespace tabforge::com {
 
 // The type information of the _Main2 interface in the library's own type library.
 ComPtr<ITypeInfo> LoadMain2TypeInfo();
+
+// One member of _Main2: its name, dispatch id, kind, parameters and answer as the type library
+// declares them, and the one call it makes on the core. Every argument is [in, out] by reference,
+// the answer [out, retval]; objects, pictures included, travel as IDispatch.
+struct Main2Member {
+  enum Slot : std::uint8_t { kNone, kText, kTruth, kObject, kPicture };
+  static constexpr std::size_t kMaxInputs = 2;
+  // A member's answer, owned until the caller's result takes it.
+  struct Answer {
+    UniqueBstr text;
+    VARIANT_BOOL truth = VARIANT_FALSE;
+    ComPtr<IPictureDisp> picture;
+  };
+  // Each input is a pointer to the caller's value of the parameter's type, or null.
+  using Call = void (*)(Main2& core, void* const* inputs, Answer& answer);
+
+  Utf16View name;
+  DISPID id;
+  INVOKEKIND kind;
+  std::array<Slot, kMaxInputs> inputs;
+  Slot answer;
+  Call call;
+
+  UINT Inputs() const {
+    return static_cast<UINT>(
+        std::count_if(inputs.begin(), inputs.end(), [](Slot s) { return s != kNone; }));
+  }
+};
+
+// The members of _Main2 in slot order: the one description from which Invoke, GetIDsOfNames and
+// the vtable come.
+std::span<const Main2Member> Main2Members();
 
 class Main2Object final : public ComObject<Main2Object, _Main2> {
  public:
@@ -60,6 +97,10 @@ class Main2Object final : public ComObject<Main2Object, _Main2> {
   friend class ComObject<Main2Object, _Main2>;
   Main2Object(VbwProtector& protector, ComPtr<ITypeInfo> typeInfo);
   ~Main2Object() = default;
+
+  template <class Result>
+  HRESULT Member(const Main2Member& row, std::initializer_list<void*> in, Result* result);
+  HRESULT Member(const Main2Member& row, std::initializer_list<void*> in);
 
   // Runs a member's body with the object held for the call; the member succeeds whatever happens.
   template <class Body>

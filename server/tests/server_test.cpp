@@ -24,6 +24,7 @@
 #include "Tabforge_h.h"
 #include "accessibility/accessible_tree.h"
 #include "server/accessible_object.h"
+#include "server/main2_object.h"
 #include "server/tests/host_doubles.h"
 #include "server/windows_platform.h"
 
@@ -98,6 +99,88 @@ ComPtr<ITypeInfo> TypeLibraryInterface() {
 
 using AccessibleTree = ComTest;
 using Unregistered = ComTest;
+
+// A parameter's type as the type library writes it: "BSTR*", "VARIANT_BOOL*", "IDispatch**".
+std::wstring TypeText(ITypeInfo* info, const TYPEDESC& type) {
+  switch (type.vt) {
+    case VT_PTR:
+      return TypeText(info, *type.lptdesc) + L"*";
+    case VT_BSTR:
+      return L"BSTR";
+    case VT_BOOL:
+      return L"VARIANT_BOOL";
+    case VT_DISPATCH:
+      return L"IDispatch*";
+    case VT_USERDEFINED: {
+      ComPtr<ITypeInfo> referred;
+      UniqueBstr name;
+      if (SUCCEEDED(info->GetRefTypeInfo(type.hreftype, referred.Put())))
+        referred->GetDocumentation(MEMBERID_NIL, name.Put(), nullptr, nullptr, nullptr);
+      return name ? Text(name.Get()) : L"?";
+    }
+    default:
+      return L"vt" + std::to_wstring(type.vt);
+  }
+}
+
+std::wstring SlotText(tabforge::com::Main2Member::Slot slot) {
+  using tabforge::com::Main2Member;
+  switch (slot) {
+    case Main2Member::kText:
+      return L"BSTR*";
+    case Main2Member::kTruth:
+      return L"VARIANT_BOOL*";
+    case Main2Member::kObject:
+      return L"IDispatch**";
+    case Main2Member::kPicture:
+      return L"IPictureDisp**";
+    case Main2Member::kNone:
+      break;
+  }
+  return L"";
+}
+
+// The server's one description of _Main2 is the type library's: the same members in the same
+// slots, with the same ids, names, kinds, parameters ([in, out] by reference) and answers ([out,
+// retval]).
+TEST(Registered, TheServersMemberTableIsTheTypeLibrarys) {
+  Apartment apartment;
+  const ComPtr<ITypeInfo> info = TypeLibraryInterface();
+  ASSERT_TRUE(info);
+  TYPEATTR* attributes = nullptr;
+  ASSERT_EQ(info->GetTypeAttr(&attributes), S_OK);
+  const UINT functions = attributes->cFuncs;
+  info->ReleaseTypeAttr(attributes);
+  const auto members = tabforge::com::Main2Members();
+  ASSERT_EQ(functions, members.size());
+  for (UINT slot = 0; slot < functions; ++slot) {
+    const auto& member = members[slot];
+    const std::wstring name(member.name.begin(), member.name.end());
+    FUNCDESC* function = nullptr;
+    ASSERT_EQ(info->GetFuncDesc(slot, &function), S_OK);
+    UniqueBstr declared;
+    UINT named = 0;
+    info->GetNames(function->memid, declared.Put(), 1, &named);
+    EXPECT_EQ(Text(declared.Get()), name) << slot;
+    EXPECT_EQ(function->memid, member.id) << name;
+    EXPECT_EQ(function->invkind, member.kind) << name;
+    std::vector<std::wstring> expected, actual;
+    for (UINT i = 0; i < member.Inputs(); ++i)
+      expected.push_back(SlotText(member.inputs[i]) + L" in out");
+    if (member.answer != tabforge::com::Main2Member::kNone)
+      expected.push_back(SlotText(member.answer) + L" out retval");
+    for (SHORT i = 0; i < function->cParams; ++i) {
+      const ELEMDESC& parameter = function->lprgelemdescParam[i];
+      const USHORT flags = parameter.paramdesc.wParamFlags;
+      actual.push_back(TypeText(info.Get(), parameter.tdesc) +
+                       ((flags & PARAMFLAG_FIN) != 0 ? L" in" : L"") +
+                       ((flags & PARAMFLAG_FOUT) != 0 ? L" out" : L"") +
+                       ((flags & PARAMFLAG_FRETVAL) != 0 ? L" retval" : L""));
+    }
+    EXPECT_EQ(actual, expected) << name;
+    info->ReleaseFuncDesc(function);
+  }
+}
 
 TEST(Registered, RegistryHoldsTheClassProgIdInterfaceAndTypeLibrary) {
   const std::vector<std::wstring> keys = ServerKeys();
