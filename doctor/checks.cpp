@@ -862,6 +862,15 @@ int Stage(const std::string& check) {
   return kRegistrationStage;
 }
 
+std::string Report(const std::vector<Finding>& findings, bool json) {
+  if (json)
+    return FindingsJson(findings);
+  std::string text = Verdict(findings) + "\n";
+  for (const Finding& f : findings)
+    text += FindingLine(f) + "\n";
+  return text;
+}
+
 std::string StatusName(Status status) {
   return status == Status::kOk ? "ok" : status == Status::kWarning ? "warning" : "problem";
 }

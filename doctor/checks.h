@@ -66,6 +66,10 @@ const Finding* FirstProblem(const std::vector<Finding>& findings);
 // not know (the Windows tool's registration checks) stand with the registration.
 int Stage(const std::string& check);
 
+// What the doctor prints: the verdict line, then one line per finding; or, for --json, the
+// findings as an array of {"check", "status", "detail", "fix"}.
+std::string Report(const std::vector<Finding>& findings, bool json);
+
 std::string StatusName(Status status);
 std::string FindingLine(const Finding& finding);
 std::string FindingsJson(const std::vector<Finding>& findings);
