@@ -147,8 +147,10 @@ class Checks {
       CheckVersion(word);
     const int bits = options_.bits != 0 ? options_.bits : words_.empty() ? 0 : words_[0].bits;
     diagnosis_.wordBits = words_.empty() ? 0 : words_[0].bits;
-    if (bits != 0)
+    if (bits != 0 && options_.registration)
       CheckRegistration(bits);
+    if (bits != 0)
+      CheckElevation(bits);
     CheckClickToRunClasses();
     return std::move(diagnosis_);
   }
@@ -759,15 +761,24 @@ class Checks {
       Ok("registration", of + "Tabforge.Main2 -> " + std::string(kClassId) + " -> " + server +
                              " (" + (user ? "the user's" : "the machine's") + " registration), a " +
                              std::to_string(bits) + "-bit DLL.");
-      if (user && !machine)
-        Warning("elevation",
-                of + "registered for this user alone: a Word run as administrator reads the "
-                     "machine's classes and does not see it.",
-                "tabforge register --machine PATH\\" + std::string(bits == 64 ? "x64" : "x86") +
-                    "\\Tabforge.dll as an administrator, or do not run Word as administrator.");
       return;
     }
     diagnosis_.repairs.push_back({Repairable::Kind::kRegistration, "", "", "", "", bits});
+  }
+
+  // A Word run as administrator reads the machine's classes alone.
+  void CheckElevation(int bits) {
+    const View view = bits == 64 ? View::k64 : View::k32;
+    const std::string classKey = std::string("Software\\Classes\\CLSID\\") + kClassId;
+    if (!machine_.KeyExists(Hive::kCurrentUser, view, classKey) ||
+        machine_.KeyExists(Hive::kLocalMachine, view, classKey))
+      return;
+    Warning("elevation",
+            "for " + std::to_string(bits) +
+                "-bit Word: registered for this user alone: a Word run as administrator reads "
+                "the machine's classes and does not see it.",
+            "tabforge register --machine PATH\\" + std::string(bits == 64 ? "x64" : "x86") +
+                "\\Tabforge.dll as an administrator, or do not run Word as administrator.");
   }
 
   void CheckClickToRunClasses() {

@@ -24,6 +24,8 @@ struct Finding {
 struct Options {
   std::string templatePath;  // empty: every template of the Startup folders that creates Main2
   int bits = 0;              // the registration's bitness; 0: the installed word processor's
+  // The Windows tool checks the registration itself, in more depth, with the class created.
+  bool registration = true;
 };
 
 // What --fix may do about a problem found.

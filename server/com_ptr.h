@@ -166,6 +166,13 @@ using UniqueSafeArray = UniqueHandle<SAFEARRAY*, ::SafeArrayDestroy>;
 // Never one of the predefined roots (HKEY_CLASSES_ROOT and the like), which nobody owns.
 using UniqueHkey = UniqueHandle<HKEY, ::RegCloseKey>;
 using UniqueGlobal = UniqueHandle<HGLOBAL, FreeGlobal>;
+// Files, snapshots and searches: a failed CreateFileW, CreateToolhelp32Snapshot or FindFirstFileW
+// answers INVALID_HANDLE_VALUE, which is never owned (OwnedOrEmpty).
+using UniqueFile = UniqueHandle<HANDLE, ::CloseHandle>;
+using UniqueFind = UniqueHandle<HANDLE, ::FindClose>;
+inline HANDLE OwnedOrEmpty(HANDLE handle) noexcept {
+  return handle == INVALID_HANDLE_VALUE ? nullptr : handle;
+}
 using UniqueHBitmap = UniqueHandle<HBITMAP, DeleteBitmap>;
 using UniqueGdiplusBitmap = UniqueHandle<Gdiplus::GpBitmap*, DisposeGdiplusBitmap>;
 

@@ -18,6 +18,15 @@ rm -rf "$prefix/drive_c/tabforge" && mkdir -p "$prefix/drive_c/tabforge/other" "
 cp "$dll" "$prefix/drive_c/tabforge/Tabforge.dll"
 cp "$other" "$prefix/drive_c/tabforge/other/Tabforge.dll"
 "${run[@]}" regsvr32 /s 'C:\tabforge\Tabforge.dll'
+# The good machine has a Word of the DLL's bitness (Click-to-Run's configuration is all the doctor
+# reads of it) and the add-in's template in the user's Startup folder, written by the tool.
+platform=x64
+[ "$bits" = 32 ] && platform=x86
+"${run[@]}" reg add 'HKLM\Software\Microsoft\Office\ClickToRun\Configuration' /v Platform \
+    /d "$platform" /f "$view" >/dev/null
+startup="$("${run[@]}" cmd /c echo %APPDATA% | tr -d '\r')\\Microsoft\\Word\\STARTUP"
+"${run[@]}" cmd /c mkdir "$startup" >/dev/null 2>&1 || true
+"${run[@]}" "$tool" doctor --write-template "$startup\\Tabforge.dotm"
 cp "$prefix"/*.reg "$work/good/"
 
 failed=0
