@@ -564,7 +564,6 @@ class Checks {
   }
 
   void CheckSecurity(const Word& word, const StartupFolders& folders, const Template& t) {
-    (void)folders;
     const std::string w = "Word " + word.version + ": ";
     std::string off;
     const std::vector<Location> locations = Locations(word, off);
