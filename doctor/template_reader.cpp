@@ -17,6 +17,13 @@ constexpr std::size_t kPartCap = 16u << 20;
 constexpr std::size_t kStreamCap = 16u << 20;
 constexpr std::size_t kSourceCap = 4u << 20;
 constexpr std::size_t kMaxModules = 1000;
+// What all the parts of a package, or all the module streams of a project, may add up to; a
+// small file that claims many large parts is refused before it costs minutes.
+constexpr std::size_t kPackageCap = 64u << 20;
+// A ribbon document of ours names a few dozen callbacks and a project holds a few hundred
+// procedures; matching each callback against each procedure stays quick within these.
+constexpr std::size_t kMaxCallbacks = 2000;
+constexpr std::size_t kMaxProcedures = 5000;
 
 std::uint16_t U16(ByteSpan bytes, std::size_t at) {
   if (at > bytes.size() || bytes.size() - at < 2)
@@ -494,10 +501,14 @@ std::vector<Module> ReadMacroProject(ByteSpan vbaProject) {
   }
   if (inModule)
     throw Damaged("the macro project's dir stream ends inside the module " + current.name);
+  std::size_t total = 0;
   for (Module& module : modules) {
     if (module.streamName.empty())
       module.streamName = module.name;
     const Bytes stream = file.Stream({"VBA", module.streamName});
+    total += stream.size();
+    if (total > kPackageCap)
+      throw Damaged("the macro project's modules add up to more than a template's may");
     if (module.offset > stream.size())
       throw Damaged("the module " + module.name + "'s source begins past the end of its stream");
     try {
@@ -736,12 +747,16 @@ std::vector<Callback> FindCallbacks(const std::string& customUi) {
       at = close + 1;
       if (attribute == "onAction") {
         callbacks.push_back({element, attribute, value, OnActionParameters(element)});
+        if (callbacks.size() > kMaxCallbacks)
+          throw Damaged("the ribbon document names more callbacks than a ribbon holds");
         continue;
       }
       for (const CallbackShape& shape : kCallbacks) {
         if (attribute == shape.attribute)
           callbacks.push_back({element, attribute, value, shape.parameters});
       }
+      if (callbacks.size() > kMaxCallbacks)
+        throw Damaged("the ribbon document names more callbacks than a ribbon holds");
     }
   }
   return callbacks;
@@ -754,7 +769,13 @@ TemplateContent ReadTemplate(ByteSpan dotm) {
   const std::vector<ZipEntry> entries = ReadZipDirectory(dotm);
   const ZipEntry* customUi = nullptr;
   const ZipEntry* macros = nullptr;
+  std::size_t total = 0;
   for (const ZipEntry& entry : entries) {
+    // Each part's own claim is refused first, by its name.
+    if (entry.size <= kPartCap)
+      total += entry.size;
+    if (total > kPackageCap)
+      throw Damaged("the package's parts add up to more than a template's may");
     // The word processor refuses a package with any part damaged, not only the parts read here.
     ReadZipEntry(dotm, entry, kPartCap);
     // The 2010 part takes precedence over the 2007 one when a package holds both.
@@ -780,6 +801,8 @@ TemplateContent ReadTemplate(ByteSpan dotm) {
     for (const Module& module : content.modules) {
       const std::vector<Procedure> found = FindProcedures(module);
       content.procedures.insert(content.procedures.end(), found.begin(), found.end());
+      if (content.procedures.size() > kMaxProcedures)
+        throw Damaged("the macro project declares more procedures than a template holds");
       content.createsMain2 = content.createsMain2 || CreatesMain2(module.source);
     }
   }

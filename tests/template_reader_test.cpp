@@ -357,6 +357,45 @@ TEST(TemplateReader, EachDamageGivesItsOwnError) {
   EXPECT_GE(cases, 60);
 }
 
+// What a small file may claim or hold is bounded, so that reading it never takes long.
+TEST(TemplateReader, WhatATemplateMayHoldIsBounded) {
+  struct Case {
+    const char* what;
+    Bytes file;
+    const char* error;
+  };
+  std::string ribbon = "<customUI>";
+  for (int i = 0; i < 2001; ++i)
+    ribbon += "<button onAction=\"A\"/>";
+  std::string many = "Attribute VB_Name = \"M\"\r\n";
+  for (int i = 0; i < 5001; ++i)
+    many += "Sub P" + std::to_string(i) + "()\r\n";
+  std::vector<ZipPart> parts;
+  for (int i = 0; i < 5; ++i)
+    parts.push_back({"part" + std::to_string(i), Bytes(15u << 20, 'x'), true});
+  TemplateSpec callbacks;
+  callbacks.customUi = ribbon + "</customUI>";
+  TemplateSpec procedures;
+  procedures.modules = {{"M", true, many}};
+  Case cases[] = {
+      {"a ribbon of 2001 callbacks", WriteTemplate(callbacks),
+       "the ribbon document names more callbacks than a ribbon holds"},
+      {"5001 procedures", WriteTemplate(procedures),
+       "the macro project declares more procedures than a template holds"},
+      {"parts of 75 MiB in all", WriteZip(parts),
+       "the package's parts add up to more than a template's may"},
+  };
+  for (const Case& c : cases) {
+    EXPECT_LT(c.file.size(), 1u << 20) << c.what;
+    try {
+      ReadTemplate(c.file);
+      ADD_FAILURE() << c.what << " was read";
+    } catch (const Damaged& damaged) {
+      EXPECT_STREQ(damaged.what(), c.error) << c.what;
+    }
+  }
+}
+
 // Every prefix of a good template is refused with words or read; none crashes.
 TEST(TemplateReader, EveryCutOfAGoodTemplateEndsInWordsOrAReading) {
   const Bytes good = WriteTemplate(GoodTemplate());

@@ -27,6 +27,13 @@ platform=x64
 startup="$("${run[@]}" cmd /c echo %APPDATA% | tr -d '\r')\\Microsoft\\Word\\STARTUP"
 "${run[@]}" cmd /c mkdir "$startup" >/dev/null 2>&1 || true
 "${run[@]}" "$tool" doctor --write-template "$startup\\Tabforge.dotm"
+# The template's entry in Word's disabled items: a 32-bit type (1), the byte lengths of the path
+# and of the name, then both in UTF-16 with their zeros, the path lower-cased.
+disabled=$(python3 -c '
+import struct, sys
+path = (sys.argv[1].lower() + "\0").encode("utf-16-le")
+name = "Tabforge\0".encode("utf-16-le")
+print((struct.pack("<III", 1, len(path), len(name)) + path + name).hex())' "$startup\\Tabforge.dotm")
 cp "$prefix"/*.reg "$work/good/"
 
 failed=0
@@ -42,7 +49,7 @@ while IFS='|' read -r name status expected setup args; do
     cp "$dll" "$prefix/drive_c/tabforge/Tabforge.dll"
     setup=${setup//%CLSID%/$clsid} setup=${setup//%LIBID%/$libid} setup=${setup//%VIEW%/$view}
     setup=${setup//%DLL%/$dll_word} setup=${setup//%OTHER%/$other_word}
-    setup=${setup//%TABFORGE%/$tool}
+    setup=${setup//%TABFORGE%/$tool} setup=${setup//%DISABLED%/$disabled}
     while [ -n "${setup// /}" ]; do
         eval "command=(${setup%% & *})"
         "${run[@]}" "${command[@]}" >/dev/null 2>&1 || fail "setup: ${command[*]}"
