@@ -160,50 +160,7 @@ class Report {
 
   const std::vector<Finding>& Findings() const { return findings_; }
 
-  void Print(std::ostream& out, bool json) const {
-    if (json)
-      out << "[\n";
-    for (std::size_t i = 0; i < findings_.size(); ++i) {
-      const Finding& f = findings_[i];
-      if (json) {
-        out << "  {\"check\": " << Quoted(f.check) << ", \"status\": " << Quoted(Name(f.status))
-            << ", \"detail\": " << Quoted(f.detail) << ", \"fix\": " << Quoted(f.fix) << "}"
-            << (i + 1 < findings_.size() ? ",\n" : "\n");
-      } else {
-        std::string name = Name(f.status);
-        name.resize(8, ' ');
-        out << name << f.check << ": " << f.detail;
-        if (!f.fix.empty())
-          out << " Fix: " << f.fix;
-        out << "\n";
-      }
-    }
-    if (json)
-      out << "]\n";
-  }
-
  private:
-  static const char* Name(Status status) {
-    return status == Status::kOk ? "ok" : status == Status::kWarning ? "warning" : "problem";
-  }
-
-  static std::string Quoted(const std::string& text) {
-    std::string out = "\"";
-    for (const char c : text) {
-      if (c == '"' || c == '\\') {
-        out += '\\';
-        out += c;
-      } else if (static_cast<unsigned char>(c) < 0x20) {
-        char escape[8];
-        std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(c));
-        out += escape;
-      } else {
-        out += c;
-      }
-    }
-    return out + "\"";
-  }
-
   std::vector<Finding> findings_;
 };
 
