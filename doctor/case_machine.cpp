@@ -241,6 +241,8 @@ Bytes TemplateFromChanges(const std::vector<std::string>& changes) {
     std::string& source = spec.modules[0].source;
     if (change == "no-ui") {
       spec.customUi.clear();
+    } else if (change == "unrelated-ui") {
+      spec.relateCustomUi = false;
     } else if (change == "old-ui") {
       spec.customUiPart = "customUI/customUI.xml";
     } else if (change == "no-macros") {

@@ -21,7 +21,8 @@
 //   key HIVE KEY                       a key without values
 //   env NAME = VALUE                   an environment variable
 //   file PATH = KIND                   a file: template [CHANGE...] (the add-in's own, changed by
-//                                      no-ui, old-ui, no-macros, no-main2, toggle-one-parameter,
+//                                      no-ui, old-ui, unrelated-ui, no-macros, no-main2,
+//                                      toggle-one-parameter,
 //                                      class-module, private-callback, signed, damaged), dotx,
 //                                      pe32 or pe64 (an executable's header), text TEXT
 //   stream PATH | NAME = TEXT          the file's alternate stream; \n in TEXT is a line break

@@ -370,7 +370,13 @@ class Checks {
     const TemplateContent& c = *t.content;
     Ok("template-file", w + t.path + " is a package with " + std::to_string(c.modules.size()) +
                             " macro module" + (c.modules.size() == 1 ? "" : "s") + ".");
-    if (c.customUiPart.empty())
+    if (c.customUiPart.empty() && !c.unrelatedCustomUi.empty())
+      Problem("custom-ui",
+              w + t.path + " holds " + c.unrelatedCustomUi +
+                  ", but no relationship of the package (_rels/.rels) names it: Word never "
+                  "reads it.",
+              "use the add-in's template from the release.");
+    else if (c.customUiPart.empty())
       Problem("custom-ui",
               w + t.path +
                   " has no ribbon document (customUI/customUI14.xml or customUI/customUI.xml).",

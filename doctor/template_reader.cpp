@@ -694,75 +694,138 @@ int OnActionParameters(const std::string& element) {
 
 }  // namespace
 
-std::vector<Callback> FindCallbacks(const std::string& customUi) {
-  std::vector<Callback> callbacks;
+namespace {
+
+struct Tag {
+  std::string element;  // without a namespace prefix
+  std::vector<std::pair<std::string, std::string>> attributes;
+};
+
+// The start tags of an XML text with their attributes, for `onTag`; `document` names the text in
+// errors. Comments, end tags, declarations and processing instructions are passed over.
+template <class OnTag>
+void ScanTags(const std::string& xml, const std::string& document, OnTag onTag) {
   std::size_t at = 0;
-  while ((at = customUi.find('<', at)) != std::string::npos) {
-    if (customUi.compare(at, 4, "<!--") == 0) {
-      const std::size_t end = customUi.find("-->", at + 4);
+  while ((at = xml.find('<', at)) != std::string::npos) {
+    if (xml.compare(at, 4, "<!--") == 0) {
+      const std::size_t end = xml.find("-->", at + 4);
       if (end == std::string::npos)
-        throw Damaged("the ribbon document has a comment that does not end");
+        throw Damaged(document + " has a comment that does not end");
       at = end + 3;
       continue;
     }
     ++at;
-    if (at < customUi.size() && (customUi[at] == '/' || customUi[at] == '?' || customUi[at] == '!'))
+    if (at < xml.size() && (xml[at] == '/' || xml[at] == '?' || xml[at] == '!'))
       continue;
     std::size_t nameEnd = at;
-    while (nameEnd < customUi.size() &&
-           !std::isspace(static_cast<unsigned char>(customUi[nameEnd])) &&
-           customUi[nameEnd] != '>' && customUi[nameEnd] != '/')
+    while (nameEnd < xml.size() && !std::isspace(static_cast<unsigned char>(xml[nameEnd])) &&
+           xml[nameEnd] != '>' && xml[nameEnd] != '/')
       ++nameEnd;
-    std::string element = customUi.substr(at, nameEnd - at);
-    if (const std::size_t colon = element.find(':'); colon != std::string::npos)
-      element.erase(0, colon + 1);
+    Tag tag;
+    tag.element = xml.substr(at, nameEnd - at);
+    if (const std::size_t colon = tag.element.find(':'); colon != std::string::npos)
+      tag.element.erase(0, colon + 1);
     at = nameEnd;
     // The attributes, up to the end of the tag.
     for (;;) {
-      while (at < customUi.size() && std::isspace(static_cast<unsigned char>(customUi[at])))
+      while (at < xml.size() && std::isspace(static_cast<unsigned char>(xml[at])))
         ++at;
-      if (at >= customUi.size())
-        throw Damaged("the ribbon document has a tag that does not end: <" + element);
-      if (customUi[at] == '>' || customUi[at] == '/')
+      if (at >= xml.size())
+        throw Damaged(document + " has a tag that does not end: <" + tag.element);
+      if (xml[at] == '>' || xml[at] == '/')
         break;
       std::size_t equals = at;
-      while (equals < customUi.size() && customUi[equals] != '=' && customUi[equals] != '>' &&
-             customUi[equals] != '/' && !std::isspace(static_cast<unsigned char>(customUi[equals])))
+      while (equals < xml.size() && xml[equals] != '=' && xml[equals] != '>' &&
+             xml[equals] != '/' && !std::isspace(static_cast<unsigned char>(xml[equals])))
         ++equals;
-      const std::string attribute = customUi.substr(at, equals - at);
-      while (equals < customUi.size() && std::isspace(static_cast<unsigned char>(customUi[equals])))
+      std::string attribute = xml.substr(at, equals - at);
+      while (equals < xml.size() && std::isspace(static_cast<unsigned char>(xml[equals])))
         ++equals;
-      if (equals >= customUi.size() || customUi[equals] != '=')
-        throw Damaged("the ribbon document has an attribute without a value in <" + element);
+      if (equals >= xml.size() || xml[equals] != '=')
+        throw Damaged(document + " has an attribute without a value in <" + tag.element);
       std::size_t quote = equals + 1;
-      while (quote < customUi.size() && std::isspace(static_cast<unsigned char>(customUi[quote])))
+      while (quote < xml.size() && std::isspace(static_cast<unsigned char>(xml[quote])))
         ++quote;
-      if (quote >= customUi.size() || (customUi[quote] != '"' && customUi[quote] != '\''))
-        throw Damaged("the ribbon document has an attribute value without quotes in <" + element);
-      const std::size_t close = customUi.find(customUi[quote], quote + 1);
+      if (quote >= xml.size() || (xml[quote] != '"' && xml[quote] != '\''))
+        throw Damaged(document + " has an attribute value without quotes in <" + tag.element);
+      const std::size_t close = xml.find(xml[quote], quote + 1);
       if (close == std::string::npos)
-        throw Damaged("the ribbon document has an attribute value that does not end in <" +
-                      element);
-      const std::string value = customUi.substr(quote + 1, close - quote - 1);
+        throw Damaged(document + " has an attribute value that does not end in <" + tag.element);
+      tag.attributes.emplace_back(std::move(attribute), xml.substr(quote + 1, close - quote - 1));
       at = close + 1;
-      if (attribute == "onAction") {
-        callbacks.push_back({element, attribute, value, OnActionParameters(element)});
-        if (callbacks.size() > kMaxCallbacks)
-          throw Damaged("the ribbon document names more callbacks than a ribbon holds");
-        continue;
-      }
+    }
+    onTag(tag);
+  }
+}
+
+}  // namespace
+
+std::vector<Callback> FindCallbacks(const std::string& customUi) {
+  std::vector<Callback> callbacks;
+  ScanTags(customUi, "the ribbon document", [&](const Tag& tag) {
+    for (const auto& [attribute, value] : tag.attributes) {
+      if (attribute == "onAction")
+        callbacks.push_back({tag.element, attribute, value, OnActionParameters(tag.element)});
       for (const CallbackShape& shape : kCallbacks) {
         if (attribute == shape.attribute)
-          callbacks.push_back({element, attribute, value, shape.parameters});
+          callbacks.push_back({tag.element, attribute, value, shape.parameters});
       }
       if (callbacks.size() > kMaxCallbacks)
         throw Damaged("the ribbon document names more callbacks than a ribbon holds");
     }
-  }
+  });
   return callbacks;
 }
 
 // --- The template ---------------------------------------------------------------------------
+
+namespace {
+
+// The ribbon part that the package's relationships name: the 2010 one over the 2007 one.
+struct Related {
+  bool present = false;  // the package has _rels/.rels
+  std::string target;
+};
+
+Related RelatedCustomUi(ByteSpan dotm, const std::vector<ZipEntry>& entries) {
+  Related related;
+  for (const ZipEntry& entry : entries) {
+    if (!SameName(entry.name, "_rels/.rels"))
+      continue;
+    related.present = true;
+    const Bytes xml = ReadZipEntry(dotm, entry, kPartCap);
+    bool newer = false;
+    ScanTags(std::string(xml.begin(), xml.end()), "the package's relationships",
+             [&](const Tag& tag) {
+               if (tag.element != "Relationship")
+                 return;
+               std::string type;
+               std::string target;
+               for (const auto& [name, value] : tag.attributes) {
+                 if (name == "Type")
+                   type = value;
+                 else if (name == "Target")
+                   target = value;
+               }
+               const std::string suffix = "/relationships/ui/extensibility";
+               if (type.size() < suffix.size() ||
+                   type.compare(type.size() - suffix.size(), suffix.size(), suffix) != 0)
+                 return;
+               const bool isNewer = type.find("/office/2007/") != std::string::npos;
+               if (related.target.empty() || (isNewer && !newer)) {
+                 related.target = target.rfind('/', 0) == 0 ? target.substr(1) : target;
+                 newer = isNewer;
+               }
+             });
+  }
+  return related;
+}
+
+bool IsCustomUiName(const std::string& name) {
+  return SameName(name, "customUI/customUI14.xml") || SameName(name, "customUI/customUI.xml");
+}
+
+}  // namespace
 
 TemplateContent ReadTemplate(ByteSpan dotm) {
   TemplateContent content;
@@ -778,16 +841,29 @@ TemplateContent ReadTemplate(ByteSpan dotm) {
       throw Damaged("the package's parts add up to more than a template's may");
     // The word processor refuses a package with any part damaged, not only the parts read here.
     ReadZipEntry(dotm, entry, kPartCap);
-    // The 2010 part takes precedence over the 2007 one when a package holds both.
-    if (SameName(entry.name, "customUI/customUI14.xml") ||
-        (customUi == nullptr && SameName(entry.name, "customUI/customUI.xml")))
-      customUi = &entry;
-    else if (SameName(entry.name, "word/vbaProject.bin"))
+    if (SameName(entry.name, "word/vbaProject.bin"))
       macros = &entry;
     else if (SameName(entry.name, "word/vbaProjectSignature.bin") ||
              SameName(entry.name, "word/vbaProjectSignatureAgile.bin"))
       content.signedMacros = true;
   }
+  // The word processor finds the ribbon part through the package's relationships; a package
+  // without them (which it would not open at all) is read by the parts' usual names.
+  const Related related = RelatedCustomUi(dotm, entries);
+  for (const ZipEntry& entry : entries) {
+    if (related.present) {
+      if (!related.target.empty() && SameName(entry.name, related.target))
+        customUi = &entry;
+      else if (IsCustomUiName(entry.name) && content.unrelatedCustomUi.empty())
+        content.unrelatedCustomUi = entry.name;
+    } else if (SameName(entry.name, "customUI/customUI14.xml") ||
+               (customUi == nullptr && SameName(entry.name, "customUI/customUI.xml"))) {
+      customUi = &entry;
+    }
+  }
+  if (related.present && !related.target.empty() && customUi == nullptr)
+    throw Damaged("the package's relationships name the ribbon part " + related.target +
+                  ", which the package does not hold");
   if (customUi != nullptr) {
     content.customUiPart = customUi->name;
     const Bytes xml = ReadZipEntry(dotm, *customUi, kPartCap);

@@ -123,7 +123,10 @@ std::vector<Callback> FindCallbacks(const std::string& customUi);
 // --- The template as a whole ----------------------------------------------------------------
 
 struct TemplateContent {
-  std::string customUiPart;  // empty when the package has none
+  std::string customUiPart;  // empty when the package has none, or its relationships name none
+  // A part by a ribbon part's name that the package's relationships do not name: the word
+  // processor never reads it.
+  std::string unrelatedCustomUi;
   std::string customUi;
   bool hasMacros = false;
   bool signedMacros = false;

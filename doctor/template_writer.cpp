@@ -367,6 +367,21 @@ Bytes WriteTemplate(const TemplateSpec& spec) {
        true},
       {"word/document.xml", Ascii("<?xml version=\"1.0\"?><w:document/>"), false},
   };
+  std::string relationships =
+      "<?xml version=\"1.0\"?>\n<Relationships "
+      "xmlns=\"http://schemas.openxmlformats.org/package/2006/relationships\">"
+      "<Relationship Id=\"rId1\" Type=\"http://schemas.openxmlformats.org/officeDocument/2006/"
+      "relationships/officeDocument\" Target=\"word/document.xml\"/>";
+  if (!spec.customUi.empty() && spec.relateCustomUi) {
+    // The 2010 part has a relationship type of its own.
+    const bool newer = spec.customUiPart.find("customUI14") != std::string::npos;
+    relationships += std::string(
+                         "<Relationship Id=\"rUi\" Type=\"http://schemas.microsoft.com/"
+                         "office/") +
+                     (newer ? "2007" : "2006") + "/relationships/ui/extensibility\" Target=\"" +
+                     spec.customUiPart + "\"/>";
+  }
+  parts.push_back({"_rels/.rels", Ascii(relationships + "</Relationships>\n"), false});
   if (!spec.customUi.empty())
     parts.push_back({spec.customUiPart, Ascii(spec.customUi), false});
   if (spec.macros)

@@ -41,7 +41,8 @@ Bytes WriteMacroProject(const std::vector<ModuleText>& modules, std::size_t cach
 
 struct TemplateSpec {
   std::string customUiPart = "customUI/customUI14.xml";
-  std::string customUi;  // no part when empty
+  std::string customUi;        // no part when empty
+  bool relateCustomUi = true;  // the package's relationships name the ribbon part
   std::vector<ModuleText> modules;
   bool macros = true;  // word/vbaProject.bin, even with no modules
   bool signedMacros = false;

@@ -135,6 +135,64 @@ TEST(TemplateReader, TheLaterCustomUiPartWinsAndTheOlderOneIsRead) {
   EXPECT_TRUE(ReadTemplate(WriteTemplate(spec)).signedMacros);
 }
 
+std::string Rels(const std::string& relationships) {
+  return "<Relationships xmlns=\"http://schemas.openxmlformats.org/package/2006/relationships\">" +
+         relationships + "</Relationships>";
+}
+
+std::string UiRelationship(const char* year, const std::string& target) {
+  return std::string("<Relationship Id=\"r") + year +
+         "\" Type=\"http://schemas.microsoft.com/office/" + year +
+         "/relationships/ui/extensibility\" Target=\"" + target + "\"/>";
+}
+
+TEST(TemplateReader, TheRibbonPartIsTheOneTheRelationshipsName) {
+  TemplateSpec spec = GoodTemplate();
+  spec.relateCustomUi = false;
+  const TemplateContent unrelated = ReadTemplate(WriteTemplate(spec));
+  EXPECT_EQ(unrelated.customUiPart, "");
+  EXPECT_EQ(unrelated.unrelatedCustomUi, "customUI/customUI14.xml");
+  EXPECT_THAT(unrelated.callbacks, IsEmpty());
+
+  const Bytes ui = Ascii("<customUI onLoad=\"A\"/>");
+  const Bytes old = Ascii("<customUI onLoad=\"B\"/>");
+  struct Case {
+    const char* what;
+    std::string relationships;
+    const char* part;  // the ribbon part read, or the error's start
+  } cases[] = {
+      {"a part of any name", Rels(UiRelationship("2007", "/custom/ribbon.xml")),
+       "custom/ribbon.xml"},
+      {"the 2010 part over the 2007 one",
+       Rels(UiRelationship("2006", "customUI/customUI.xml") +
+            UiRelationship("2007", "custom/ribbon.xml")),
+       "custom/ribbon.xml"},
+      {"the 2010 part over the 2007 one that follows it",
+       Rels(UiRelationship("2007", "custom/ribbon.xml") +
+            UiRelationship("2006", "customUI/customUI.xml")),
+       "custom/ribbon.xml"},
+      {"the 2007 part alone", Rels(UiRelationship("2006", "customUI/customUI.xml")),
+       "customUI/customUI.xml"},
+      {"a part that is not there", Rels(UiRelationship("2007", "customUI/gone.xml")),
+       "the package's relationships name the ribbon part customUI/gone.xml, which the package "
+       "does not hold"},
+      {"relationships that do not end", "<Relationships><Relationship Id=\"x\"",
+       "the package's relationships has a tag that does not end: <Relationship"},
+  };
+  for (const Case& c : cases) {
+    const Bytes zip = WriteZip({{"_rels/.rels", Ascii(c.relationships), true},
+                                {"custom/ribbon.xml", ui, false},
+                                {"customUI/customUI.xml", old, false}});
+    std::string read;
+    try {
+      read = ReadTemplate(zip).customUiPart;
+    } catch (const Damaged& damaged) {
+      read = damaged.what();
+    }
+    EXPECT_EQ(read, c.part) << c.what;
+  }
+}
+
 // --- Procedures and callbacks ---------------------------------------------------------------
 
 TEST(TemplateReader, DeclarationsGiveTheirNameAccessAndParameterCount) {
