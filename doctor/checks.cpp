@@ -350,6 +350,18 @@ class Checks {
     for (const Template& t : templates)
       CheckTemplate(word, folders, t);
     CheckDisabled(word, templates);
+    const std::string general = OfficeKey(word.version) + "\\Common\\General";
+    if (Number(machine_.Value(Hive::kCurrentUser, View::k64, general,
+                              "ReportAddinCustomUIErrors")) == 1u)
+      Ok("addin-ui-errors",
+         w + "Word shows why it refuses a ribbon document (" +
+             ValueName(Hive::kCurrentUser, general, "ReportAddinCustomUIErrors = 1") + ").");
+    else
+      Ok("addin-ui-errors",
+         w +
+             "Word says nothing when it refuses a ribbon document; for a tab that is still "
+             "missing, turn on File > Options > Advanced > Show add-in user interface errors (" +
+             ValueName(Hive::kCurrentUser, general, "ReportAddinCustomUIErrors = 1") + ").");
   }
 
   static std::string Joined(const std::vector<std::string>& items) {
@@ -844,6 +856,7 @@ constexpr StageOf kStages[] = {
     {"initialize", 6},
     {"document", 7},
     {"callbacks", 7},
+    {"addin-ui-errors", 7},
 };
 constexpr int kRegistrationStage = 5;
 

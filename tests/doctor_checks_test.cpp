@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -124,6 +125,36 @@ TEST(DoctorMachines, TwoVersionsAreCheckedEachOnItsOwn) {
       versions.insert(f.detail.substr(0, 9));
   }
   EXPECT_EQ(versions, (std::set<std::string>{"Word 14.0", "Word 16.0"}));
+}
+
+// How to see Word's own reason for a refused ribbon depends on whether Word shows it already.
+TEST(DoctorMachines, TheCallbacksFixSaysHowToSeeWordsOwnMessage) {
+  std::vector<MachineCase> cases = Machines();
+  const auto bad = std::find_if(cases.begin(), cases.end(), [](const MachineCase& c) {
+    return c.name == "a-callback-with-too-few-parameters";
+  });
+  ASSERT_NE(bad, cases.end());
+  CaseMachine machine = bad->machine;
+  auto callbacks = [&] {
+    for (const Finding& f : Diagnose(machine, {}).findings) {
+      if (f.check == "callbacks")
+        return f.fix;
+    }
+    return std::string("no callbacks line");
+  };
+  EXPECT_THAT(callbacks(), HasSubstr("to see Word's own message, turn on File > Options"));
+  RegistryValue on;
+  on.kind = RegistryValue::Kind::kNumber;
+  on.number = 1;
+  machine.SetValue(Hive::kCurrentUser, View::k64,
+                   "Software\\Microsoft\\Office\\16.0\\Common\\General",
+                   "ReportAddinCustomUIErrors", on);
+  EXPECT_THAT(callbacks(), HasSubstr("add-in user interface errors are on"));
+  on.number = 0;
+  machine.SetValue(Hive::kCurrentUser, View::k64,
+                   "Software\\Microsoft\\Office\\16.0\\Common\\General",
+                   "ReportAddinCustomUIErrors", on);
+  EXPECT_THAT(callbacks(), HasSubstr("turn on"));
 }
 
 TEST(DoctorVerdict, TheFirstProblemInWordsOrderWhateverTheOrderOfTheLines) {
