@@ -20,3 +20,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(CMAKE_EXE_LINKER_FLAGS_INIT    "-static")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static")
 set(CMAKE_MODULE_LINKER_FLAGS_INIT "-static")
+
+# zlib (libz-mingw-w64-dev) for the doctor's template reader: the static library, so that
+# tabforge.exe needs no zlib1.dll beside it.
+set(ZLIB_USE_STATIC_LIBS ON)

@@ -169,8 +169,13 @@ using UniqueVariant = UniqueHandle<VARIANT, ClearVariantCopy>;
 using UniqueSafeArray = UniqueHandle<SAFEARRAY*, ::SafeArrayDestroy>;
 // Never one of the predefined roots (HKEY_CLASSES_ROOT and the like), which nobody owns.
 using UniqueHkey = UniqueHandle<HKEY, ::RegCloseKey>;
-// A file or other kernel handle; a failed CreateFile's INVALID_HANDLE_VALUE is stored as empty.
+// Files, snapshots and searches: a failed CreateFileW, CreateToolhelp32Snapshot or FindFirstFileW
+// answers INVALID_HANDLE_VALUE, which is never owned (OwnedOrEmpty).
 using UniqueFile = UniqueHandle<HANDLE, CloseFile>;
+using UniqueFind = UniqueHandle<HANDLE, ::FindClose>;
+inline HANDLE OwnedOrEmpty(HANDLE handle) noexcept {
+  return handle == INVALID_HANDLE_VALUE ? nullptr : handle;
+}
 using UniqueHBitmap = UniqueHandle<HBITMAP, DeleteBitmap>;
 using UniqueGdiplusBitmap = UniqueHandle<Gdiplus::GpBitmap*, DisposeGdiplusBitmap>;
 

@@ -8,11 +8,14 @@
 
 #include <cstdio>
 #include <cwchar>
+#include <fstream>
 #include <initializer_list>
 #include <iostream>
 #include <stdexcept>
 
 #include "Tabforge_h.h"
+#include "doctor/case_machine.h"
+#include "doctor/checks.h"
 #include "platform/utf16.h"
 #include "server/com_ptr.h"
 #include "server/registry_entries.h"
@@ -20,29 +23,48 @@
 #include "tabforge_version.h"
 #include "tools/classes_key.h"
 #include "tools/com_session.h"
+#include "tools/windows_machine.h"
 #include "tracing/vbw_protector.h"
 
 namespace tabforge::cli {
 namespace {
 
 constexpr const char* kDoctorUsage =
-    "usage: tabforge doctor [--bits 32|64] [--json] [--trace]\n"
+    "usage: tabforge doctor [--bits 32|64] [--template PATH] [--json] [--fix] [--trace]\n"
     "\n"
-    "Checks everything that decides whether a word processor of the given bitness (default: this\n"
-    "tabforge.exe's own) can create Tabforge.Main2, one line each, ok, warning or problem with\n"
-    "the reason and the fix: the program id, the class and its in-process server (the file, its\n"
-    "bitness, the threading model), the type library and the interface, entries of the user's\n"
-    "classes over the machine's, the class in the other registry view, the file's version record\n"
-    "and signature, the tracing request; then creates the class, calls Initialize and asks for\n"
-    "the document, as the word processor's template does. A tabforge.exe of the other bitness\n"
-    "cannot load the DLL, and says so instead of creating it.\n"
+    "Tells why the add-in's tab is missing, from Word's start to the first callback. The first\n"
+    "line is the verdict: the first cause found in the order Word meets them (installed Word,\n"
+    "Startup folder, template file, disabled or blocked, macro security, registration, creation,\n"
+    "document) and its fix, or that nothing found would hide the tab. Then one line per check,\n"
+    "ok, warning or problem with the reason and the fix: every installed Word (12.0 to 16.0) and\n"
+    "its bitness; the Startup folders and the add-in's template in them; the template's ribbon\n"
+    "document, macros and callbacks; Word's disabled items and the managed add-in list; trusted\n"
+    "locations, the macro setting, the mark of the web and signed add-ins; Click-to-Run's own\n"
+    "registry; then, for Word's bitness, the program id, the class and its in-process server\n"
+    "(the file, its bitness, the threading model), the type library and the interface, entries\n"
+    "of the user's classes over the machine's, the class in the other registry view, the file's\n"
+    "version record and signature, the tracing request; then creates the class, calls\n"
+    "Initialize and asks for the document, as the template does. A tabforge.exe of the other\n"
+    "bitness cannot load the DLL, and says so instead of creating it.\n"
     "\n"
-    "  --bits 32|64  the word processor's bitness, and so the registry view to read\n"
-    "  --json        an array of {\"check\", \"status\", \"detail\", \"fix\"} in place of the "
+    "  --bits 32|64     the registration's bitness (default: the installed Word's, else this\n"
+    "                   tabforge.exe's own)\n"
+    "  --template PATH  the add-in's template (default: every template of the Startup folders\n"
+    "                   whose macros create Tabforge.Main2)\n"
+    "  --json           an array of {\"check\", \"status\", \"detail\", \"fix\"} in place of the "
     "lines\n"
-    "  --trace       this command line asks for tracing (\"/trace\"), as a word processor's may\n"
+    "  --fix            first carries out the repairs that are safe and the user's own, one line\n"
+    "                   each: removes the template's entry from Word's disabled items (only while\n"
+    "                   Word is closed), removes the template's mark of the web, registers the\n"
+    "                   DLL of Word's bitness for the user; never writes a policy key\n"
+    "  --trace          this command line asks for tracing (\"/trace\"), as a word processor's "
+    "may\n"
     "\n"
-    "Exit status 0 when the class can be created, 1 when it cannot, 2 on bad usage.\n";
+    "tabforge doctor --write-template PATH [CHANGE...] writes the add-in's test template, as the\n"
+    "doctor's case files describe it, for a machine that a script sets up.\n"
+    "\n"
+    "Exit status 0 when the class can be created and nothing before the registration would hide\n"
+    "the tab, 1 when not, 2 on bad usage.\n";
 
 constexpr const char* kTraceUsage =
     "usage: tabforge trace on|off|show\n"
@@ -136,50 +158,9 @@ class Report {
     return false;
   }
 
-  void Print(std::ostream& out, bool json) const {
-    if (json)
-      out << "[\n";
-    for (std::size_t i = 0; i < findings_.size(); ++i) {
-      const Finding& f = findings_[i];
-      if (json) {
-        out << "  {\"check\": " << Quoted(f.check) << ", \"status\": " << Quoted(Name(f.status))
-            << ", \"detail\": " << Quoted(f.detail) << ", \"fix\": " << Quoted(f.fix) << "}"
-            << (i + 1 < findings_.size() ? ",\n" : "\n");
-      } else {
-        std::string name = Name(f.status);
-        name.resize(8, ' ');
-        out << name << f.check << ": " << f.detail;
-        if (!f.fix.empty())
-          out << " Fix: " << f.fix;
-        out << "\n";
-      }
-    }
-    if (json)
-      out << "]\n";
-  }
+  const std::vector<Finding>& Findings() const { return findings_; }
 
  private:
-  static const char* Name(Status status) {
-    return status == Status::kOk ? "ok" : status == Status::kWarning ? "warning" : "problem";
-  }
-
-  static std::string Quoted(const std::string& text) {
-    std::string out = "\"";
-    for (const char c : text) {
-      if (c == '"' || c == '\\') {
-        out += '\\';
-        out += c;
-      } else if (static_cast<unsigned char>(c) < 0x20) {
-        char escape[8];
-        std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(c));
-        out += escape;
-      } else {
-        out += c;
-      }
-    }
-    return out + "\"";
-  }
-
   std::vector<Finding> findings_;
 };
 
@@ -725,28 +706,9 @@ void DeleteIfEmpty(const std::wstring& path) {
   }
 }
 
-}  // namespace
-
-int Doctor(const std::vector<std::string>& args) {
-  int bits = kOwnBits;
-  bool json = false;
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    if (args[i] == "--help" || args[i] == "-h") {
-      std::cout << kDoctorUsage;
-      return 0;
-    }
-    if (args[i] == "--bits" && i + 1 < args.size() &&
-        (args[i + 1] == "32" || args[i + 1] == "64")) {
-      bits = args[++i] == "32" ? 32 : 64;
-    } else if (args[i] == "--json") {
-      json = true;
-    } else if (args[i] == "--trace" || args[i] == "/trace") {
-      AskForTracingOnTheCommandLine();
-    } else {
-      std::cerr << "tabforge doctor: unexpected argument '" << args[i] << "'\n" << kDoctorUsage;
-      return 2;
-    }
-  }
+// Today's registration and creation checks for one bitness, into `report`; true when the class
+// was created (or, for the other bitness, when nothing that creation needs has a problem).
+bool CheckRegistration(int bits, Report& report) {
   const Views views = ViewsOf(bits == 64 ? IMAGE_FILE_MACHINE_AMD64 : IMAGE_FILE_MACHINE_I386);
   Context c{
       bits,
@@ -757,8 +719,6 @@ int Doctor(const std::vector<std::string>& args) {
       "tabforge register --machine PATH\\" + std::string(bits == 64 ? "x64" : "x86") +
           "\\Tabforge.dll (or --user), regsvr32 of that DLL, or install Tabforge-" +
           (bits == 64 ? "x64" : "x86") + ".msi."};
-  ComApartment apartment;
-  Report report;
   if (CheckRegistered(c, report)) {
     CheckProgId(c, report);
     if (CheckClass(c, report)) {
@@ -776,9 +736,97 @@ int Doctor(const std::vector<std::string>& args) {
     CheckSignature(c, report);
   }
   CheckTrace(report);
-  const bool created = CheckCreation(c, report);
-  report.Print(std::cout, json);
-  return created ? 0 : 1;
+  return CheckCreation(c, report);
+}
+
+struct Examination {
+  doctor::Diagnosis diagnosis;
+  std::vector<doctor::Finding> findings;  // the doctor's checks, then the registration's
+  bool created = false;
+};
+
+Examination Examine(const WindowsMachine& machine, const doctor::Options& options, int bits) {
+  Examination e;
+  e.diagnosis = doctor::Diagnose(machine, options);
+  const int registrationBits = options.bits != 0           ? options.bits
+                               : e.diagnosis.wordBits != 0 ? e.diagnosis.wordBits
+                                                           : bits;
+  Report report;
+  e.created = CheckRegistration(registrationBits, report);
+  e.findings = e.diagnosis.findings;
+  for (const Finding& f : report.Findings())
+    e.findings.push_back({f.check,
+                          f.status == Status::kOk        ? doctor::Status::kOk
+                          : f.status == Status::kWarning ? doctor::Status::kWarning
+                                                         : doctor::Status::kProblem,
+                          f.detail, f.fix});
+  // The registration of Word's bitness is one of --fix's repairs.
+  if (report.HasProblem(
+          {"not-registered", "progid", "class", "server-path", "server-file", "server-bitness"}))
+    e.diagnosis.repairs.push_back(
+        {doctor::Repairable::Kind::kRegistration, "", "", "", "", registrationBits});
+  return e;
+}
+
+// The test template of the case files, for a Wine prefix set up by a script.
+int WriteTestTemplate(const std::string& path, const std::vector<std::string>& changes) {
+  try {
+    const doctor::Bytes bytes = doctor::TemplateFromChanges(changes);
+    std::ofstream out(path, std::ios::binary);
+    out.write(reinterpret_cast<const char*>(bytes.data()),
+              static_cast<std::streamsize>(bytes.size()));
+    if (out)
+      return 0;
+    std::cerr << "tabforge doctor: cannot write " << path << "\n";
+    return 1;
+  } catch (const std::runtime_error& error) {
+    std::cerr << "tabforge doctor: " << error.what() << "\n";
+    return 2;
+  }
+}
+
+}  // namespace
+
+int Doctor(const std::vector<std::string>& args) {
+  doctor::Options options;
+  options.registration = false;
+  bool json = false;
+  bool fix = false;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    if (args[i] == "--help" || args[i] == "-h") {
+      std::cout << kDoctorUsage;
+      return 0;
+    }
+    if (args[i] == "--bits" && i + 1 < args.size() &&
+        (args[i + 1] == "32" || args[i + 1] == "64")) {
+      options.bits = args[++i] == "32" ? 32 : 64;
+    } else if (args[i] == "--write-template" && i + 1 < args.size()) {
+      return WriteTestTemplate(args[i + 1],
+                               {args.begin() + static_cast<std::ptrdiff_t>(i) + 2, args.end()});
+    } else if (args[i] == "--template" && i + 1 < args.size()) {
+      options.templatePath = args[++i];
+    } else if (args[i] == "--json") {
+      json = true;
+    } else if (args[i] == "--fix") {
+      fix = true;
+    } else if (args[i] == "--trace" || args[i] == "/trace") {
+      AskForTracingOnTheCommandLine();
+    } else {
+      std::cerr << "tabforge doctor: unexpected argument '" << args[i] << "'\n" << kDoctorUsage;
+      return 2;
+    }
+  }
+  ComApartment apartment;
+  WindowsMachine machine;
+  Examination e = Examine(machine, options, kOwnBits);
+  if (fix) {
+    for (const std::string& line : doctor::Repair(machine, e.diagnosis))
+      (json ? std::cerr : std::cout) << "fix: " << line << "\n";
+    e = Examine(machine, options, kOwnBits);
+  }
+  std::cout << doctor::Report(e.findings, json);
+  // As before, a problem of the registration that creation survives leaves the status 0.
+  return e.created && doctor::FirstProblem(e.diagnosis.findings) == nullptr ? 0 : 1;
 }
 
 int Trace(const std::vector<std::string>& args) {

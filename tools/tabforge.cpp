@@ -22,6 +22,7 @@
 #include "platform/portable/portable_platform.h"
 #include "ribbon/main2.h"
 #include "tools/custom_ui_check.h"
+#include "tools/portable_doctor.h"
 #include "tools/preview.h"
 #endif
 
@@ -42,8 +43,9 @@ constexpr const char* kUsage =
     "                                     replay a host session from FILE or standard input\n"
     "  register [--user | --machine] [--unregister] PATH\n"
     "                                     register Tabforge.dll at PATH, or remove it (Windows)\n"
-    "  doctor [--bits 32|64] [--json]     tell why a word processor cannot create the class\n"
-    "                                     (Windows)\n"
+    "  doctor [--bits 32|64] [--json] [--fix] [--template PATH]\n"
+    "                                     tell why the add-in's tab is missing (Windows; on\n"
+    "                                     Linux, over a machine a file describes: --machine)\n"
     "  trace on|off|show                  the user's tracing request (Windows)\n"
     "  log on|off|show [--lines N]        the flight log: switch it, or show the last start,\n"
     "                                     failures and lines (Windows)\n"
@@ -393,7 +395,9 @@ int main(int argc, char** argv) {
     return Check(args);
   if (command == "preview")
     return Preview(args);
-  if (command == "register" || command == "doctor" || command == "trace" || command == "log") {
+  if (command == "doctor")
+    return cli::PortableDoctor(args);
+  if (command == "register" || command == "trace" || command == "log") {
     std::cerr << "tabforge " << command
               << ": not available in the Linux build; use tabforge.exe on Windows\n";
     return 2;

@@ -18,6 +18,22 @@ rm -rf "$prefix/drive_c/tabforge" && mkdir -p "$prefix/drive_c/tabforge/other" "
 cp "$dll" "$prefix/drive_c/tabforge/Tabforge.dll"
 cp "$other" "$prefix/drive_c/tabforge/other/Tabforge.dll"
 "${run[@]}" regsvr32 /s 'C:\tabforge\Tabforge.dll'
+# The good machine has a Word of the DLL's bitness (Click-to-Run's configuration is all the doctor
+# reads of it) and the add-in's template in the user's Startup folder, written by the tool.
+platform=x64
+[ "$bits" = 32 ] && platform=x86
+"${run[@]}" reg add 'HKLM\Software\Microsoft\Office\ClickToRun\Configuration' /v Platform \
+    /d "$platform" /f "$view" >/dev/null
+startup="$("${run[@]}" cmd /c echo %APPDATA% | tr -d '\r')\\Microsoft\\Word\\STARTUP"
+"${run[@]}" cmd /c mkdir "$startup" >/dev/null 2>&1 || true
+"${run[@]}" "$tool" doctor --write-template "$startup\\Tabforge.dotm"
+# The template's entry in Word's disabled items: a 32-bit type (1), the byte lengths of the path
+# and of the name, then both in UTF-16 with their zeros, the path lower-cased.
+disabled=$(python3 -c '
+import struct, sys
+path = (sys.argv[1].lower() + "\0").encode("utf-16-le")
+name = "Tabforge\0".encode("utf-16-le")
+print((struct.pack("<III", 1, len(path), len(name)) + path + name).hex())' "$startup\\Tabforge.dotm")
 cp "$prefix"/*.reg "$work/good/"
 
 failed=0
@@ -33,7 +49,7 @@ while IFS='|' read -r name status expected setup args; do
     cp "$dll" "$prefix/drive_c/tabforge/Tabforge.dll"
     setup=${setup//%CLSID%/$clsid} setup=${setup//%LIBID%/$libid} setup=${setup//%VIEW%/$view}
     setup=${setup//%DLL%/$dll_word} setup=${setup//%OTHER%/$other_word}
-    setup=${setup//%TABFORGE%/$tool}
+    setup=${setup//%TABFORGE%/$tool} setup=${setup//%DISABLED%/$disabled}
     while [ -n "${setup// /}" ]; do
         eval "command=(${setup%% & *})"
         "${run[@]}" "${command[@]}" >/dev/null 2>&1 || fail "setup: ${command[*]}"

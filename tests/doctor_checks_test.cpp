@@ -1,0 +1,305 @@
+// The doctor's checks over machines that tests/doctor_machines.txt describes: on each, the verdict
+// names the expected check, the problems and warnings are exactly those set up, --fix repairs
+// what it may and nothing else, and a second --fix changes nothing. Then the pieces the machines
+// rest on: the decoding of disabled items, the order of the verdict, the bitness of executables,
+// and the case format's own refusals.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "doctor/case_machine.h"
+#include "doctor/checks.h"
+
+namespace tabforge::doctor {
+namespace {
+
+using ::testing::HasSubstr;
+
+std::set<std::string> With(const std::vector<Finding>& findings, Status status) {
+  std::set<std::string> checks;
+  for (const Finding& f : findings) {
+    if (f.status == status)
+      checks.insert(f.check);
+  }
+  return checks;
+}
+
+std::string Lines(const std::vector<Finding>& findings) {
+  std::string text;
+  for (const Finding& f : findings)
+    text += "  " + FindingLine(f) + "\n";
+  return text;
+}
+
+std::vector<MachineCase> Machines() {
+  std::ifstream in(TABFORGE_SOURCE_DIR "/tests/doctor_machines.txt");
+  std::stringstream text;
+  text << in.rdbuf();
+  return ReadMachineCases(text.str(), "doctor_machines.txt");
+}
+
+TEST(DoctorMachines, EachMachineGivesItsVerdictProblemsAndRepairs) {
+  const std::vector<MachineCase> cases = Machines();
+  ASSERT_GE(cases.size(), 45u);
+  for (const MachineCase& c : cases) {
+    SCOPED_TRACE("machine " + c.name + " (line " + std::to_string(c.line) + ")");
+    Options options;
+    options.templatePath = c.templatePath;
+    options.bits = c.bits;
+    const Diagnosis diagnosis = Diagnose(c.machine, options);
+    const Finding* first = FirstProblem(diagnosis.findings);
+    ASSERT_TRUE(c.verdict.has_value());
+    EXPECT_EQ(first == nullptr ? "nothing" : first->check, *c.verdict) << Lines(diagnosis.findings);
+    if (first == nullptr)
+      EXPECT_EQ(Verdict(diagnosis.findings), "verdict: nothing found would hide the tab.");
+    else
+      EXPECT_EQ(Verdict(diagnosis.findings).rfind("verdict: " + first->check + ": ", 0), 0u);
+    if (c.problems) {
+      EXPECT_EQ(With(diagnosis.findings, Status::kProblem), *c.problems)
+          << Lines(diagnosis.findings);
+    }
+    if (c.warnings) {
+      EXPECT_EQ(With(diagnosis.findings, Status::kWarning), *c.warnings)
+          << Lines(diagnosis.findings);
+    }
+    for (const Finding& f : diagnosis.findings) {
+      EXPECT_FALSE(f.detail.empty()) << f.check;
+      EXPECT_EQ(f.status != Status::kOk, !f.fix.empty()) << FindingLine(f);
+    }
+    if (c.repairs.empty() && !c.afterFix)
+      continue;
+    CaseMachine machine = c.machine;
+    const std::vector<std::string> done = Repair(machine, diagnosis);
+    ASSERT_GE(done.size(), c.repairs.size());
+    for (std::size_t i = 0; i < c.repairs.size(); ++i)
+      EXPECT_EQ(done[i].substr(0, c.repairs[i].size()), c.repairs[i]);
+    const Diagnosis after = Diagnose(machine, options);
+    if (c.afterFix) {
+      EXPECT_EQ(With(after.findings, Status::kProblem), *c.afterFix) << Lines(after.findings);
+    }
+    // A second run finds nothing more that it may repair, and changes nothing.
+    for (const std::string& line : Repair(machine, after)) {
+      EXPECT_TRUE(line.rfind("not done", 0) == 0 || line.rfind("left to", 0) == 0 ||
+                  line == "nothing to repair.")
+          << line;
+    }
+    EXPECT_EQ(Lines(Diagnose(machine, options).findings), Lines(after.findings));
+  }
+}
+
+// The first line of every finding on the good machine names the version, so that a machine with
+// two versions tells their lines apart.
+TEST(DoctorMachines, TwoVersionsAreCheckedEachOnItsOwn) {
+  std::vector<MachineCase> cases = Machines();
+  CaseMachine machine = cases[0].machine;
+  RegistryValue path;
+  path.kind = RegistryValue::Kind::kText;
+  path.text = "C:\\Program Files (x86)\\Microsoft Office\\Office14";
+  machine.SetValue(Hive::kLocalMachine, View::k32,
+                   "SOFTWARE\\Microsoft\\Office\\14.0\\Word\\InstallRoot", "Path", path);
+  RegistryValue off;
+  off.kind = RegistryValue::Kind::kNumber;
+  off.number = 4;
+  machine.SetValue(Hive::kCurrentUser, View::k64,
+                   "Software\\Microsoft\\Office\\14.0\\Word\\Security", "VBAWarnings", off);
+  machine.SetValue(Hive::kCurrentUser, View::k64,
+                   "Software\\Microsoft\\Office\\14.0\\Word\\Security\\Trusted Locations\\L1",
+                   "Path", path);
+  const Diagnosis diagnosis = Diagnose(machine, {});
+  std::vector<std::string> problems;
+  for (const Finding& f : diagnosis.findings) {
+    if (f.status == Status::kProblem)
+      problems.push_back(f.detail.substr(0, 10));
+  }
+  EXPECT_EQ(problems, std::vector<std::string>{"Word 14.0:"}) << Lines(diagnosis.findings);
+  EXPECT_EQ(diagnosis.wordBits, 64);  // the newest, Click-to-Run's
+  std::set<std::string> versions;
+  for (const Finding& f : diagnosis.findings) {
+    if (f.check == "word-installed")
+      versions.insert(f.detail.substr(0, 9));
+  }
+  EXPECT_EQ(versions, (std::set<std::string>{"Word 14.0", "Word 16.0"}));
+}
+
+// How to see Word's own reason for a refused ribbon depends on whether Word shows it already.
+TEST(DoctorMachines, TheCallbacksFixSaysHowToSeeWordsOwnMessage) {
+  std::vector<MachineCase> cases = Machines();
+  const auto bad = std::find_if(cases.begin(), cases.end(), [](const MachineCase& c) {
+    return c.name == "a-callback-with-too-few-parameters";
+  });
+  ASSERT_NE(bad, cases.end());
+  CaseMachine machine = bad->machine;
+  auto callbacks = [&] {
+    for (const Finding& f : Diagnose(machine, {}).findings) {
+      if (f.check == "callbacks")
+        return f.fix;
+    }
+    return std::string("no callbacks line");
+  };
+  EXPECT_THAT(callbacks(), HasSubstr("to see Word's own message, turn on File > Options"));
+  RegistryValue on;
+  on.kind = RegistryValue::Kind::kNumber;
+  on.number = 1;
+  machine.SetValue(Hive::kCurrentUser, View::k64,
+                   "Software\\Microsoft\\Office\\16.0\\Common\\General",
+                   "ReportAddinCustomUIErrors", on);
+  EXPECT_THAT(callbacks(), HasSubstr("add-in user interface errors are on"));
+  on.number = 0;
+  machine.SetValue(Hive::kCurrentUser, View::k64,
+                   "Software\\Microsoft\\Office\\16.0\\Common\\General",
+                   "ReportAddinCustomUIErrors", on);
+  EXPECT_THAT(callbacks(), HasSubstr("turn on"));
+}
+
+TEST(DoctorVerdict, TheFirstProblemInWordsOrderWhateverTheOrderOfTheLines) {
+  const char* order[] = {"word-installed", "startup-folder", "template-content", "disabled-items",
+                         "vba-warnings",   "registration",   "create",           "callbacks"};
+  std::vector<Finding> findings;
+  for (auto it = std::rbegin(order); it != std::rend(order); ++it)
+    findings.push_back({*it, Status::kProblem, "detail of " + std::string(*it), "fix"});
+  findings.insert(findings.begin(), {"word-installed", Status::kOk, "fine", ""});
+  for (const char* expected : order) {
+    const Finding* first = FirstProblem(findings);
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(first->check, expected);
+    EXPECT_EQ(Verdict(findings),
+              "verdict: " + std::string(expected) + ": detail of " + expected + " Fix: fix");
+    std::erase_if(findings, [&](const Finding& f) {
+      return f.check == expected && f.status == Status::kProblem;
+    });
+  }
+  EXPECT_EQ(FirstProblem(findings), nullptr);
+  // The Windows tool's own registration checks stand with the registration.
+  EXPECT_EQ(Stage("server-bitness"), Stage("registration"));
+  EXPECT_LT(Stage("registration"), Stage("create"));
+  EXPECT_LT(Stage("create"), Stage("document"));
+  // Warnings never make the verdict.
+  EXPECT_EQ(Verdict({{"vba-warnings", Status::kWarning, "asks", "fix"}}),
+            "verdict: nothing found would hide the tab.");
+}
+
+TEST(DoctorJson, FindingsAreAnArrayWithTextEscaped) {
+  EXPECT_EQ(
+      FindingsJson({{"a", Status::kWarning, "say \"hi\"\\\n", "f"}, {"b", Status::kOk, "x", ""}}),
+      "[\n  {\"check\": \"a\", \"status\": \"warning\", \"detail\": \"say \\\"hi\\\"\\\\"
+      "\\u000a\", \"fix\": \"f\"},\n  {\"check\": \"b\", \"status\": \"ok\", \"detail\": "
+      "\"x\", \"fix\": \"\"}\n]\n");
+  EXPECT_EQ(FindingLine({"c", Status::kProblem, "d.", "e."}), "problem c: d. Fix: e.");
+  EXPECT_EQ(FindingLine({"c", Status::kOk, "d.", ""}), "ok      c: d.");
+}
+
+// --- Disabled items -------------------------------------------------------------------------
+
+Bytes Record(std::uint32_t type, std::uint32_t pathBytes, std::uint32_t nameBytes,
+             const std::u16string& text) {
+  Bytes out;
+  for (const std::uint32_t v : {type, pathBytes, nameBytes}) {
+    for (int i = 0; i < 4; ++i)
+      out.push_back(static_cast<unsigned char>(v >> (8 * i)));
+  }
+  for (const char16_t c : text) {
+    out.push_back(static_cast<unsigned char>(c));
+    out.push_back(static_cast<unsigned char>(c >> 8));
+  }
+  return out;
+}
+
+std::u16string Chars(const char16_t* text, std::size_t count) {
+  return std::u16string(text, count);
+}
+
+TEST(DisabledItems, RecordsDecodeOrAreRefused) {
+  struct Case {
+    const char* what;
+    Bytes value;
+    const char* decoded;  // "type|path|name", or "" when refused
+  } cases[] = {
+      {"an add-in, both texts ending in a zero", Record(1, 10, 4, Chars(u"c:\\a\0b\0", 7)),
+       "1|c:\\a|b"},
+      {"a document", Record(2, 10, 4, Chars(u"c:\\a\0b\0", 7)), "2|c:\\a|b"},
+      {"texts without their zeros", Record(3, 8, 2, u"c:\\ab"), "3|c:\\a|b"},
+      {"an empty name", Record(1, 10, 0, Chars(u"c:\\a\0", 5)), "1|c:\\a|"},
+      {"a path beyond the ASCII", Record(1, 10, 2, Chars(u"c:\\\u00e9\0\0", 6)), "1|c:\\\xc3\xa9|"},
+      {"a byte left over after the name", Record(1, 4, 2, Chars(u"ab\0z", 4)), "1|ab|"},
+      {"an odd path length", Record(1, 9, 4, Chars(u"c:\\a\0b\0", 7)), ""},
+      {"an odd name length", Record(1, 10, 3, Chars(u"c:\\a\0b\0", 7)), ""},
+      {"a path past the end", Record(1, 100, 0, u"c:"), ""},
+      {"a name past the end", Record(1, 4, 100, u"c:"), ""},
+      {"lengths that wrap around", Record(1, 0xFFFFFFFE, 4, Chars(u"c:\\a\0b\0", 7)), ""},
+      {"shorter than its header", Bytes{1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, ""},
+  };
+  for (const Case& c : cases) {
+    const std::optional<DisabledItem> item = DecodeDisabledItem(c.value);
+    const std::string text =
+        item ? std::to_string(item->type) + "|" + item->path + "|" + item->name : "";
+    EXPECT_EQ(text, c.decoded) << c.what;
+  }
+  const DisabledItem written{1, "c:\\users\\ada\\tabforge.dotm", "Tabforge"};
+  const Bytes encoded = EncodeDisabledItem(written);
+  EXPECT_EQ(encoded.size(), 12u + 2 * (written.path.size() + 1) + 2 * (written.name.size() + 1));
+  const std::optional<DisabledItem> read = DecodeDisabledItem(encoded);
+  ASSERT_TRUE(read);
+  EXPECT_EQ(read->path, written.path);
+  EXPECT_EQ(read->name, written.name);
+}
+
+TEST(DoctorExecutables, TheHeaderTellsTheProcessor) {
+  Bytes header(0x100, 0);
+  header[0] = 'M';
+  header[1] = 'Z';
+  header[0x3C] = 0x80;
+  header[0x80] = 'P';
+  header[0x81] = 'E';
+  header[0x84] = 0x4C;
+  header[0x85] = 0x01;
+  EXPECT_EQ(ExecutableBits(header), 32);
+  header[0x84] = 0x64;
+  header[0x85] = 0x86;
+  EXPECT_EQ(ExecutableBits(header), 64);
+  header[0x84] = 0x64;
+  header[0x85] = 0xAA;  // ARM64
+  EXPECT_EQ(ExecutableBits(header), 0);
+  header[0x84] = 0x64;
+  header[0x85] = 0x86;
+  header[0x3C] = 0xFE;  // the PE header past the bytes read
+  EXPECT_EQ(ExecutableBits(header), 0);
+  header[0x3C] = 0x80;
+  header[0x81] = 'X';
+  EXPECT_EQ(ExecutableBits(header), 0);
+  EXPECT_EQ(ExecutableBits(Bytes(0x3F, 'M')), 0);
+}
+
+TEST(DoctorMachines, TheCaseFormatRefusesWhatItCannotRead) {
+  struct Case {
+    const char* text;
+    const char* error;
+  } cases[] = {
+      {"reg HKCX Software | a = sz b", "t:1: a hive is HKCU or HKLM"},
+      {"reg HKLM Software a = sz b", "t:1: reg HIVE KEY | NAME = TYPE DATA"},
+      {"\nreg HKLM Software | a = qword 1", "t:2: a value's type is sz, dword, hex or disabled"},
+      {"file C:\\a.dotm = template shiny", "t:1: unknown template change shiny"},
+      {"file C:\\a.dotm = picture", "t:1: a file is a template"},
+      {"machine b : a", "t:1: no machine a before this line"},
+      {"expect nothing", "t:1: expect verdict, problems"},
+      {"option bits 16", "t:1: option template PATH or option bits 32|64"},
+      {"drop env A", "t:1: drop reg, drop key or drop file"},
+      {"frobnicate", "t:1: unknown line: frobnicate"},
+  };
+  for (const Case& c : cases) {
+    try {
+      ReadMachineCases(c.text, "t");
+      ADD_FAILURE() << c.text << " was read";
+    } catch (const std::runtime_error& error) {
+      EXPECT_THAT(error.what(), HasSubstr(c.error)) << c.text;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace tabforge::doctor
