@@ -1,4 +1,6 @@
 #include "server/accessible_object.h"
+#include "server/dispatch_parameters.h"
+#include "server/object_bridge.h"
 
 #include <algorithm>
 #include <iterator>

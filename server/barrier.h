@@ -12,6 +12,7 @@
 #include "platform/call_budget.h"
 #include "platform/failure.h"
 #include "server/conversions.h"
+#include "server/status.h"
 #include "tracing/vbw_protector.h"
 
 namespace tabforge::com {

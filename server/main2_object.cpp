@@ -10,6 +10,8 @@
 #include "server/apartment.h"
 #include "server/barrier.h"
 #include "server/conversions.h"
+#include "server/dispatch_parameters.h"
+#include "server/object_bridge.h"
 #include "server/registry_entries.h"
 #include "server/windows_platform.h"
 
@@ -29,11 +31,6 @@ HMODULE ThisModule() {
 
 // --- The members of _Main2 ----------------------------------------------------------------------
 
-// Every value of a VARIANT starts at the same place.
-void* ValueOf(VARIANT& v) {
-  return &V_BSTR(&v);
-}
-
 VARTYPE TypeOf(Main2Member::Slot slot) {
   switch (slot) {
     case Main2Member::kText:
@@ -48,61 +45,6 @@ VARTYPE TypeOf(Main2Member::Slot slot) {
   }
   return VT_EMPTY;
 }
-
-// One argument as a member receives it: a pointer to a value of the parameter's type. The caller's
-// own storage is lent when it holds that type, by reference (also inside a referenced VARIANT, as
-// scripts pass their variables) or by value. A value of another type is coerced into a copy owned
-// here, as the platform coerces it. The members only read their parameters, so nothing is ever
-// written back: a caller's by-value argument is never touched.
-class Argument {
- public:
-  Argument() = default;
-  Argument(const Argument&) = delete;
-  Argument& operator=(const Argument&) = delete;
-
-  HRESULT Bind(VARIANT& source, VARTYPE type) {
-    if (V_ISBYREF(&source)) {
-      VARIANT* variable =
-          V_VT(&source) == (VT_BYREF | VT_VARIANT) ? V_VARIANTREF(&source) : nullptr;
-      if (V_VT(&source) == (VT_BYREF | type))
-        value_ = V_BYREF(&source);
-      else if (variable != nullptr && V_VT(variable) == type)
-        value_ = ValueOf(*variable);
-      else
-        return DISP_E_TYPEMISMATCH;  // a reference is never coerced
-      return S_OK;
-    }
-    if (V_VT(&source) == type) {
-      value_ = ValueOf(source);
-      return S_OK;
-    }
-    // Arrays never become a parameter's type; nothing of them is read.
-    if ((V_VT(&source) & VT_ARRAY) != 0)
-      return DISP_E_TYPEMISMATCH;
-    // An object becomes text or a truth value through its default member: its own code runs, as
-    // a collaborator's call of the call from outside.
-    const VARTYPE held = V_VT(&source) & VT_TYPEMASK;
-    const bool callsOut = held == VT_DISPATCH || held == VT_UNKNOWN || held == VT_RECORD;
-    HRESULT hr = S_OK;
-    if (callsOut) {
-      hr = Barrier([&] {
-        CollaboratorCall counted;
-        return ::VariantChangeType(copy_.emplace().Put(), &source, 0, type);
-      });
-    } else {
-      hr = ::VariantChangeType(copy_.emplace().Put(), &source, 0, type);
-    }
-    if (SUCCEEDED(hr))
-      value_ = ValueOf(*copy_->Get());
-    return hr;
-  }
-
-  void* Value() const { return value_; }
-
- private:
-  void* value_ = nullptr;
-  std::optional<UniqueVariant> copy_;  // made only when needed: most calls lend
-};
 
 Utf16String Text(void* value) {
   return value != nullptr ? FromBstr(*static_cast<BSTR*>(value)) : Utf16String();
@@ -475,7 +417,7 @@ HRESULT Main2Object::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* par
       HandTo(member->answer, answer, *result);
     return S_OK;
   }
-  Argument arguments[Main2Member::kMaxInputs];
+  BoundArgument arguments[Main2Member::kMaxInputs];
   const UINT unnamed = params->cArgs - params->cNamedArgs;
   UINT positional = 0;
   UINT bound = 0;

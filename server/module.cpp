@@ -15,6 +15,7 @@
 #include "server/barrier.h"
 #include "server/com_ptr.h"
 #include "server/main2_object.h"
+#include "server/object_bridge.h"
 #include "server/registry_entries.h"
 #include "server/windows_flight_log.h"
 #include "tabforge_version.h"

@@ -1,4 +1,5 @@
 #include "server/windows_flight_log.h"
+#include "server/windows_text.h"
 
 #include <array>
 #include <atomic>
@@ -18,10 +19,6 @@ namespace {
 
 constexpr std::size_t kPathRoom = MAX_PATH + 64;
 using Path = std::array<wchar_t, kPathRoom>;
-
-std::string Narrow(const std::wstring& text) {
-  return ToUtf8(Utf16View(reinterpret_cast<const char16_t*>(text.data()), text.size()));
-}
 
 bool CopyPath(Path& to, const std::wstring& from) {
   if (from.size() + 1 > to.size())

@@ -1,4 +1,6 @@
 #include "server/windows_pictures.h"
+#include "server/object_bridge.h"
+#include "server/status.h"
 
 #include <windows.h>
 

@@ -1,4 +1,5 @@
 #include "server/windows_platform.h"
+#include "server/object_bridge.h"
 
 #include <windows.h>
 
@@ -12,155 +13,11 @@
 #include "platform/call_budget.h"
 #include "platform/failure.h"
 #include "server/conversions.h"
+#include "server/status.h"
 #include "server/system_library.h"
+#include "server/windows_text.h"
 
 namespace tabforge::com {
-
-namespace {
-
-std::wstring Wide(Utf16View text) {
-  return std::wstring(reinterpret_cast<const wchar_t*>(text.data()), text.size());
-}
-
-Utf16String FromWide(const wchar_t* text, std::size_t length) {
-  return Utf16String(reinterpret_cast<const char16_t*>(text), length);
-}
-
-// Points `slot` at the value inside `temporary`, with the reference form of its type; a variable
-// of the caller's own variant type gets a reference to the whole VARIANT.
-void PointAt(VARIANT* slot, VARIANT* temporary, bool wholeVariant) {
-  if (wholeVariant || V_VT(temporary) == VT_EMPTY || V_VT(temporary) == VT_NULL) {
-    V_VT(slot) = VT_BYREF | VT_VARIANT;
-    V_VARIANTREF(slot) = temporary;
-    return;
-  }
-  V_VT(slot) = static_cast<VARTYPE>(VT_BYREF | V_VT(temporary));
-  // Every member of the value union starts at the same address.
-  V_BYREF(slot) = &V_UI1(temporary);
-}
-
-}  // namespace
-
-void ThrowIfFailed(HRESULT hr, EXCEPINFO* exception) {
-  if (SUCCEEDED(hr))
-    return;
-  if (hr == DISP_E_EXCEPTION && exception != nullptr) {
-    if (exception->pfnDeferredFillIn != nullptr)
-      exception->pfnDeferredFillIn(exception);
-    UniqueBstr description(exception->bstrDescription);
-    UniqueBstr source(exception->bstrSource);
-    UniqueBstr helpFile(exception->bstrHelpFile);
-    exception->bstrDescription = exception->bstrSource = exception->bstrHelpFile = nullptr;
-    const std::int32_t number =
-        exception->scode != 0 ? NumberOf(exception->scode) : std::int32_t{exception->wCode};
-    Raise(number, FromBstr(description.Get()));
-  }
-  const std::int32_t number = NumberOf(hr);
-  if (number >= 0 && number <= 0xFFFF)
-    Raise(number, DescribeRunTimeError(static_cast<RunTimeError>(number)));
-  Raise(number, u"Automation error");
-}
-
-// --- WindowsObject ------------------------------------------------------------------------------
-
-namespace {
-
-// The object's answer to QueryInterface: its own code runs, so the call is a collaborator's.
-template <class Interface>
-ComPtr<Interface> Query(const ComPtr<IUnknown>& object) {
-  CollaboratorCall counted;
-  return object.TryAs<Interface>();
-}
-
-}  // namespace
-
-WindowsObject::WindowsObject(ComPtr<IUnknown> unknown)
-    : unknown_(std::move(unknown)), dispatch_(Query<IDispatch>(unknown_)) {}
-
-DISPID WindowsObject::FindMember(Utf16View member) {
-  if (!dispatch_)
-    Raise(RunTimeError::kObjectRequired);
-  std::wstring name = Wide(member);
-  LPOLESTR names[] = {name.data()};
-  DISPID id = DISPID_UNKNOWN;
-  HRESULT hr = dispatch_->GetIDsOfNames(IID_NULL, names, 1, LOCALE_USER_DEFAULT, &id);
-  if (hr == E_NOTIMPL) {
-    // Script objects may only know names through IDispatchEx.
-    if (ComPtr<IDispatchEx> ex = dispatch_.TryAs<IDispatchEx>()) {
-      UniqueBstr bstrName = MakeBstr(member);
-      hr = ex->GetDispID(bstrName.Get(), fdexNameCaseInsensitive, &id);
-    }
-  }
-  if (FAILED(hr))
-    Raise(RunTimeError::kMemberNotFound);
-  return id;
-}
-
-Variant WindowsObject::Invoke(Utf16View member, CallKind kind, std::span<Variant> arguments) {
-  const DISPID id = FindMember(member);
-  const std::size_t count = arguments.size();
-
-  // DISPPARAMS lists the arguments last first.
-  std::vector<VARIANT> slots(count);
-  std::vector<UniqueVariant> temporaries(count);
-  for (std::size_t i = 0; i < count; ++i) {
-    VARIANT* slot = &slots[count - 1 - i];
-    ::VariantInit(slot);
-    const Variant& argument = arguments[i];
-    temporaries[i] = ToAutomation(argument);
-    if (argument.IsByRef())
-      PointAt(slot, temporaries[i].Get(), argument.RefVariant() != nullptr);
-    else
-      *slot = *temporaries[i].Get();  // a shallow view; the temporary keeps ownership
-  }
-
-  DISPID putId = DISPID_PROPERTYPUT;
-  const bool isPut = kind == CallKind::kPropertyPut || kind == CallKind::kPropertyPutRef;
-  DISPPARAMS params{slots.data(), isPut ? &putId : nullptr, static_cast<UINT>(count),
-                    isPut ? 1u : 0u};
-  UniqueVariant result;
-  EXCEPINFO exception{};
-  UINT argumentError = 0;
-  WORD flags = static_cast<WORD>(kind);
-  // A method may also be read as a property, the way late-bound callers reach it.
-  if (kind == CallKind::kMethod)
-    flags |= DISPATCH_PROPERTYGET;
-  HRESULT hr = dispatch_->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, flags, &params,
-                                 isPut ? nullptr : result.Get(), &exception, &argumentError);
-  ThrowIfFailed(hr, &exception);
-
-  // Write back what the callee left in the temporaries of references.
-  for (std::size_t i = 0; i < count; ++i) {
-    if (arguments[i].IsByRef())
-      AssignThrough(arguments[i], FromAutomation(*temporaries[i].Get()));
-  }
-  return FromAutomation(*result.Get());
-}
-
-Ref<RibbonUi> WindowsObject::QueryRibbonUi() {
-  ComPtr<IRibbonUI> ribbon = Query<IRibbonUI>(unknown_);
-  if (!ribbon)
-    return nullptr;
-  return MakeRef<WindowsRibbonUi>(Ref<WindowsObject>(this), std::move(ribbon));
-}
-
-// --- WindowsRibbonUi ----------------------------------------------------------------------------
-
-WindowsRibbonUi::WindowsRibbonUi(Ref<WindowsObject> object, ComPtr<IRibbonUI> ribbon)
-    : object_(std::move(object)), ribbon_(std::move(ribbon)) {}
-
-Variant WindowsRibbonUi::Invoke(Utf16View member, CallKind kind, std::span<Variant> arguments) {
-  return object_->Invoke(member, kind, arguments);
-}
-
-void WindowsRibbonUi::Invalidate() {
-  ThrowIfFailed(ribbon_->Invalidate());
-}
-
-void WindowsRibbonUi::InvalidateControl(const Utf16String& controlId) {
-  UniqueBstr id = MakeBstr(controlId);
-  ThrowIfFailed(ribbon_->InvalidateControl(id.Get()));
-}
 
 // --- Host ---------------------------------------------------------------------------------------
 

@@ -13,55 +13,7 @@
 #include "server/com_ptr.h"
 #include "server/windows_pictures.h"
 
-// The word processor's ribbon interface. Only the first two of its members are called here;
-// the ones after them are left undeclared.
-MIDL_INTERFACE("000C03A7-0000-0000-C000-000000000046")
-IRibbonUI : public IDispatch {
- public:
-  virtual HRESULT STDMETHODCALLTYPE Invalidate() = 0;
-  virtual HRESULT STDMETHODCALLTYPE InvalidateControl(BSTR controlId) = 0;
-};
-#ifdef __CRT_UUID_DECL
-__CRT_UUID_DECL(IRibbonUI, 0x000C03A7, 0x0000, 0x0000, 0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
-                0x46)
-#endif
-
 namespace tabforge::com {
-
-// An object from outside, called by member name through its IDispatch.
-class WindowsObject : public Object {
- public:
-  explicit WindowsObject(ComPtr<IUnknown> unknown);
-
-  Variant Invoke(Utf16View member, CallKind kind, std::span<Variant> arguments) override;
-  Ref<RibbonUi> QueryRibbonUi() override;
-
-  const ComPtr<IDispatch>& Dispatch() const { return dispatch_; }
-  const ComPtr<IUnknown>& Unknown() const { return unknown_; }
-
- private:
-  DISPID FindMember(Utf16View member);
-
-  ComPtr<IUnknown> unknown_;
-  ComPtr<IDispatch> dispatch_;
-};
-
-// The same object through its IRibbonUI.
-class WindowsRibbonUi final : public RibbonUi {
- public:
-  WindowsRibbonUi(Ref<WindowsObject> object, ComPtr<IRibbonUI> ribbon);
-
-  Variant Invoke(Utf16View member, CallKind kind, std::span<Variant> arguments) override;
-  void Invalidate() override;
-  void InvalidateControl(const Utf16String& controlId) override;
-
- private:
-  Ref<WindowsObject> object_;
-  ComPtr<IRibbonUI> ribbon_;
-};
-
-// Throws `Failure` for a failed status; a dispatch exception carries its own number and text.
-void ThrowIfFailed(HRESULT hr, EXCEPINFO* exception = nullptr);
 
 // The key below HKEY_CURRENT_USER that holds the per-user settings of one section of an
 // application, where the word processor's macros keep theirs.

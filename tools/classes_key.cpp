@@ -143,8 +143,4 @@ REGSAM ClassesKey::ViewOf(const std::wstring& key) const {
   return Redirected(key) ? view_ : KEY_WOW64_64KEY;
 }
 
-std::string Narrow(const std::wstring& text) {
-  return ToUtf8(Utf16View(reinterpret_cast<const char16_t*>(text.data()), text.size()));
-}
-
 }  // namespace tabforge::cli

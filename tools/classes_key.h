@@ -8,8 +8,11 @@
 #include <vector>
 
 #include "server/registry_entries.h"
+#include "server/windows_text.h"
 
 namespace tabforge::cli {
+
+using com::Narrow;
 
 // What the PE header of a file says; `machine` is 0 when the file cannot be read or is no PE
 // image.
@@ -56,8 +59,5 @@ class ClassesKey {
   HKEY hive_;
   REGSAM view_;
 };
-
-// UTF-8 of a registry text, for printing.
-std::string Narrow(const std::wstring& text);
 
 }  // namespace tabforge::cli

@@ -23,9 +23,11 @@
 #include "server/com_object.h"
 #include "server/com_ptr.h"
 #include "server/conversions.h"
-#include "server/dispatch_adapter.h"
+#include "server/dispatch_parameters.h"
+#include "server/object_bridge.h"
 #include "server/registry_entries.h"
 #include "server/windows_platform.h"
+#include "server/windows_text.h"
 #include "tools/session_objects.h"
 
 namespace tabforge::cli {
@@ -36,9 +38,7 @@ using com::UniqueBstr;
 using com::UniqueVariant;
 
 [[noreturn]] void Fail(const std::string& what, HRESULT hr) {
-  char code[16];
-  std::snprintf(code, sizeof code, "0x%08lX", static_cast<unsigned long>(hr));
-  throw std::runtime_error(what + " failed with " + code);
+  throw std::runtime_error(what + " failed with " + com::HresultCode(hr));
 }
 
 // The by-name half of IDispatch that the session's objects share: a member's id is its place in a

@@ -18,8 +18,10 @@
 #include "doctor/checks.h"
 #include "platform/utf16.h"
 #include "server/com_ptr.h"
+#include "server/object_bridge.h"
 #include "server/registry_entries.h"
 #include "server/windows_platform.h"
+#include "server/windows_text.h"
 #include "tabforge_version.h"
 #include "tools/classes_key.h"
 #include "tools/com_session.h"
@@ -28,6 +30,9 @@
 
 namespace tabforge::cli {
 namespace {
+
+using com::HresultText;
+using com::Wide;
 
 constexpr const char* kDoctorUsage =
     "usage: tabforge doctor [--bits 32|64] [--template PATH] [--json] [--fix] [--trace]\n"
@@ -74,45 +79,6 @@ constexpr const char* kTraceUsage =
     "parameter texts of its procedures for the error component's reports.\n";
 
 constexpr int kOwnBits = sizeof(void*) * 8;
-
-std::wstring Wide(Utf16View text) {
-  return std::wstring(text.begin(), text.end());
-}
-
-std::string HresultText(HRESULT hr) {
-  char code[16];
-  std::snprintf(code, sizeof code, "0x%08lX", static_cast<unsigned long>(hr));
-  std::string text = code;
-  // What the system may have no message for.
-  static constexpr struct {
-    HRESULT hr;
-    const char* text;
-  } kKnown[] = {
-      {REGDB_E_CLASSNOTREG, " (class not registered)"},
-      {CO_E_CLASSSTRING, " (invalid class string)"},
-      {TYPE_E_CANTLOADLIBRARY, " (the type library or the DLL cannot be loaded)"},
-      {HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND), " (the DLL or one it needs was not found)"},
-      {HRESULT_FROM_WIN32(ERROR_BAD_EXE_FORMAT), " (a DLL of the other bitness)"},
-  };
-  for (const auto& known : kKnown) {
-    if (known.hr == hr)
-      return text + known.text;
-  }
-  wchar_t* message = nullptr;
-  if (::FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM |
-                           FORMAT_MESSAGE_IGNORE_INSERTS,
-                       nullptr, static_cast<DWORD>(hr), 0, reinterpret_cast<wchar_t*>(&message), 0,
-                       nullptr) != 0 &&
-      message != nullptr) {
-    std::wstring words = message;
-    while (!words.empty() && (words.back() == L'\n' || words.back() == L'\r' ||
-                              words.back() == L' ' || words.back() == L'.'))
-      words.pop_back();
-    text += " (" + Narrow(words) + ")";
-  }
-  ::LocalFree(message);
-  return text;
-}
 
 bool SameText(const std::wstring& a, const std::wstring& b) {
   return ::CompareStringOrdinal(a.c_str(), static_cast<int>(a.size()), b.c_str(),

@@ -11,9 +11,12 @@
 #include "platform/utf16.h"
 #include "server/com_ptr.h"
 #include "server/windows_flight_log.h"
+#include "server/windows_text.h"
 
 namespace tabforge::cli {
 namespace {
+
+using com::Narrow;
 
 constexpr const char* kLogUsage =
     "usage: tabforge log on|off|show [--lines N]\n"
@@ -26,10 +29,6 @@ constexpr const char* kLogUsage =
     "library never loaded, the ribbon never asking for its document, a start longer than the\n"
     "word processor allows, failures), that start with each step's time since the library was\n"
     "loaded, the last failures and the log's last N lines (default 20).\n";
-
-std::string Narrow(const std::wstring& text) {
-  return ToUtf8(Utf16View(reinterpret_cast<const char16_t*>(text.data()), text.size()));
-}
 
 std::string SwitchText(com::LogSwitch value) {
   switch (value) {

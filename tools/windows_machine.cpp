@@ -6,6 +6,7 @@
 
 #include "platform/utf16.h"
 #include "server/com_ptr.h"
+#include "server/windows_text.h"
 #include "tools/classes_key.h"
 #include "tools/register_command.h"
 
@@ -17,11 +18,6 @@ using doctor::Hive;
 using doctor::RegistryValue;
 using doctor::View;
 
-std::wstring Wide(const std::string& text) {
-  const Utf16String wide = FromUtf8(text);
-  return std::wstring(wide.begin(), wide.end());
-}
-
 HKEY Root(Hive hive) {
   return hive == Hive::kCurrentUser ? HKEY_CURRENT_USER : HKEY_LOCAL_MACHINE;
 }
@@ -32,8 +28,8 @@ REGSAM ViewFlag(View view) {
 
 com::UniqueHkey Open(Hive hive, View view, const std::string& key, REGSAM access) {
   com::UniqueHkey opened;
-  if (::RegOpenKeyExW(Root(hive), Wide(key).c_str(), 0, access | ViewFlag(view), opened.Put()) !=
-      ERROR_SUCCESS)
+  if (::RegOpenKeyExW(Root(hive), com::WideFromUtf8(key).c_str(), 0, access | ViewFlag(view),
+                      opened.Put()) != ERROR_SUCCESS)
     opened.Reset();
   return opened;
 }
@@ -50,7 +46,7 @@ RegistryValue WindowsMachine::Value(Hive hive, View view, const std::string& key
   const com::UniqueHkey opened = Open(hive, view, key, KEY_QUERY_VALUE);
   if (!opened)
     return value;
-  const std::wstring valueName = Wide(name);
+  const std::wstring valueName = com::WideFromUtf8(name);
   DWORD type = 0;
   DWORD size = 0;
   if (::RegQueryValueExW(opened.Get(), valueName.c_str(), nullptr, &type, nullptr, &size) !=
@@ -122,14 +118,14 @@ std::vector<std::string> WindowsMachine::Subkeys(Hive hive, View view,
 }
 
 bool WindowsMachine::FileExists(const std::string& path) const {
-  const DWORD attributes = ::GetFileAttributesW(Wide(path).c_str());
+  const DWORD attributes = ::GetFileAttributesW(com::WideFromUtf8(path).c_str());
   return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0;
 }
 
 std::optional<Bytes> WindowsMachine::ReadFile(const std::string& path, std::size_t cap) const {
-  const com::UniqueFile file(com::OwnedOrEmpty(
-      ::CreateFileW(Wide(path).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                    OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr)));
+  const com::UniqueFile file(com::OwnedOrEmpty(::CreateFileW(
+      com::WideFromUtf8(path).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+      OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr)));
   if (!file)
     return std::nullopt;
   Bytes bytes;
@@ -159,7 +155,7 @@ std::vector<std::string> WindowsMachine::ListFiles(const std::string& folder) co
   std::vector<std::string> names;
   WIN32_FIND_DATAW found{};
   const com::UniqueFind search(
-      com::OwnedOrEmpty(::FindFirstFileW(Wide(folder + "\\*").c_str(), &found)));
+      com::OwnedOrEmpty(::FindFirstFileW(com::WideFromUtf8(folder + "\\*").c_str(), &found)));
   if (!search)
     return names;
   do {
@@ -171,8 +167,8 @@ std::vector<std::string> WindowsMachine::ListFiles(const std::string& folder) co
 
 std::string WindowsMachine::Environment(const std::string& name) const {
   wchar_t value[32768];
-  const DWORD length =
-      ::GetEnvironmentVariableW(Wide(name).c_str(), value, static_cast<DWORD>(std::size(value)));
+  const DWORD length = ::GetEnvironmentVariableW(com::WideFromUtf8(name).c_str(), value,
+                                                 static_cast<DWORD>(std::size(value)));
   return length == 0 || length >= std::size(value) ? "" : Narrow(std::wstring(value, length));
 }
 
@@ -181,7 +177,7 @@ bool WindowsMachine::ProcessRunning(const std::string& executable) const {
       com::OwnedOrEmpty(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0)));
   if (!snapshot)
     return false;
-  const std::wstring wanted = Wide(executable);
+  const std::wstring wanted = com::WideFromUtf8(executable);
   PROCESSENTRY32W entry{};
   entry.dwSize = sizeof entry;
   for (BOOL more = ::Process32FirstW(snapshot.Get(), &entry); more;
@@ -206,7 +202,7 @@ bool WindowsMachine::DeleteValue(Hive hive, View view, const std::string& key,
     error = "the key cannot be opened for writing";
     return false;
   }
-  const LSTATUS status = ::RegDeleteValueW(opened.Get(), Wide(name).c_str());
+  const LSTATUS status = ::RegDeleteValueW(opened.Get(), com::WideFromUtf8(name).c_str());
   if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND) {
     error = ErrorText(static_cast<DWORD>(status));
     return false;
@@ -216,7 +212,8 @@ bool WindowsMachine::DeleteValue(Hive hive, View view, const std::string& key,
 
 bool WindowsMachine::DeleteStream(const std::string& path, const std::string& name,
                                   std::string& error) {
-  if (!::DeleteFileW(Wide(path + ":" + name).c_str()) && ::GetLastError() != ERROR_FILE_NOT_FOUND) {
+  if (!::DeleteFileW(com::WideFromUtf8(path + ":" + name).c_str()) &&
+      ::GetLastError() != ERROR_FILE_NOT_FOUND) {
     error = ErrorText(::GetLastError());
     return false;
   }

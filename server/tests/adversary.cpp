@@ -32,7 +32,8 @@
 #include "Tabforge_h.h"
 #include "platform/failure.h"
 #include "server/conversions.h"
-#include "server/dispatch_adapter.h"
+#include "server/dispatch_parameters.h"
+#include "server/object_bridge.h"
 #include "server/tests/host_doubles.h"
 #include "server/windows_platform.h"
 

@@ -25,6 +25,7 @@
 #include "accessibility/accessible_tree.h"
 #include "server/accessible_object.h"
 #include "server/main2_object.h"
+#include "server/object_bridge.h"
 #include "server/tests/host_doubles.h"
 #include "server/windows_platform.h"
 
