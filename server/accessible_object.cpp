@@ -1,6 +1,4 @@
 #include "server/accessible_object.h"
-#include "server/dispatch_parameters.h"
-#include "server/object_bridge.h"
 
 #include <algorithm>
 #include <iterator>
@@ -11,6 +9,8 @@
 #include "platform/variant.h"
 #include "server/barrier.h"
 #include "server/conversions.h"
+#include "server/dispatch_parameters.h"
+#include "server/object_bridge.h"
 
 namespace tabforge::com {
 namespace {

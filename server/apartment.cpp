@@ -171,12 +171,16 @@ ApartmentVisit::~ApartmentVisit() {
 void ModuleAddRef() {
   ::InterlockedIncrement(&g_moduleReferences);
 }
-// Never below zero, whoever releases what they never held.
-void ModuleRelease() {
-  for (LONG held = g_moduleReferences; held > 0; held = g_moduleReferences) {
-    if (::InterlockedCompareExchange(&g_moduleReferences, held - 1, held) == held)
-      return;
+bool ReleaseIfHeld(long& count) {
+  for (LONG held = count; held > 0; held = count) {
+    if (::InterlockedCompareExchange(&count, held - 1, held) == held)
+      return true;
   }
+  return false;
+}
+
+void ModuleRelease() {
+  ReleaseIfHeld(g_moduleReferences);
 }
 bool ModuleInUse() {
   return ::InterlockedCompareExchange(&g_moduleReferences, 0, 0) != 0;

@@ -63,6 +63,10 @@ void ModuleAddRef();
 void ModuleRelease();
 bool ModuleInUse();
 
+// Takes one from a count that never goes below zero, whoever releases what they never held;
+// false when there was nothing to take.
+bool ReleaseIfHeld(long& count);
+
 // What each object of the library holds for its life: the module and, when it is created inside
 // one, its apartment.
 class ObjectHold {

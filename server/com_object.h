@@ -94,6 +94,19 @@ class ComObject : public Interface {
   LONG references_ = 1;
 };
 
+// QueryInterface of a class factory, which is nothing but its IUnknown and IClassFactory.
+inline HRESULT QueryClassFactory(IClassFactory* factory, REFIID riid, void** out) {
+  if (out == nullptr)
+    return E_POINTER;
+  if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IClassFactory)) {
+    *out = factory;
+    factory->AddRef();
+    return S_OK;
+  }
+  *out = nullptr;
+  return E_NOINTERFACE;
+}
+
 // GetTypeInfoCount and GetTypeInfo of an object without type information: its members are reached
 // by name.
 inline HRESULT NoTypeInfoCount(UINT* count) {

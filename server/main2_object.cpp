@@ -19,16 +19,6 @@ namespace tabforge::com {
 
 namespace {
 
-// Null when the system cannot tell.
-HMODULE ThisModule() {
-  HMODULE module = nullptr;
-  if (!::GetModuleHandleExW(
-          GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-          reinterpret_cast<LPCWSTR>(&ThisModule), &module))
-    return nullptr;
-  return module;
-}
-
 // --- The members of _Main2 ----------------------------------------------------------------------
 
 VARTYPE TypeOf(Main2Member::Slot slot) {

@@ -17,6 +17,7 @@
 #include "server/main2_object.h"
 #include "server/object_bridge.h"
 #include "server/registry_entries.h"
+#include "server/registry_values.h"
 #include "server/windows_flight_log.h"
 #include "tabforge_version.h"
 
@@ -24,20 +25,10 @@ namespace {
 
 using tabforge::com::ComPtr;
 
-HINSTANCE g_module = nullptr;
-
 class ClassFactory final : public IClassFactory {
  public:
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
-    if (out == nullptr)
-      return E_POINTER;
-    if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IClassFactory)) {
-      *out = static_cast<IClassFactory*>(this);
-      AddRef();
-      return S_OK;
-    }
-    *out = nullptr;
-    return E_NOINTERFACE;
+    return tabforge::com::QueryClassFactory(this, riid, out);
   }
   // The factory is a static object of the module; holding it keeps the module loaded. A release
   // or an unlock that was never taken changes nothing: no caller can bring the module's count
@@ -75,12 +66,8 @@ class ClassFactory final : public IClassFactory {
     tabforge::com::ModuleAddRef();
   }
   static void Give(LONG& count) {
-    for (LONG held = count; held > 0; held = count) {
-      if (::InterlockedCompareExchange(&count, held - 1, held) == held) {
-        tabforge::com::ModuleRelease();
-        return;
-      }
-    }
+    if (tabforge::com::ReleaseIfHeld(count))
+      tabforge::com::ModuleRelease();
   }
 
   LONG references_ = 0;
@@ -90,13 +77,7 @@ class ClassFactory final : public IClassFactory {
 ClassFactory g_factory;
 
 bool SetValue(const std::wstring& key, const wchar_t* name, const std::wstring& value) {
-  tabforge::com::UniqueHkey handle;
-  if (::RegCreateKeyExW(HKEY_CLASSES_ROOT, key.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr,
-                        handle.Put(), nullptr) != ERROR_SUCCESS)
-    return false;
-  return ::RegSetValueExW(
-             handle.Get(), name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
-             static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t))) == ERROR_SUCCESS;
+  return tabforge::com::WriteString(HKEY_CLASSES_ROOT, key, name, value);
 }
 
 void DeleteTree(const std::wstring& key) {
@@ -109,7 +90,7 @@ SYSKIND ThisSysKind() {
 }
 
 HRESULT RegisterServer() {
-  std::wstring path = tabforge::com::ModulePath(g_module);
+  std::wstring path = tabforge::com::ModulePath(tabforge::com::ThisModule());
   if (path.empty())
     return SELFREG_E_TYPELIB;
   ComPtr<ITypeLib> library;
@@ -137,7 +118,6 @@ HRESULT UnregisterServer() {
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
   if (reason == DLL_PROCESS_ATTACH) {
-    g_module = instance;
     ::DisableThreadLibraryCalls(instance);
   }
   return TRUE;
@@ -151,7 +131,7 @@ STDAPI DllGetClassObject(REFCLSID clsid, REFIID riid, LPVOID* out) {
     return CLASS_E_CLASSNOTAVAILABLE;
   // The library's load as the log tells it: the first request for the class, right after the
   // loader, and never inside DllMain.
-  tabforge::com::StartFlightLog(g_module);
+  tabforge::com::StartFlightLog(tabforge::com::ThisModule());
   return g_factory.QueryInterface(riid, out);
 }
 

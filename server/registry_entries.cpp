@@ -42,6 +42,15 @@ std::wstring GuidText(REFGUID guid) {
   return written > 0 ? std::wstring(text, static_cast<std::size_t>(written - 1)) : std::wstring();
 }
 
+HMODULE ThisModule() {
+  HMODULE module = nullptr;
+  if (!::GetModuleHandleExW(
+          GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+          reinterpret_cast<LPCWSTR>(&ThisModule), &module))
+    return nullptr;
+  return module;
+}
+
 std::wstring ModulePath(HMODULE module) {
   if (module == nullptr)
     return {};  // would be the host's own file

@@ -34,6 +34,9 @@ std::wstring GuidText(REFGUID guid);
 
 // The file `module` was loaded from; empty for no module or when it cannot be told.
 std::wstring ModulePath(HMODULE module);
+// The module that holds the library's code: the DLL, or a program that links the library; null
+// when the system cannot tell.
+HMODULE ThisModule();
 
 // What DllRegisterServer writes itself for the server at `path`: the class with its in-process
 // server and threading model, the program id, and the interface. The type library's entries come

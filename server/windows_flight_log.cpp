@@ -1,5 +1,4 @@
 #include "server/windows_flight_log.h"
-#include "server/windows_text.h"
 
 #include <array>
 #include <atomic>
@@ -12,6 +11,8 @@
 #include "platform/utf16.h"
 #include "server/com_ptr.h"
 #include "server/registry_entries.h"
+#include "server/registry_values.h"
+#include "server/windows_text.h"
 #include "tabforge_version.h"
 
 namespace tabforge::com {
@@ -196,18 +197,10 @@ void WriteLoaded(HMODULE library) {
 }  // namespace
 
 LogSwitch ReadLogSwitch(HKEY root, const wchar_t* key) {
-  UniqueHkey handle;
-  if (::RegOpenKeyExW(root, key, 0, KEY_QUERY_VALUE | KEY_WOW64_64KEY, handle.Put()) !=
-      ERROR_SUCCESS)
+  const std::optional<DWORD> value = ReadDword(root, key, kLogEnabledValue, KEY_WOW64_64KEY);
+  if (!value)
     return LogSwitch::kNotSet;
-  DWORD value = 0;
-  DWORD type = 0;
-  DWORD bytes = sizeof value;
-  if (::RegQueryValueExW(handle.Get(), kLogEnabledValue, nullptr, &type,
-                         reinterpret_cast<BYTE*>(&value), &bytes) != ERROR_SUCCESS ||
-      type != REG_DWORD)
-    return LogSwitch::kNotSet;
-  return value == 0 ? LogSwitch::kOff : LogSwitch::kOn;
+  return *value == 0 ? LogSwitch::kOff : LogSwitch::kOn;
 }
 
 bool LogEnabled() {

@@ -1,6 +1,4 @@
 #include "server/windows_pictures.h"
-#include "server/object_bridge.h"
-#include "server/status.h"
 
 #include <windows.h>
 
@@ -10,6 +8,8 @@
 
 #include "platform/failure.h"
 #include "server/com_ptr.h"
+#include "server/object_bridge.h"
+#include "server/status.h"
 #include "server/windows_platform.h"
 
 namespace tabforge::com {

@@ -1,5 +1,4 @@
 #include "server/windows_platform.h"
-#include "server/object_bridge.h"
 
 #include <windows.h>
 
@@ -12,7 +11,10 @@
 
 #include "platform/call_budget.h"
 #include "platform/failure.h"
+#include "server/barrier.h"
 #include "server/conversions.h"
+#include "server/object_bridge.h"
+#include "server/registry_values.h"
 #include "server/status.h"
 #include "server/system_library.h"
 #include "server/windows_text.h"
@@ -32,19 +34,9 @@ std::wstring SettingsKey(Utf16View appName, Utf16View section) {
 
 Utf16String WindowsHost::GetSetting(Utf16View appName, Utf16View section, Utf16View key,
                                     Utf16View defaultValue) const {
-  const std::wstring path = SettingsKey(appName, section);
-  const std::wstring name = Wide(key);
-  DWORD type = 0;
-  DWORD bytes = 0;
-  if (::RegGetValueW(HKEY_CURRENT_USER, path.c_str(), name.c_str(), RRF_RT_REG_SZ, &type, nullptr,
-                     &bytes) != ERROR_SUCCESS)
-    return Utf16String(defaultValue);
-  std::vector<wchar_t> buffer(bytes / sizeof(wchar_t) + 1);
-  bytes = static_cast<DWORD>(buffer.size() * sizeof(wchar_t));
-  if (::RegGetValueW(HKEY_CURRENT_USER, path.c_str(), name.c_str(), RRF_RT_REG_SZ, &type,
-                     buffer.data(), &bytes) != ERROR_SUCCESS)
-    return Utf16String(defaultValue);
-  return FromWide(buffer.data(), std::wcslen(buffer.data()));
+  const std::optional<std::wstring> value =
+      ReadString(HKEY_CURRENT_USER, SettingsKey(appName, section), Wide(key).c_str());
+  return value ? FromWide(value->c_str(), value->size()) : Utf16String(defaultValue);
 }
 
 // --- Object factory -----------------------------------------------------------------------------
@@ -139,7 +131,8 @@ std::int32_t WindowsAccessibility::AccessibleChildren(const Ref<Object>& contain
                                                       Variant* children, std::int32_t* obtained) {
   if (obtained != nullptr)
     *obtained = 0;
-  try {
+  // A status, never a throw, as the platform function it stands for.
+  return Barrier([&]() -> HRESULT {
     ComPtr<IDispatch> dispatch = ToDispatch(container);
     ComPtr<IAccessible> accessible = dispatch.TryAs<IAccessible>();
     if (!accessible || count <= 0)
@@ -163,9 +156,7 @@ std::int32_t WindowsAccessibility::AccessibleChildren(const Ref<Object>& contain
     if (obtained != nullptr)
       *obtained = got;
     return hr;
-  } catch (...) {
-    return E_FAIL;
-  }
+  });
 }
 
 }  // namespace tabforge::com

@@ -6,6 +6,7 @@
 
 #include "platform/utf16.h"
 #include "server/com_ptr.h"
+#include "server/registry_values.h"
 
 namespace tabforge::cli {
 
@@ -42,15 +43,8 @@ Views ViewsOf(WORD machine) {
 }
 
 bool ClassesKey::Write(const com::RegistryEntry& entry) const {
-  com::UniqueHkey key;
-  if (::RegCreateKeyExW(hive_, Path(entry.key).c_str(), 0, nullptr, 0,
-                        KEY_WRITE | ViewOf(entry.key), nullptr, key.Put(),
-                        nullptr) != ERROR_SUCCESS)
-    return false;
-  return ::RegSetValueExW(key.Get(), entry.name.empty() ? nullptr : entry.name.c_str(), 0, REG_SZ,
-                          reinterpret_cast<const BYTE*>(entry.value.c_str()),
-                          static_cast<DWORD>((entry.value.size() + 1) * sizeof(wchar_t))) ==
-         ERROR_SUCCESS;
+  return com::WriteString(hive_, Path(entry.key), entry.name.c_str(), entry.value,
+                          ViewOf(entry.key));
 }
 
 bool ClassesKey::DeleteTree(const std::wstring& name) const {
@@ -72,7 +66,7 @@ bool ClassesKey::DeleteTree(const std::wstring& name) const {
 }
 
 void ClassesKey::DeleteIfEmpty(const std::wstring& name) const {
-  ::RegDeleteKeyExW(hive_, Path(name).c_str(), ViewOf(name), 0);
+  com::DeleteKeyIfEmpty(hive_, Path(name), ViewOf(name));
 }
 
 std::vector<std::wstring> ClassesKey::Subkeys(const std::wstring& name) const {
@@ -100,23 +94,11 @@ bool ClassesKey::Exists(const std::wstring& name) const {
 
 bool ClassesKey::Read(const std::wstring& name, const std::wstring& value,
                       std::wstring& text) const {
-  com::UniqueHkey key;
-  if (::RegOpenKeyExW(hive_, Path(name).c_str(), 0, KEY_READ | ViewOf(name), key.Put()) !=
-      ERROR_SUCCESS)
-    return false;
-  const DWORD flags = RRF_RT_REG_SZ;  // expands REG_EXPAND_SZ as it reads it
-  const wchar_t* valueName = value.empty() ? nullptr : value.c_str();
-  DWORD bytes = 0;
-  if (::RegGetValueW(key.Get(), nullptr, valueName, flags, nullptr, nullptr, &bytes) !=
-      ERROR_SUCCESS)
-    return false;
-  std::wstring buffer(bytes / sizeof(wchar_t) + 1, L'\0');
-  bytes = static_cast<DWORD>(buffer.size() * sizeof(wchar_t));
-  if (::RegGetValueW(key.Get(), nullptr, valueName, flags, nullptr, buffer.data(), &bytes) !=
-      ERROR_SUCCESS)
-    return false;
-  text.assign(buffer.c_str());
-  return true;
+  const std::optional<std::wstring> read =
+      com::ReadString(hive_, Path(name), value.c_str(), ViewOf(name));
+  if (read)
+    text = *read;
+  return read.has_value();
 }
 
 std::string ClassesKey::Describe(const std::wstring& name) const {

@@ -26,6 +26,7 @@
 #include "server/dispatch_parameters.h"
 #include "server/object_bridge.h"
 #include "server/registry_entries.h"
+#include "server/registry_values.h"
 #include "server/windows_platform.h"
 #include "server/windows_text.h"
 #include "tools/session_objects.h"
@@ -156,15 +157,7 @@ class ErrorComponentFactory final : public IClassFactory {
   ErrorComponentFactory(CallLog& log, std::shared_ptr<ErrorComponentState> state)
       : log_(log), state_(std::move(state)) {}
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
-    if (out == nullptr)
-      return E_POINTER;
-    if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IClassFactory)) {
-      *out = static_cast<IClassFactory*>(this);
-      AddRef();
-      return S_OK;
-    }
-    *out = nullptr;
-    return E_NOINTERFACE;
+    return com::QueryClassFactory(this, riid, out);
   }
   // Lives as long as the registration that holds it, on the session's stack.
   ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
@@ -229,12 +222,8 @@ class ErrorComponentRegistration {
   }
   void EnterProgId(const CLSID& clsid) {
     const std::wstring text = com::GuidText(clsid);
-    com::UniqueHkey key;
     if (text.empty() ||
-        ::RegCreateKeyExW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2\\CLSID", 0, nullptr, 0,
-                          KEY_WRITE, nullptr, key.Put(), nullptr) != ERROR_SUCCESS ||
-        ::RegSetValueExW(key.Get(), nullptr, 0, REG_SZ, reinterpret_cast<const BYTE*>(text.c_str()),
-                         static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))) != ERROR_SUCCESS)
+        !com::WriteString(HKEY_CLASSES_ROOT, L"MorvelinError.Main2\\CLSID", nullptr, text))
       throw std::runtime_error("cannot enter the program id MorvelinError.Main2");
     entered_ = true;
   }

@@ -20,6 +20,7 @@
 #include "server/com_ptr.h"
 #include "server/object_bridge.h"
 #include "server/registry_entries.h"
+#include "server/registry_values.h"
 #include "server/windows_platform.h"
 #include "server/windows_text.h"
 #include "tabforge_version.h"
@@ -658,20 +659,6 @@ bool CheckCreation(const Context& c, Report& report) {
 // --- tabforge trace -------------------------------------------------------------------------
 
 // Deletes `path` below HKEY_CURRENT_USER when it holds no value and no key.
-void DeleteIfEmpty(const std::wstring& path) {
-  com::UniqueHkey key;
-  if (::RegOpenKeyExW(HKEY_CURRENT_USER, path.c_str(), 0, KEY_READ, key.Put()) != ERROR_SUCCESS)
-    return;
-  DWORD keys = 0;
-  DWORD values = 0;
-  if (::RegQueryInfoKeyW(key.Get(), nullptr, nullptr, nullptr, &keys, nullptr, nullptr, &values,
-                         nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS &&
-      keys == 0 && values == 0) {
-    key.Reset();
-    ::RegDeleteKeyW(HKEY_CURRENT_USER, path.c_str());
-  }
-}
-
 // Today's registration and creation checks for one bitness, into `report`; true when the class
 // was created (or, for the other bitness, when nothing that creation needs has a problem).
 bool CheckRegistration(int bits, Report& report) {
@@ -819,8 +806,8 @@ int Trace(const std::vector<std::string>& args) {
       std::cerr << "tabforge trace: cannot remove " << SettingName() << "\n";
       return 1;
     }
-    DeleteIfEmpty(key);
-    DeleteIfEmpty(key.substr(0, key.find_last_of(L'\\')));
+    com::DeleteKeyIfEmpty(HKEY_CURRENT_USER, key);
+    com::DeleteKeyIfEmpty(HKEY_CURRENT_USER, key.substr(0, key.find_last_of(L'\\')));
   }
   const Utf16String value =
       com::WindowsHost().GetSetting(kProjectName, kTraceSection, kTraceKey, u"");

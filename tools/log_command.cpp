@@ -10,6 +10,7 @@
 #include "platform/flight_log.h"
 #include "platform/utf16.h"
 #include "server/com_ptr.h"
+#include "server/registry_values.h"
 #include "server/windows_flight_log.h"
 #include "server/windows_text.h"
 
@@ -43,14 +44,8 @@ std::string SwitchText(com::LogSwitch value) {
 }
 
 bool SetUserSwitch(bool on) {
-  com::UniqueHkey key;
-  if (::RegCreateKeyExW(HKEY_CURRENT_USER, com::kLogUserKey, 0, nullptr, 0,
-                        KEY_SET_VALUE | KEY_WOW64_64KEY, nullptr, key.Put(),
-                        nullptr) != ERROR_SUCCESS)
-    return false;
-  const DWORD value = on ? 1 : 0;
-  return ::RegSetValueExW(key.Get(), com::kLogEnabledValue, 0, REG_DWORD,
-                          reinterpret_cast<const BYTE*>(&value), sizeof value) == ERROR_SUCCESS;
+  return com::WriteDword(HKEY_CURRENT_USER, com::kLogUserKey, com::kLogEnabledValue, on ? 1 : 0,
+                         KEY_WOW64_64KEY);
 }
 
 std::string ReadText(const std::wstring& path) {
