@@ -17,7 +17,7 @@
 #
 # The same commit gives the same bytes in every file, wherever and whenever it is built: every
 # time stamp is the last commit's (SOURCE_DATE_EPOCH, unless already set), no build path gets in,
-# the packages' codes are derived (tools/msi_package.py), the zip has fixed times and order.
+# the packages' codes are derived (packaging/msi_package.py), the zip has fixed times and order.
 # scripts/release-check.sh proves it with a second build.
 #
 # Signing (Authenticode, osslsigncode): with TABFORGE_SIGN_PFX (a PKCS#12 file with the code-signing
@@ -87,12 +87,12 @@ ship x86 i686-w64-mingw32 build/win32/server/Tabforge.dll Tabforge.dll
 ship x86 i686-w64-mingw32 build/win32/tools/tabforge.exe tabforge.exe
 ship x64 x86_64-w64-mingw32 build/win64/server/Tabforge.dll Tabforge.dll
 ship x64 x86_64-w64-mingw32 build/win64/tools/tabforge.exe tabforge.exe
-python3 tools/check_pe.py "$stage/x86/Tabforge.dll" --arch i686 >/dev/null
-python3 tools/check_pe.py "$stage/x64/Tabforge.dll" --arch x86_64 >/dev/null
+python3 packaging/check_pe.py "$stage/x86/Tabforge.dll" --arch i686 >/dev/null
+python3 packaging/check_pe.py "$stage/x64/Tabforge.dll" --arch x86_64 >/dev/null
 
 for arch in x86 x64; do
     msi=$dist/Tabforge-$version-$arch.msi
-    python3 tools/msi_package.py --arch "$arch" --version "$version" \
+    python3 packaging/msi_package.py --arch "$arch" --version "$version" \
         --dll "$stage/$arch/Tabforge.dll" --out "$msi"
     sign "$msi"
     cp "$stage/$arch/tabforge.exe" "$dist/tabforge-$arch.exe"
@@ -107,7 +107,7 @@ touch -d "@$SOURCE_DATE_EPOCH" "$stage"/zip/*/Tabforge.dll
 zip="$(cd "$dist" && pwd)/Tabforge-$version-dlls.zip"
 (cd "$stage/zip" && find x86 x64 -type f | sort | zip -q -X -D "$zip" -@)
 
-sed "s/@VERSION@/$version/g" server/packaging/INSTALL.txt > "$dist/INSTALL.txt"
+sed "s/@VERSION@/$version/g" packaging/INSTALL.txt > "$dist/INSTALL.txt"
 find "$dist" -type f -exec chmod 644 {} +
 find "$dist" -exec touch -d "@$SOURCE_DATE_EPOCH" {} +
 (cd "$dist" && find . -type f ! -name SHA256SUMS | sed 's|^\./||' | sort | xargs sha256sum -- \

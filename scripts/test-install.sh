@@ -205,7 +205,7 @@ for arch in $arches; do
 
     # An older version of the same package, so that installing this one is a major upgrade.
     old=$work/Tabforge-0.9.0-$arch.msi
-    python3 tools/msi_package.py --arch "$arch" --version 0.9.0 --typelib "${version%.*}" \
+    python3 packaging/msi_package.py --arch "$arch" --version 0.9.0 --typelib "${version%.*}" \
         --dll "$WINEPREFIX/drive_c/tabforge/$arch/Tabforge.dll" --out "$old" 2>/dev/null
 
     # register-user runs the tabforge.exe of the DLL's bitness, register-machine the other one.

@@ -153,8 +153,7 @@ def main():
     parser.add_argument("--dll", required=True)
     parser.add_argument("--out", required=True)
     here = os.path.dirname(os.path.abspath(__file__))
-    parser.add_argument("--wxs", default=os.path.join(here, "..", "server", "packaging",
-                                                      "Tabforge.wxs"))
+    parser.add_argument("--wxs", default=os.path.join(here, "Tabforge.wxs"))
     parser.add_argument("--typelib")
     args = parser.parse_args()
     when = int(os.environ.get("SOURCE_DATE_EPOCH") or time.time())
