@@ -1,45 +1,47 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """Takes the time of day out of a type library that widl wrote, in place.
 
 Usage: tlb_stamp.py FILE.tlb
 
-widl records when it ran twice in the library's custom data: the text "Created by WIDL version V
-at <ctime>" and the same moment as a 32-bit number (VT_UI4). Both become 1 January 1970, 0:00 UTC,
-so that the same IDL gives the same library, and the DLL that embeds it the same bytes. Run it in
-the same environment as widl (its text is in local time). Pure python3 standard library.
+widl records when it ran in the library's custom data, twice: as a number (VT_UI4, under the
+GUID DE77BA63-...) and in its note "Created by WIDL version V at <ctime>" (VT_BSTR, under
+DE77BA65-...). Both become 1 January 1970, 0:00 UTC, so that the same IDL gives the same library,
+and the DLL that embeds it the same bytes. Both are found through the library's custom data as
+the format lays it out (typelib.py), so nothing else in the file can be taken for them.
 """
-import calendar
-import re
-import struct
 import sys
 import time
+import uuid
 
-VT_UI4 = 19
+from typelib import TypeLib, VT_BSTR, VT_UI4
+
+WIDL_TIME = uuid.UUID("DE77BA63-517C-11D1-A2DA-0000F8773CE9")
+WIDL_NOTE = uuid.UUID("DE77BA65-517C-11D1-A2DA-0000F8773CE9")
+NOTE_START = b"Created by WIDL version "
+# ctime's form, and the note's end: " at Thu Jan  1 00:00:00 1970\n"
+EPOCH_TEXT = time.asctime(time.gmtime(0)).encode("ascii")
 
 
 def main():
     path = sys.argv[1]
     data = bytearray(open(path, "rb").read())
-    notes = list(re.finditer(rb"Created by WIDL version [^\n]* at (\w{3} \w{3} [ \d]\d "
-                             rb"\d\d:\d\d:\d\d \d{4})\n", data))
-    if len(notes) != 1:
-        sys.exit(f"{path}: {len(notes)} notes of widl's time, not one")
-    text = notes[0].group(1).decode("ascii")
-    when = int(time.mktime(time.strptime(text, "%a %b %d %H:%M:%S %Y")))
-    # The same moment as a number, if it is stored; a different time zone rule could put it an
-    # hour off the text, so every candidate within a day is looked at, nearest first.
-    number = None
-    for delta in sorted(range(-86400, 86401, 1800), key=abs):
-        hits = [m.start() + 2 for m in re.finditer(
-            re.escape(struct.pack("<HI", VT_UI4, (when + delta) & 0xFFFFFFFF)), data)]
-        if len(hits) == 1:
-            number = hits[0]
-            break
-    if number is None:
-        sys.exit(f"{path}: widl's time as a number was not found")
-    start, end = notes[0].span(1)
-    data[start:end] = time.asctime(time.gmtime(0)).encode("ascii")
-    data[number:number + 4] = struct.pack("<I", calendar.timegm(time.gmtime(0)))
+    try:
+        found = {d.guid: d for d in TypeLib(data).library_custom_data()}
+    except ValueError as e:
+        sys.exit(f"{path}: {e}")
+    when, note = found.get(WIDL_TIME), found.get(WIDL_NOTE)
+    if when is None or when.vt != VT_UI4:
+        sys.exit(f"{path}: no time of widl's (VT_UI4 {WIDL_TIME}) in the library's custom data")
+    if note is None or note.vt != VT_BSTR:
+        sys.exit(f"{path}: no note of widl's (VT_BSTR {WIDL_NOTE}) in the library's custom data")
+    start, length = note.text_span()
+    text = bytes(data[start:start + length])
+    stamp = len(text) - len(EPOCH_TEXT) - 1
+    if not text.startswith(NOTE_START) or text[stamp - 4:stamp] != b" at " or \
+            not text.endswith(b"\n"):
+        sys.exit(f"{path}: widl's note is not of the known form: {text!r}")
+    when.set_number(0)
+    data[start + stamp:start + stamp + len(EPOCH_TEXT)] = EPOCH_TEXT
     with open(path, "wb") as f:
         f.write(data)
     return 0
