@@ -104,8 +104,10 @@ ship x86 i686-w64-mingw32 build/win32/server/Tabforge.dll Tabforge.dll
 ship x86 i686-w64-mingw32 build/win32/tools/tabforge.exe tabforge.exe
 ship x64 x86_64-w64-mingw32 build/win64/server/Tabforge.dll Tabforge.dll
 ship x64 x86_64-w64-mingw32 build/win64/tools/tabforge.exe tabforge.exe
-python3 packaging/check_pe.py "$stage/x86/Tabforge.dll" --arch i686 >/dev/null
-python3 packaging/check_pe.py "$stage/x64/Tabforge.dll" --arch x86_64 >/dev/null
+packaging/check_pe.py "$stage/x86/Tabforge.dll" --arch i686 \
+    --version-header build/win32/server/generated/tabforge_version.h >/dev/null
+packaging/check_pe.py "$stage/x64/Tabforge.dll" --arch x86_64 \
+    --version-header build/win64/server/generated/tabforge_version.h >/dev/null
 
 for arch in x86 x64; do
     msi=$dist/Tabforge-$version-$arch.msi
