@@ -10,7 +10,8 @@ the version and the architecture (one product per version and architecture, as a
 needs), the summary's "created" and "last saved" are the time SOURCE_DATE_EPOCH names (now when it
 is not set), the DLL goes into the cabinet with that time as its date, and the package code is
 derived from the package's own bytes, so that two packages share it only when they are the same.
-The upgrade code stays the fixed one of the .wxs. The summary stream is read and rewritten in
+The upgrade code stays the fixed one of the .wxs; the class, interface and library ids are
+server/Tabforge.idl's. The summary stream is read and rewritten in
 place with python3-olefile.
 """
 import argparse
@@ -25,6 +26,8 @@ import time
 import uuid
 
 import olefile
+
+import product_facts
 
 # The namespace of every code this tool derives; never to change, or the product codes of
 # released versions would.
@@ -92,6 +95,7 @@ def main():
     when = int(os.environ.get("SOURCE_DATE_EPOCH") or time.time())
     major, minor = (int(p) for p in (args.typelib or args.version).split(".")[:2])
     out = os.path.abspath(args.out)
+    ids = product_facts.ids()
     with tempfile.TemporaryDirectory() as folder:
         dll = os.path.join(folder, "Tabforge.dll")
         shutil.copyfile(args.dll, dll)
@@ -101,6 +105,9 @@ def main():
                    "-D", f"ProductCode={product_code(args.arch, args.version)}",
                    "-D", f"TypeLibVersion={major}.{minor}",
                    "-D", f"TypeLibKey={major:x}.{minor:x}",
+                   "-D", f"ClassId={guid_text(ids['Main2'])}",
+                   "-D", f"InterfaceId={guid_text(ids['_Main2'])}",
+                   "-D", f"LibraryId={guid_text(ids['library'])}",
                    "-D", "Dll=Tabforge.dll", "-o", out, os.path.abspath(args.wxs)]
         # The cabinet keeps the file's date as local time.
         subprocess.run(command, cwd=folder, check=True, env=dict(os.environ, TZ="UTC"))
