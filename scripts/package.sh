@@ -111,7 +111,7 @@ packaging/check_pe.py "$stage/x64/Tabforge.dll" --arch x86_64 \
 
 for arch in x86 x64; do
     msi=$dist/Tabforge-$version-$arch.msi
-    python3 packaging/msi_package.py --arch "$arch" --version "$version" \
+    packaging/msi_package.py --arch "$arch" --version "$version" \
         --dll "$stage/$arch/Tabforge.dll" --out "$msi"
     sign "$msi"
     cp "$stage/$arch/tabforge.exe" "$dist/tabforge-$arch.exe"
