@@ -16,8 +16,9 @@
 #   package.sh [DIST]      (default: dist)
 #
 # The same commit gives the same bytes in every file, wherever and whenever it is built: every
-# time stamp is the last commit's (SOURCE_DATE_EPOCH, unless already set), no build path gets in,
-# the packages' codes are derived (tools/msi_package.py), the zip has fixed times and order.
+# time stamp is the last commit's (SOURCE_DATE_EPOCH, unless already set; in a source archive
+# without .git, packaging/commit-time), no build path gets in, the packages' codes are derived
+# (packaging/msi_package.py), the zip has fixed times and order.
 # scripts/release-check.sh proves it with a second build.
 #
 # Signing (Authenticode, osslsigncode): with TABFORGE_SIGN_PFX (a PKCS#12 file with the code-signing
@@ -31,9 +32,25 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 dist=${1:-dist}
-scripts/install-windows-deps.sh
 
-export SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git log -1 --format=%ct)}
+# Every file's time is the commit's: SOURCE_DATE_EPOCH when it is set, else the time of the commit
+# checked out here, else the one that `git archive` wrote into packaging/commit-time (an
+# export-subst file, .gitattributes), so that a source archive of a release packages as its
+# commit does. Without any of them nothing is built: the files would carry no time of their own.
+commit_time() {
+    if [ "$(git rev-parse --show-toplevel 2>/dev/null)" = "$(pwd -P)" ]; then
+        git log -1 --format=%ct
+    else
+        sed -n '/^[0-9][0-9]*$/p' packaging/commit-time 2>/dev/null || true
+    fi
+}
+export SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(commit_time)}
+if ! [[ $SOURCE_DATE_EPOCH =~ ^[0-9]+$ ]]; then
+    echo "package: no commit time: set SOURCE_DATE_EPOCH to the commit's time (seconds since" \
+        "1970), or run in a git checkout or in a source archive made by \`git archive\`" >&2
+    exit 1
+fi
+scripts/install-windows-deps.sh
 export TZ=UTC LC_ALL=C
 umask 022
 
@@ -87,12 +104,14 @@ ship x86 i686-w64-mingw32 build/win32/server/Tabforge.dll Tabforge.dll
 ship x86 i686-w64-mingw32 build/win32/tools/tabforge.exe tabforge.exe
 ship x64 x86_64-w64-mingw32 build/win64/server/Tabforge.dll Tabforge.dll
 ship x64 x86_64-w64-mingw32 build/win64/tools/tabforge.exe tabforge.exe
-python3 tools/check_pe.py "$stage/x86/Tabforge.dll" --arch i686 >/dev/null
-python3 tools/check_pe.py "$stage/x64/Tabforge.dll" --arch x86_64 >/dev/null
+packaging/check_pe.py "$stage/x86/Tabforge.dll" --arch i686 \
+    --version-header build/win32/server/generated/tabforge_version.h >/dev/null
+packaging/check_pe.py "$stage/x64/Tabforge.dll" --arch x86_64 \
+    --version-header build/win64/server/generated/tabforge_version.h >/dev/null
 
 for arch in x86 x64; do
     msi=$dist/Tabforge-$version-$arch.msi
-    python3 tools/msi_package.py --arch "$arch" --version "$version" \
+    packaging/msi_package.py --arch "$arch" --version "$version" \
         --dll "$stage/$arch/Tabforge.dll" --out "$msi"
     sign "$msi"
     cp "$stage/$arch/tabforge.exe" "$dist/tabforge-$arch.exe"
@@ -107,7 +126,7 @@ touch -d "@$SOURCE_DATE_EPOCH" "$stage"/zip/*/Tabforge.dll
 zip="$(cd "$dist" && pwd)/Tabforge-$version-dlls.zip"
 (cd "$stage/zip" && find x86 x64 -type f | sort | zip -q -X -D "$zip" -@)
 
-sed "s/@VERSION@/$version/g" server/packaging/INSTALL.txt > "$dist/INSTALL.txt"
+sed "s/@VERSION@/$version/g" packaging/INSTALL.txt > "$dist/INSTALL.txt"
 find "$dist" -type f -exec chmod 644 {} +
 find "$dist" -exec touch -d "@$SOURCE_DATE_EPOCH" {} +
 (cd "$dist" && find . -type f ! -name SHA256SUMS | sed 's|^\./||' | sort | xargs sha256sum -- \

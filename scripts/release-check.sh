@@ -20,7 +20,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 repo=$PWD
 dist=$(cd "${1:-dist}" && pwd)
-scripts/apt-install.sh openssl osslsigncode msitools git
+scripts/apt-install.sh openssl osslsigncode msitools git python3-pefile
 if ! git diff --quiet HEAD --; then
     echo "release-check: the working tree has changes; commit them, then package and check" >&2
     exit 1
@@ -92,15 +92,7 @@ check_signed() {
     if [ "${1%.msi}" = "$1" ]; then
         rm -f "$work/bare"
         osslsigncode remove-signature -in "$1" -out "$work/bare" >/dev/null
-        if ! python3 - "$work/bare" "$2" <<'PY'; then
-import struct, sys
-bare, unsigned = (bytearray(open(f, "rb").read()) for f in sys.argv[1:])
-checksum = struct.unpack_from("<I", unsigned, 0x3C)[0] + 24 + 64
-for data in (bare, unsigned):
-    data[checksum:checksum + 4] = bytes(4)
-padding = bare[len(unsigned):]
-sys.exit(0 if bare[:len(unsigned)] == unsigned and len(padding) < 8 and not any(padding) else 1)
-PY
+        if ! packaging/same_without_signature.py "$work/bare" "$2"; then
             echo "FAIL: $name without its signature is not the unsigned file"
             failed=1
             return

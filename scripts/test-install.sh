@@ -82,69 +82,20 @@ run() {
 }
 
 # The prefix's registry and files, without what Wine rewrites at every start (the hardware it
-# finds) and the empty keys Windows Installer keeps for its own bookkeeping.
+# finds) and the empty keys Windows Installer keeps for its own bookkeeping
+# (packaging/prefix_snapshot.py).
 snapshot() {
     timeout 60 "$WINESERVER" -w || true
-    python3 - "$WINEPREFIX" <<'EOF'
-import os, re, sys
-prefix = sys.argv[1]
-for hive, name in (("HKLM", "system.reg"), ("HKCU", "user.reg")):
-    key = None
-    for line in open(os.path.join(prefix, name), encoding="utf-8", errors="replace"):
-        line = line.rstrip("\n")
-        if line.startswith("["):
-            key = hive + "\\" + re.sub(r"\]\s*\d*$", "", line[1:])
-            # Windows always has a user's classes key; Wine makes it on first use.
-            if "\\\\Installer\\\\" not in key and "CurrentControlSet" not in key \
-                    and "NetworkCards" not in key and key != "HKCU\\Software\\\\Classes":
-                print(key)
-        elif key and line and not line.startswith("#") and "CurrentControlSet" not in key \
-                and "NetworkCards" not in key:
-            print(key + "|" + line)
-drive = os.path.join(prefix, "drive_c")
-for root, dirs, files in os.walk(drive):
-    rel = os.path.relpath(root, drive)
-    if rel == "windows" or rel.startswith("windows" + os.sep) or os.sep + "Temp" in rel:
-        dirs[:] = []
-        continue
-    for entry in sorted(dirs + files):
-        print("FILE " + os.path.join(rel, entry))
-EOF
+    packaging/prefix_snapshot.py "$WINEPREFIX"
 }
 
 # entries BEFORE AFTER HIVE [fold]: the classes entries that appeared, with the hive folded away,
 # the DLL's path and folder (read from its InprocServer32) as <DLL> and <DIR>, and the registry
 # view kept where Windows keeps one: "[32] " before the class and interface keys of the 32-bit
 # view, while the program id and the type library are shared. With "fold", the view is folded
-# away too. Entries outside HIVE's classes are listed as OUTSIDE.
+# away too. Entries outside HIVE's classes are listed as OUTSIDE (packaging/class_entries.py).
 entries() {
-    python3 - "$@" <<'EOF'
-import re, sys
-before = set(open(sys.argv[1]).read().splitlines())
-fold = len(sys.argv) > 4 and sys.argv[4] == "fold"
-added = [l for l in open(sys.argv[2]).read().splitlines() if l not in before and "|" in l
-         and "\\\\Classes\\\\" in l and "\\\\Installer\\\\" not in l]
-dll = next((l.split('|@="', 1)[1][:-1] for l in added if l.split("|")[0].endswith("InprocServer32")
-            and '|@="' in l), "")
-folder = dll.rsplit("\\\\", 1)[0]
-out = set()
-for l in added:
-    if not l.startswith(sys.argv[3] + "\\Software\\\\Classes\\\\"):
-        out.add("OUTSIDE " + l)
-        continue
-    l = l.split("\\\\Classes\\\\", 1)[1].replace("Typelib\\\\", "TypeLib\\\\")
-    view = ""
-    if l.startswith("Wow6432Node\\\\"):
-        l = l[len("Wow6432Node\\\\"):]
-        view = "" if fold or not re.match(r"(CLSID|Interface)\\\\", l) else "[32] "
-    if dll:
-        l = l.replace(dll, "<DLL>").replace(folder + '"', '<DIR>"')
-    out.add(view + l)
-for l in sorted(out):
-    print(l)
-place = "in the user's profile" if "\\\\users\\\\" in dll else "elsewhere" if dll else "none"
-print("DLL " + place)
-EOF
+    packaging/class_entries.py "$@"
 }
 
 # creates ARCH: prints what the script client of ARCH's bitness says.
@@ -205,7 +156,7 @@ for arch in $arches; do
 
     # An older version of the same package, so that installing this one is a major upgrade.
     old=$work/Tabforge-0.9.0-$arch.msi
-    python3 tools/msi_package.py --arch "$arch" --version 0.9.0 --typelib "${version%.*}" \
+    packaging/msi_package.py --arch "$arch" --version 0.9.0 --typelib "${version%.*}" \
         --dll "$WINEPREFIX/drive_c/tabforge/$arch/Tabforge.dll" --out "$old" 2>/dev/null
 
     # register-user runs the tabforge.exe of the DLL's bitness, register-machine the other one.

@@ -2,7 +2,7 @@
 """Draws the project's 32x32 ribbon icons, one PNG per image number the library asks for.
 
 Each icon is a rounded square in a colour of its group with a white glyph, corners transparent.
-Only the standard library is used, so anyone can redraw them: python3 tools/make_icons.py
+Only the standard library is used, so anyone can redraw them: python3 packaging/make_icons.py
 """
 import os
 import struct
