@@ -311,8 +311,12 @@ struct CollectingRecorder final : flight::Recorder {
   std::vector<std::string> events;
   void Write(std::string_view event, std::span<const flight::Field> fields) noexcept override {
     std::string text(event);
-    for (const auto& field : fields)
-      text += " " + std::string(field.key) + "=" + field.value;
+    for (const auto& field : fields) {
+      text += ' ';
+      text += field.key;
+      text += '=';
+      text += field.value;
+    }
     events.push_back(text);
   }
   // The events' names and fields, the times left out.

@@ -26,6 +26,7 @@
 #include "tabforge_version.h"
 #include "tools/classes_key.h"
 #include "tools/com_session.h"
+#include "tools/log_command.h"
 #include "tools/windows_machine.h"
 #include "tracing/vbw_protector.h"
 
@@ -700,6 +701,8 @@ struct Examination {
 
 Examination Examine(const WindowsMachine& machine, const doctor::Options& options, int bits) {
   Examination e;
+  // The log as the word processor left it, before the creation below adds a start of its own.
+  std::vector<doctor::Finding> logFindings = LogFindings();
   e.diagnosis = doctor::Diagnose(machine, options);
   const int registrationBits = options.bits != 0           ? options.bits
                                : e.diagnosis.wordBits != 0 ? e.diagnosis.wordBits
@@ -713,6 +716,11 @@ Examination Examine(const WindowsMachine& machine, const doctor::Options& option
                           : f.status == Status::kWarning ? doctor::Status::kWarning
                                                          : doctor::Status::kProblem,
                           f.detail, f.fix});
+  // Last, what the flight log says of the last start: evidence that the checks above cannot see
+  // (a start that never reached the document, or took too long), which the verdict names when
+  // nothing before it would hide the tab.
+  for (doctor::Finding& finding : logFindings)
+    e.findings.push_back(std::move(finding));
   // The registration of Word's bitness is one of --fix's repairs.
   if (report.HasProblem(
           {"not-registered", "progid", "class", "server-path", "server-file", "server-bitness"}))

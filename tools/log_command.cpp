@@ -148,4 +148,49 @@ int Log(const std::vector<std::string>& args) {
   return Show(show ? lines : 0);
 }
 
+std::vector<doctor::Finding> LogFindings() {
+  std::vector<doctor::Finding> findings;
+  const std::wstring folder = com::LogFolderPath();
+  const std::string text = folder.empty() ? std::string()
+                                          : ReadText(folder + L"\\" + com::kLogFileName + L".1") +
+                                                ReadText(folder + L"\\" + com::kLogFileName);
+  const std::string show = "tabforge log show prints the whole of it";
+  if (text.empty()) {
+    findings.push_back({"log-loaded", doctor::Status::kWarning,
+                        com::LogEnabled() ? "the flight log is empty: the library was never "
+                                            "loaded while it was on"
+                                          : "the flight log is off, so it tells nothing",
+                        "start the word processor once; the log then tells how the start went"});
+    return findings;
+  }
+  for (const flight::Finding& finding : flight::JudgeLastStart(text)) {
+    const doctor::Status status = finding.status == "ok"        ? doctor::Status::kOk
+                                  : finding.status == "warning" ? doctor::Status::kWarning
+                                                                : doctor::Status::kProblem;
+    findings.push_back({"log-" + finding.check, status, finding.detail,
+                        status == doctor::Status::kOk ? std::string() : show});
+  }
+  if (const auto start = flight::FindLastStart(text)) {
+    std::string steps;
+    for (const flight::StartStep& step : start->steps)
+      steps += (steps.empty() ? "" : ", ") + step.name + " at " + std::to_string(step.ms) + " ms";
+    findings.push_back(
+        {"log-last-start",
+         doctor::Status::kOk,
+         start->loaded.time + ": " + (steps.empty() ? "no step after the load" : steps),
+         {}});
+  }
+  for (const flight::Event& failure : flight::LastFailures(text, 3)) {
+    findings.push_back({"log-failure",
+                        doctor::Status::kOk,
+                        failure.time + " " + failure.Value("procedure").value_or("?") + " line " +
+                            failure.Value("line").value_or("?") + ": " +
+                            failure.Value("number").value_or("?") + " " +
+                            failure.Value("description").value_or("") + " (" +
+                            failure.Value("outcome").value_or("?") + ")",
+                        {}});
+  }
+  return findings;
+}
+
 }  // namespace tabforge::cli

@@ -4,9 +4,18 @@
 #include <string>
 #include <vector>
 
+#include "doctor/checks.h"
+
 namespace tabforge::cli {
 
 // Runs the command with the arguments after its name and returns the exit status.
 int Log(const std::vector<std::string>& args);
+
+// What the flight log says of the last start, for the doctor: a finding for each thing the log
+// judges ("log-loaded", "log-document", "log-start-time", "log-failures"), the last start's steps
+// and its last failures. A log that is off, missing or empty is evidence of nothing: a warning.
+// Read it before this process creates the class: its own start says nothing of the word
+// processor's.
+std::vector<doctor::Finding> LogFindings();
 
 }  // namespace tabforge::cli

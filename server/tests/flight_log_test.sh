@@ -44,6 +44,24 @@ want="loaded main2-created initialize get-ribbon-xml ribbon-handed-over first-ca
 [ -f "$log" ] && [ "$(grep -c ' ms=[0-9]*' "$log")" = 6 ] || fail "steps without ms="
 [ "$failed" = 0 ] && ok
 
+# The doctor reads the log: a start that never asked for the document is named, and the last start
+# of another process is shown step by step; the doctor's own creation is not the start it judges.
+name=doctor
+before=$failed
+rm -rf "$logs"
+printf 'Initialize Morvelin\n' > "$work/no-document.session"
+session "$work/no-document.session" >/dev/null
+found=$("${run[@]}" "$tool" doctor --json 2>&1 | tr -d '\r' || true)
+grep -q '"check": "log-document", "status": "problem"' <<< "$found" ||
+    fail "no log-document problem: $(grep log- <<< "$found")"
+grep -q '"check": "log-last-start", "status": "ok", "detail": "[^"]*: main2-created at' <<< "$found" ||
+    fail "no last start: $(grep log- <<< "$found")"
+session "$start" >/dev/null
+found=$("${run[@]}" "$tool" doctor --json 2>&1 | tr -d '\r' || true)
+grep -q '"check": "log-document", "status": "ok"' <<< "$found" ||
+    fail "the full start's document: $(grep log- <<< "$found")"
+[ "$failed" = "$before" ] && ok
+
 name=failures
 before=$failed
 rm -rf "$logs"
