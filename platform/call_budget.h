@@ -172,42 +172,29 @@ class CollaboratorCall {
   CallBudget* budget_;
 };
 
-// Marks the collaborator call made next, in its scope, as one on an accessibility tree; calls that
-// the element's own code makes meanwhile count as usual.
-class TreeCall {
+// Marks the collaborator call made next, in its scope, as one of a kind that the budget counts
+// apart; calls that the collaborator's own code makes meanwhile count as usual.
+template <void (CallBudget::*mark)(bool) noexcept>
+class NextCallMark {
  public:
-  TreeCall() : budget_(CallBudget::Active()) {
+  NextCallMark() : budget_(CallBudget::Active()) {
     if (budget_ != nullptr)
-      budget_->NextCallIsOnTree(true);
+      (budget_->*mark)(true);
   }
-  ~TreeCall() {
+  ~NextCallMark() {
     if (budget_ != nullptr)
-      budget_->NextCallIsOnTree(false);
+      (budget_->*mark)(false);
   }
-  TreeCall(const TreeCall&) = delete;
-  TreeCall& operator=(const TreeCall&) = delete;
+  NextCallMark(const NextCallMark&) = delete;
+  NextCallMark& operator=(const NextCallMark&) = delete;
 
  private:
   CallBudget* budget_;
 };
 
-// Marks the collaborator call made next, in its scope, as one on the error component.
-class ComponentCall {
- public:
-  ComponentCall() : budget_(CallBudget::Active()) {
-    if (budget_ != nullptr)
-      budget_->NextCallIsOnComponent(true);
-  }
-  ~ComponentCall() {
-    if (budget_ != nullptr)
-      budget_->NextCallIsOnComponent(false);
-  }
-  ComponentCall(const ComponentCall&) = delete;
-  ComponentCall& operator=(const ComponentCall&) = delete;
-
- private:
-  CallBudget* budget_;
-};
+// A call on an element of an accessibility tree, and one on the error component.
+using TreeCall = NextCallMark<&CallBudget::NextCallIsOnTree>;
+using ComponentCall = NextCallMark<&CallBudget::NextCallIsOnComponent>;
 
 // The address of the caller's frame, for the stack bound.
 #define TABFORGE_STACK_HERE() (reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0)))

@@ -123,55 +123,6 @@ SAFEARRAY* MakeArray(Random& r, VARTYPE element, Arena& arena, Hostile& object, 
   return array;
 }
 
-// Eight levels of eight-element arrays of variants, each element a reference to the next level:
-// sixty-four values that describe sixteen million, for any answer.
-class ReferenceTower {
- public:
-  ReferenceTower() {
-    for (int level = kLevels - 1; level >= 0; --level) {
-      SAFEARRAY* array = ::SafeArrayCreateVector(VT_VARIANT, 0, kWidth);
-      auto* elements = static_cast<VARIANT*>(array->pvData);
-      for (int i = 0; i < kWidth; ++i) {
-        V_VT(&elements[i]) = level == kLevels - 1 ? VARTYPE{VT_I4} : VARTYPE{VT_BYREF | VT_VARIANT};
-        if (level == kLevels - 1)
-          V_I4(&elements[i]) = i;
-        else
-          V_VARIANTREF(&elements[i]) = holders_[level + 1].Get();
-      }
-      V_VT(holders_[level].Get()) = VT_ARRAY | VT_VARIANT;
-      V_ARRAY(holders_[level].Get()) = array;
-    }
-  }
-  void CopyTo(VARIANT* out) { ::VariantCopy(out, holders_[0].Get()); }
-
- private:
-  static constexpr int kLevels = 8;
-  static constexpr int kWidth = 8;
-  UniqueVariant holders_[kLevels];
-};
-
-LRESULT CALLBACK PostsItselfWork(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
-  if (message == WM_APP) {
-    ::PostMessageW(window, WM_APP, 0, 0);
-    return 0;
-  }
-  return ::DefWindowProcW(window, message, wParam, lParam);
-}
-
-// A window that, once started, posts itself work for as long as it lives.
-HWND BusyWindow() {
-  static const HWND window = [] {
-    WNDCLASSW type{};
-    type.lpfnWndProc = PostsItselfWork;
-    type.hInstance = ::GetModuleHandleW(nullptr);
-    type.lpszClassName = L"TabforgeAdversaryBusy";
-    ::RegisterClassW(&type);
-    return ::CreateWindowExW(0, type.lpszClassName, L"", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr,
-                             type.hInstance, nullptr);
-  }();
-  return window;
-}
-
 // A collaborator of the host's: the signalling object, the ribbon or the command bar. Each call
 // gives it a way to behave, drawn from the call's generator: well, failing, with answers of the
 // wrong types, letting go of Main2, calling back a little; or at the edges of a call's budget:

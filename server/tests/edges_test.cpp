@@ -181,36 +181,6 @@ TEST(EdgesStack, AHostThatUsedMostOfItsStackIsSafe) {
 
 // --- An answer that describes more than it holds -------------------------------------------------
 
-// Eight levels of eight-element arrays of variants, each element a reference to the next level:
-// sixty-four values that describe sixteen million.
-class ReferenceTower {
- public:
-  ReferenceTower() {
-    for (int level = kLevels - 1; level >= 0; --level) {
-      SAFEARRAY* array = ::SafeArrayCreateVector(VT_VARIANT, 0, kWidth);
-      auto* elements = static_cast<VARIANT*>(array->pvData);
-      for (int i = 0; i < kWidth; ++i) {
-        if (level == kLevels - 1) {
-          V_VT(&elements[i]) = VT_I4;
-          V_I4(&elements[i]) = i;
-        } else {
-          V_VT(&elements[i]) = VT_BYREF | VT_VARIANT;
-          V_VARIANTREF(&elements[i]) = holders_[level + 1].Get();
-        }
-      }
-      V_VT(holders_[level].Get()) = VT_ARRAY | VT_VARIANT;
-      V_ARRAY(holders_[level].Get()) = array;
-    }
-  }
-  // The top level, owned by whoever takes it.
-  void CopyTo(VARIANT* out) { ::VariantCopy(out, holders_[0].Get()); }
-
- private:
-  static constexpr int kLevels = 8;
-  static constexpr int kWidth = 8;
-  std::array<UniqueVariant, kLevels> holders_;
-};
-
 class AnswersATower final : public DispatchDouble<> {
  public:
   HRESULT Answer(const std::wstring& member, DISPPARAMS*, VARIANT* result) override {
@@ -237,24 +207,6 @@ TEST_F(Edges, AnAnswerIsReadWithinOneAllowance) {
 
 // --- The message pass ----------------------------------------------------------------------------
 
-LRESULT CALLBACK PostsItselfWork(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
-  if (message == WM_APP) {
-    ::PostMessageW(window, WM_APP, 0, 0);
-    return 0;
-  }
-  return ::DefWindowProcW(window, message, wParam, lParam);
-}
-
-HWND WindowThatPostsItselfWork() {
-  WNDCLASSW type{};
-  type.lpfnWndProc = PostsItselfWork;
-  type.hInstance = ::GetModuleHandleW(nullptr);
-  type.lpszClassName = L"TabforgeEdgesBusy";
-  ::RegisterClassW(&type);
-  return ::CreateWindowExW(0, type.lpszClassName, L"", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr,
-                           type.hInstance, nullptr);
-}
-
 // A command bar with nothing below it: the search waits, passing messages, until its bound.
 void Activate(_Main2* main) {
   FakeDispatch commandBar;
@@ -267,12 +219,11 @@ void Activate(_Main2* main) {
 TEST_F(Edges, TheMessagePassEndsAndLeavesAQuitWhereItWas) {
   ComPtr<_Main2> main = CreateMain2().TryAs<_Main2>();
   ASSERT_TRUE(main);
-  HWND busy = WindowThatPostsItselfWork();
+  HWND busy = BusyWindow();
   ASSERT_NE(busy, nullptr);
   ::PostMessageW(busy, WM_APP, 0, 0);
   EXPECT_LT(Timed([&] { Activate(main.Get()); }), kCallBound);
-  ::DestroyWindow(busy);
-  for (MSG left; ::PeekMessageW(&left, nullptr, 0, 0, PM_REMOVE);) {
+  for (MSG left; ::PeekMessageW(&left, busy, WM_APP, WM_APP, PM_REMOVE);) {
   }
 
   ::PostQuitMessage(42);

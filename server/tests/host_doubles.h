@@ -200,6 +200,56 @@ class ErrorComponent final : public DispatchDouble<>, public IClassFactory {
   DWORD cookie_ = 0;
 };
 
+// Eight levels of eight-element arrays of variants, each element a reference to the next level:
+// sixty-four values that describe sixteen million, for any answer. Nothing is owned twice.
+class ReferenceTower {
+ public:
+  ReferenceTower() {
+    for (int level = kLevels - 1; level >= 0; --level) {
+      SAFEARRAY* array = ::SafeArrayCreateVector(VT_VARIANT, 0, kWidth);
+      auto* elements = static_cast<VARIANT*>(array->pvData);
+      for (int i = 0; i < kWidth; ++i) {
+        V_VT(&elements[i]) = level == kLevels - 1 ? VARTYPE{VT_I4} : VARTYPE{VT_BYREF | VT_VARIANT};
+        if (level == kLevels - 1)
+          V_I4(&elements[i]) = i;
+        else
+          V_VARIANTREF(&elements[i]) = holders_[level + 1].Get();
+      }
+      V_VT(holders_[level].Get()) = VT_ARRAY | VT_VARIANT;
+      V_ARRAY(holders_[level].Get()) = array;
+    }
+  }
+  // The top level, owned by whoever takes it.
+  void CopyTo(VARIANT* out) { ::VariantCopy(out, holders_[0].Get()); }
+
+ private:
+  static constexpr int kLevels = 8;
+  static constexpr int kWidth = 8;
+  UniqueVariant holders_[kLevels];
+};
+
+inline LRESULT CALLBACK PostsItselfWork(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
+  if (message == WM_APP) {
+    ::PostMessageW(window, WM_APP, 0, 0);
+    return 0;
+  }
+  return ::DefWindowProcW(window, message, wParam, lParam);
+}
+
+// A window that, once started, posts itself work for as long as it lives.
+inline HWND BusyWindow() {
+  static const HWND window = [] {
+    WNDCLASSW type{};
+    type.lpfnWndProc = PostsItselfWork;
+    type.hInstance = ::GetModuleHandleW(nullptr);
+    type.lpszClassName = L"TabforgeAdversaryBusy";
+    ::RegisterClassW(&type);
+    return ::CreateWindowExW(0, type.lpszClassName, L"", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr,
+                             type.hInstance, nullptr);
+  }();
+  return window;
+}
+
 // Tabforge.Main2 as a host creates it, through its program id; null when it cannot be.
 inline ComPtr<IDispatch> CreateMain2() {
   CLSID clsid{};
