@@ -6,7 +6,8 @@ Usage: prefix_snapshot.py PREFIX
 
 Keys as "HIVE\\key", values as "HIVE\\key|value line" in the form of Wine's .reg files, files as
 "FILE path" under drive_c. Left out: what Wine rewrites at every start (the hardware it finds),
-Windows Installer's own bookkeeping, the Windows folder and the temporary folders.
+Windows Installer's own bookkeeping, the Windows folder and the temporary folders, and the flight
+log that the library keeps for the user, which outlives the package as the user's data does.
 """
 import os, re, sys
 prefix = sys.argv[1]
@@ -26,7 +27,8 @@ for hive, name in (("HKLM", "system.reg"), ("HKCU", "user.reg")):
 drive = os.path.join(prefix, "drive_c")
 for root, dirs, files in os.walk(drive):
     rel = os.path.relpath(root, drive)
-    if rel == "windows" or rel.startswith("windows" + os.sep) or os.sep + "Temp" in rel:
+    if rel == "windows" or rel.startswith("windows" + os.sep) or os.sep + "Temp" in rel \
+            or rel.endswith(os.path.join("AppData", "Local", "Tabforge")):
         dirs[:] = []
         continue
     for entry in sorted(dirs + files):

@@ -5,6 +5,7 @@
 #include <new>
 #include <utility>
 
+#include "server/com_ptr.h"
 #include "server/windows_platform.h"
 
 namespace tabforge::com {
@@ -74,18 +75,18 @@ Apartment* FindLocked(const ThreadKey& thread) {
 
 // Takes a hold on the thread's apartment, if it has one.
 Apartment* HoldExisting(const ThreadKey& thread) {
-  ::AcquireSRWLockExclusive(&g_lock);
+  const ExclusiveLock lock(g_lock);
   Apartment* found = FindLocked(thread);
   if (found != nullptr)
     ++found->holds;
-  ::ReleaseSRWLockExclusive(&g_lock);
   return found;
 }
 
 void LetGo(Apartment* apartment) {
-  ::AcquireSRWLockExclusive(&g_lock);
-  const bool last = --apartment->holds == 0;
-  if (last) {
+  {
+    const ExclusiveLock lock(g_lock);
+    if (--apartment->holds != 0)
+      return;
     for (Apartment** link = &g_apartments; *link != nullptr; link = &(*link)->next) {
       if (*link == apartment) {
         *link = apartment->next;
@@ -93,9 +94,8 @@ void LetGo(Apartment* apartment) {
       }
     }
   }
-  ::ReleaseSRWLockExclusive(&g_lock);
-  if (last)
-    delete apartment;
+  // Torn down outside the lock: the apartment's last objects may run anything.
+  delete apartment;
 }
 
 }  // namespace
@@ -125,10 +125,11 @@ ApartmentHold ApartmentHold::Enter() {
   // routine runs outside the lock: it reads the settings store and may reach the error component.
   auto* built = new Apartment(thread);
   built->holds = 1;
-  ::AcquireSRWLockExclusive(&g_lock);
-  built->next = g_apartments;
-  g_apartments = built;
-  ::ReleaseSRWLockExclusive(&g_lock);
+  {
+    const ExclusiveLock lock(g_lock);
+    built->next = g_apartments;
+    g_apartments = built;
+  }
   return ApartmentHold(built);
 }
 
@@ -148,23 +149,23 @@ ApartmentVisit::ApartmentVisit(const ApartmentHold& home) noexcept {
   entry_ = new (std::nothrow) Entry{ThreadKey::Current(), apartment, nullptr};
   if (entry_ == nullptr)
     return;
-  ::AcquireSRWLockExclusive(&g_lock);
+  const ExclusiveLock lock(g_lock);
   entry_->next = g_visits;
   g_visits = entry_;
-  ::ReleaseSRWLockExclusive(&g_lock);
 }
 
 ApartmentVisit::~ApartmentVisit() {
   if (entry_ == nullptr)
     return;
-  ::AcquireSRWLockExclusive(&g_lock);
-  for (Entry** link = &g_visits; *link != nullptr; link = &(*link)->next) {
-    if (*link == entry_) {
-      *link = entry_->next;
-      break;
+  {
+    const ExclusiveLock lock(g_lock);
+    for (Entry** link = &g_visits; *link != nullptr; link = &(*link)->next) {
+      if (*link == entry_) {
+        *link = entry_->next;
+        break;
+      }
     }
   }
-  ::ReleaseSRWLockExclusive(&g_lock);
   delete entry_;
 }
 

@@ -191,4 +191,16 @@ inline void ClearVariant(VARIANT* v) noexcept {
   Replace(v, UniqueVariant());
 }
 
+// Holds an SRW lock exclusively for its scope.
+class ExclusiveLock {
+ public:
+  explicit ExclusiveLock(SRWLOCK& lock) : lock_(lock) { ::AcquireSRWLockExclusive(&lock_); }
+  ExclusiveLock(const ExclusiveLock&) = delete;
+  ExclusiveLock& operator=(const ExclusiveLock&) = delete;
+  ~ExclusiveLock() { ::ReleaseSRWLockExclusive(&lock_); }
+
+ private:
+  SRWLOCK& lock_;
+};
+
 }  // namespace tabforge::com

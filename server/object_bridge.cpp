@@ -605,20 +605,12 @@ namespace {
 SRWLOCK g_adaptersLock = SRWLOCK_INIT;
 std::unordered_set<const IDispatch*> g_adapters;
 
-class ExclusiveLock {
- public:
-  ExclusiveLock() { ::AcquireSRWLockExclusive(&g_adaptersLock); }
-  ExclusiveLock(const ExclusiveLock&) = delete;
-  ExclusiveLock& operator=(const ExclusiveLock&) = delete;
-  ~ExclusiveLock() { ::ReleaseSRWLockExclusive(&g_adaptersLock); }
-};
-
 }  // namespace
 
 DispatchAdapter::DispatchAdapter(Ref<Object> object) : object_(std::move(object)) {}
 
 DispatchAdapter::~DispatchAdapter() {
-  const ExclusiveLock lock;
+  const ExclusiveLock lock(g_adaptersLock);
   g_adapters.erase(this);
 }
 
@@ -627,7 +619,7 @@ ComPtr<IDispatch> DispatchAdapter::Create(Ref<Object> object) {
   if (adapter == nullptr)
     Raise(RunTimeError::kOutOfMemory);
   auto out = ComPtr<IDispatch>::Attach(adapter);
-  const ExclusiveLock lock;
+  const ExclusiveLock lock(g_adaptersLock);
   g_adapters.insert(adapter);  // std::bad_alloc releases the adapter on the way out
   return out;
 }
@@ -636,7 +628,7 @@ Ref<Object> DispatchAdapter::Unwrap(IDispatch* dispatch) {
   if (dispatch == nullptr)
     return nullptr;
   // While it is listed the adapter's core object is alive: the destructor waits for the lock.
-  const ExclusiveLock lock;
+  const ExclusiveLock lock(g_adaptersLock);
   if (g_adapters.count(dispatch) == 0)
     return nullptr;
   return static_cast<DispatchAdapter*>(dispatch)->object_;
