@@ -235,19 +235,19 @@ void CaseMachine::SetEnvironment(const std::string& name, const std::string& val
 }
 
 Bytes TemplateFromChanges(const std::vector<std::string>& changes) {
-  TemplateSpec spec = GoodTemplate();
+  TemplatePlan plan = GoodTemplate();
   bool damaged = false;
   for (const std::string& change : changes) {
-    std::string& source = spec.modules[0].source;
+    std::string& source = plan.modules[0].source;
     if (change == "no-ui") {
-      spec.customUi.clear();
+      plan.customUi.clear();
     } else if (change == "unrelated-ui") {
-      spec.relateCustomUi = false;
+      plan.relateCustomUi = false;
     } else if (change == "old-ui") {
-      spec.customUiPart = "customUI/customUI.xml";
+      plan.customUiPart = "customUI/customUI.xml";
     } else if (change == "no-macros") {
-      spec.macros = false;
-      spec.modules.clear();
+      plan.macros = false;
+      plan.modules.clear();
     } else if (change == "no-main2") {
       source.replace(source.find("CreateObject(\"Tabforge.Main2\")"), 30,
                      "CreateObject(\"Other.Main2\")");
@@ -256,18 +256,18 @@ Bytes TemplateFromChanges(const std::vector<std::string>& changes) {
                                  "Boolean)"),
                      63, "Tabforge_OnToggle(control As IRibbonControl)");
     } else if (change == "class-module") {
-      spec.modules[0].standard = false;
+      plan.modules[0].standard = false;
     } else if (change == "private-callback") {
       source.replace(source.find("Public Sub Tabforge_OnAction"), 10, "Private Sub");
     } else if (change == "signed") {
-      spec.signedMacros = true;
+      plan.signedMacros = true;
     } else if (change == "damaged") {
       damaged = true;
     } else {
       throw std::runtime_error("unknown template change " + change);
     }
   }
-  Bytes bytes = WriteTemplate(spec);
+  Bytes bytes = WriteTemplate(plan);
   if (damaged)
     bytes.resize(bytes.size() * 2 / 3);
   return bytes;
@@ -485,10 +485,10 @@ std::vector<MachineCase> ReadMachineCases(const std::string& text, const std::st
           throw fail(error.what());
         }
       } else if (what == "dotx") {
-        TemplateSpec spec = GoodTemplate();
-        spec.macros = false;
-        spec.modules.clear();
-        c.machine.SetFile(path, WriteTemplate(spec));
+        TemplatePlan plan = GoodTemplate();
+        plan.macros = false;
+        plan.modules.clear();
+        c.machine.SetFile(path, WriteTemplate(plan));
       } else if (what == "pe32" || what == "pe64") {
         c.machine.SetFile(path, ExecutableHeader(what == "pe64" ? 64 : 32));
       } else if (what == "text") {

@@ -359,7 +359,7 @@ Bytes WriteMacroProject(const std::vector<ModuleText>& modules, std::size_t cach
   return WriteCompoundFile(streams);
 }
 
-Bytes WriteTemplate(const TemplateSpec& spec) {
+Bytes WriteTemplate(const TemplatePlan& plan) {
   std::vector<ZipPart> parts = {
       {"[Content_Types].xml",
        Ascii("<?xml version=\"1.0\"?><Types xmlns=\"http://schemas.openxmlformats.org/package/"
@@ -372,28 +372,28 @@ Bytes WriteTemplate(const TemplateSpec& spec) {
       "xmlns=\"http://schemas.openxmlformats.org/package/2006/relationships\">"
       "<Relationship Id=\"rId1\" Type=\"http://schemas.openxmlformats.org/officeDocument/2006/"
       "relationships/officeDocument\" Target=\"word/document.xml\"/>";
-  if (!spec.customUi.empty() && spec.relateCustomUi) {
+  if (!plan.customUi.empty() && plan.relateCustomUi) {
     // The 2010 part has a relationship type of its own.
-    const bool newer = spec.customUiPart.find("customUI14") != std::string::npos;
+    const bool newer = plan.customUiPart.find("customUI14") != std::string::npos;
     relationships += std::string(
                          "<Relationship Id=\"rUi\" Type=\"http://schemas.microsoft.com/"
                          "office/") +
                      (newer ? "2007" : "2006") + "/relationships/ui/extensibility\" Target=\"" +
-                     spec.customUiPart + "\"/>";
+                     plan.customUiPart + "\"/>";
   }
   parts.push_back({"_rels/.rels", Ascii(relationships + "</Relationships>\n"), false});
-  if (!spec.customUi.empty())
-    parts.push_back({spec.customUiPart, Ascii(spec.customUi), false});
-  if (spec.macros)
-    parts.push_back({"word/vbaProject.bin", WriteMacroProject(spec.modules), true});
-  if (spec.signedMacros)
+  if (!plan.customUi.empty())
+    parts.push_back({plan.customUiPart, Ascii(plan.customUi), false});
+  if (plan.macros)
+    parts.push_back({"word/vbaProject.bin", WriteMacroProject(plan.modules), true});
+  if (plan.signedMacros)
     parts.push_back({"word/vbaProjectSignature.bin", Bytes(64, 0x30), false});
   return WriteZip(parts);
 }
 
-TemplateSpec GoodTemplate() {
-  TemplateSpec spec;
-  spec.customUi =
+TemplatePlan GoodTemplate() {
+  TemplatePlan plan;
+  plan.customUi =
       "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
       "<customUI xmlns=\"http://schemas.microsoft.com/office/2009/07/customui\"\n"
       "          onLoad=\"Tabforge_OnLoad\" loadImage=\"Tabforge_LoadImage\">\n"
@@ -406,7 +406,7 @@ TemplateSpec GoodTemplate() {
       "    </group>\n"
       "  </tab></tabs></ribbon>\n"
       "</customUI>\n";
-  spec.modules = {
+  plan.modules = {
       {"Tabforge", true,
        "Attribute VB_Name = \"Tabforge\"\r\n"
        "Option Explicit\r\n"
@@ -447,7 +447,7 @@ TemplateSpec GoodTemplate() {
        "Private Sub Document_New()\r\n"
        "End Sub\r\n"},
   };
-  return spec;
+  return plan;
 }
 
 }  // namespace tabforge::doctor

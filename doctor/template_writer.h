@@ -39,7 +39,7 @@ struct ModuleText {
 // compiled-code cache before its source, which readers skip through the module's offset.
 Bytes WriteMacroProject(const std::vector<ModuleText>& modules, std::size_t cacheBytes = 37);
 
-struct TemplateSpec {
+struct TemplatePlan {
   std::string customUiPart = "customUI/customUI14.xml";
   std::string customUi;        // no part when empty
   bool relateCustomUi = true;  // the package's relationships name the ribbon part
@@ -47,9 +47,9 @@ struct TemplateSpec {
   bool macros = true;  // word/vbaProject.bin, even with no modules
   bool signedMacros = false;
 };
-Bytes WriteTemplate(const TemplateSpec& spec);
+Bytes WriteTemplate(const TemplatePlan& plan);
 
 // A template whose ribbon and macros agree: the add-in's own, as the examples ship it.
-TemplateSpec GoodTemplate();
+TemplatePlan GoodTemplate();
 
 }  // namespace tabforge::doctor

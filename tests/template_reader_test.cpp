@@ -87,9 +87,9 @@ TEST(TemplateReader, LargeModulesGoToRegularSectorsAndSeveralChunks) {
     if ((seed >> 8) % 40 == 0)
       source += "\r\nPublic Sub Again(a, b, c)\r\nEnd Sub\r\n";
   }
-  TemplateSpec spec;
-  spec.modules = {{"Big", true, source}};
-  const TemplateContent content = ReadTemplate(WriteTemplate(spec));
+  TemplatePlan plan;
+  plan.modules = {{"Big", true, source}};
+  const TemplateContent content = ReadTemplate(WriteTemplate(plan));
   ASSERT_EQ(content.modules.size(), 1u);
   EXPECT_EQ(content.modules[0].source, source);
   ASSERT_FALSE(content.procedures.empty());
@@ -119,9 +119,9 @@ TEST(TemplateReader, CompressionRoundTripsRawAndRepeatingChunks) {
 }
 
 TEST(TemplateReader, TheLaterCustomUiPartWinsAndTheOlderOneIsRead) {
-  TemplateSpec spec = GoodTemplate();
-  spec.customUiPart = "customUI/customUI.xml";
-  EXPECT_EQ(ReadTemplate(WriteTemplate(spec)).customUiPart, "customUI/customUI.xml");
+  TemplatePlan plan = GoodTemplate();
+  plan.customUiPart = "customUI/customUI.xml";
+  EXPECT_EQ(ReadTemplate(WriteTemplate(plan)).customUiPart, "customUI/customUI.xml");
   std::vector<ZipPart> parts = {
       {"customUI/customUI14.xml", Ascii("<customUI onLoad=\"A\"/>"), false},
       {"customUI/customUI.xml", Ascii("<customUI onLoad=\"B\"/>"), true},
@@ -131,8 +131,8 @@ TEST(TemplateReader, TheLaterCustomUiPartWinsAndTheOlderOneIsRead) {
   EXPECT_FALSE(both.hasMacros);
   std::swap(parts[0], parts[1]);
   EXPECT_EQ(ReadTemplate(WriteZip(parts)).customUiPart, "customUI/customUI14.xml");
-  spec.signedMacros = true;
-  EXPECT_TRUE(ReadTemplate(WriteTemplate(spec)).signedMacros);
+  plan.signedMacros = true;
+  EXPECT_TRUE(ReadTemplate(WriteTemplate(plan)).signedMacros);
 }
 
 std::string Rels(const std::string& relationships) {
@@ -147,9 +147,9 @@ std::string UiRelationship(const char* year, const std::string& target) {
 }
 
 TEST(TemplateReader, TheRibbonPartIsTheOneTheRelationshipsName) {
-  TemplateSpec spec = GoodTemplate();
-  spec.relateCustomUi = false;
-  const TemplateContent unrelated = ReadTemplate(WriteTemplate(spec));
+  TemplatePlan plan = GoodTemplate();
+  plan.relateCustomUi = false;
+  const TemplateContent unrelated = ReadTemplate(WriteTemplate(plan));
   EXPECT_EQ(unrelated.customUiPart, "");
   EXPECT_EQ(unrelated.unrelatedCustomUi, "customUI/customUI14.xml");
   EXPECT_THAT(unrelated.callbacks, IsEmpty());
@@ -296,11 +296,11 @@ TEST(TemplateReader, EachCallbackThatWordCannotCallSaysWhy) {
        "module"},
   };
   for (const Case& c : cases) {
-    TemplateSpec spec;
-    spec.customUi = std::string("<customUI>") + c.ribbon + "</customUI>";
-    spec.modules = {c.module};
+    TemplatePlan plan;
+    plan.customUi = std::string("<customUI>") + c.ribbon + "</customUI>";
+    plan.modules = {c.module};
     const std::vector<std::string> mismatches =
-        CallbackMismatches(ReadTemplate(WriteTemplate(spec)));
+        CallbackMismatches(ReadTemplate(WriteTemplate(plan)));
     if (*c.mismatch == '\0')
       EXPECT_THAT(mismatches, IsEmpty()) << c.ribbon << " " << c.module.source;
     else
@@ -367,9 +367,9 @@ std::string Read(const std::string& layer, const std::string& change) {
       return "ok";
     }
     if (layer == "ribbon") {
-      TemplateSpec spec = GoodTemplate();
-      spec.customUi = change;
-      ReadTemplate(WriteTemplate(spec));
+      TemplatePlan plan = GoodTemplate();
+      plan.customUi = change;
+      ReadTemplate(WriteTemplate(plan));
       return "ok";
     }
     Bytes file;
@@ -431,9 +431,9 @@ TEST(TemplateReader, WhatATemplateMayHoldIsBounded) {
   std::vector<ZipPart> parts;
   for (int i = 0; i < 5; ++i)
     parts.push_back({"part" + std::to_string(i), Bytes(15u << 20, 'x'), true});
-  TemplateSpec callbacks;
+  TemplatePlan callbacks;
   callbacks.customUi = ribbon + "</customUI>";
-  TemplateSpec procedures;
+  TemplatePlan procedures;
   procedures.modules = {{"M", true, many}};
   Case cases[] = {
       {"a ribbon of 2001 callbacks", WriteTemplate(callbacks),
