@@ -177,14 +177,14 @@ std::string Read(const std::string& kind, const std::vector<std::string>& lines)
   if (kind == "creates")
     return CreatesMain2(input) ? "yes" : "no";
   if (kind == "callback") {
-    TemplateSpec spec;
-    spec.customUi = "<customUI>" + lines.at(0) + "</customUI>";
+    TemplateSpec made;
+    made.customUi = "<customUI>" + lines.at(0) + "</customUI>";
     std::string source;
     for (std::size_t i = 2; i < lines.size(); ++i)
       source += lines[i] + "\r\n";
-    spec.modules = {{lines.at(1), lines.at(1) == "M", source}};
+    made.modules = {{lines.at(1), lines.at(1) == "M", source}};
     const std::vector<std::string> mismatches =
-        CallbackMismatches(ReadTemplate(WriteTemplate(spec)));
+        CallbackMismatches(ReadTemplate(WriteTemplate(made)));
     EXPECT_LE(mismatches.size(), 1u) << input;
     return mismatches.empty() ? "" : mismatches[0];
   }
