@@ -15,6 +15,7 @@
 
 #include "doctor/case_machine.h"
 #include "doctor/checks.h"
+#include "golden.h"
 
 namespace tabforge::doctor {
 namespace {
@@ -276,27 +277,13 @@ TEST(DoctorExecutables, TheHeaderTellsTheProcessor) {
 }
 
 TEST(DoctorMachines, TheCaseFormatRefusesWhatItCannotRead) {
-  struct Case {
-    const char* text;
-    const char* error;
-  } cases[] = {
-      {"reg HKCX Software | a = sz b", "t:1: a hive is HKCU or HKLM"},
-      {"reg HKLM Software a = sz b", "t:1: reg HIVE KEY | NAME = TYPE DATA"},
-      {"\nreg HKLM Software | a = qword 1", "t:2: a value's type is sz, dword, hex or disabled"},
-      {"file C:\\a.dotm = template shiny", "t:1: unknown template change shiny"},
-      {"file C:\\a.dotm = picture", "t:1: a file is a template"},
-      {"machine b : a", "t:1: no machine a before this line"},
-      {"expect nothing", "t:1: expect verdict, problems"},
-      {"option bits 16", "t:1: option template PATH or option bits 32|64"},
-      {"drop env A", "t:1: drop reg, drop key or drop file"},
-      {"frobnicate", "t:1: unknown line: frobnicate"},
-  };
-  for (const Case& c : cases) {
+  for (const auto& [error, body] : testing::ReadCases("tests/machine_case_refusals.txt")) {
+    const std::string text = body.substr(0, body.size() - 1);
     try {
-      ReadMachineCases(c.text, "t");
-      ADD_FAILURE() << c.text << " was read";
-    } catch (const std::runtime_error& error) {
-      EXPECT_THAT(error.what(), HasSubstr(c.error)) << c.text;
+      ReadMachineCases(text, "t");
+      ADD_FAILURE() << text << " was read";
+    } catch (const std::runtime_error& refused) {
+      EXPECT_THAT(refused.what(), HasSubstr(error)) << text;
     }
   }
 }

@@ -10,12 +10,14 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <regex>
 #include <sstream>
 #include <thread>
 
 #include "apartment.h"
 #include "doubles/recording_ribbon.h"
 #include "doubles/recording_signaller.h"
+#include "golden.h"
 #include "platform/flight_events.h"
 #include "platform/flight_log.h"
 #include "platform/portable/posix_log_folder.h"
@@ -172,6 +174,22 @@ TEST(RotatingLog, AFolderThatFailsIsTriedOnceAndNeverAgain) {
 
 // --- The POSIX folder ----------------------------------------------------------------------------
 
+// The lines of the older file then the current one in `dir`, each file within `bound`, and no
+// third file.
+std::vector<std::string> BoundedLines(const fs::path& dir, std::int64_t bound) {
+  std::vector<std::string> lines;
+  for (const char* name : {"tabforge.log.1", "tabforge.log"}) {
+    EXPECT_TRUE(fs::exists(dir / name)) << name;
+    if (!fs::exists(dir / name))
+      continue;
+    EXPECT_LE(fs::file_size(dir / name), static_cast<std::uintmax_t>(bound)) << name;
+    for (const std::string& line : Lines(ReadFile(dir / name)))
+      lines.push_back(line);
+  }
+  EXPECT_FALSE(fs::exists(dir / "tabforge.log.2"));
+  return lines;
+}
+
 TEST(PosixLogFolder, KeepsOneOlderFileAndNeitherPassesTheBound) {
   TemporaryFolder dir;
   PosixLogFolder folder(dir.path.string(), "tabforge");
@@ -180,13 +198,10 @@ TEST(PosixLogFolder, KeepsOneOlderFileAndNeitherPassesTheBound) {
   int written = 0;
   for (; written < 500; ++written)
     ASSERT_TRUE(log.Write("line " + std::to_string(written) + std::string(40, '.')));
-  EXPECT_LE(fs::file_size(folder.CurrentPath()), static_cast<std::uintmax_t>(kBound));
-  EXPECT_LE(fs::file_size(folder.OlderPath()), static_cast<std::uintmax_t>(kBound));
-  EXPECT_FALSE(fs::exists(folder.CurrentPath() + ".2"));
+  EXPECT_EQ(folder.CurrentPath(), (dir.path / "tabforge.log").string());
+  EXPECT_EQ(folder.OlderPath(), (dir.path / "tabforge.log.1").string());
   // The older file holds the lines just before the current file's, with none missing between.
-  std::vector<std::string> lines = Lines(ReadFile(folder.OlderPath()));
-  const std::vector<std::string> current = Lines(ReadFile(folder.CurrentPath()));
-  lines.insert(lines.end(), current.begin(), current.end());
+  const std::vector<std::string> lines = BoundedLines(dir.path, kBound);
   ASSERT_FALSE(lines.empty());
   const int first = written - static_cast<int>(lines.size());
   for (std::size_t i = 0; i < lines.size(); ++i)
@@ -214,6 +229,31 @@ TEST(PosixLogFolder, AFolderThatCannotBeWrittenCostsNothingAndFailsNothing) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
 }
 
+// The line that `writer` writes `n`th when several write at once.
+std::string ProbeLine(int writer, int n) {
+  const flight::Field fields[] = {{"writer", std::to_string(writer)},
+                                  {"n", std::to_string(n)},
+                                  {"padding", std::string(static_cast<std::size_t>(n % 50), '#')}};
+  return flight::FormatLine(FixedStamp(), "probe", fields);
+}
+
+// How many lines each writer wrote into `text`; every line must be whole and in its writer's order.
+std::map<int, int> Counted(const std::string& text) {
+  std::map<int, int> next;
+  for (const std::string& line : Lines(text)) {
+    const auto event = flight::ParseLine(line);
+    EXPECT_TRUE(event.has_value()) << line;
+    if (!event)
+      continue;
+    const int writer = std::stoi(*event->Value("writer"));
+    const int n = std::stoi(*event->Value("n"));
+    EXPECT_EQ(n, next[writer]) << "writer " << writer;
+    next[writer] = n + 1;
+    EXPECT_EQ(ProbeLine(writer, n), line);
+  }
+  return next;
+}
+
 // Children write at once, each its own numbered lines; every line arrives whole, once, and in the
 // order its writer wrote it.
 void WriteConcurrently(const fs::path& dir, std::int64_t bound, int writers, int lines) {
@@ -225,13 +265,8 @@ void WriteConcurrently(const fs::path& dir, std::int64_t bound, int writers, int
       PosixLogFolder folder(dir.string(), "tabforge");
       flight::RotatingLog log(folder, {.maxBytes = bound});
       bool ok = true;
-      for (int i = 0; i < lines; ++i) {
-        const flight::Field fields[] = {
-            {"writer", std::to_string(w)},
-            {"n", std::to_string(i)},
-            {"padding", std::string(static_cast<std::size_t>(i % 50), '#')}};
-        ok = log.Write(flight::FormatLine(FixedStamp(), "probe", fields)) && ok;
-      }
+      for (int i = 0; i < lines; ++i)
+        ok = log.Write(ProbeLine(w, i)) && ok;
       ::_exit(ok ? 0 : 1);
     }
     children.push_back(child);
@@ -245,63 +280,33 @@ void WriteConcurrently(const fs::path& dir, std::int64_t bound, int writers, int
 
 TEST(PosixLogFolder, ProcessesWritingAtOnceLoseAndMixNoLine) {
   TemporaryFolder dir;
-  constexpr int kWriters = 3;
-  constexpr int kLines = 2000;
-  WriteConcurrently(dir.path, 1024 * 1024, kWriters, kLines);
-  std::map<int, int> next;
-  for (const std::string& line : Lines(ReadFile(dir.path / "tabforge.log"))) {
-    const auto event = flight::ParseLine(line);
-    ASSERT_TRUE(event.has_value()) << line;
-    const int writer = std::stoi(*event->Value("writer"));
-    const int n = std::stoi(*event->Value("n"));
-    EXPECT_EQ(n, next[writer]) << "writer " << writer;
-    next[writer] = n + 1;
-    EXPECT_EQ(event->Value("padding")->size(), static_cast<std::size_t>(n % 50));
-  }
-  for (int w = 0; w < kWriters; ++w)
-    EXPECT_EQ(next[w], kLines) << "writer " << w;
+  WriteConcurrently(dir.path, 1024 * 1024, 3, 2000);
+  EXPECT_EQ(Counted(ReadFile(dir.path / "tabforge.log")),
+            (std::map<int, int>{{0, 2000}, {1, 2000}, {2, 2000}}));
 }
 
 TEST(PosixLogFolder, ProcessesRotatingAtOnceKeepWholeLinesWithinTheBound) {
   TemporaryFolder dir;
-  constexpr std::int64_t kBound = 16 * 1024;
-  WriteConcurrently(dir.path, kBound, 3, 1500);
-  for (const char* name : {"tabforge.log", "tabforge.log.1"}) {
-    const fs::path path = dir.path / name;
-    ASSERT_TRUE(fs::exists(path));
-    EXPECT_LE(fs::file_size(path), static_cast<std::uintmax_t>(kBound));
-    for (const std::string& line : Lines(ReadFile(path)))
-      EXPECT_TRUE(flight::ParseLine(line).has_value()) << line;
-  }
-  EXPECT_FALSE(fs::exists(dir.path / "tabforge.log.2"));
+  WriteConcurrently(dir.path, 16 * 1024, 3, 1500);
+  for (const std::string& line : BoundedLines(dir.path, 16 * 1024))
+    EXPECT_TRUE(flight::ParseLine(line).has_value()) << line;
 }
 
 TEST(PosixLogFolder, ThreadsSharingOneLogLoseAndMixNoLine) {
   TemporaryFolder dir;
   PosixLogFolder folder(dir.path.string(), "tabforge");
   flight::RotatingLog log(folder);
-  constexpr int kThreads = 4;
-  constexpr int kLines = 500;
   std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
+  for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&log, t] {
-      for (int i = 0; i < kLines; ++i) {
-        const flight::Field fields[] = {{"writer", std::to_string(t)}, {"n", std::to_string(i)}};
-        EXPECT_TRUE(log.Write(flight::FormatLine(FixedStamp(), "probe", fields)));
-      }
+      for (int i = 0; i < 500; ++i)
+        EXPECT_TRUE(log.Write(ProbeLine(t, i)));
     });
   }
   for (auto& thread : threads)
     thread.join();
-  std::map<int, int> next;
-  for (const std::string& line : Lines(ReadFile(folder.CurrentPath()))) {
-    const auto event = flight::ParseLine(line);
-    ASSERT_TRUE(event.has_value()) << line;
-    const int writer = std::stoi(*event->Value("writer"));
-    EXPECT_EQ(std::stoi(*event->Value("n")), next[writer]++);
-  }
-  for (int t = 0; t < kThreads; ++t)
-    EXPECT_EQ(next[t], kLines);
+  EXPECT_EQ(Counted(ReadFile(folder.CurrentPath())),
+            (std::map<int, int>{{0, 500}, {1, 500}, {2, 500}, {3, 500}}));
 }
 
 // --- The events the core notes -------------------------------------------------------------------
@@ -322,16 +327,8 @@ struct CollectingRecorder final : flight::Recorder {
   // The events' names and fields, the times left out.
   std::vector<std::string> WithoutTimes() const {
     std::vector<std::string> result;
-    for (std::string event : events) {
-      for (const char* key : {" ms=", " took_ms="}) {
-        const std::size_t at = event.find(key);
-        if (at != std::string::npos) {
-          const std::size_t end = event.find(' ', at + 1);
-          event.erase(at, end == std::string::npos ? std::string::npos : end - at);
-        }
-      }
-      result.push_back(event);
-    }
+    for (const std::string& event : events)
+      result.push_back(std::regex_replace(event, std::regex(" (took_)?ms=[^ ]*"), ""));
     return result;
   }
 };
@@ -482,59 +479,22 @@ TEST(FlightLogReading, TheLastFailuresOldestFirst) {
   EXPECT_EQ(flight::LastFailures(text, 10).size(), 4u);
 }
 
-// The findings as "check status", and the details apart.
-std::vector<std::string> Verdict(const std::string& text, std::int64_t slowMs = 1000) {
-  std::vector<std::string> verdict;
-  for (const auto& finding : flight::JudgeLastStart(text, slowMs))
-    verdict.push_back(finding.check + " " + finding.status);
-  return verdict;
-}
-
-TEST(FlightLogJudgement, NeverLoadedSinceTheLogBegins) {
-  EXPECT_THAT(Verdict(""), ElementsAre("loaded problem"));
-  const std::string text = "2026-11-20T08:00:00.000Z 10 1 failure number=13\n";
-  const auto findings = flight::JudgeLastStart(text);
-  ASSERT_EQ(findings.size(), 1u);
-  EXPECT_THAT(findings[0].detail, HasSubstr("never loaded since 2026-11-20T08:00:00.000Z"));
-}
-
-TEST(FlightLogJudgement, LoadedButTheRibbonNeverAskedForItsDocument) {
-  const std::string text =
-      "2026-11-25T09:00:00.000Z 30 1 loaded host=WINWORD.EXE\n"
-      "2026-11-25T09:00:00.030Z 30 1 main2-created ms=30\n"
-      "2026-11-25T09:00:00.031Z 30 1 initialize ms=31 took_ms=0\n";
-  EXPECT_THAT(Verdict(text),
-              ElementsAre("loaded ok", "document problem", "start-time ok", "failures ok"));
-}
-
-TEST(FlightLogJudgement, AStartLongerThanTheHostAllows) {
-  const std::string text =
-      "2026-11-25T09:00:00.000Z 30 1 loaded host=WINWORD.EXE\n"
-      "2026-11-25T09:00:00.030Z 30 1 main2-created ms=30\n"
-      "2026-11-25T09:00:01.300Z 30 1 get-ribbon-xml ms=1300 took_ms=1200\n"
-      "2026-11-25T09:00:09.000Z 30 1 first-picture ms=9000 took_ms=1\n";
-  EXPECT_THAT(Verdict(text),
-              ElementsAre("loaded ok", "document ok", "start-time problem", "failures ok"));
-  // The first picture comes when the user opens the tab; it is not part of the start.
-  EXPECT_THAT(Verdict(text, 1300),
-              ElementsAre("loaded ok", "document ok", "start-time ok", "failures ok"));
-}
-
-TEST(FlightLogJudgement, OnlyTheLastStartsOwnFailuresCount) {
-  const std::string text =
-      "2026-11-25T09:00:00.000Z 20 1 loaded host=a\n"
-      "2026-11-25T09:00:00.001Z 20 1 failure procedure=Old number=5\n"
-      "2026-11-25T09:00:01.000Z 30 1 loaded host=b\n"
-      "2026-11-25T09:00:01.002Z 20 1 failure procedure=Other number=6\n"
-      "2026-11-25T09:00:01.010Z 30 1 get-ribbon-xml ms=10 took_ms=1\n"
-      "2026-11-25T09:00:02.000Z 30 1 failure procedure=Main2.convertToId number=13 "
-      "description=\"Type mismatch\" outcome=no-component\n";
-  const auto findings = flight::JudgeLastStart(text);
-  ASSERT_EQ(findings.size(), 4u);
-  EXPECT_EQ(findings[3].status, "warning");
-  EXPECT_EQ(findings[3].detail,
-            "1 since the last load, the last 2026-11-25T09:00:02.000Z in Main2.convertToId: 13 "
-            "Type mismatch (no-component)");
+// Each case of tests/flight_log_cases.txt: the findings in order, and the last one's detail.
+TEST(FlightLogJudgement, EachLogGetsTheVerdictItsCaseSays) {
+  for (const auto& c : ReadCases("tests/flight_log_cases.txt")) {
+    const std::vector<std::string> fields = Fields(c.header);
+    const auto findings = flight::JudgeLastStart(c.body, std::stoll(fields[0]));
+    std::string verdict;
+    for (const auto& finding : findings)
+      verdict += (verdict.empty() ? "" : ", ") + finding.check + " " + finding.status;
+    EXPECT_EQ(verdict, fields.at(1)) << c.header;
+    if (fields.size() < 3 || findings.empty())
+      continue;
+    if (fields[2].starts_with("= "))
+      EXPECT_EQ(findings.back().detail, fields[2].substr(2)) << c.header;
+    else
+      EXPECT_THAT(findings.back().detail, HasSubstr(fields[2])) << c.header;
+  }
 }
 
 }  // namespace

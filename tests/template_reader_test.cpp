@@ -1,17 +1,17 @@
 // The template reader: a template made here reads back as it was made, through every layer (the
 // package, the compound file, the dir stream, the compressed sources); a template damaged in one
 // place gives the error text of that place (tests/damaged_templates.txt), never a crash; the
-// callbacks of the ribbon meet their procedures or say why not.
+// callbacks of the ribbon meet their procedures or say why not (tests/template_reader_cases.txt).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "doctor/template_reader.h"
 #include "doctor/template_writer.h"
+#include "golden.h"
 
 namespace tabforge::doctor {
 namespace {
@@ -54,13 +54,12 @@ TEST(TemplateReader, TheGoodTemplateReadsBackThroughEveryLayer) {
   EXPECT_TRUE(content.hasMacros);
   EXPECT_FALSE(content.signedMacros);
   ASSERT_EQ(content.modules.size(), 2u);
-  EXPECT_EQ(content.modules[0].name, "Tabforge");
-  EXPECT_TRUE(content.modules[0].standard);
   EXPECT_EQ(content.modules[0].offset, 37u);
-  EXPECT_EQ(content.modules[0].source, GoodTemplate().modules[0].source);
-  EXPECT_EQ(content.modules[1].name, "ThisDocument");
-  EXPECT_FALSE(content.modules[1].standard);
-  EXPECT_EQ(content.modules[1].source, GoodTemplate().modules[1].source);
+  for (std::size_t i = 0; i < 2; ++i) {
+    EXPECT_EQ(content.modules[i].name, i == 0 ? "Tabforge" : "ThisDocument");
+    EXPECT_EQ(content.modules[i].standard, i == 0);
+    EXPECT_EQ(content.modules[i].source, GoodTemplate().modules[i].source);
+  }
   EXPECT_TRUE(content.createsMain2);
   EXPECT_THAT(CallbackMismatches(content), IsEmpty());
   std::vector<std::string> callbacks;
@@ -135,118 +134,16 @@ TEST(TemplateReader, TheLaterCustomUiPartWinsAndTheOlderOneIsRead) {
   EXPECT_TRUE(ReadTemplate(WriteTemplate(plan)).signedMacros);
 }
 
-std::string Rels(const std::string& relationships) {
-  return "<Relationships xmlns=\"http://schemas.openxmlformats.org/package/2006/relationships\">" +
-         relationships + "</Relationships>";
-}
-
-std::string UiRelationship(const char* year, const std::string& target) {
-  return std::string("<Relationship Id=\"r") + year +
-         "\" Type=\"http://schemas.microsoft.com/office/" + year +
-         "/relationships/ui/extensibility\" Target=\"" + target + "\"/>";
-}
-
-TEST(TemplateReader, TheRibbonPartIsTheOneTheRelationshipsName) {
+TEST(TemplateReader, ARibbonPartTheRelationshipsDoNotNameIsNotRead) {
   TemplatePlan plan = GoodTemplate();
   plan.relateCustomUi = false;
   const TemplateContent unrelated = ReadTemplate(WriteTemplate(plan));
   EXPECT_EQ(unrelated.customUiPart, "");
   EXPECT_EQ(unrelated.unrelatedCustomUi, "customUI/customUI14.xml");
   EXPECT_THAT(unrelated.callbacks, IsEmpty());
-
-  const Bytes ui = Ascii("<customUI onLoad=\"A\"/>");
-  const Bytes old = Ascii("<customUI onLoad=\"B\"/>");
-  struct Case {
-    const char* what;
-    std::string relationships;
-    const char* part;  // the ribbon part read, or the error's start
-  } cases[] = {
-      {"a part of any name", Rels(UiRelationship("2007", "/custom/ribbon.xml")),
-       "custom/ribbon.xml"},
-      {"the 2010 part over the 2007 one",
-       Rels(UiRelationship("2006", "customUI/customUI.xml") +
-            UiRelationship("2007", "custom/ribbon.xml")),
-       "custom/ribbon.xml"},
-      {"the 2010 part over the 2007 one that follows it",
-       Rels(UiRelationship("2007", "custom/ribbon.xml") +
-            UiRelationship("2006", "customUI/customUI.xml")),
-       "custom/ribbon.xml"},
-      {"the 2007 part alone", Rels(UiRelationship("2006", "customUI/customUI.xml")),
-       "customUI/customUI.xml"},
-      {"a part that is not there", Rels(UiRelationship("2007", "customUI/gone.xml")),
-       "the package's relationships name the ribbon part customUI/gone.xml, which the package "
-       "does not hold"},
-      {"relationships that do not end", "<Relationships><Relationship Id=\"x\"",
-       "the package's relationships has a tag that does not end: <Relationship"},
-  };
-  for (const Case& c : cases) {
-    const Bytes zip = WriteZip({{"_rels/.rels", Ascii(c.relationships), true},
-                                {"custom/ribbon.xml", ui, false},
-                                {"customUI/customUI.xml", old, false}});
-    std::string read;
-    try {
-      read = ReadTemplate(zip).customUiPart;
-    } catch (const Damaged& damaged) {
-      read = damaged.what();
-    }
-    EXPECT_EQ(read, c.part) << c.what;
-  }
 }
 
 // --- Procedures and callbacks ---------------------------------------------------------------
-
-TEST(TemplateReader, DeclarationsGiveTheirNameAccessAndParameterCount) {
-  struct Case {
-    const char* line;
-    const char* found;  // "name parameters public sub", or "" for no declaration
-  } cases[] = {
-      {"Public Sub A(control As IRibbonControl)", "A 1 public sub"},
-      {"Sub B(control As IRibbonControl, ByRef label)", "B 2 public sub"},
-      {"Private Sub C()", "C 0 private sub"},
-      {"Friend Sub D( )", "D 0 public sub"},
-      {"Public Static Sub E(a, b(), Optional c As Integer = 3)", "E 3 public sub"},
-      {"Public Function F(x As Variant) As String", "F 1 public function"},
-      {"  sub g (a As Long)", "g 1 public sub"},
-      {"Public Sub H(a, _\r\n  b, _\r\n  c)", "H 3 public sub"},
-      {"Public Sub I(a) ' (b, c)", "I 1 public sub"},
-      {"End Sub", ""},
-      {"Exit Sub", ""},
-      {"' Public Sub J(a)", ""},
-      {"Public Declare PtrSafe Sub K Lib \"k32\" (ByVal a As Long)", ""},
-      {"Call Sub_L(a)", ""},
-      {"Dim subtotal(3)", ""},
-  };
-  for (const Case& c : cases) {
-    const std::vector<Procedure> found = FindProcedures({"M", "M", 0, true, c.line});
-    std::string text;
-    for (const Procedure& p : found)
-      text = p.name + " " + std::to_string(p.parameters) + (p.isPublic ? " public" : " private") +
-             (p.isSub ? " sub" : " function");
-    EXPECT_EQ(text, c.found) << c.line;
-    EXPECT_LE(found.size(), 1u) << c.line;
-  }
-}
-
-TEST(TemplateReader, CreationOfTheClassIsFoundByNameOrWithNew) {
-  struct Case {
-    const char* source;
-    bool creates;
-  } cases[] = {
-      {"Set m = CreateObject(\"Tabforge.Main2\")", true},
-      {"Set m = createobject ( \"TABFORGE.MAIN2\" )", true},
-      {"Dim m As New Tabforge.Main2", true},
-      {"Set m = New   Tabforge.Main2", true},
-      {"Set m = CreateObject(\"Tabforge.Main3\")", false},
-      {"Set m = CreateObject(\"Tabforge.Main2x\")", false},
-      {"' Set m = CreateObject(\"Tabforge.Main2\")", false},
-      {"Dim m As Tabforge.Main2", false},
-      {"Set m = Renew Tabforge.Main2", false},
-      {"Set m = New Tabforge.Main22", false},
-      {"MsgBox \"use New Tabforge.Main2\"", true},  // a text is not told from code here
-  };
-  for (const Case& c : cases)
-    EXPECT_EQ(CreatesMain2(c.source), c.creates) << c.source;
-}
 
 TEST(TemplateReader, OnActionTakesItsParametersFromItsElement) {
   const std::vector<Callback> found = FindCallbacks(
@@ -263,48 +160,69 @@ TEST(TemplateReader, OnActionTakesItsParametersFromItsElement) {
                                 "editBox:i:2", "dynamicMenu:j:2"));
 }
 
-TEST(TemplateReader, EachCallbackThatWordCannotCallSaysWhy) {
-  struct Case {
-    const char* ribbon;
-    ModuleText module;
-    const char* mismatch;  // "" when the callback matches
-  } cases[] = {
-      {"<button onAction=\"Go\"/>", {"M", true, "Sub Go(c)\r\n"}, ""},
-      {"<button onAction=\"M.Go\"/>", {"M", true, "Public Sub Go(c)\r\n"}, ""},
-      {"<button onAction=\"Project.M.Go\"/>", {"M", true, "Public Sub Go(c)\r\n"}, ""},
-      {"<button onAction=\"N.Go\"/>",
-       {"M", true, "Public Sub Go(c)\r\n"},
-       "onAction=\"N.Go\" of <button>: no such procedure in the template's macros"},
-      {"<button onAction=\"Gone\"/>",
-       {"M", true, "Public Sub Go(c)\r\n"},
-       "onAction=\"Gone\" of <button>: no such procedure in the template's macros"},
-      {"<button onAction=\"Go\"/>",
-       {"M", true, "Public Sub Go(c, pressed)\r\n"},
-       "onAction=\"Go\" of <button>: M.Go takes 2, the callback passes 1 parameter"},
-      {"<toggleButton onAction=\"Go\"/>",
-       {"M", true, "Public Sub Go(c)\r\n"},
-       "onAction=\"Go\" of <toggleButton>: M.Go takes 1, the callback passes 2 parameters"},
-      {"<button getLabel=\"Go\"/>",
-       {"M", true, "Private Sub Go(c, ByRef label)\r\n"},
-       "getLabel=\"Go\" of <button>: M.Go is Private"},
-      {"<button getLabel=\"Go\"/>",
-       {"M", true, "Public Function Go(c, ByRef label)\r\n"},
-       "getLabel=\"Go\" of <button>: M.Go is a Function, not a Sub"},
-      {"<button getLabel=\"Go\"/>",
-       {"C", false, "Public Sub Go(c, ByRef label)\r\n"},
-       "getLabel=\"Go\" of <button>: Go is in the class or document module C, not a standard "
-       "module"},
-  };
-  for (const Case& c : cases) {
-    TemplatePlan plan;
-    plan.customUi = std::string("<customUI>") + c.ribbon + "</customUI>";
-    plan.modules = {c.module};
+// What the reader makes of a case of tests/template_reader_cases.txt, its input's lines given.
+std::string Read(const std::string& kind, const std::vector<std::string>& lines) {
+  std::string input;
+  for (const std::string& line : lines)
+    input += (input.empty() ? "" : "\r\n") + line;
+  if (kind == "declaration") {
+    const std::vector<Procedure> found = FindProcedures({"M", "M", 0, true, input});
+    EXPECT_LE(found.size(), 1u) << input;
+    std::string text;
+    for (const Procedure& p : found)
+      text = p.name + " " + std::to_string(p.parameters) + (p.isPublic ? " public" : " private") +
+             (p.isSub ? " sub" : " function");
+    return text;
+  }
+  if (kind == "creates")
+    return CreatesMain2(input) ? "yes" : "no";
+  if (kind == "callback") {
+    TemplatePlan made;
+    made.customUi = "<customUI>" + lines.at(0) + "</customUI>";
+    std::string source;
+    for (std::size_t i = 2; i < lines.size(); ++i)
+      source += lines[i] + "\r\n";
+    made.modules = {{lines.at(1), lines.at(1) == "M", source}};
     const std::vector<std::string> mismatches =
-        CallbackMismatches(ReadTemplate(WriteTemplate(plan)));
-    if (*c.mismatch == '\0')
-      EXPECT_THAT(mismatches, IsEmpty()) << c.ribbon << " " << c.module.source;
-    else
-      EXPECT_THAT(mismatches, ElementsAre(c.mismatch)) << c.ribbon << " " << c.module.source;
+        CallbackMismatches(ReadTemplate(WriteTemplate(made)));
+    EXPECT_LE(mismatches.size(), 1u) << input;
+    return mismatches.empty() ? "" : mismatches[0];
+  }
+  EXPECT_EQ(kind, "relationships");
+  std::string relationships = lines.at(0);
+  if (!relationships.starts_with("<")) {
+    relationships = "";
+    for (const std::string& line : lines) {
+      const std::string year = line.substr(0, 4);
+      relationships += "<Relationship Id=\"r" + year +
+                       "\" Type=\"http://schemas.microsoft.com/office/" + year +
+                       "/relationships/ui/extensibility\" Target=\"" + line.substr(5) + "\"/>";
+    }
+    relationships =
+        "<Relationships xmlns=\"http://schemas.openxmlformats.org/package/2006/"
+        "relationships\">" +
+        relationships + "</Relationships>";
+  }
+  try {
+    return ReadTemplate(
+               WriteZip({{"_rels/.rels", Ascii(relationships), true},
+                         {"custom/ribbon.xml", Ascii("<customUI onLoad=\"A\"/>"), false},
+                         {"customUI/customUI.xml", Ascii("<customUI onLoad=\"B\"/>"), false}}))
+        .customUiPart;
+  } catch (const Damaged& damaged) {
+    return damaged.what();
+  }
+}
+
+TEST(TemplateReader, EachSmallInputReadsAsItsCaseSays) {
+  for (const auto& c : testing::ReadCases("tests/template_reader_cases.txt")) {
+    const std::vector<std::string> fields = testing::Fields(c.header);
+    std::vector<std::string> lines;
+    std::istringstream body(c.body);
+    for (std::string line; std::getline(body, line);)
+      lines.push_back(line);
+    EXPECT_EQ(Read(fields[0], lines), fields.size() > 1 ? fields[1] : "") << c.header << "\n"
+                                                                          << c.body;
   }
 }
 
@@ -389,27 +307,18 @@ std::string Read(const std::string& layer, const std::string& change) {
 }
 
 TEST(TemplateReader, EachDamageGivesItsOwnError) {
-  std::ifstream in(TABFORGE_SOURCE_DIR "/tests/damaged_templates.txt");
-  ASSERT_TRUE(in) << "tests/damaged_templates.txt";
-  std::string line;
+  std::istringstream in(testing::ReadSource("tests/damaged_templates.txt"));
   int cases = 0;
-  int number = 0;
-  while (std::getline(in, line)) {
-    ++number;
+  for (std::string line; std::getline(in, line);) {
     if (line.empty() || line[0] == '#')
       continue;
-    const std::size_t first = line.find(" | ");
-    const std::size_t last = line.rfind(" | ");
-    ASSERT_TRUE(first != std::string::npos && last != first) << "line " << number;
-    const std::string layer = line.substr(0, first);
-    // An empty change leaves the two separators overlapping: "container | | ...".
-    const std::string change = last < first + 3 ? "" : line.substr(first + 3, last - first - 3);
-    const std::string expected = Trim(line.substr(last + 3));
-    const std::string said = Read(layer, change);
-    if (expected == "ok" || expected[0] == '=')
-      EXPECT_EQ(said, expected) << "line " << number << ": " << line;
+    const std::vector<std::string> fields = testing::Fields(line);
+    ASSERT_EQ(fields.size(), 3u) << line;
+    const std::string said = Read(fields[0], fields[1]);
+    if (fields[2] == "ok" || fields[2][0] == '=')
+      EXPECT_EQ(said, fields[2]) << line;
     else
-      EXPECT_EQ(said.substr(0, expected.size()), expected) << "line " << number << ": " << line;
+      EXPECT_EQ(said.substr(0, fields[2].size()), fields[2]) << line;
     ++cases;
   }
   EXPECT_GE(cases, 60);
