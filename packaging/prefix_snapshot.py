@@ -27,9 +27,11 @@ for hive, name in (("HKLM", "system.reg"), ("HKCU", "user.reg")):
 drive = os.path.join(prefix, "drive_c")
 for root, dirs, files in os.walk(drive):
     rel = os.path.relpath(root, drive)
-    if rel == "windows" or rel.startswith("windows" + os.sep) or os.sep + "Temp" in rel \
-            or rel.endswith(os.path.join("AppData", "Local", "Tabforge")):
+    if rel == "windows" or rel.startswith("windows" + os.sep) or os.sep + "Temp" in rel:
         dirs[:] = []
         continue
+    # The user's flight log folder, and all below it.
+    log_folder = os.path.join("AppData", "Local", "Tabforge")
+    dirs[:] = [d for d in dirs if not os.path.join(rel, d).endswith(log_folder)]
     for entry in sorted(dirs + files):
         print("FILE " + os.path.join(rel, entry))
