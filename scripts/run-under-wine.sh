@@ -117,16 +117,35 @@ for arg in "$@"; do
     args+=("$arg")
 done
 
+# Debian's Wine has no preloader: the loader is a program at 0x7d000000 and the kernel starts its
+# heap up to 32 MB above it, at random. Now and then that heap reaches the page Wine needs at
+# 0x7ffe0000 and the process dies before the program's first instruction ("failed to map the
+# shared user data"). Without address randomization the heap starts right above the loader. Where
+# a container forbids that, such a start is retried: nothing of the program has run yet.
+no_random=()
+if setarch "$(uname -m)" -R true 2>/dev/null; then
+    no_random=(setarch "$(uname -m)" -R)
+fi
+
 out=$(mktemp)
 heap=$(mktemp)
-set +e
-# Wine's own messages go to standard error; only the heap channel is switched on.
-WINEDEBUG="-all,warn+heap,err+heap,err+virtual" \
-    timeout --kill-after=10 "${WINE_RUN_TIMEOUT:-300}" "$loader" "$program" "${args[@]}" \
-    2> >(tee "$heap" >&2) | tee "$out"
-rc=${PIPESTATUS[0]}
-set -e
-wait
+for attempt in 1 2 3; do
+    : >"$out"
+    : >"$heap"
+    set +e
+    # Wine's own messages go to standard error; only the heap channel is switched on.
+    WINEDEBUG="-all,warn+heap,err+heap,err+virtual" \
+        timeout --kill-after=10 "${WINE_RUN_TIMEOUT:-300}" "${no_random[@]}" "$loader" "$program" "${args[@]}" \
+        2> >(tee "$heap" >&2) | tee "$out"
+    rc=${PIPESTATUS[0]}
+    set -e
+    wait
+    if [ $rc -ne 0 ] && [ ! -s "$out" ] && grep -q 'failed to map the shared user data' "$heap"; then
+        echo "run-under-wine: Wine's loader could not start '$program' (attempt $attempt of 3)" >&2
+        continue
+    fi
+    break
+done
 case "$(basename "${program,,}")" in
     cscript|cscript.exe)
         if [ $rc -eq 0 ] && ! grep -qE '^[0-9]+ passed, 0 failed' "$out"; then
