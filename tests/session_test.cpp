@@ -6,10 +6,16 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <stdexcept>
 
 #include "golden.h"
+#include "platform/failure.h"
+#include "platform/portable/portable_platform.h"
+#include "platform/recording.h"
+#include "ribbon/main2.h"
+#include "tools/replay.h"
 #include "tools/session.h"
 
 namespace tabforge::cli {
@@ -34,6 +40,35 @@ SessionOptions Options(const std::string& header) {
   return options;
 }
 
+std::string RecordingPath() {
+  return ::testing::TempDir() + "tabforge-recording-" + std::to_string(::getpid()) + ".session";
+}
+
+std::string ReadFile(const std::string& path) {
+  std::stringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+// The lines of a recording that a replay writes again: all but the comments.
+std::string Significant(const std::string& recording) {
+  std::istringstream lines(recording);
+  std::string out;
+  for (std::string line; std::getline(lines, line);) {
+    if (!line.starts_with("# "))
+      out += line + "\n";
+  }
+  return out;
+}
+
+// What the replay of `recording` writes, or its complaint behind its status.
+std::string Replayed(const std::string& recording) {
+  std::istringstream in(recording);
+  std::ostringstream out, errors;
+  const int status = ReplayRecording(in, out, errors);
+  return status == 0 ? out.str() : std::to_string(status) + " " + errors.str();
+}
+
 // Each case of sessions.txt: the lines behind "> " are the session ($SOURCE the source tree),
 // those behind "! " what it says on standard error, and the others its transcript.
 TEST(Session, ReplaysEachCaseAsItsTranscriptSays) {
@@ -52,10 +87,16 @@ TEST(Session, ReplaysEachCaseAsItsTranscriptSays) {
       script.replace(at, 7, TABFORGE_SOURCE_DIR);
     std::istringstream in(script);
     std::ostringstream transcript, said;
-    EXPECT_EQ(ReplaySession(in, transcript, said, Options(header)), errors.empty() ? 0 : 2)
-        << header;
+    SessionOptions options = Options(header);
+    options.recordFile = RecordingPath();
+    EXPECT_EQ(ReplaySession(in, transcript, said, options), errors.empty() ? 0 : 2) << header;
     EXPECT_EQ(transcript.str(), out) << header;
     EXPECT_EQ(said.str(), errors) << header;
+    // The session's recording replays line for line, its collaborators' answers given back.
+    if (errors.empty()) {
+      const std::string recording = ReadFile(options.recordFile);
+      EXPECT_EQ(Replayed(recording), Significant(recording)) << header;
+    }
   }
 }
 
@@ -131,6 +172,168 @@ TEST(Session, ResultsQuoteTextsAndRoundPictureSizes) {
   // 847 HIMETRIC are 32.01 pixels, 833 are 31.49: the nearest pixel, as a screen rounds.
   EXPECT_EQ(PictureResult({true, true, 847, 833}), "picture 32x31");
   EXPECT_EQ(PictureResult({true, true, 2540, 26}), "picture 96x1");
+}
+
+// A recording made on another machine: the first line where the replay does otherwise is named,
+// whether an answer differs or a call is missing; a file that is no recording is refused at its
+// line.
+TEST(Recording, TheReplaySaysWhereItPartsFromTheRecording) {
+  const std::string recording =
+      "# tabforge recording: made by hand\n"
+      "#> host.CommandLine => \"\"\n"
+      "#> host.GetSetting \"Tabforge\", \"Init\", \"vbwTrace\", \"\" => \"\"\n"
+      "#> host.CommandLine => \"/trace\"\n"
+      "Initialize Morvelin\n"
+      "#= ok\n"
+      "ribbon\n"
+      "#> ribbon.QueryRibbonUi => yes\n"
+      "#= ok\n"
+      "EnableToolbar false\n"
+      "#> ribbon.Invalidate => failure 5 \"refused\"\n"
+      "#= ok\n"
+      "LoadImage 5\n"
+      "#> signaller.getToolbarIconBits ref i2 303 => array byte none\n"
+      "#= nothing\n";
+  EXPECT_EQ(Replayed(recording), Significant(recording));
+
+  std::string changed = recording;
+  changed.replace(changed.find("#= nothing"), 10, "#= picture");
+  EXPECT_EQ(Replayed(changed),
+            "1 tabforge session: the replay parts from the recording at line "
+            "15: recorded '#= picture', replayed '#= nothing'\n");
+  std::string missing = recording;
+  missing.erase(missing.find("#> ribbon.Invalidate"), 47);
+  EXPECT_EQ(Replayed(missing).substr(0, 71),
+            "1 tabforge session: the replay parts from the recording at line 11: rec");
+
+  EXPECT_EQ(Replayed("Initialize Morvelin\n#} => empty\n"),
+            "2 tabforge session: line 2: an answer without its call: #} => empty\n");
+  EXPECT_EQ(Replayed("#> signaller.Run ref str \"A\"\n"),
+            "2 tabforge session: line 1: a call without its answer: #> signaller.Run ref str "
+            "\"A\"\n");
+}
+
+// A macro that calls the library back while it runs: the host's nested calls are kept inside the
+// collaborator's call, and the replay makes them again from inside the same call.
+class CallingBackSignaller final : public Object {
+ public:
+  std::function<void()> run;
+  Variant Invoke(Utf16View member, CallKind, std::span<Variant>) override {
+    if (member != u"Run")
+      Raise(RunTimeError::kMemberNotFound);
+    run();
+    return Variant(std::int32_t{7});
+  }
+};
+
+class SilentRibbon final : public RibbonUi {
+ public:
+  void Invalidate() override {}
+  void InvalidateControl(const Utf16String&) override {}
+  Variant Invoke(Utf16View, CallKind, std::span<Variant>) override { return {}; }
+};
+
+TEST(Recording, CallsBackFromACollaboratorReplayInsideItsCall) {
+  std::string text;
+  auto recorder = MakeRef<recording::Recorder>(
+      [&](std::string_view line) {
+        text += std::string(line) + "\n";
+        return true;
+      },
+      recording::Limits{});
+  PortablePlatform platform;
+  VbwProtector protector(recorder->Wrap(platform.View()));
+  protector.vbwInitializeProtector();
+  Main2 main2(protector);
+  const auto host = [&](std::string_view command, auto&& call) {
+    recorder->HostCall(command);
+    call();
+    recorder->HostAnswer("ok");
+  };
+  auto signaller = MakeRef<CallingBackSignaller>();
+  signaller->run = [&] {
+    host("EnableGotoQuickBookmark true", [&] { main2.EnableGotoQuickBookmark(kTrue); });
+  };
+  host("Initialize Morvelin", [&] {
+    main2.Initialize(recorder->Wrap(signaller, recording::kSignallerRole), u"Morvelin");
+  });
+  host("ribbon", [&] { main2.ribbon(recorder->Wrap(MakeRef<SilentRibbon>(), "ribbon")); });
+  host("RibbonCallback MVN5 false", [&] { main2.RibbonCallback(u"MVN5", kFalse); });
+  EXPECT_NE(text.find("RibbonCallback MVN5 false\n"
+                      "#> signaller.Run ref str \"InsertReference\" {\n"
+                      "#$ EnableGotoQuickBookmark true\n"
+                      "#> ribbon.InvalidateControl \"MVN16\" => ok\n"
+                      "#= ok\n"
+                      "#} => i4 7\n"
+                      "#= ok\n"),
+            std::string::npos)
+      << text;
+  EXPECT_EQ(Replayed(text), Significant(text));
+}
+
+// A recording stays within its bytes and its time, and says why it ended.
+TEST(Recording, EndsAtItsBoundsAndSaysWhy) {
+  std::string text;
+  const auto sink = [&](std::string_view line) {
+    text += std::string(line) + "\r\n";
+    return true;
+  };
+  auto small = MakeRef<recording::Recorder>(sink, recording::Limits{600});
+  for (int i = 0; i < 100 && small->On(); ++i) {
+    small->HostCall("GetLabel MVN" + std::to_string(i));
+    small->HostAnswer(Quote(u"Apply Morvelin"));
+  }
+  EXPECT_FALSE(small->On());
+  EXPECT_LE(text.size(), 600u);
+  EXPECT_TRUE(text.ends_with("\n# recording ends: it reached 600 bytes\r\n")) << text;
+
+  text.clear();
+  auto late = MakeRef<recording::Recorder>(
+      sink, recording::Limits{1 << 20, std::chrono::system_clock::now()});
+  late->HostCall("GetLabel MVN0");
+  EXPECT_EQ(text, "# recording ends: its time was up\r\n");
+}
+
+// Every value a collaborator may answer is written so that it reads back as the same value; what
+// is no value is refused.
+TEST(Recording, ValuesReadBackAsWritten) {
+  const auto name = [](const Object*) { return std::string("@1"); };
+  const auto object = [](std::string_view) { return Ref<Object>(MakeRef<SilentRibbon>()); };
+  const std::vector<Variant> values{
+      Variant(),
+      Variant::Null(),
+      Variant(std::int16_t{-32768}),
+      Variant(std::int32_t{2147483647}),
+      Variant(kTrue),
+      Variant(static_cast<VariantBool>(std::int16_t{5})),
+      Variant::Byte(255),
+      Variant(u"a \"b\" \\ c\r\n\u00e9 => ]"),
+      Variant(Ref<Object>()),
+      Variant(VarType::VT_UI1, MakeArray(std::vector<std::uint8_t>{0, 1, 2, 250, 255}, 3)),
+      Variant(VarType::VT_UI1, MakeArray(std::vector<std::uint8_t>{})),
+      Variant(VarType::VT_I2, ArrayRef()),
+      Variant(VarType::VT_BSTR, MakeArray(std::vector<Utf16String>{u"x, y", u"]"}, -1)),
+      Variant(VarType::VT_VARIANT,
+              MakeArray(std::vector<Variant>{
+                  Variant(std::int32_t{1}),
+                  Variant(VarType::VT_I4, MakeArray(std::vector<std::int32_t>{1, -2})),
+                  Variant(u"z")})),
+  };
+  for (const Variant& value : values) {
+    const std::string text = recording::ValueText(value, name);
+    std::string_view rest = text;
+    const auto read = recording::ParseValue(rest, object);
+    ASSERT_TRUE(read.has_value()) << text;
+    EXPECT_EQ(*read, value) << text;
+    EXPECT_EQ(recording::ValueText(*read, name), text);
+    EXPECT_TRUE(rest.empty()) << text;
+  }
+  for (std::string_view bad : {"", "i2 40000", "i4 1x", "byte 256", "str \"open", "str \"\\q\"",
+                               "bytes 0 abc", "bytes 0 a===", "array i9 0 []", "array i2 0 [i2 1",
+                               "array i2 0 [str \"a\"]", "number 3"}) {
+    std::string_view rest = bad;
+    EXPECT_FALSE(recording::ParseValue(rest, object).has_value()) << bad;
+  }
 }
 
 }  // namespace

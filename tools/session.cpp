@@ -1,6 +1,5 @@
 #include "tools/session.h"
 
-#include <cstdio>
 #include <fstream>
 #include <istream>
 #include <map>
@@ -87,38 +86,11 @@ std::string RunCommand(SessionTarget& target, const std::string& member, const s
 
 }  // namespace
 
-std::string Quote(const std::u16string& text) {
-  std::string out = "\"";
-  std::u16string plain;
-  auto flush = [&] {
-    out += ToUtf8(plain);
-    plain.clear();
-  };
-  for (char16_t c : text) {
-    if (c == u'"' || c == u'\\') {
-      flush();
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c < 0x20 || c == 0x7F) {
-      flush();
-      char escape[8];
-      std::snprintf(escape, sizeof escape, "\\u%04X", static_cast<unsigned>(c));
-      out += escape;
-    } else {
-      plain.push_back(c);
-    }
-  }
-  flush();
-  return out + "\"";
-}
-
 std::string PictureResult(const SessionPicture& picture) {
-  if (!picture.present)
-    return "nothing";
-  if (!picture.sized)
-    return "picture";
-  auto pixels = [](std::int64_t himetric) { return std::to_string((himetric * 96 + 1270) / 2540); };
-  return "picture " + pixels(picture.widthHimetric) + "x" + pixels(picture.heightHimetric);
+  std::optional<std::pair<std::int64_t, std::int64_t>> size;
+  if (picture.sized)
+    size.emplace(picture.widthHimetric, picture.heightHimetric);
+  return PictureText(picture.present, size);
 }
 
 int ReplaySession(std::istream& in, std::ostream& out, std::ostream& errors, SessionTarget& target,

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/recording.h"
 #include "platform/ref.h"
 #include "platform/utf16.h"
 
@@ -29,6 +30,9 @@ struct SessionOptions {
   std::string dumpDirectory;
   // The host's command line asks for tracing.
   bool trace = false;
+  // A file to record the session into (not in the Windows build, whose recordings the library
+  // itself writes).
+  std::string recordFile;
 };
 
 // Lines of the calls made on the session's objects during one command, each indented by two
@@ -86,10 +90,6 @@ int ReplaySession(std::istream& in, std::ostream& out, std::ostream& errors,
 int ReplaySession(std::istream& in, std::ostream& out, std::ostream& errors,
                   const SessionOptions& options, const std::function<void(Main2&)>& inspect);
 
-// A text as a result line shows it: in double quotes, with \", \\ and \uXXXX for control
-// characters, UTF-8 otherwise.
-std::string Quote(const std::u16string& text);
-
 // Reads the tree file, hands its root to `activate` (which passes it to activateMorvelinTab), and
 // logs every press of an element; "ok", or a message behind "!" for a file that cannot be read or
 // parsed.
@@ -99,5 +99,8 @@ std::string ActivateWithTreeFile(
 
 // The result line's text for a picture: pixels at 96 dots per inch.
 std::string PictureResult(const SessionPicture& picture);
+
+// A picture of the core, by its size as automation pictures answer it (not in the Windows build).
+SessionPicture PictureOf(const Ref<Object>& picture);
 
 }  // namespace tabforge::cli
