@@ -7,6 +7,7 @@
 
 #include "server/com_ptr.h"
 #include "server/windows_platform.h"
+#include "server/windows_recording.h"
 
 namespace tabforge::com {
 
@@ -28,7 +29,10 @@ struct ThreadKey {
 };
 
 struct Apartment {
-  explicit Apartment(ThreadKey owner) : thread(owner), protector(platform.Services()) {
+  explicit Apartment(ThreadKey owner)
+      : thread(owner),
+        recorder(StartRecording()),
+        protector(recorder ? recorder->Wrap(platform.Services()) : platform.Services()) {
     protector.vbwInitializeProtector();
   }
 
@@ -36,6 +40,9 @@ struct Apartment {
   long holds = 0;
   Apartment* next = nullptr;
   WindowsPlatform platform;
+  // While the user asks for recordings, the apartment's session is recorded: the platform's
+  // collaborators through it, and the host's calls by the objects.
+  Ref<recording::Recorder> recorder;
   VbwProtector protector;
 };
 
@@ -135,6 +142,10 @@ ApartmentHold ApartmentHold::Enter() {
 
 ApartmentHold ApartmentHold::Current() {
   return ApartmentHold(HoldExisting(ThreadKey::Current()));
+}
+
+recording::Recorder* ApartmentHold::Recorder() const {
+  return apartment_->recorder.get();
 }
 
 VbwProtector& ApartmentHold::Protector() const {

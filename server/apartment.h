@@ -9,6 +9,7 @@
 // those objects.
 #pragma once
 
+#include "platform/recording.h"
 #include "tracing/vbw_protector.h"
 
 namespace tabforge::com {
@@ -32,6 +33,8 @@ class ApartmentHold {
 
   explicit operator bool() const { return apartment_ != nullptr; }
   VbwProtector& Protector() const;
+  // The apartment's session recording, none when nothing is recorded.
+  recording::Recorder* Recorder() const;
 
  private:
   friend class ApartmentVisit;

@@ -42,9 +42,6 @@ Utf16String Text(void* value) {
 VariantBool Truth(void* value) {
   return value != nullptr ? FromVariantBool(*static_cast<VARIANT_BOOL*>(value)) : kFalse;
 }
-Ref<Object> ObjectOf(void* value) {
-  return value != nullptr ? WrapDispatch(*static_cast<IDispatch**>(value)) : nullptr;
-}
 void SetText(Main2Member::Answer& out, const Utf16String& text) {
   out.text = MakeBstr(text);
 }
@@ -53,7 +50,7 @@ void SetPicture(Main2Member::Answer& out, const Ref<Object>& picture) {
 }
 
 // The members of _Main2 as the type library declares them, in slot order, each with the one call
-// it makes on the core. Invoke, GetIDsOfNames and the vtable members all go through this table;
+// it makes on the t.core. Invoke, GetIDsOfNames and the vtable members all go through this table;
 // a test holds it to the type library.
 using enum Main2Member::Slot;
 constexpr Main2Member kMembers[] = {
@@ -62,116 +59,120 @@ constexpr Main2Member kMembers[] = {
      INVOKE_FUNC,
      {kObject, kText},
      kNone,
-     [](Main2& core, void* const* in, Main2Member::Answer&) {
-       core.Initialize(ObjectOf(in[0]), Text(in[1]));
+     [](const Main2Member::Target& t, void* const* in, Main2Member::Answer&) {
+       t.core.Initialize(t.ObjectOf(in[0], recording::kSignallerRole), Text(in[1]));
      }},
     {u"ribbon",
      0x68030006,
      INVOKE_PROPERTYPUT,
      {kObject},
      kNone,
-     [](Main2& core, void* const* in, Main2Member::Answer&) { core.ribbon(ObjectOf(in[0])); }},
+     [](const Main2Member::Target& t, void* const* in, Main2Member::Answer&) {
+       t.core.ribbon(t.ObjectOf(in[0], recording::kRibbonRole));
+     }},
     {u"GetRibbonXML",
      0x60030009,
      INVOKE_FUNC,
      {},
      kText,
-     [](Main2& core, void* const*, Main2Member::Answer& out) {
-       SetText(out, core.GetRibbonXML());
+     [](const Main2Member::Target& t, void* const*, Main2Member::Answer& out) {
+       SetText(out, t.core.GetRibbonXML());
      }},
     {u"productNameChanged",
      0x6003000C,
      INVOKE_FUNC,
      {kText},
      kNone,
-     [](Main2& core, void* const* in, Main2Member::Answer&) {
-       core.productNameChanged(Text(in[0]));
+     [](const Main2Member::Target& t, void* const* in, Main2Member::Answer&) {
+       t.core.productNameChanged(Text(in[0]));
      }},
     {u"GetLabel",
      0x68030005,
      INVOKE_PROPERTYGET,
      {kText},
      kText,
-     [](Main2& core, void* const* in, Main2Member::Answer& out) {
-       SetText(out, core.GetLabel(Text(in[0])));
+     [](const Main2Member::Target& t, void* const* in, Main2Member::Answer& out) {
+       SetText(out, t.core.GetLabel(Text(in[0])));
      }},
     {u"GetEnabled",
      0x68030004,
      INVOKE_PROPERTYGET,
      {kText},
      kTruth,
-     [](Main2& core, void* const* in, Main2Member::Answer& out) {
-       out.truth = ToVariantBoolValue(core.GetEnabled(Text(in[0])));
+     [](const Main2Member::Target& t, void* const* in, Main2Member::Answer& out) {
+       out.truth = ToVariantBoolValue(t.core.GetEnabled(Text(in[0])));
      }},
     {u"GetPressed",
      0x68030003,
      INVOKE_PROPERTYGET,
      {kText},
      kTruth,
-     [](Main2& core, void* const* in, Main2Member::Answer& out) {
-       out.truth = ToVariantBoolValue(core.GetPressed(Text(in[0])));
+     [](const Main2Member::Target& t, void* const* in, Main2Member::Answer& out) {
+       out.truth = ToVariantBoolValue(t.core.GetPressed(Text(in[0])));
      }},
     {u"GetScreentip",
      0x68030002,
      INVOKE_PROPERTYGET,
      {kText},
      kText,
-     [](Main2& core, void* const* in, Main2Member::Answer& out) {
-       SetText(out, core.GetScreentip(Text(in[0])));
+     [](const Main2Member::Target& t, void* const* in, Main2Member::Answer& out) {
+       SetText(out, t.core.GetScreentip(Text(in[0])));
      }},
     {u"GetImage",
      0x68030000,
      INVOKE_PROPERTYGET,
      {kText},
      kPicture,
-     [](Main2& core, void* const* in, Main2Member::Answer& out) {
-       SetPicture(out, core.GetImage(Text(in[0])));
+     [](const Main2Member::Target& t, void* const* in, Main2Member::Answer& out) {
+       SetPicture(out, t.core.GetImage(Text(in[0])));
      }},
     {u"LoadImage",
      0x6003000D,
      INVOKE_FUNC,
      {kText},
      kPicture,
-     [](Main2& core, void* const* in, Main2Member::Answer& out) {
-       SetPicture(out, core.LoadImage(Text(in[0])));
+     [](const Main2Member::Target& t, void* const* in, Main2Member::Answer& out) {
+       SetPicture(out, t.core.LoadImage(Text(in[0])));
      }},
     {u"RibbonCallback",
      0x6003000F,
      INVOKE_FUNC,
      {kText, kTruth},
      kNone,
-     [](Main2& core, void* const* in, Main2Member::Answer&) {
-       core.RibbonCallback(Text(in[0]), Truth(in[1]));
+     [](const Main2Member::Target& t, void* const* in, Main2Member::Answer&) {
+       t.core.RibbonCallback(Text(in[0]), Truth(in[1]));
      }},
     {u"EnableGotoQuickBookmark",
      0x60030010,
      INVOKE_FUNC,
      {kTruth},
      kNone,
-     [](Main2& core, void* const* in, Main2Member::Answer&) {
-       core.EnableGotoQuickBookmark(Truth(in[0]));
+     [](const Main2Member::Target& t, void* const* in, Main2Member::Answer&) {
+       t.core.EnableGotoQuickBookmark(Truth(in[0]));
      }},
     {u"UpdateLexoscopeIcon",
      0x60030011,
      INVOKE_FUNC,
      {kTruth},
      kNone,
-     [](Main2& core, void* const* in, Main2Member::Answer&) {
-       core.UpdateLexoscopeIcon(Truth(in[0]));
+     [](const Main2Member::Target& t, void* const* in, Main2Member::Answer&) {
+       t.core.UpdateLexoscopeIcon(Truth(in[0]));
      }},
     {u"EnableToolbar",
      0x60030013,
      INVOKE_FUNC,
      {kTruth},
      kNone,
-     [](Main2& core, void* const* in, Main2Member::Answer&) { core.EnableToolbar(Truth(in[0])); }},
+     [](const Main2Member::Target& t, void* const* in, Main2Member::Answer&) {
+       t.core.EnableToolbar(Truth(in[0]));
+     }},
     {u"activateMorvelinTab",
      0x60030014,
      INVOKE_FUNC,
      {kObject},
      kNone,
-     [](Main2& core, void* const* in, Main2Member::Answer&) {
-       core.activateMorvelinTab(ObjectOf(in[0]));
+     [](const Main2Member::Target& t, void* const* in, Main2Member::Answer&) {
+       t.core.activateMorvelinTab(t.ObjectOf(in[0], recording::kBarRole));
      }},
 };
 
@@ -320,16 +321,89 @@ HRESULT Main2Object::Create(REFIID riid, void** out) {
     // The apartment's tracing module starts before its first object exists; the object's own
     // hold keeps it from then on.
     const ApartmentHold apartment = ApartmentHold::Enter();
-    const auto object = ComPtr<Main2Object>::Attach(
-        new (std::nothrow) Main2Object(apartment.Protector(), std::move(typeInfo)));
+    const auto object =
+        ComPtr<Main2Object>::Attach(new (std::nothrow) Main2Object(apartment, std::move(typeInfo)));
     if (!object)
       return E_OUTOFMEMORY;
     return object->QueryInterface(riid, out);
   });
 }
 
-Main2Object::Main2Object(VbwProtector& protector, ComPtr<ITypeInfo> typeInfo)
-    : typeInfo_(std::move(typeInfo)), core_(protector) {}
+Main2Object::Main2Object(const ApartmentHold& apartment, ComPtr<ITypeInfo> typeInfo)
+    : typeInfo_(std::move(typeInfo)),
+      core_(apartment.Protector()),
+      recorder_(apartment.Recorder()) {}
+
+Ref<Object> Main2Member::Target::ObjectOf(void* value, std::string_view role) const {
+  Ref<Object> object = value != nullptr ? WrapDispatch(*static_cast<IDispatch**>(value)) : nullptr;
+  return recorder != nullptr ? recorder->Wrap(object, role) : object;
+}
+
+namespace {
+
+// The host's call as a recording writes it.
+std::string CommandOf(const Main2Member& row, void* const* in) {
+  std::vector<recording::HostArgument> arguments;
+  for (std::size_t i = 0; i < row.Inputs(); ++i) {
+    recording::HostArgument argument;
+    switch (row.inputs[i]) {
+      case kText:
+        argument.text = Text(in[i]);
+        break;
+      case kTruth:
+        argument.kind = recording::HostArgument::kTruth;
+        argument.truth = IsTrue(Truth(in[i]));
+        break;
+      default:
+        argument.kind = recording::HostArgument::kObject;
+        if (in[i] == nullptr || *static_cast<IDispatch**>(in[i]) == nullptr)
+          argument.objectName = "nothing";
+        break;
+    }
+    arguments.push_back(std::move(argument));
+  }
+  return recording::CommandText(ToUtf8(row.name), arguments);
+}
+
+// The answer as a recording writes it; a picture by its size, as the picture itself tells it.
+std::string ResultOf(const Main2Member& row, const Main2Member::Answer& answer) {
+  switch (row.answer) {
+    case kText:
+      return Quote(FromBstr(answer.text.Get()));
+    case kTruth:
+      return answer.truth != VARIANT_FALSE ? "true" : "false";
+    case kPicture: {
+      std::optional<std::pair<std::int64_t, std::int64_t>> size;
+      if (const ComPtr<IPicture> picture = ComPtr<IPictureDisp>(answer.picture).TryAs<IPicture>()) {
+        OLE_XSIZE_HIMETRIC width = 0;
+        OLE_YSIZE_HIMETRIC height = 0;
+        if (SUCCEEDED(picture->get_Width(&width)) && SUCCEEDED(picture->get_Height(&height)))
+          size.emplace(width, height);
+      }
+      return PictureText(static_cast<bool>(answer.picture), size);
+    }
+    default:
+      return "ok";
+  }
+}
+
+}  // namespace
+
+void Main2Object::Call(const Main2Member& row, void* const* in, Main2Member::Answer& answer) {
+  const Main2Member::Target target{core_, recorder_};
+  if (recorder_ == nullptr || !recorder_->On()) [[likely]] {
+    row.call(target, in, answer);
+    return;
+  }
+  recorder_->HostCall(CommandOf(row, in));
+  try {
+    row.call(target, in, answer);
+  } catch (...) {
+    recorder_->HostAnswer("failed");
+    throw;
+  }
+  recorder_->HostAnswer(ResultOf(row, answer));
+}
 
 HRESULT Main2Object::GetTypeInfoCount(UINT* count) {
   if (count == nullptr)
@@ -426,7 +500,7 @@ HRESULT Main2Object::Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS* par
     return DISP_E_BADPARAMCOUNT;  // an argument named twice, or one that nothing takes
 
   void* values[Main2Member::kMaxInputs] = {arguments[0].Value(), arguments[1].Value()};
-  Barrier<FailurePolicy::kAlwaysSucceed>([&] { member->call(core_, values, answer); });
+  Barrier<FailurePolicy::kAlwaysSucceed>([&] { Call(*member, values, answer); });
   if (result != nullptr)
     HandTo(member->answer, answer, *result);
   return S_OK;
@@ -441,7 +515,7 @@ HRESULT Main2Object::Member(const Main2Member& row, std::initializer_list<void*>
   Clear(result);
   return Guarded([&] {
     Main2Member::Answer answer;
-    row.call(core_, in.begin(), answer);
+    Call(row, in.begin(), answer);
     Take(answer, result);
   });
 }
@@ -449,7 +523,7 @@ HRESULT Main2Object::Member(const Main2Member& row, std::initializer_list<void*>
 HRESULT Main2Object::Member(const Main2Member& row, std::initializer_list<void*> in) {
   return Guarded([&] {
     Main2Member::Answer answer;
-    row.call(core_, in.begin(), answer);
+    Call(row, in.begin(), answer);
   });
 }
 

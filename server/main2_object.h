@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "Tabforge_h.h"
+#include "platform/recording.h"
 #include "ribbon/main2.h"
 #include "server/apartment.h"
 #include "server/barrier.h"
@@ -39,8 +40,15 @@ struct Main2Member {
     VARIANT_BOOL truth = VARIANT_FALSE;
     ComPtr<IPictureDisp> picture;
   };
+  // Where a member's call goes: the core, and the apartment's recording while one is made.
+  struct Target {
+    Main2& core;
+    recording::Recorder* recorder;
+    // The caller's object as the core should see it: every call on it recorded while recording.
+    Ref<Object> ObjectOf(void* value, std::string_view role) const;
+  };
   // Each input is a pointer to the caller's value of the parameter's type, or null.
-  using Call = void (*)(Main2& core, void* const* inputs, Answer& answer);
+  using Call = void (*)(const Target& target, void* const* inputs, Answer& answer);
 
   Utf16View name;
   DISPID id;
@@ -95,9 +103,11 @@ class Main2Object final : public ComObject<Main2Object, _Main2> {
 
  private:
   friend class ComObject<Main2Object, _Main2>;
-  Main2Object(VbwProtector& protector, ComPtr<ITypeInfo> typeInfo);
+  Main2Object(const ApartmentHold& apartment, ComPtr<ITypeInfo> typeInfo);
   ~Main2Object() = default;
 
+  // Makes the row's call on the core, recorded while the apartment records.
+  void Call(const Main2Member& row, void* const* in, Main2Member::Answer& answer);
   template <class Result>
   HRESULT Member(const Main2Member& row, std::initializer_list<void*> in, Result* result);
   HRESULT Member(const Main2Member& row, std::initializer_list<void*> in);
@@ -111,6 +121,7 @@ class Main2Object final : public ComObject<Main2Object, _Main2> {
 
   ComPtr<ITypeInfo> typeInfo_;
   Main2 core_;
+  recording::Recorder* recorder_;  // the apartment's, which outlives the object
 };
 
 }  // namespace tabforge::com

@@ -18,6 +18,7 @@
 
 #include "platform/call_budget.h"
 #include "platform/failure.h"
+#include "platform/recording.h"
 #include "server/barrier.h"
 #include "server/conversions.h"
 #include "server/dispatch_parameters.h"
@@ -353,16 +354,19 @@ Ref<Object> WrapUnknown(IUnknown* unknown) {
   return MakeRef<WindowsObject>(ComPtr<IUnknown>(unknown));
 }
 
+// A foreign object that a recording stands in front of goes back out as itself.
 ComPtr<IDispatch> ToDispatch(const Ref<Object>& object) {
   if (!object)
     return nullptr;
-  if (auto* outside = dynamic_cast<WindowsObject*>(object.get()))
+  const Ref<Object> own = recording::Recorder::Unwrap(object);
+  if (auto* outside = dynamic_cast<WindowsObject*>(own.get()))
     return outside->Dispatch();
   return DispatchAdapter::Create(object);
 }
 
 ComPtr<IUnknown> ToUnknown(const Ref<Object>& object) {
-  if (auto* outside = dynamic_cast<WindowsObject*>(object.get()))
+  const Ref<Object> own = recording::Recorder::Unwrap(object);
+  if (auto* outside = dynamic_cast<WindowsObject*>(own.get()))
     return outside->Unknown();
   ComPtr<IDispatch> dispatch = ToDispatch(object);
   return ComPtr<IUnknown>(dispatch.Get());

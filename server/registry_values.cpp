@@ -1,5 +1,6 @@
 #include "server/registry_values.h"
 
+#include <cstdint>
 #include <vector>
 
 #include "server/com_ptr.h"
@@ -35,19 +36,44 @@ std::optional<std::wstring> ReadString(HKEY root, const std::wstring& key, const
   return std::wstring(buffer.data());
 }
 
-std::optional<DWORD> ReadDword(HKEY root, const std::wstring& key, const wchar_t* name,
-                               REGSAM view) {
+namespace {
+
+// A value of fixed size and type; nothing when missing or of another type.
+template <class T>
+std::optional<T> ReadFixed(HKEY root, const std::wstring& key, const wchar_t* name, REGSAM view,
+                           DWORD expected) {
   UniqueHkey handle;
   if (::RegOpenKeyExW(root, key.c_str(), 0, KEY_QUERY_VALUE | view, handle.Put()) != ERROR_SUCCESS)
     return std::nullopt;
-  DWORD value = 0;
+  T value{};
   DWORD type = 0;
   DWORD bytes = sizeof value;
   if (::RegQueryValueExW(handle.Get(), ValueName(name), nullptr, &type,
                          reinterpret_cast<BYTE*>(&value), &bytes) != ERROR_SUCCESS ||
-      type != REG_DWORD)
+      type != expected || bytes != sizeof value)
     return std::nullopt;
   return value;
+}
+
+template <class T>
+bool WriteFixed(HKEY root, const std::wstring& key, const wchar_t* name, T value, REGSAM view,
+                DWORD type) {
+  UniqueHkey handle;
+  return Create(root, key, view, handle) &&
+         ::RegSetValueExW(handle.Get(), ValueName(name), 0, type,
+                          reinterpret_cast<const BYTE*>(&value), sizeof value) == ERROR_SUCCESS;
+}
+
+}  // namespace
+
+std::optional<DWORD> ReadDword(HKEY root, const std::wstring& key, const wchar_t* name,
+                               REGSAM view) {
+  return ReadFixed<DWORD>(root, key, name, view, REG_DWORD);
+}
+
+std::optional<std::uint64_t> ReadQword(HKEY root, const std::wstring& key, const wchar_t* name,
+                                       REGSAM view) {
+  return ReadFixed<std::uint64_t>(root, key, name, view, REG_QWORD);
 }
 
 bool WriteString(HKEY root, const std::wstring& key, const wchar_t* name, const std::wstring& value,
@@ -60,10 +86,20 @@ bool WriteString(HKEY root, const std::wstring& key, const wchar_t* name, const 
 }
 
 bool WriteDword(HKEY root, const std::wstring& key, const wchar_t* name, DWORD value, REGSAM view) {
+  return WriteFixed(root, key, name, value, view, REG_DWORD);
+}
+
+bool WriteQword(HKEY root, const std::wstring& key, const wchar_t* name, std::uint64_t value,
+                REGSAM view) {
+  return WriteFixed(root, key, name, value, view, REG_QWORD);
+}
+
+bool DeleteValue(HKEY root, const std::wstring& key, const wchar_t* name, REGSAM view) {
   UniqueHkey handle;
-  return Create(root, key, view, handle) &&
-         ::RegSetValueExW(handle.Get(), ValueName(name), 0, REG_DWORD,
-                          reinterpret_cast<const BYTE*>(&value), sizeof value) == ERROR_SUCCESS;
+  if (::RegOpenKeyExW(root, key.c_str(), 0, KEY_SET_VALUE | view, handle.Put()) != ERROR_SUCCESS)
+    return true;
+  const LSTATUS status = ::RegDeleteValueW(handle.Get(), ValueName(name));
+  return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND;
 }
 
 void DeleteKeyIfEmpty(HKEY root, const std::wstring& key, REGSAM view) {

@@ -3,6 +3,8 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <cstdio>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -12,6 +14,7 @@
 #include "server/com_ptr.h"
 #include "server/registry_values.h"
 #include "server/windows_flight_log.h"
+#include "server/windows_recording.h"
 #include "server/windows_text.h"
 
 namespace tabforge::cli {
@@ -119,7 +122,102 @@ int Show(std::size_t lines) {
   return 0;
 }
 
+constexpr const char* kRecordUsage =
+    "usage: tabforge record on [--minutes N] | off | show\n"
+    "\n"
+    "Records the sessions of the word processor: every call it makes on the library and every\n"
+    "call the library makes on its collaborators (the template, the ribbon, the error\n"
+    "component, the accessibility tree), with the answers, for N minutes (default 30). Each\n"
+    "start of the library's class in that time writes a file of its own,\n"
+    "%LOCALAPPDATA%\\Tabforge\\Logs\\recording-*.session, of at most 1 MB; the newest five\n"
+    "are kept. A recording holds control ids, the product name, macro names, the icons' bytes and\n"
+    "the error component's calls, nothing of the user's documents. Replay one on Linux with\n"
+    "'tabforge session --replay FILE'. 'off' stops recording at the next start; 'show' says\n"
+    "until when recordings are made and lists them.\n";
+
+std::uint64_t FileTimeNow() {
+  FILETIME now{};
+  ::GetSystemTimeAsFileTime(&now);
+  return (std::uint64_t{now.dwHighDateTime} << 32) | now.dwLowDateTime;
+}
+
+std::string TimeText(std::uint64_t fileTime) {
+  FILETIME time{static_cast<DWORD>(fileTime), static_cast<DWORD>(fileTime >> 32)};
+  SYSTEMTIME utc{};
+  if (!::FileTimeToSystemTime(&time, &utc))
+    return "?";
+  char text[40];
+  std::snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u:%02u UTC", utc.wYear, utc.wMonth,
+                utc.wDay, utc.wHour, utc.wMinute, utc.wSecond);
+  return text;
+}
+
+int ShowRecording() {
+  const auto until = com::RecordingRequestedUntil();
+  if (until && *until > FileTimeNow())
+    std::cout << "recording: on until " << TimeText(*until) << "\n";
+  else
+    std::cout << "recording: off\n";
+  const std::wstring folder = com::LogFolderPath();
+  if (folder.empty())
+    return 0;
+  std::cout << "folder: " << Narrow(folder) << "\n";
+  WIN32_FIND_DATAW found{};
+  const com::UniqueFind search(com::OwnedOrEmpty(
+      ::FindFirstFileW((folder + L"\\" + com::kRecordingPattern).c_str(), &found)));
+  if (!search)
+    return 0;
+  do {
+    std::cout << "  " << Narrow(found.cFileName) << " ("
+              << ((std::uint64_t{found.nFileSizeHigh} << 32) | found.nFileSizeLow) << " bytes)\n";
+  } while (::FindNextFileW(search.Get(), &found));
+  return 0;
+}
+
 }  // namespace
+
+int Record(const std::vector<std::string>& args) {
+  if (args.size() == 1 && (args[0] == "--help" || args[0] == "-h")) {
+    std::cout << kRecordUsage;
+    return 0;
+  }
+  if (args.size() == 1 && args[0] == "show")
+    return ShowRecording();
+  if (args.size() == 1 && args[0] == "off") {
+    if (!com::DeleteValue(HKEY_CURRENT_USER, com::kLogUserKey, com::kRecordUntilValue,
+                          KEY_WOW64_64KEY)) {
+      std::cerr << "tabforge record: cannot write HKEY_CURRENT_USER\\Software\\Tabforge\\Log\n";
+      return 1;
+    }
+    return ShowRecording();
+  }
+  std::uint64_t minutes = 30;
+  const bool on = !args.empty() && args[0] == "on";
+  if (on && args.size() == 3 && args[1] == "--minutes") {
+    try {
+      std::size_t used = 0;
+      minutes = std::stoull(args[2], &used);
+      if (used != args[2].size() || minutes == 0 || minutes > 7 * 24 * 60)
+        throw std::out_of_range("minutes");
+    } catch (const std::exception&) {
+      std::cerr << "tabforge record: --minutes takes a number from 1 to 10080 (a week)\n";
+      return 2;
+    }
+  } else if (!on || args.size() != 1) {
+    std::cerr << "tabforge record: say on, off or show\n" << kRecordUsage;
+    return 2;
+  }
+  constexpr std::uint64_t kFileTimePerMinute = 60ULL * 10'000'000ULL;
+  if (!com::WriteQword(HKEY_CURRENT_USER, com::kLogUserKey, com::kRecordUntilValue,
+                       FileTimeNow() + minutes * kFileTimePerMinute, KEY_WOW64_64KEY)) {
+    std::cerr << "tabforge record: cannot write HKEY_CURRENT_USER\\Software\\Tabforge\\Log\n";
+    return 1;
+  }
+  if (com::ReadLogSwitch(HKEY_LOCAL_MACHINE, com::kLogPolicyKey) == com::LogSwitch::kOff)
+    std::cout << "warning: the machine's policy turns the log off, and recordings with it\n";
+  std::cout << "the library's next start records its session (restart the word processor)\n";
+  return ShowRecording();
+}
 
 int Log(const std::vector<std::string>& args) {
   if (args.size() == 1 && (args[0] == "--help" || args[0] == "-h")) {

@@ -1,4 +1,5 @@
-// `tabforge log`: the flight log's switch for the user, and what the log says. Windows build only.
+// `tabforge log`: the flight log's switch for the user, and what the log says; `tabforge record`:
+// recordings of sessions beside it. Windows build only.
 #pragma once
 
 #include <string>
@@ -8,8 +9,10 @@
 
 namespace tabforge::cli {
 
-// Runs the command with the arguments after its name and returns the exit status.
+// Run the commands with the arguments after their names and return the exit status: `log`, and
+// `record`, the user's request for session recordings.
 int Log(const std::vector<std::string>& args);
+int Record(const std::vector<std::string>& args);
 
 // What the flight log says of the last start, for the doctor: a finding for each thing the log
 // judges ("log-loaded", "log-document", "log-start-time", "log-failures"), the last start's steps

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/replay.h"
 #include "tools/session.h"
 #ifdef _WIN32
 #include <windows.h>
@@ -39,8 +40,9 @@ constexpr const char* kUsage =
     "  check [FILE]                       tell why the word processor would refuse a document\n"
     "  preview [--product-name NAME] [--icons DIR] [--session FILE] [-o FILE]\n"
     "                                     draw the ribbon as an HTML page\n"
-    "  session [--icons DIR] [--errors ...] [FILE]\n"
+    "  session [--icons DIR] [--errors ...] [--record OUT] [FILE]\n"
     "                                     replay a host session from FILE or standard input\n"
+    "  session --replay RECORDING         replay a recording of a user's session (Linux)\n"
     "  register [--user | --machine] [--unregister] PATH\n"
     "                                     register Tabforge.dll at PATH, or remove it (Windows)\n"
     "  doctor [--bits 32|64] [--json] [--fix] [--template PATH]\n"
@@ -49,6 +51,8 @@ constexpr const char* kUsage =
     "  trace on|off|show                  the user's tracing request (Windows)\n"
     "  log on|off|show [--lines N]        the flight log: switch it, or show the last start,\n"
     "                                     failures and lines (Windows)\n"
+    "  record on [--minutes N] | off | show\n"
+    "                                     record the word processor's sessions (Windows)\n"
     "\n"
     "Run 'tabforge <command> --help' for a command's options.\n";
 
@@ -69,7 +73,8 @@ constexpr const char* kCheckUsage =
 
 constexpr const char* kSessionUsage =
     "usage: tabforge session [--icons DIR] [--failing-macros LIST] [--errors [--answers LIST]\n"
-    "                        [--dumps DIR]] [--trace] [FILE]\n"
+    "                        [--dumps DIR]] [--trace] [--record OUT] [FILE]\n"
+    "       tabforge session --replay RECORDING\n"
     "\n"
     "Replays a host session against a new Main2, one command a line: a member name and its\n"
     "arguments separated by one blank; a text argument that comes last takes the rest of the "
@@ -96,7 +101,12 @@ constexpr const char* kSessionUsage =
     "  --answers LIST         its answers to failures in turn, such as 8,7; then 7 (leave)\n"
     "  --dumps DIR            writes each dump to DIR/dump-N.txt as the component would, making "
     "DIR\n"
-    "  --trace                the host's command line asks for tracing (\"/trace\")\n";
+    "  --trace                the host's command line asks for tracing (\"/trace\")\n"
+    "  --record OUT           also writes the session as a recording to OUT (Linux)\n"
+    "  --replay RECORDING     replays a recording against the core (Linux): the host's calls\n"
+    "                         again, every collaborator answered as recorded; prints the\n"
+    "                         replay's own recording, and exits 1 naming the first line where\n"
+    "                         it parts from RECORDING (tabforge record makes them on Windows)\n";
 
 constexpr const char* kPreviewUsage =
     "usage: tabforge preview [--product-name NAME] [--icons DIR] [--session FILE] [-o FILE]\n"
@@ -210,7 +220,12 @@ int Replay(std::istream& in, const cli::SessionOptions& options) {
   target.reset();  // before the apartment ends
   return status;
 #else
-  return cli::ReplaySession(in, std::cout, std::cerr, options);
+  try {
+    return cli::ReplaySession(in, std::cout, std::cerr, options);
+  } catch (const std::runtime_error& failure) {
+    std::cerr << "tabforge session: " << failure.what() << "\n";
+    return 2;
+  }
 #endif
 }
 
@@ -280,6 +295,7 @@ int Session(const std::vector<std::string>& args) {
   cli::SessionOptions options;
   options.iconDirectory = DefaultIcons();
   std::string file;
+  std::string replay;
   for (std::size_t i = 0; i < args.size(); ++i) {
     const bool hasValue = i + 1 < args.size();
     if (args[i] == "--icons" && hasValue) {
@@ -296,6 +312,10 @@ int Session(const std::vector<std::string>& args) {
       options.dumpDirectory = args[++i];
     } else if (args[i] == "--trace" || args[i] == "/trace") {
       options.trace = true;
+    } else if (args[i] == "--record" && hasValue) {
+      options.recordFile = args[++i];
+    } else if (args[i] == "--replay" && hasValue) {
+      replay = args[++i];
     } else if (args[i] == "--failing-macros" && hasValue) {
       std::stringstream list(args[++i]);
       for (std::string macro; std::getline(list, macro, ',');)
@@ -307,9 +327,30 @@ int Session(const std::vector<std::string>& args) {
       return 2;
     }
   }
+  if (!replay.empty()) {
+    if (!file.empty()) {
+      std::cerr << "tabforge session: --replay takes the one file\n" << kSessionUsage;
+      return 2;
+    }
+#ifdef _WIN32
+    std::cerr << "tabforge session: --replay runs on Linux; copy the recording there\n";
+    return 2;
+#else
+    std::ifstream in(replay, std::ios::binary);
+    if (!in) {
+      std::cerr << "tabforge session: cannot read '" << replay << "'\n";
+      return 2;
+    }
+    return cli::ReplayRecording(in, std::cout, std::cerr);
+#endif
+  }
 #ifdef _WIN32
   if (options.trace)
     cli::AskForTracingOnTheCommandLine();
+  if (!options.recordFile.empty()) {
+    std::cerr << "tabforge session: --record runs on Linux; on Windows, 'tabforge record on'\n";
+    return 2;
+  }
 #endif
   if (file.empty() || file == "-")
     return Replay(std::cin, options);
@@ -385,6 +426,8 @@ int main(int argc, char** argv) {
     return cli::Trace(args);
   if (command == "log")
     return cli::Log(args);
+  if (command == "record")
+    return cli::Record(args);
   if (command == "check" || command == "preview") {
     std::cerr << "tabforge " << command
               << ": not available in the Windows build; use the Linux tool\n";
@@ -397,7 +440,7 @@ int main(int argc, char** argv) {
     return Preview(args);
   if (command == "doctor")
     return cli::PortableDoctor(args);
-  if (command == "register" || command == "trace" || command == "log") {
+  if (command == "register" || command == "trace" || command == "log" || command == "record") {
     std::cerr << "tabforge " << command
               << ": not available in the Linux build; use tabforge.exe on Windows\n";
     return 2;
