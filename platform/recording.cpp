@@ -1,5 +1,6 @@
 #include "platform/recording.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <utility>
@@ -187,65 +188,113 @@ std::string CallKindText(CallKind kind) {
 
 }  // namespace
 
-std::string ValueText(const Variant& value,
-                      const std::function<std::string(const Object*)>& nameOf) {
-  if (value.IsByRef())
-    return "ref " + ValueText(value.Value(), nameOf);
+namespace {
+
+// Appends the value's text to `out` while `out` stays within `limit` characters; past it the
+// text is left cut short, longer than the limit, and nothing more is made of it.
+void AppendValue(std::string& out, const Variant& value,
+                 const std::function<std::string(const Object*)>& nameOf, std::size_t limit,
+                 int depth) {
+  if (out.size() > limit)
+    return;
+  if (depth > kMaxValueNesting) {
+    out += "deep";  // no value: nothing reads it back
+    return;
+  }
+  if (value.IsByRef()) {
+    out += "ref ";
+    AppendValue(out, value.Value(), nameOf, limit, depth + 1);
+    return;
+  }
   const VarType t = value.type();
   if (IsArrayType(t)) {
     const ArrayRef& array = value.Array();
     const VarType element = BaseType(t);
-    if (!array)
-      return std::string("array ") + ElementName(element) + " none";
-    if (const auto* bytes = std::get_if<std::vector<std::uint8_t>>(&array->elements))
-      return "bytes " + std::to_string(array->lowerBound) + " " + Base64(*bytes);
-    std::string out = std::string("array ") + ElementName(element) + " " +
-                      std::to_string(array->lowerBound) + " [";
+    if (!array) {
+      out += std::string("array ") + ElementName(element) + " none";
+      return;
+    }
+    if (const auto* bytes = std::get_if<std::vector<std::uint8_t>>(&array->elements)) {
+      out += "bytes " + std::to_string(array->lowerBound) + " ";
+      if (bytes->size() / 3 * 4 > limit - std::min(limit, out.size()))
+        out.resize(limit + 1, '.');
+      else
+        out += Base64(*bytes);
+      return;
+    }
+    out += std::string("array ") + ElementName(element) + " " + std::to_string(array->lowerBound) +
+           " [";
     std::visit(
         [&](const auto& elements) {
           bool first = true;
           for (const auto& e : elements) {
+            if (out.size() > limit)
+              return;
             out += first ? "" : ", ";
             first = false;
             if constexpr (std::is_same_v<std::decay_t<decltype(e)>, Variant>)
-              out += ValueText(e, nameOf);
+              AppendValue(out, e, nameOf, limit, depth + 1);
             else
-              out += ValueText(Variant(e), nameOf);
+              AppendValue(out, Variant(e), nameOf, limit, depth + 1);
           }
         },
         array->elements);
-    return out + "]";
+    out += "]";
+    return;
   }
   switch (t) {
     case VarType::VT_EMPTY:
-      return "empty";
+      out += "empty";
+      return;
     case VarType::VT_NULL:
-      return "null";
+      out += "null";
+      return;
     case VarType::VT_I2:
-      return "i2 " + std::to_string(value.Number());
+      out += "i2 " + std::to_string(value.Number());
+      return;
     case VarType::VT_I4:
-      return "i4 " + std::to_string(value.Number());
+      out += "i4 " + std::to_string(value.Number());
+      return;
     case VarType::VT_UI1:
-      return "byte " + std::to_string(value.Number());
+      out += "byte " + std::to_string(value.Number());
+      return;
     case VarType::VT_BOOL:
-      return value.Number() == -1  ? "true"
+      out += value.Number() == -1  ? "true"
              : value.Number() == 0 ? "false"
                                    : "bool " + std::to_string(value.Number());
+      return;
     case VarType::VT_BSTR:
-      return "str " + Quote(value.String());
+      out += "str " + Quote(value.String());
+      return;
     case VarType::VT_DISPATCH:
     case VarType::VT_UNKNOWN: {
       const Ref<Object>& object = value.ObjectRef();
-      return std::string(t == VarType::VT_DISPATCH ? "obj " : "unk ") +
+      out += std::string(t == VarType::VT_DISPATCH ? "obj " : "unk ") +
              (object ? nameOf(object.get()) : "nothing");
+      return;
     }
     default:
-      return "other " + std::to_string(static_cast<int>(t));
+      out += "other " + std::to_string(static_cast<int>(t));
+      return;
   }
 }
 
-std::optional<Variant> ParseValue(std::string_view& text,
-                                  const std::function<Ref<Object>(std::string_view)>& objectNamed) {
+}  // namespace
+
+std::string ValueText(const Variant& value, const std::function<std::string(const Object*)>& nameOf,
+                      std::size_t limit) {
+  std::string out;
+  AppendValue(out, value, nameOf, limit, 0);
+  return out;
+}
+
+namespace {
+
+std::optional<Variant> ParseValueAt(std::string_view& text,
+                                    const std::function<Ref<Object>(std::string_view)>& objectNamed,
+                                    int depth) {
+  if (depth > kMaxValueNesting)
+    return std::nullopt;
   const std::string_view kind = Word(text);
   if (kind == "empty")
     return Variant();
@@ -301,7 +350,7 @@ std::optional<Variant> ParseValue(std::string_view& text,
     text.remove_prefix(1);
     std::vector<Variant> values;
     while (!text.empty() && text[0] != ']') {
-      auto v = ParseValue(text, objectNamed);
+      auto v = ParseValueAt(text, objectNamed, depth + 1);
       if (!v)
         return std::nullopt;
       values.push_back(std::move(*v));
@@ -352,6 +401,13 @@ std::optional<Variant> ParseValue(std::string_view& text,
     return Variant(*element, std::move(array));
   }
   return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<Variant> ParseValue(std::string_view& text,
+                                  const std::function<Ref<Object>(std::string_view)>& objectNamed) {
+  return ParseValueAt(text, objectNamed, 0);
 }
 
 std::string FailureText(std::int32_t number, Utf16View description) {
@@ -719,7 +775,10 @@ std::string Recorder::NameOf(const Object* object) {
 }
 
 std::string Recorder::Text(const Variant& value) const {
-  return ValueText(value, &Recorder::NameOf);
+  // No more than the recording has room for: an answer of megabytes is never written out.
+  const auto room =
+      static_cast<std::size_t>(std::max<std::int64_t>(0, limits_.maxBytes - written_));
+  return ValueText(value, &Recorder::NameOf, room);
 }
 
 Variant Recorder::WrapAnswer(const Variant& value) {

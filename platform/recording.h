@@ -82,9 +82,16 @@ std::string CommandText(std::string_view member, std::span<const HostArgument> a
 
 class Recorder;
 
-// Names the objects of one recording and writes values with them.
-std::string ValueText(const Variant& value,
-                      const std::function<std::string(const Object*)>& nameOf);
+// How deep arrays within arrays may be written and read: deeper than any answer the library
+// takes from outside.
+inline constexpr int kMaxValueNesting = 32;
+
+// A value as text: "empty", "null", "true", "false", "bool N", "i2 N", "i4 N", "byte N",
+// "str \"...\"", "obj NAME" (or nothing), "unk NAME", "bytes LOWER BASE64", "array TYPE none",
+// "array TYPE LOWER [VALUE, ...]", a reference as "ref VALUE". Objects are named by `nameOf`.
+// A text that would pass `limit` characters is cut short just past it.
+std::string ValueText(const Variant& value, const std::function<std::string(const Object*)>& nameOf,
+                      std::size_t limit = std::string::npos - 1);
 
 // Reads a value that `ValueText` wrote, from the start of `text`; an object's name is turned into
 // an object by `objectNamed` (which may answer nothing). Nothing when the text is no value.
