@@ -1,7 +1,8 @@
 // Owners of COM and system resources: interface references, strings, variants, arrays, registry
-// keys, memory blocks, bitmap handles and GDI+ bitmaps. Nothing else in the server or the tools
-// calls Release, SysFreeString, VariantClear, SafeArrayDestroy, RegCloseKey, GlobalFree,
-// DeleteObject or GdipDisposeImage.
+// keys, memory blocks, kernel handles, bitmap handles, GDI+ bitmaps and a thread's apartment.
+// Nothing else in the server or the tools calls Release, SysFreeString, VariantClear,
+// SafeArrayDestroy, RegCloseKey, GlobalFree, LocalFree, CloseHandle, DeleteObject,
+// GdipDisposeImage or CoUninitialize.
 //
 // Every owner has the same methods: Get, Reset, Detach, Put (for out-parameters: lets go of the
 // current value first) and InOut (for [in, out] parameters).
@@ -144,6 +145,9 @@ class UniqueHandle {
 inline HGLOBAL FreeGlobal(HGLOBAL block) noexcept {
   return ::GlobalFree(block);
 }
+inline HLOCAL FreeLocal(HLOCAL block) noexcept {
+  return ::LocalFree(block);
+}
 inline bool DeleteBitmap(HBITMAP bitmap) noexcept {
   return ::DeleteObject(bitmap) != FALSE;
 }
@@ -151,8 +155,8 @@ inline Gdiplus::GpStatus DisposeGdiplusImage(Gdiplus::GpImage* image) noexcept {
   return Gdiplus::DllExports::GdipDisposeImage(image);
 }
 
-inline BOOL CloseFile(HANDLE file) noexcept {
-  return ::CloseHandle(file);
+inline BOOL CloseKernelHandle(HANDLE handle) noexcept {
+  return ::CloseHandle(handle);
 }
 
 // Clears a copy of a VARIANT: its contents are what the owner held. (A named function rather
@@ -169,9 +173,15 @@ using UniqueVariant = UniqueHandle<VARIANT, ClearVariantCopy>;
 using UniqueSafeArray = UniqueHandle<SAFEARRAY*, ::SafeArrayDestroy>;
 // Never one of the predefined roots (HKEY_CLASSES_ROOT and the like), which nobody owns.
 using UniqueHkey = UniqueHandle<HKEY, ::RegCloseKey>;
+// Blocks that the system allocates for its caller with LocalAlloc (FormatMessageW's text,
+// CommandLineToArgvW's list).
+using UniqueLocal = UniqueHandle<HLOCAL, FreeLocal>;
+// Threads, processes and pipe ends: CreateThread, CreateProcessW and CreatePipe answer null, or
+// leave the slot null, when they fail.
+using UniqueKernelHandle = UniqueHandle<HANDLE, CloseKernelHandle>;
 // Files, snapshots and searches: a failed CreateFileW, CreateToolhelp32Snapshot or FindFirstFileW
 // answers INVALID_HANDLE_VALUE, which is never owned (OwnedOrEmpty).
-using UniqueFile = UniqueHandle<HANDLE, CloseFile>;
+using UniqueFile = UniqueKernelHandle;
 using UniqueFind = UniqueHandle<HANDLE, ::FindClose>;
 inline HANDLE OwnedOrEmpty(HANDLE handle) noexcept {
   return handle == INVALID_HANDLE_VALUE ? nullptr : handle;
@@ -190,6 +200,28 @@ void Replace(T* slot, UniqueHandle<T, release> value) noexcept {
 inline void ClearVariant(VARIANT* v) noexcept {
   Replace(v, UniqueVariant());
 }
+
+// COM on the calling thread for the life of the object, in the apartment that `model` names. Only
+// an initialisation that succeeded (S_FALSE too: the thread already had this apartment) is
+// matched with CoUninitialize; every COM object of the thread must be gone before the owner is.
+class ComApartment {
+ public:
+  explicit ComApartment(DWORD model = COINIT_APARTMENTTHREADED) noexcept
+      : result_(::CoInitializeEx(nullptr, model)) {}
+  ComApartment(const ComApartment&) = delete;
+  ComApartment& operator=(const ComApartment&) = delete;
+  ~ComApartment() {
+    if (SUCCEEDED(result_))
+      ::CoUninitialize();
+  }
+
+  // What CoInitializeEx answered.
+  HRESULT Result() const noexcept { return result_; }
+  explicit operator bool() const noexcept { return SUCCEEDED(result_); }
+
+ private:
+  HRESULT result_;
+};
 
 // Holds an SRW lock exclusively for its scope.
 class ExclusiveLock {

@@ -5,14 +5,6 @@
 #include "server/com_ptr.h"
 
 namespace tabforge::com {
-namespace {
-
-inline HLOCAL FreeLocal(HLOCAL block) noexcept {
-  return ::LocalFree(block);
-}
-using UniqueLocal = UniqueHandle<HLOCAL, FreeLocal>;
-
-}  // namespace
 
 std::wstring Wide(Utf16View text) {
   return std::wstring(reinterpret_cast<const wchar_t*>(text.data()), text.size());

@@ -1,8 +1,8 @@
 // The doctor's checks over machines that tests/doctor_machines.txt describes: on each, the verdict
 // names the expected check, the problems and warnings are exactly those set up, --fix repairs
 // what it may and nothing else, and a second --fix changes nothing. Then the pieces the machines
-// rest on: the decoding of disabled items, the order of the verdict, the bitness of executables,
-// and the case format's own refusals.
+// rest on: the values decoded from bytes (tests/doctor_bytes.txt), the order of the verdict, and
+// the case format's own refusals.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -16,6 +16,7 @@
 #include "doctor/case_machine.h"
 #include "doctor/checks.h"
 #include "golden.h"
+#include "platform/utf16.h"
 
 namespace tabforge::doctor {
 namespace {
@@ -195,52 +196,51 @@ TEST(DoctorJson, FindingsAreAnArrayWithTextEscaped) {
   EXPECT_EQ(FindingLine({"c", Status::kOk, "d.", ""}), "ok      c: d.");
 }
 
-// --- Disabled items -------------------------------------------------------------------------
+// --- Values decoded from bytes ------------------------------------------------------------
 
-Bytes Record(std::uint32_t type, std::uint32_t pathBytes, std::uint32_t nameBytes,
-             const std::u16string& text) {
+// The bytes that a case of tests/doctor_bytes.txt writes; the file tells its tokens.
+Bytes Written(const std::string& text) {
   Bytes out;
-  for (const std::uint32_t v : {type, pathBytes, nameBytes}) {
-    for (int i = 0; i < 4; ++i)
-      out.push_back(static_cast<unsigned char>(v >> (8 * i)));
-  }
-  for (const char16_t c : text) {
-    out.push_back(static_cast<unsigned char>(c));
-    out.push_back(static_cast<unsigned char>(c >> 8));
+  std::istringstream in(text);
+  for (std::string token; in >> token;) {
+    if (token.starts_with("u32:")) {
+      const auto value = static_cast<std::uint32_t>(std::stoul(token.substr(4), nullptr, 0));
+      for (int i = 0; i < 4; ++i)
+        out.push_back(static_cast<unsigned char>(value >> (8 * i)));
+    } else if (token.starts_with("u16:")) {
+      std::u16string units;
+      std::string rest = token.substr(4);
+      for (std::size_t zero; (zero = rest.find("\\0")) != std::string::npos;
+           rest.erase(0, zero + 2))
+        (units += FromUtf8(rest.substr(0, zero))) += u'\0';
+      for (const char16_t unit : units + FromUtf8(rest)) {
+        out.push_back(static_cast<unsigned char>(unit));
+        out.push_back(static_cast<unsigned char>(unit >> 8));
+      }
+    } else if (token.starts_with("@")) {
+      out.resize(std::stoul(token.substr(1), nullptr, 16));
+    } else {
+      out.push_back(static_cast<unsigned char>(std::stoul(token, nullptr, 16)));
+    }
   }
   return out;
 }
 
-std::u16string Chars(const char16_t* text, std::size_t count) {
-  return std::u16string(text, count);
+TEST(DoctorBytes, EachValueDecodesAsItsCaseSays) {
+  for (const auto& c : testing::ReadCases("tests/doctor_bytes.txt")) {
+    const std::vector<std::string> f = testing::Fields(c.header);  // kind, bytes, expected, what
+    const Bytes bytes = Written(f.at(1));
+    std::string decoded = std::to_string(ExecutableBits(bytes));
+    if (f[0] == "disabled") {
+      const std::optional<DisabledItem> item = DecodeDisabledItem(bytes);
+      decoded = item ? std::to_string(item->type) + " \"" + item->path + "\" \"" + item->name + "\""
+                     : "refused";
+    }
+    EXPECT_EQ(decoded, f.at(2)) << c.header;
+  }
 }
 
-TEST(DisabledItems, RecordsDecodeOrAreRefused) {
-  struct Case {
-    const char* what;
-    Bytes value;
-    const char* decoded;  // "type|path|name", or "" when refused
-  } cases[] = {
-      {"an add-in, both texts ending in a zero", Record(1, 10, 4, Chars(u"c:\\a\0b\0", 7)),
-       "1|c:\\a|b"},
-      {"a document", Record(2, 10, 4, Chars(u"c:\\a\0b\0", 7)), "2|c:\\a|b"},
-      {"texts without their zeros", Record(3, 8, 2, u"c:\\ab"), "3|c:\\a|b"},
-      {"an empty name", Record(1, 10, 0, Chars(u"c:\\a\0", 5)), "1|c:\\a|"},
-      {"a path beyond the ASCII", Record(1, 10, 2, Chars(u"c:\\\u00e9\0\0", 6)), "1|c:\\\xc3\xa9|"},
-      {"a byte left over after the name", Record(1, 4, 2, Chars(u"ab\0z", 4)), "1|ab|"},
-      {"an odd path length", Record(1, 9, 4, Chars(u"c:\\a\0b\0", 7)), ""},
-      {"an odd name length", Record(1, 10, 3, Chars(u"c:\\a\0b\0", 7)), ""},
-      {"a path past the end", Record(1, 100, 0, u"c:"), ""},
-      {"a name past the end", Record(1, 4, 100, u"c:"), ""},
-      {"lengths that wrap around", Record(1, 0xFFFFFFFE, 4, Chars(u"c:\\a\0b\0", 7)), ""},
-      {"shorter than its header", Bytes{1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, ""},
-  };
-  for (const Case& c : cases) {
-    const std::optional<DisabledItem> item = DecodeDisabledItem(c.value);
-    const std::string text =
-        item ? std::to_string(item->type) + "|" + item->path + "|" + item->name : "";
-    EXPECT_EQ(text, c.decoded) << c.what;
-  }
+TEST(DisabledItems, WhatIsEncodedDecodesAgain) {
   const DisabledItem written{1, "c:\\users\\ada\\tabforge.dotm", "Tabforge"};
   const Bytes encoded = EncodeDisabledItem(written);
   EXPECT_EQ(encoded.size(), 12u + 2 * (written.path.size() + 1) + 2 * (written.name.size() + 1));
@@ -248,32 +248,6 @@ TEST(DisabledItems, RecordsDecodeOrAreRefused) {
   ASSERT_TRUE(read);
   EXPECT_EQ(read->path, written.path);
   EXPECT_EQ(read->name, written.name);
-}
-
-TEST(DoctorExecutables, TheHeaderTellsTheProcessor) {
-  Bytes header(0x100, 0);
-  header[0] = 'M';
-  header[1] = 'Z';
-  header[0x3C] = 0x80;
-  header[0x80] = 'P';
-  header[0x81] = 'E';
-  header[0x84] = 0x4C;
-  header[0x85] = 0x01;
-  EXPECT_EQ(ExecutableBits(header), 32);
-  header[0x84] = 0x64;
-  header[0x85] = 0x86;
-  EXPECT_EQ(ExecutableBits(header), 64);
-  header[0x84] = 0x64;
-  header[0x85] = 0xAA;  // ARM64
-  EXPECT_EQ(ExecutableBits(header), 0);
-  header[0x84] = 0x64;
-  header[0x85] = 0x86;
-  header[0x3C] = 0xFE;  // the PE header past the bytes read
-  EXPECT_EQ(ExecutableBits(header), 0);
-  header[0x3C] = 0x80;
-  header[0x81] = 'X';
-  EXPECT_EQ(ExecutableBits(header), 0);
-  EXPECT_EQ(ExecutableBits(Bytes(0x3F, 'M')), 0);
 }
 
 TEST(DoctorMachines, TheCaseFormatRefusesWhatItCannotRead) {

@@ -2,6 +2,7 @@
 // line and from the settings, and what is tracked before and after start-up.
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <string>
 
 #include "golden.h"
@@ -33,10 +34,7 @@ TEST(Switches, FollowTheTracingRequestOfTheCommandLineOrTheSetting) {
   // The same request from a settings file.
   PortablePlatform platform;
   const std::string path = ::testing::TempDir() + "tabforge-settings.txt";
-  std::FILE* f = std::fopen(path.c_str(), "w");
-  ASSERT_NE(f, nullptr);
-  std::fputs("# per-user settings\nTabforge/Init/vbwTrace=1\n", f);
-  std::fclose(f);
+  std::ofstream(path) << "# per-user settings\nTabforge/Init/vbwTrace=1\n";
   ASSERT_TRUE(platform.host.LoadSettingsFile(path));
   EXPECT_FALSE(platform.host.LoadSettingsFile(path + ".missing"));
   VbwProtector protector(platform.View());

@@ -1,7 +1,6 @@
 #include "tools/classes_key.h"
 
 #include <cstdint>
-#include <cstdio>
 #include <iterator>
 
 #include "platform/utf16.h"
@@ -11,21 +10,27 @@
 namespace tabforge::cli {
 
 PeHeader ReadPeHeader(const std::wstring& path) {
-  FILE* file = ::_wfopen(path.c_str(), L"rb");
-  if (file == nullptr)
+  const com::UniqueFile file(com::OwnedOrEmpty(::CreateFileW(path.c_str(), GENERIC_READ,
+                                                             FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                                             nullptr, OPEN_EXISTING, 0, nullptr)));
+  if (!file)
     return {};
+  // All of `size` bytes at `offset`, or false.
+  const auto readAt = [&file](std::uint32_t offset, unsigned char* into, DWORD size) {
+    LARGE_INTEGER position{};
+    position.QuadPart = offset;
+    DWORD read = 0;
+    return ::SetFilePointerEx(file.Get(), position, nullptr, FILE_BEGIN) &&
+           ::ReadFile(file.Get(), into, size, &read, nullptr) && read == size;
+  };
   unsigned char dos[64] = {};
   unsigned char header[24] = {};  // the signature and the file header
-  bool read = std::fread(dos, 1, sizeof dos, file) == sizeof dos && dos[0] == 'M' && dos[1] == 'Z';
-  if (read) {
-    const std::uint32_t offset =
-        dos[60] | dos[61] << 8 | dos[62] << 16 | static_cast<std::uint32_t>(dos[63]) << 24;
-    read = std::fseek(file, static_cast<long>(offset), SEEK_SET) == 0 &&
-           std::fread(header, 1, sizeof header, file) == sizeof header && header[0] == 'P' &&
-           header[1] == 'E' && header[2] == 0 && header[3] == 0;
-  }
-  std::fclose(file);
-  if (!read)
+  if (!readAt(0, dos, sizeof dos) || dos[0] != 'M' || dos[1] != 'Z')
+    return {};
+  const std::uint32_t offset =
+      dos[60] | dos[61] << 8 | dos[62] << 16 | static_cast<std::uint32_t>(dos[63]) << 24;
+  if (!readAt(offset, header, sizeof header) || header[0] != 'P' || header[1] != 'E' ||
+      header[2] != 0 || header[3] != 0)
     return {};
   return {static_cast<WORD>(header[4] | header[5] << 8),
           static_cast<WORD>(header[22] | header[23] << 8)};

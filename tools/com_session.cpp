@@ -458,13 +458,6 @@ void AskForTracingOnTheCommandLine() {
     std::wmemcpy(option, L"/trace ", 7);
 }
 
-ComApartment::ComApartment() : ok_(SUCCEEDED(::CoInitialize(nullptr))) {}
-
-ComApartment::~ComApartment() {
-  if (ok_)
-    ::CoUninitialize();
-}
-
 std::unique_ptr<SessionTarget> MakeLateBoundTarget(CallLog& log, const SessionOptions& options) {
   return std::make_unique<ComTarget>(log, options);
 }

@@ -13,19 +13,6 @@ struct IDispatch;
 
 namespace tabforge::cli {
 
-// Initialises COM for the calling thread, in a single-threaded apartment, for the life of the
-// object. Every COM object of the process must be gone before it is.
-class ComApartment {
- public:
-  ComApartment();
-  ~ComApartment();
-  ComApartment(const ComApartment&) = delete;
-  ComApartment& operator=(const ComApartment&) = delete;
-
- private:
-  bool ok_ = false;
-};
-
 // The library reads the host's command line for "/trace": the option "--trace" is written over
 // with it in this process's own command line. Call before the first instance is created.
 void AskForTracingOnTheCommandLine();

@@ -777,7 +777,7 @@ int Doctor(const std::vector<std::string>& args) {
       return 2;
     }
   }
-  ComApartment apartment;
+  com::ComApartment apartment;
   WindowsMachine machine;
   Examination e = Examine(machine, options, kOwnBits);
   if (fix) {

@@ -138,11 +138,8 @@ int Register(const std::vector<std::string>& args) {
   const HKEY hive = machine ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER;
   const ClassesKey own(hive, views.own);
   const ClassesKey other(hive, views.other);
-  const HRESULT initialized = ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-  const int status = unregister ? Remove(fullPath, own, other) : Write(fullPath, own, other);
-  if (SUCCEEDED(initialized))
-    ::CoUninitialize();
-  return status;
+  const com::ComApartment apartment;
+  return unregister ? Remove(fullPath, own, other) : Write(fullPath, own, other);
 }
 
 }  // namespace tabforge::cli

@@ -15,6 +15,7 @@
 
 #include <stdexcept>
 
+#include "server/com_ptr.h"
 #include "tools/com_session.h"
 #include "tools/doctor.h"
 #include "tools/log_command.h"
@@ -177,7 +178,7 @@ int RibbonXml(const std::vector<std::string>& args) {
   for (const auto& reason : NameRefusals(FromUtf8(name)))
     std::cerr << "tabforge ribbon-xml: warning: " << reason
               << ", which the word processor refuses\n";
-  cli::ComApartment apartment;
+  com::ComApartment apartment;
   try {
     std::cout << ToUtf8(cli::LateBoundRibbonXml(FromUtf8(name))) << "\n";
   } catch (const std::runtime_error& failure) {
@@ -207,7 +208,7 @@ int RibbonXml(const std::vector<std::string>& args) {
 // The session's target: the core Main2 here, the registered class on Windows.
 int Replay(std::istream& in, const cli::SessionOptions& options) {
 #ifdef _WIN32
-  cli::ComApartment apartment;
+  com::ComApartment apartment;
   cli::CallLog log;
   std::unique_ptr<cli::SessionTarget> target;
   try {

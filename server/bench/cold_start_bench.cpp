@@ -38,8 +38,15 @@
 
 namespace {
 
+using tabforge::com::ComApartment;
 using tabforge::com::ComPtr;
+using tabforge::com::OwnedOrEmpty;
 using tabforge::com::UniqueBstr;
+using tabforge::com::UniqueFile;
+using tabforge::com::UniqueFind;
+using tabforge::com::UniqueHBitmap;
+using tabforge::com::UniqueKernelHandle;
+using tabforge::com::UniqueLocal;
 using tabforge::com::UniqueVariant;
 
 constexpr int kDefaultRounds = 15;
@@ -61,22 +68,21 @@ std::map<int, std::string> ReadIcons(const std::wstring& folder) {
   std::map<int, std::string> icons;
   for (const wchar_t* pattern : {L"\\*.png", L"\\*.gif"}) {
     WIN32_FIND_DATAW found;
-    HANDLE search = ::FindFirstFileW((folder + pattern).c_str(), &found);
-    if (search == INVALID_HANDLE_VALUE)
+    const UniqueFind search(OwnedOrEmpty(::FindFirstFileW((folder + pattern).c_str(), &found)));
+    if (!search)
       continue;
     do {
-      HANDLE file = ::CreateFileW((folder + L"\\" + found.cFileName).c_str(), GENERIC_READ,
-                                  FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-      if (file == INVALID_HANDLE_VALUE)
+      const UniqueFile file(
+          OwnedOrEmpty(::CreateFileW((folder + L"\\" + found.cFileName).c_str(), GENERIC_READ,
+                                     FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr)));
+      if (!file)
         continue;
       std::string bytes(found.nFileSizeLow, '\0');
       DWORD read = 0;
-      if (::ReadFile(file, bytes.data(), found.nFileSizeLow, &read, nullptr) &&
+      if (::ReadFile(file.Get(), bytes.data(), found.nFileSizeLow, &read, nullptr) &&
           read == found.nFileSizeLow)
         icons.emplace(_wtoi(found.cFileName), std::move(bytes));
-      ::CloseHandle(file);
-    } while (::FindNextFileW(search, &found));
-    ::FindClose(search);
+    } while (::FindNextFileW(search.Get(), &found));
   }
   return icons;
 }
@@ -275,7 +281,7 @@ double FloorStart(const std::map<int, std::string>& iconBytes, const std::vector
     }
   }
   ComPtr<IDispatch> dictionary;
-  std::vector<HBITMAP> bitmaps;
+  std::vector<UniqueHBitmap> bitmaps;
   const double start = Now();
   CLSID clsid{};
   if (!Check(::CLSIDFromProgID(L"Scripting.Dictionary", &clsid), "CLSIDFromProgID") ||
@@ -319,11 +325,10 @@ double FloorStart(const std::map<int, std::string>& iconBytes, const std::vector
       std::fprintf(stderr, "cold_start_bench: GDI+ could not decode icon %d\n", number);
       return -1;
     }
-    bitmaps.push_back(handle);
+    bitmaps.emplace_back(handle);
   }
   const double end = Now();
-  for (HBITMAP bitmap : bitmaps)
-    ::DeleteObject(bitmap);
+  bitmaps.clear();
   shutdown(token);
   return end - start;
 }
@@ -335,38 +340,38 @@ std::string RunChild(const std::wstring& arguments, double& wall) {
   ::GetModuleFileNameW(nullptr, self, MAX_PATH * 2);
   std::wstring command = L"\"" + std::wstring(self) + L"\" " + arguments;
   SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
-  HANDLE readEnd = nullptr;
-  HANDLE writeEnd = nullptr;
-  if (!::CreatePipe(&readEnd, &writeEnd, &inherit, 0))
+  UniqueKernelHandle readEnd;
+  UniqueKernelHandle writeEnd;
+  if (!::CreatePipe(readEnd.Put(), writeEnd.Put(), &inherit, 0))
     return {};
-  ::SetHandleInformation(readEnd, HANDLE_FLAG_INHERIT, 0);
+  ::SetHandleInformation(readEnd.Get(), HANDLE_FLAG_INHERIT, 0);
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
   startup.dwFlags = STARTF_USESTDHANDLES;
-  startup.hStdOutput = writeEnd;
+  startup.hStdOutput = writeEnd.Get();
   startup.hStdError = ::GetStdHandle(STD_ERROR_HANDLE);
   startup.hStdInput = ::GetStdHandle(STD_INPUT_HANDLE);
   PROCESS_INFORMATION process{};
   const double start = Now();
   const bool created = ::CreateProcessW(nullptr, command.data(), nullptr, nullptr, TRUE, 0, nullptr,
                                         nullptr, &startup, &process);
-  ::CloseHandle(writeEnd);
+  // The child holds its own copy of the write end: the reads below end when the child does.
+  writeEnd.Reset();
+  if (!created)
+    return {};
+  const UniqueKernelHandle thread(process.hThread);
+  const UniqueKernelHandle child(process.hProcess);
   std::string output;
-  if (created) {
-    char buffer[4096];
-    DWORD read = 0;
-    while (::ReadFile(readEnd, buffer, sizeof buffer, &read, nullptr) && read > 0)
-      output.append(buffer, read);
-    ::WaitForSingleObject(process.hProcess, INFINITE);
-    wall = Now() - start;
-    DWORD status = 1;
-    ::GetExitCodeProcess(process.hProcess, &status);
-    ::CloseHandle(process.hThread);
-    ::CloseHandle(process.hProcess);
-    if (status != 0)
-      output.clear();
-  }
-  ::CloseHandle(readEnd);
+  char buffer[4096];
+  DWORD read = 0;
+  while (::ReadFile(readEnd.Get(), buffer, sizeof buffer, &read, nullptr) && read > 0)
+    output.append(buffer, read);
+  ::WaitForSingleObject(child.Get(), INFINITE);
+  wall = Now() - start;
+  DWORD status = 1;
+  ::GetExitCodeProcess(child.Get(), &status);
+  if (status != 0)
+    output.clear();
   return output;
 }
 
@@ -444,6 +449,7 @@ int Drive(const std::wstring& icons, int rounds) {
 int main() {
   int count = 0;
   LPWSTR* args = ::CommandLineToArgvW(::GetCommandLineW(), &count);
+  const UniqueLocal argsBlock(args);
   if (args == nullptr || count < 2) {
     std::fprintf(stderr, "usage: cold_start_bench ICONS [ROUNDS]\n");
     return 2;
@@ -451,9 +457,7 @@ int main() {
   const std::wstring mode = args[1];
   if (mode != L"--tabforge" && mode != L"--floor") {
     const int rounds = count > 2 ? _wtoi(args[2]) : kDefaultRounds;
-    const int status = Drive(args[1], std::max(rounds, 1));
-    ::LocalFree(args);
-    return status;
+    return Drive(args[1], std::max(rounds, 1));
   }
   if (count < 3)
     return 2;
@@ -461,8 +465,8 @@ int main() {
   std::vector<int> icons;
   for (int i = 3; i < count; ++i)
     icons.push_back(_wtoi(args[i]));
-  ::LocalFree(args);
-  if (!Check(::CoInitialize(nullptr), "CoInitialize"))
+  const ComApartment apartment;
+  if (!Check(apartment.Result(), "CoInitialize"))
     return 1;
   int status = 1;
   if (mode == L"--floor") {
@@ -482,6 +486,5 @@ int main() {
       status = 0;
     }
   }
-  ::CoUninitialize();
   return status;
 }

@@ -213,9 +213,8 @@ int Run() {
 }  // namespace
 
 int main() {
-  if (!Check(::CoInitialize(nullptr), "CoInitialize"))
+  const tabforge::com::ComApartment apartment;
+  if (!Check(apartment.Result(), "CoInitialize"))
     return 1;
-  const int status = Run();
-  ::CoUninitialize();
-  return status;
+  return Run();
 }

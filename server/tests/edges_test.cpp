@@ -136,27 +136,24 @@ struct StackRun {
 // Uses `bytes` of the thread's stack, then presses the button once.
 DWORD WINAPI PressWithLittleStackLeft(void* parameter) {
   auto& run = *static_cast<StackRun*>(parameter);
-  if (FAILED(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)))
+  const ComApartment apartment;
+  if (!apartment)
     return 1;
-  DWORD code = 2;
-  {
-    volatile char* used = static_cast<char*>(__builtin_alloca(run.used));
-    used[0] = 1;
-    ErrorComponent component;
-    ComPtr<_Main2> main = CreateMain2().TryAs<_Main2>();
-    PressesAgain signaller;
-    signaller.main = main.Get();
-    FakeDispatch ribbon;
-    if (main) {
-      Connect(main.Get(), &signaller, &ribbon);
-      UniqueBstr id(::SysAllocString(L"MVN5"));
-      VARIANT_BOOL on = VARIANT_FALSE;
-      code = main->RibbonCallback(id.InOut(), &on) == S_OK ? 0 : 3;
-      run.presses = signaller.presses;
-    }
-  }
-  ::CoUninitialize();
-  return code;
+  volatile char* used = static_cast<char*>(__builtin_alloca(run.used));
+  used[0] = 1;
+  ErrorComponent component;
+  ComPtr<_Main2> main = CreateMain2().TryAs<_Main2>();
+  PressesAgain signaller;
+  signaller.main = main.Get();
+  FakeDispatch ribbon;
+  if (!main)
+    return 2;
+  Connect(main.Get(), &signaller, &ribbon);
+  UniqueBstr id(::SysAllocString(L"MVN5"));
+  VARIANT_BOOL on = VARIANT_FALSE;
+  const HRESULT pressed = main->RibbonCallback(id.InOut(), &on);
+  run.presses = signaller.presses;
+  return pressed == S_OK ? 0 : 3;
 }
 
 // The stack bound is the room the thread has: a host that has used 700 KB of a 1 MB stack before
@@ -165,15 +162,15 @@ TEST(EdgesStack, AHostThatUsedMostOfItsStackIsSafe) {
   std::vector<int> presses;
   for (const std::size_t used : {std::size_t{0}, std::size_t{700} * 1024}) {
     StackRun run{used, 0};
-    HANDLE thread = ::CreateThread(nullptr, 1024 * 1024, PressWithLittleStackLeft, &run,
-                                   STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
-    ASSERT_NE(thread, nullptr);
-    ASSERT_EQ(::WaitForSingleObject(thread, 60000), WAIT_OBJECT_0);
+    const UniqueKernelHandle thread(::CreateThread(nullptr, 1024 * 1024, PressWithLittleStackLeft,
+                                                   &run, STACK_SIZE_PARAM_IS_A_RESERVATION,
+                                                   nullptr));
+    ASSERT_TRUE(thread);
+    ASSERT_EQ(::WaitForSingleObject(thread.Get(), 60000), WAIT_OBJECT_0);
     DWORD code = 99;
-    EXPECT_TRUE(::GetExitCodeThread(thread, &code));
+    EXPECT_TRUE(::GetExitCodeThread(thread.Get(), &code));
     EXPECT_EQ(code, 0u) << used;
     presses.push_back(run.presses);
-    ::CloseHandle(thread);
   }
   EXPECT_GT(presses[0], 10);
   EXPECT_LT(presses[1], presses[0]);
@@ -280,16 +277,15 @@ struct SecondThread {
 // with an error component of its own that keeps every object the dump hands it.
 DWORD WINAPI FailInAnotherThreadsMain2(void* parameter) {
   auto& second = *static_cast<SecondThread*>(parameter);
-  if (FAILED(::CoInitializeEx(nullptr, COINIT_MULTITHREADED)))
+  const ComApartment apartment(COINIT_MULTITHREADED);
+  if (!apartment)
     return 1;
   second.component = new ErrorComponent;
   second.component->keepObjects = true;
   second.component->answers = {8, 7};
   UniqueBstr id(::SysAllocString(L"MVNx"));
   UniqueBstr label;
-  const HRESULT hr = second.main->get_GetLabel(id.InOut(), label.Put());
-  ::CoUninitialize();
-  return hr == S_OK ? 0 : 2;
+  return second.main->get_GetLabel(id.InOut(), label.Put()) == S_OK ? 0 : 2;
 }
 
 // Objects that the library hands a component during a call from another thread keep the called
@@ -299,11 +295,12 @@ TEST(EdgesThreads, ObjectsHandedOutToAnotherThreadKeepTheirApartment) {
   ComPtr<_Main2> main = CreateMain2().TryAs<_Main2>();
   ASSERT_TRUE(main);
   SecondThread second{main.Get(), nullptr};
-  HANDLE thread = ::CreateThread(nullptr, 0, FailInAnotherThreadsMain2, &second, 0, nullptr);
-  ASSERT_EQ(::WaitForSingleObject(thread, 20000), WAIT_OBJECT_0);
+  const UniqueKernelHandle thread(
+      ::CreateThread(nullptr, 0, FailInAnotherThreadsMain2, &second, 0, nullptr));
+  ASSERT_TRUE(thread);
+  ASSERT_EQ(::WaitForSingleObject(thread.Get(), 20000), WAIT_OBJECT_0);
   DWORD code = 99;
-  ::GetExitCodeThread(thread, &code);
-  ::CloseHandle(thread);
+  ::GetExitCodeThread(thread.Get(), &code);
   EXPECT_EQ(code, 0u);
   ASSERT_NE(second.component, nullptr);
   main = nullptr;  // the kept objects hold what they need

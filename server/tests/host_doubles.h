@@ -18,15 +18,16 @@
 #include "server/com_ptr.h"
 #include "server/registry_entries.h"
 
+using tabforge::com::ComApartment;
 using tabforge::com::ComPtr;
 using tabforge::com::GuidText;
 using tabforge::com::UniqueBstr;
+using tabforge::com::UniqueKernelHandle;
 using tabforge::com::UniqueVariant;
 
-// An apartment of this thread for the life of the object.
-struct Apartment {
-  Apartment() { EXPECT_EQ(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), S_OK); }
-  ~Apartment() { ::CoUninitialize(); }
+// The first apartment of this thread, for the life of the object.
+struct Apartment : ComApartment {
+  Apartment() { EXPECT_EQ(Result(), S_OK); }
 };
 
 struct ComTest : ::testing::Test {

@@ -323,11 +323,10 @@ bool GivesADocument(IDispatch* main) {
 }
 
 DWORD WINAPI UseInASecondApartment(void*) {
-  if (FAILED(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)))
+  const ComApartment apartment;
+  if (!apartment)
     return 1;
-  const bool used = GivesADocument(CreateMain2().Get());
-  ::CoUninitialize();
-  return used ? 0 : 2;
+  return GivesADocument(CreateMain2().Get()) ? 0 : 2;
 }
 
 DWORD WINAPI LoadALibrary(void*) {
@@ -337,17 +336,15 @@ DWORD WINAPI LoadALibrary(void*) {
 
 // True when a thread or a process ends within the bound and succeeds; one still running then is
 // left behind.
-bool EndsWell(HANDLE handle, BOOL(WINAPI* exitCode)(HANDLE, DWORD*) = ::GetExitCodeThread) {
+bool EndsWell(const UniqueKernelHandle& handle,
+              BOOL(WINAPI* exitCode)(HANDLE, DWORD*) = ::GetExitCodeThread) {
   DWORD code = 99;
-  const bool well = handle != nullptr && ::WaitForSingleObject(handle, kBound) == WAIT_OBJECT_0 &&
-                    exitCode(handle, &code) && code == 0;
-  if (handle != nullptr)
-    ::CloseHandle(handle);
-  return well;
+  return handle && ::WaitForSingleObject(handle.Get(), kBound) == WAIT_OBJECT_0 &&
+         exitCode(handle.Get(), &code) && code == 0;
 }
 
-HANDLE Start(LPTHREAD_START_ROUTINE routine) {
-  return ::CreateThread(nullptr, 0, routine, nullptr, 0, nullptr);
+UniqueKernelHandle Start(LPTHREAD_START_ROUTINE routine) {
+  return UniqueKernelHandle(::CreateThread(nullptr, 0, routine, nullptr, 0, nullptr));
 }
 
 // A thread that creates, uses, releases and uninitialises ends, and leaves the loader free: twice
@@ -425,9 +422,9 @@ DWORD WINAPI HoldAnInstanceForEver(void*) {
 int EndWithALiveInstance() {
   if (FAILED(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)))
     return 2;
-  HANDLE other = Start(HoldAnInstanceForEver);
+  const bool started = static_cast<bool>(Start(HoldAnInstanceForEver));
   IDispatch* leaked = CreateMain2().Detach();
-  if (other == nullptr || !GivesADocument(leaked))
+  if (!started || !GivesADocument(leaked))
     return 3;
   ::Sleep(200);
   return 0;
@@ -442,8 +439,8 @@ TEST(HostLifeModule, AProcessWithALiveInstanceEnds) {
   PROCESS_INFORMATION process{};
   ASSERT_TRUE(::CreateProcessW(self, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr,
                                nullptr, &startup, &process));
-  ::CloseHandle(process.hThread);
-  EXPECT_TRUE(EndsWell(process.hProcess, ::GetExitCodeProcess));
+  const UniqueKernelHandle thread(process.hThread);
+  EXPECT_TRUE(EndsWell(UniqueKernelHandle(process.hProcess), ::GetExitCodeProcess));
 }
 
 // --- Late binding: the server's own Invoke beside the type library's ----------------------------
