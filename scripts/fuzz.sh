@@ -17,7 +17,7 @@ build=build/fuzz
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 failed=()
-for target in fuzz_callbacks fuzz_pictures fuzz_session fuzz_tabs fuzz_template; do
+for target in fuzz_callbacks fuzz_pictures fuzz_replay fuzz_session fuzz_tabs fuzz_template; do
   echo "== $target (${seconds}s)"
   corpus="$build/corpus/$target"
   findings="$build/findings/$target"
