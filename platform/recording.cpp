@@ -440,10 +440,26 @@ std::string CommandText(std::string_view member, std::span<const HostArgument> a
   return out;
 }
 
-// --- The objects and interfaces that write their calls
-// --------------------------------------------
+// --- The objects and interfaces that write their calls --------------------------------------
 
 namespace {
+
+// Makes `call` and writes it while recording: `text()` when it begins, and `answerText(answer)`
+// or the failure it threw when it ends.
+template <class Text, class Call, class AnswerText>
+auto Recorded(Recorder& recorder, Text&& text, Call&& call, AnswerText&& answerText) {
+  if (!recorder.On())
+    return call();
+  CallRecord record(recorder, text());
+  try {
+    auto answer = call();
+    record.Answer(answerText(answer));
+    return answer;
+  } catch (const Failure& failure) {
+    record.Answer(FailureText(failure.number, failure.description));
+    throw;
+  }
+}
 
 // An object from outside as the library sees it while recording. It is a ribbon as well when the
 // object it stands for is one.
@@ -459,67 +475,62 @@ class RecordedObject final : public RibbonUi {
   const std::string& name() const { return name_; }
 
   Variant Invoke(Utf16View member, CallKind kind, std::span<Variant> arguments) override {
-    if (!recorder_->On())
-      return inner_->Invoke(member, kind, arguments);
-    std::string text = name_ + "." + ToUtf8(member) + CallKindText(kind);
-    std::vector<std::string> before(arguments.size());
-    for (std::size_t i = 0; i < arguments.size(); ++i) {
-      before[i] = recorder_->Text(arguments[i]);
-      text += (i == 0 ? " " : ", ") + before[i];
-    }
-    CallRecord call(*recorder_, std::move(text));
-    try {
-      Variant answer = recorder_->WrapAnswer(inner_->Invoke(member, kind, arguments));
-      std::string out = recorder_->Text(answer);
-      // What the collaborator wrote into the library's variables, where it changed them.
-      for (std::size_t i = 0; i < arguments.size(); ++i) {
-        if (!arguments[i].IsByRef())
-          continue;
-        std::string after = recorder_->Text(arguments[i].Value());
-        if ("ref " + after != before[i])
-          out += "; " + std::to_string(i + 1) + " := " + after;
-      }
-      call.Answer(out);
-      return answer;
-    } catch (const Failure& failure) {
-      call.Answer(FailureText(failure.number, failure.description));
-      throw;
-    }
+    std::vector<std::string> before;
+    return Recorded(
+        *recorder_,
+        [&] {
+          std::string text = name_ + "." + ToUtf8(member) + CallKindText(kind);
+          for (const Variant& argument : arguments) {
+            before.push_back(recorder_->Text(argument));
+            text += (before.size() == 1 ? " " : ", ") + before.back();
+          }
+          return text;
+        },
+        [&] { return recorder_->WrapAnswer(inner_->Invoke(member, kind, arguments)); },
+        [&](const Variant& answer) {
+          std::string out = recorder_->Text(answer);
+          // What the collaborator wrote into the library's variables, where it changed them.
+          for (std::size_t i = 0; i < arguments.size(); ++i) {
+            if (!arguments[i].IsByRef())
+              continue;
+            std::string after = recorder_->Text(arguments[i].Value());
+            if ("ref " + after != before[i])
+              out += "; " + std::to_string(i + 1) + " := " + after;
+          }
+          return out;
+        });
   }
 
   Ref<RibbonUi> QueryRibbonUi() override {
     if (ribbon_)
       return Ref<RibbonUi>(this);
-    if (!recorder_->On())
-      return inner_->QueryRibbonUi();
-    CallRecord call(*recorder_, name_ + ".QueryRibbonUi");
-    Ref<RibbonUi> ribbon = inner_->QueryRibbonUi();
-    call.Answer(ribbon ? "yes" : "no");
+    Ref<RibbonUi> ribbon = Recorded(
+        *recorder_, [&] { return name_ + ".QueryRibbonUi"; },
+        [&] { return inner_->QueryRibbonUi(); },
+        [](const Ref<RibbonUi>& answer) { return std::string(answer ? "yes" : "no"); });
     if (!ribbon)
       return nullptr;
     return MakeRef<RecordedObject>(recorder_, inner_, std::move(ribbon), name_);
   }
 
   void Invalidate() override {
-    Ribbon("Invalidate", [&] { ribbon_->Invalidate(); });
+    Ribbon([&] { return name_ + ".Invalidate"; }, [&] { ribbon_->Invalidate(); });
   }
   void InvalidateControl(const Utf16String& controlId) override {
-    Ribbon("InvalidateControl " + Quote(controlId), [&] { ribbon_->InvalidateControl(controlId); });
+    Ribbon([&] { return name_ + ".InvalidateControl " + Quote(controlId); },
+           [&] { ribbon_->InvalidateControl(controlId); });
   }
 
  private:
-  template <class Call>
-  void Ribbon(const std::string& what, Call&& call) {
-    if (!recorder_->On())
-      return call();
-    CallRecord record(*recorder_, name_ + "." + what);
-    try {
-      call();
-      record.Answer("ok");
-    } catch (const Failure& failure) {
-      record.Answer(FailureText(failure.number, failure.description));
-      throw;
-    }
+  template <class Text, class Call>
+  void Ribbon(Text&& text, Call&& call) {
+    Recorded(
+        *recorder_, text,
+        [&] {
+          call();
+          return true;
+        },
+        [](bool) { return std::string("ok"); });
   }
 
   Ref<Recorder> recorder_;
@@ -528,29 +539,14 @@ class RecordedObject final : public RibbonUi {
   std::string name_;
 };
 
-template <class Call>
-auto Recorded(Recorder& recorder, std::string text, Call&& call,
-              const std::function<std::string(const decltype(call())&)>& answerText) {
-  if (!recorder.On())
-    return call();
-  CallRecord record(recorder, std::move(text));
-  try {
-    auto answer = call();
-    record.Answer(answerText(answer));
-    return answer;
-  } catch (const Failure& failure) {
-    record.Answer(FailureText(failure.number, failure.description));
-    throw;
-  }
-}
-
 class RecordedHost final : public HostEnvironment {
  public:
   RecordedHost(Recorder& recorder, HostEnvironment& inner) : recorder_(recorder), inner_(inner) {}
   // Only whether the command line asks for tracing is written: it may name a document.
   Utf16String CommandLine() const override {
     return Recorded(
-        recorder_, "host.CommandLine", [&] { return inner_.CommandLine(); },
+        recorder_, [] { return std::string("host.CommandLine"); },
+        [&] { return inner_.CommandLine(); },
         [](const Utf16String& line) {
           return Quote(line.find(u"/trace") != Utf16String::npos ? u"/trace" : u"");
         });
@@ -559,8 +555,10 @@ class RecordedHost final : public HostEnvironment {
                          Utf16View defaultValue) const override {
     return Recorded(
         recorder_,
-        "host.GetSetting " + Quote(appName) + ", " + Quote(section) + ", " + Quote(key) + ", " +
-            Quote(defaultValue),
+        [&] {
+          return "host.GetSetting " + Quote(appName) + ", " + Quote(section) + ", " + Quote(key) +
+                 ", " + Quote(defaultValue);
+        },
         [&] { return inner_.GetSetting(appName, section, key, defaultValue); },
         [](const Utf16String& value) { return Quote(value); });
   }
@@ -574,17 +572,10 @@ class RecordedObjects final : public ObjectFactory {
  public:
   RecordedObjects(Recorder& recorder, ObjectFactory& inner) : recorder_(recorder), inner_(inner) {}
   Ref<Object> CreateObject(Utf16View progId) override {
-    if (!recorder_.On())
-      return inner_.CreateObject(progId);
-    CallRecord record(recorder_, "objects.CreateObject " + Quote(progId));
-    try {
-      Ref<Object> created = recorder_.Wrap(inner_.CreateObject(progId), "error");
-      record.Answer(recorder_.Text(Variant(created)));
-      return created;
-    } catch (const Failure& failure) {
-      record.Answer(FailureText(failure.number, failure.description));
-      throw;
-    }
+    return Recorded(
+        recorder_, [&] { return "objects.CreateObject " + Quote(progId); },
+        [&] { return recorder_.Wrap(inner_.CreateObject(progId), "error"); },
+        [&](const Ref<Object>& created) { return recorder_.Text(Variant(created)); });
   }
 
  private:
@@ -597,14 +588,15 @@ class RecordedSystem final : public SystemFacts {
   RecordedSystem(Recorder& recorder, SystemFacts& inner) : recorder_(recorder), inner_(inner) {}
   ScreenSize Screen() const override {
     return Recorded(
-        recorder_, "system.Screen", [&] { return inner_.Screen(); },
+        recorder_, [] { return std::string("system.Screen"); }, [&] { return inner_.Screen(); },
         [](const ScreenSize& size) {
           return std::to_string(size.width) + "x" + std::to_string(size.height);
         });
   }
   std::optional<Utf16String> DefaultPrinter() const override {
     return Recorded(
-        recorder_, "system.DefaultPrinter", [&] { return inner_.DefaultPrinter(); },
+        recorder_, [] { return std::string("system.DefaultPrinter"); },
+        [&] { return inner_.DefaultPrinter(); },
         [](const std::optional<Utf16String>& name) {
           return name ? Quote(*name) : std::string("nothing");
         });
@@ -622,7 +614,8 @@ class RecordedMessages final : public MessageQueue {
   RecordedMessages(Recorder& recorder, MessageQueue& inner) : recorder_(recorder), inner_(inner) {}
   bool PumpOnce(std::chrono::steady_clock::time_point deadline) override {
     return Recorded(
-        recorder_, "messages.PumpOnce", [&] { return inner_.PumpOnce(deadline); },
+        recorder_, [] { return std::string("messages.PumpOnce"); },
+        [&] { return inner_.PumpOnce(deadline); },
         [](const bool& going) { return std::string(going ? "true" : "false"); });
   }
 
@@ -638,22 +631,25 @@ class RecordedAccessibility final : public AccessibilityApi {
   std::int32_t AccessibleChildren(const Ref<Object>& container, std::int32_t firstChild,
                                   std::int32_t count, Variant* children,
                                   std::int32_t* obtained) override {
-    const Ref<Object> real = Recorder::Unwrap(container);
-    if (!recorder_.On())
-      return inner_.AccessibleChildren(real, firstChild, count, children, obtained);
-    CallRecord record(recorder_, "accessibility.AccessibleChildren " +
-                                     recorder_.Text(Variant(container)) + ", i4 " +
-                                     std::to_string(firstChild) + ", i4 " + std::to_string(count));
-    const std::int32_t status =
-        inner_.AccessibleChildren(real, firstChild, count, children, obtained);
-    std::string answer = std::to_string(status) + " [";
-    const std::int32_t filled = obtained != nullptr ? *obtained : 0;
-    for (std::int32_t i = 0; i < filled && i < count; ++i) {
-      children[i] = recorder_.WrapAnswer(children[i]);
-      answer += (i == 0 ? "" : ", ") + recorder_.Text(children[i]);
-    }
-    record.Answer(answer + "]");
-    return status;
+    return Recorded(
+        recorder_,
+        [&] {
+          return "accessibility.AccessibleChildren " + recorder_.Text(Variant(container)) +
+                 ", i4 " + std::to_string(firstChild) + ", i4 " + std::to_string(count);
+        },
+        [&] {
+          return inner_.AccessibleChildren(Recorder::Unwrap(container), firstChild, count, children,
+                                           obtained);
+        },
+        [&](std::int32_t status) {
+          std::string answer = std::to_string(status) + " [";
+          const std::int32_t filled = obtained != nullptr ? std::min(*obtained, count) : 0;
+          for (std::int32_t i = 0; i < filled; ++i) {
+            children[i] = recorder_.WrapAnswer(children[i]);
+            answer += (i == 0 ? "" : ", ") + recorder_.Text(children[i]);
+          }
+          return answer + "]";
+        });
   }
 
  private:
