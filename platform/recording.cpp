@@ -493,7 +493,16 @@ class RecordedObject final : public RibbonUi {
           for (std::size_t i = 0; i < arguments.size(); ++i) {
             if (!arguments[i].IsByRef())
               continue;
-            std::string after = recorder_->Text(arguments[i].Value());
+            // An object written back is seen, like an answer's, only through the recording.
+            const Variant value = arguments[i].Value();
+            const Variant wrapped = recorder_->WrapAnswer(value);
+            if (!(wrapped == value)) {
+              try {
+                AssignThrough(arguments[i], wrapped);
+              } catch (const Failure&) {
+              }
+            }
+            std::string after = recorder_->Text(wrapped);
             if ("ref " + after != before[i])
               out += "; " + std::to_string(i + 1) + " := " + after;
           }

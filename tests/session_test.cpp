@@ -192,7 +192,7 @@ TEST(Recording, TheReplaySaysWhereItPartsFromTheRecording) {
       "#> ribbon.Invalidate => failure 5 \"refused\"\n"
       "#= ok\n"
       "LoadImage 5\n"
-      "#> signaller.getToolbarIconBits ref i2 303 => array byte none\n"
+      "#> signaller.getToolbarIconBits ref i2 303 => array byte none; 1 := i2 5\n"
       "#= nothing\n";
   EXPECT_EQ(Replayed(recording), Significant(recording));
 
