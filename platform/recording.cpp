@@ -758,7 +758,11 @@ void Recorder::EndCall(std::string_view answer) {
 std::string Recorder::NextName(std::string_view role) {
   // Every object of a role is named by it: the host hands over a new reference to its object with
   // every call, and which one it was tells a replay nothing.
-  return role.empty() ? "@" + std::to_string(nextNumber_++) : std::string(role);
+  if (!role.empty())
+    return std::string(role);
+  std::string name = std::to_string(nextNumber_++);
+  name.insert(name.begin(), '@');
+  return name;
 }
 
 Ref<Object> Recorder::Wrap(const Ref<Object>& object, std::string_view role) {
