@@ -90,6 +90,23 @@ void PrintLastFailures(const std::string& text) {
   }
 }
 
+std::uint64_t FileTimeNow() {
+  FILETIME now{};
+  ::GetSystemTimeAsFileTime(&now);
+  return (std::uint64_t{now.dwHighDateTime} << 32) | now.dwLowDateTime;
+}
+
+std::string TimeText(std::uint64_t fileTime) {
+  FILETIME time{static_cast<DWORD>(fileTime), static_cast<DWORD>(fileTime >> 32)};
+  SYSTEMTIME utc{};
+  if (!::FileTimeToSystemTime(&time, &utc))
+    return "?";
+  char text[40];
+  std::snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u:%02u UTC", utc.wYear, utc.wMonth,
+                utc.wDay, utc.wHour, utc.wMinute, utc.wSecond);
+  return text;
+}
+
 int Show(std::size_t lines) {
   const com::LogSwitch machine = com::ReadLogSwitch(HKEY_LOCAL_MACHINE, com::kLogPolicyKey);
   const com::LogSwitch user = com::ReadLogSwitch(HKEY_CURRENT_USER, com::kLogUserKey);
@@ -110,6 +127,10 @@ int Show(std::size_t lines) {
   }
   PrintLastStart(text);
   PrintLastFailures(text);
+  const auto until = com::RecordingRequestedUntil();
+  std::cout << "recording: "
+            << (until && *until > FileTimeNow() ? "on until " + TimeText(*until) : "off")
+            << " (tabforge record show lists the recordings)\n";
   std::vector<std::string_view> all;
   for (std::string_view rest = text; !rest.empty();) {
     const std::size_t end = rest.find('\n');
@@ -134,23 +155,6 @@ constexpr const char* kRecordUsage =
     "the error component's calls, nothing of the user's documents. Replay one on Linux with\n"
     "'tabforge session --replay FILE'. 'off' stops recording at the next start; 'show' says\n"
     "until when recordings are made and lists them.\n";
-
-std::uint64_t FileTimeNow() {
-  FILETIME now{};
-  ::GetSystemTimeAsFileTime(&now);
-  return (std::uint64_t{now.dwHighDateTime} << 32) | now.dwLowDateTime;
-}
-
-std::string TimeText(std::uint64_t fileTime) {
-  FILETIME time{static_cast<DWORD>(fileTime), static_cast<DWORD>(fileTime >> 32)};
-  SYSTEMTIME utc{};
-  if (!::FileTimeToSystemTime(&time, &utc))
-    return "?";
-  char text[40];
-  std::snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u:%02u UTC", utc.wYear, utc.wMonth,
-                utc.wDay, utc.wHour, utc.wMinute, utc.wSecond);
-  return text;
-}
 
 int ShowRecording() {
   const auto until = com::RecordingRequestedUntil();
