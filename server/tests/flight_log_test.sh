@@ -8,25 +8,13 @@
 set -euo pipefail
 bits=$1 work=$2 tool=$3 dll=$4
 here=$(cd "$(dirname "$0")" && pwd)
-run=("$here/../../scripts/run-under-wine.sh" --bits "$bits" "$work")
-prefix=$work/wineprefix
-
-"${run[@]}" reg query 'HKLM\Software' >/dev/null  # boots the prefix on first use
-rm -rf "$prefix/drive_c/tabforge" && mkdir -p "$prefix/drive_c/tabforge"
-cp "$dll" "$prefix/drive_c/tabforge/Tabforge.dll"
-"${run[@]}" regsvr32 /s 'C:\tabforge\Tabforge.dll'
-
-failed=0
-fail() { echo "FAIL $name: $*"; failed=$((failed + 1)); }
-ok() { echo "ok $name"; }
+. "$here/registered_prefix.sh" "$bits" "$work" "$dll"
 
 start=$work/start.session
 printf 'Initialize Morvelin\nGetRibbonXML\nribbon\nGetEnabled MVN16\nLoadImage 5\n' > "$start"
 bad=$work/bad.session
 printf 'Initialize Morvelin\nGetLabel MVN9x\n' > "$bad"
 
-# Wine gives each user a local application data folder; the log lives below it.
-logs=$(find "$prefix/drive_c/users" -maxdepth 3 -type d -path '*/AppData/Local' | head -1)/Tabforge/Logs
 log=$logs/tabforge.log
 session() { "${run[@]}" "$tool" session "$@" 2>&1 | tr -d '\r'; }
 events() { tr -d '\r' < "$log" | cut -d' ' -f4 | xargs; }

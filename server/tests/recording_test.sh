@@ -9,19 +9,8 @@ set -euo pipefail
 bits=$1 work=$2 tool=$3 dll=$4 host_tool=$5
 here=$(cd "$(dirname "$0")" && pwd)
 repo=$(cd "$here/../.." && pwd)
-run=("$repo/scripts/run-under-wine.sh" --bits "$bits" "$work")
-prefix=$work/wineprefix
+. "$here/registered_prefix.sh" "$bits" "$work" "$dll"
 
-"${run[@]}" reg query 'HKLM\Software' >/dev/null  # boots the prefix on first use
-rm -rf "$prefix/drive_c/tabforge" && mkdir -p "$prefix/drive_c/tabforge"
-cp "$dll" "$prefix/drive_c/tabforge/Tabforge.dll"
-"${run[@]}" regsvr32 /s 'C:\tabforge\Tabforge.dll'
-
-failed=0
-fail() { echo "FAIL $name: $*"; failed=$((failed + 1)); }
-ok() { echo "ok $name"; }
-
-logs=$(find "$prefix/drive_c/users" -maxdepth 3 -type d -path '*/AppData/Local' | head -1)/Tabforge/Logs
 recordings() { find "$logs" -maxdepth 1 -name 'recording-*.session' 2>/dev/null | sort; }
 wine_path() { printf 'Z:%s' "${1//\//\\}"; }
 session() { "${run[@]}" "$tool" session "$@" 2>&1 | tr -d '\r'; }
