@@ -3,9 +3,9 @@
 #include <limits>
 #include <unordered_map>
 
-#include "platform/call_by_name.h"
 #include "platform/checked_access.h"
 #include "platform/failure.h"
+#include "tracing/call_by_name.h"
 #include "tracing/run.h"
 
 namespace tabforge {

@@ -1,12 +1,12 @@
 // The ribbon's questions and the template's reports of change: labels, screentips, enabled and
 // pressed states, invalidation, and the press of a control.
-#include "platform/call_by_name.h"
 #include "platform/checked_access.h"
 #include "platform/failure.h"
 #include "platform/flight_events.h"
 #include "ribbon/main2.h"
 #include "ribbon/procedure_names.h"
 #include "ribbon/string_extensions.h"
+#include "tracing/call_by_name.h"
 #include "tracing/run.h"
 
 namespace tabforge {

@@ -4,11 +4,11 @@
 #include <optional>
 
 #include "accessibility/roles.h"
-#include "platform/call_by_name.h"
 #include "platform/checked_access.h"
 #include "platform/failure.h"
 #include "ribbon/main2.h"
 #include "ribbon/procedure_names.h"
+#include "tracing/call_by_name.h"
 #include "tracing/run.h"
 
 namespace tabforge {

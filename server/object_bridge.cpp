@@ -16,13 +16,13 @@
 #include <variant>
 #include <vector>
 
-#include "platform/call_budget.h"
 #include "platform/failure.h"
 #include "server/barrier.h"
 #include "server/conversions.h"
 #include "server/dispatch_parameters.h"
 #include "server/status.h"
 #include "server/windows_text.h"
+#include "tracing/call_budget.h"
 
 namespace tabforge::com {
 

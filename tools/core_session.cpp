@@ -1,12 +1,12 @@
 // The session's target on systems without COM: the core Main2 itself, with the session's objects
 // as core objects.
 #include "accessibility/accessible_tree.h"
-#include "platform/call_by_name.h"
 #include "platform/failure.h"
 #include "platform/portable/portable_platform.h"
 #include "ribbon/main2.h"
 #include "tools/session.h"
 #include "tools/session_objects.h"
+#include "tracing/call_by_name.h"
 
 namespace tabforge::cli {
 namespace {

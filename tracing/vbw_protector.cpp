@@ -3,7 +3,7 @@
 #include <limits>
 #include <vector>
 
-#include "platform/call_by_name.h"
+#include "tracing/call_by_name.h"
 #include "tracing/run.h"
 #include "tracing/runtime_objects.h"
 

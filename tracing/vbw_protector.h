@@ -7,13 +7,13 @@
 #include <cstdint>
 #include <vector>
 
-#include "platform/call_budget.h"
 #include "platform/flight_events.h"
 #include "platform/object.h"
 #include "platform/platform.h"
 #include "platform/utf16.h"
 #include "platform/variant.h"
 #include "platform/variant_bool.h"
+#include "tracing/call_budget.h"
 #include "tracing/procedure.h"
 
 namespace tabforge {
@@ -52,7 +52,7 @@ enum HandlerResult : std::int32_t {
 
 // Bounds that keep a misbehaving error component or host from hanging or overflowing the host.
 // Whatever the failure path does is bounded by the budget of the outside call
-// (platform/call_budget.h); this is the one bound of its own that tracking keeps.
+// (tracing/call_budget.h); this is the one bound of its own that tracking keeps.
 struct ProtectorLimits {
   // Tracked procedures active at once. A call back into the library that never stops (a macro
   // that presses its own button) would otherwise end in a stack overflow; a procedure entered
