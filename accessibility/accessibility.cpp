@@ -138,8 +138,6 @@ std::vector<Variant> Accessibility::GetChildren(const Ref<Object>& Element) {
           TF_STEP(4) if (ChildrenArray.size() < static_cast<std::size_t>(NumChildren)) {
             Raise(RunTimeError::kSubscriptOutOfRange);
           }
-          const TreeCall onTree;
-          CollaboratorCall counted;
           protector_.platform().accessibility->AccessibleChildren(
               Element, 0, NumChildren, ChildrenArray.data(), &NumReturned);
         }

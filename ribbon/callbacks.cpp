@@ -166,10 +166,7 @@ void Main2::EnableToolbar(VariantBool value) {
         // it when it next asks.
         TF_PASS_OVER(6)
         // Held for the call: the ribbon may set a new ribbon object while it invalidates.
-        TF_STEP(7) {
-          CollaboratorCall counted;
-          Required(Ref<RibbonUi>(mRibbon)).Invalidate();
-        }
+        TF_STEP(7) Required(Ref<RibbonUi>(mRibbon)).Invalidate();
         TF_END
       });
 }
@@ -213,10 +210,7 @@ void Main2::InvalidateRibbonControl(std::int32_t id) {
         }
         TF_PASS_OVER(3)
         TF_STEP(4) idText = IdText(id);
-        TF_STEP(5) {
-          CollaboratorCall counted;
-          Required(Ref<RibbonUi>(mRibbon)).InvalidateControl(idText);
-        }
+        TF_STEP(5) Required(Ref<RibbonUi>(mRibbon)).InvalidateControl(idText);
         TF_END
       });
 }

@@ -14,6 +14,7 @@
 #include "platform/variant.h"
 #include "platform/variant_bool.h"
 #include "tracing/call_budget.h"
+#include "tracing/counted_platform.h"
 #include "tracing/procedure.h"
 
 namespace tabforge {
@@ -70,7 +71,9 @@ class VbwProtector {
   VbwProtector(const VbwProtector&) = delete;
   VbwProtector& operator=(const VbwProtector&) = delete;
 
-  const Platform& platform() const noexcept { return platform_; }
+  // The apartment's platform as the core is to call it: every call on a collaborator through it
+  // is charged to the running outside call's budget (tracing/counted_platform.h).
+  const Platform& platform() const noexcept { return platform_.View(); }
 
   // --- Start-up and switches -------------------------------------------------------------------
 
@@ -195,7 +198,7 @@ class VbwProtector {
   void InstrumentedProcIn(Utf16View lProc, Utf16View lParameters);
   Ref<Object> RuntimeObject(Utf16View name);
 
-  const Platform platform_;
+  const CountedPlatform platform_;
   std::int16_t mStackCalls = 0;
   std::array<Utf16View, kStackSlots> mStack{};
   bool mStackAllocated = false;
