@@ -162,7 +162,8 @@ class VbwProtector {
   void SetFaultInjector(tracing::FaultInjector* injector) noexcept { injector_ = injector; }
   tracing::FaultInjector* faultInjector() const noexcept { return injector_; }
   ProtectorLimits limits;
-  // What one outside call may spend; its outermost procedure opens it.
+  // What one outside call may spend; its outermost procedure opens it, and from then on it is the
+  // thread's running budget, which is how the rest of the library reaches it (CallBudget::Active).
   CallBudget budget;
 
   // The failure that the innermost active tail handles; the dump's "Err" object describes it.
