@@ -3,9 +3,9 @@
 #include <limits>
 #include <unordered_map>
 
-#include "platform/call_by_name.h"
 #include "platform/checked_access.h"
 #include "platform/failure.h"
+#include "tracing/call_by_name.h"
 #include "tracing/run.h"
 
 namespace tabforge {
@@ -128,7 +128,9 @@ std::vector<Variant> Accessibility::GetChildren(const Ref<Object>& Element) {
         TF_STEP(2) if (NumChildren > 0) {
           // The count is the element's word: more children than the outside call may still visit
           // are out of memory before anything is made for them.
-          TF_STEP(3) if (NumChildren > protector_.budget.TreeCallsLeft()) {
+          TF_STEP(3)
+          if (const CallBudget* running = CallBudget::Active();
+              running != nullptr && NumChildren > running->TreeCallsLeft()) {
             Raise(RunTimeError::kOutOfMemory);
           }
           ChildrenArray.assign(static_cast<std::size_t>(NumChildren), Variant());
@@ -138,8 +140,6 @@ std::vector<Variant> Accessibility::GetChildren(const Ref<Object>& Element) {
           TF_STEP(4) if (ChildrenArray.size() < static_cast<std::size_t>(NumChildren)) {
             Raise(RunTimeError::kSubscriptOutOfRange);
           }
-          const TreeCall onTree;
-          CollaboratorCall counted;
           protector_.platform().accessibility->AccessibleChildren(
               Element, 0, NumChildren, ChildrenArray.data(), &NumReturned);
         }

@@ -3,9 +3,9 @@
 #include <benchmark/benchmark.h>
 
 #include "accessibility/accessible_tree.h"
-#include "platform/call_by_name.h"
 #include "platform/portable/portable_platform.h"
 #include "ribbon/main2.h"
+#include "tracing/call_by_name.h"
 #include "tracing/vbw_protector.h"
 
 namespace tabforge {

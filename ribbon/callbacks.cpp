@@ -1,12 +1,12 @@
 // The ribbon's questions and the template's reports of change: labels, screentips, enabled and
 // pressed states, invalidation, and the press of a control.
-#include "platform/call_by_name.h"
 #include "platform/checked_access.h"
 #include "platform/failure.h"
 #include "platform/flight_events.h"
 #include "ribbon/main2.h"
 #include "ribbon/procedure_names.h"
 #include "ribbon/string_extensions.h"
+#include "tracing/call_by_name.h"
 #include "tracing/run.h"
 
 namespace tabforge {
@@ -166,10 +166,7 @@ void Main2::EnableToolbar(VariantBool value) {
         // it when it next asks.
         TF_PASS_OVER(6)
         // Held for the call: the ribbon may set a new ribbon object while it invalidates.
-        TF_STEP(7) {
-          CollaboratorCall counted;
-          Required(Ref<RibbonUi>(mRibbon)).Invalidate();
-        }
+        TF_STEP(7) Required(Ref<RibbonUi>(mRibbon)).Invalidate();
         TF_END
       });
 }
@@ -213,10 +210,7 @@ void Main2::InvalidateRibbonControl(std::int32_t id) {
         }
         TF_PASS_OVER(3)
         TF_STEP(4) idText = IdText(id);
-        TF_STEP(5) {
-          CollaboratorCall counted;
-          Required(Ref<RibbonUi>(mRibbon)).InvalidateControl(idText);
-        }
+        TF_STEP(5) Required(Ref<RibbonUi>(mRibbon)).InvalidateControl(idText);
         TF_END
       });
 }

@@ -3,12 +3,12 @@
 #include <array>
 #include <utility>
 
-#include "platform/call_by_name.h"
 #include "platform/failure.h"
 #include "platform/flight_events.h"
 #include "platform/variant.h"
 #include "ribbon/main2.h"
 #include "ribbon/procedure_names.h"
+#include "tracing/call_by_name.h"
 #include "tracing/run.h"
 
 namespace tabforge {

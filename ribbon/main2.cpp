@@ -27,7 +27,7 @@ void Main2::vbwReportModuleVariables() const {
   protector_.vbwReportVariable(u"mQuickBookmarkEnabled", mQuickBookmarkEnabled, 0);
   protector_.vbwReportVariable(u"mProductName", mProductName, 0);
   protector_.vbwReportVariable(u"mLexoscopeOn", mLexoscopeOn, 0);
-  protector_.vbwReportVariable(u"mRibbon", Variant(Ref<Object>(mRibbon)), 0);
+  protector_.vbwReportVariable(u"mRibbon", Variant(Ref<Object>(ribbonUi())), 0);
   protector_.vbwReportVariable(u"mTransparentGifLoader", Variant(mTransparentGifLoader), 0);
   protector_.vbwReportVariable(u"mEventSignaller", Variant(mEventSignaller), 0);
   protector_.vbwReportVariable(u"mProductNameSensitiveControls",
@@ -85,7 +85,7 @@ void Main2::ribbon(const Ref<Object>& ribbon) {
           Ref<RibbonUi> ribbonUi = ribbon ? ribbon->QueryRibbonUi() : nullptr;
           if (ribbon && !ribbonUi)
             Raise(RunTimeError::kTypeMismatch);
-          mRibbon = std::move(ribbonUi);
+          mRibbon = ribbonUi ? MakeRef<CountedRibbonUi>(std::move(ribbonUi)) : nullptr;
         }
         TF_END
       });

@@ -13,6 +13,7 @@
 #include "platform/variant_bool.h"
 #include "ribbon/controls.h"
 #include "ribbon/dictionary.h"
+#include "tracing/counted_platform.h"
 #include "tracing/vbw_protector.h"
 
 namespace tabforge {
@@ -64,7 +65,8 @@ class Main2 {
   VariantBool quickBookmarkEnabled() const { return mQuickBookmarkEnabled; }
   const Utf16String& productName() const { return mProductName; }
   VariantBool lexoscopeOn() const { return mLexoscopeOn; }
-  const Ref<RibbonUi>& ribbonUi() const { return mRibbon; }
+  // The ribbon object that the host handed over.
+  Ref<RibbonUi> ribbonUi() const { return mRibbon ? mRibbon->real() : nullptr; }
   const Ref<Object>& eventSignaller() const { return mEventSignaller; }
   const Ref<Dictionary>& productNameSensitiveControls() const {
     return mProductNameSensitiveControls;
@@ -97,7 +99,8 @@ class Main2 {
   VariantBool mQuickBookmarkEnabled = kFalse;
   Utf16String mProductName;
   VariantBool mLexoscopeOn = kFalse;
-  Ref<RibbonUi> mRibbon;
+  // Kept behind the counting ribbon, so that every invalidation is charged to the budget.
+  Ref<CountedRibbonUi> mRibbon;
   Ref<Object> mTransparentGifLoader;
   Ref<Object> mEventSignaller;
   Ref<Dictionary> mProductNameSensitiveControls;

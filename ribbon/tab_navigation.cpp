@@ -4,11 +4,11 @@
 #include <optional>
 
 #include "accessibility/roles.h"
-#include "platform/call_by_name.h"
 #include "platform/checked_access.h"
 #include "platform/failure.h"
 #include "ribbon/main2.h"
 #include "ribbon/procedure_names.h"
+#include "tracing/call_by_name.h"
 #include "tracing/run.h"
 
 namespace tabforge {
@@ -143,7 +143,6 @@ Ref<Object> Main2::getMorvelinTab(const Ref<Object>& RibbonCommandBar) {
   // A pass that finds the host's thread asked to quit leaves the request where it was and ends the
   // search at the stage's next look at its bounds.
   auto pass = [this, &bounds] {
-    CollaboratorCall counted;
     if (!protector_.platform().messages->PumpOnce(bounds.Deadline()))
       bounds.Quit();
   };

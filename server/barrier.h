@@ -9,10 +9,10 @@
 #include <new>
 #include <type_traits>
 
-#include "platform/call_budget.h"
 #include "platform/failure.h"
 #include "server/conversions.h"
 #include "server/status.h"
+#include "tracing/call_budget.h"
 #include "tracing/vbw_protector.h"
 
 namespace tabforge::com {

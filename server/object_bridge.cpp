@@ -16,7 +16,6 @@
 #include <variant>
 #include <vector>
 
-#include "platform/call_budget.h"
 #include "platform/failure.h"
 #include "platform/recording.h"
 #include "server/barrier.h"
@@ -24,6 +23,7 @@
 #include "server/dispatch_parameters.h"
 #include "server/status.h"
 #include "server/windows_text.h"
+#include "tracing/call_budget.h"
 
 namespace tabforge::com {
 

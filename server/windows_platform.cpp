@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "platform/call_budget.h"
 #include "platform/failure.h"
 #include "server/barrier.h"
 #include "server/conversions.h"
@@ -18,6 +17,7 @@
 #include "server/status.h"
 #include "server/system_library.h"
 #include "server/windows_text.h"
+#include "tracing/call_budget.h"
 
 namespace tabforge::com {
 

@@ -10,7 +10,7 @@
 #include "accessibility/accessible_tree.h"
 #include "apartment.h"
 #include "golden.h"
-#include "platform/call_by_name.h"
+#include "tracing/call_by_name.h"
 
 namespace tabforge::testing {
 namespace {

@@ -20,8 +20,8 @@
 #include "doubles/recording_ribbon.h"
 #include "doubles/recording_signaller.h"
 #include "golden.h"
-#include "platform/call_by_name.h"
 #include "ribbon/main2.h"
+#include "tracing/call_by_name.h"
 
 namespace tabforge::testing {
 namespace {

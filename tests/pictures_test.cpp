@@ -12,8 +12,8 @@
 #include "golden.h"
 #include "pictures/transparent_gif_loader.h"
 #include "pictures/vb_language_extensions.h"
-#include "platform/call_by_name.h"
 #include "platform/portable/stb_allocation.h"
+#include "tracing/call_by_name.h"
 
 namespace tabforge::testing {
 namespace {

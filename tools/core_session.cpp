@@ -5,13 +5,13 @@
 #include <stdexcept>
 
 #include "accessibility/accessible_tree.h"
-#include "platform/call_by_name.h"
 #include "platform/failure.h"
 #include "platform/portable/portable_platform.h"
 #include "platform/recording.h"
 #include "ribbon/main2.h"
 #include "tools/session.h"
 #include "tools/session_objects.h"
+#include "tracing/call_by_name.h"
 
 namespace tabforge::cli {
 namespace {

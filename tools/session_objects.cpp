@@ -9,8 +9,8 @@
 #include <iterator>
 #include <system_error>
 
-#include "platform/call_by_name.h"
 #include "platform/failure.h"
+#include "tracing/call_by_name.h"
 
 namespace tabforge::cli {
 namespace {

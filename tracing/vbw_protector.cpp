@@ -3,7 +3,7 @@
 #include <limits>
 #include <vector>
 
-#include "platform/call_by_name.h"
+#include "tracing/call_by_name.h"
 #include "tracing/run.h"
 #include "tracing/runtime_objects.h"
 
@@ -86,9 +86,9 @@ Utf16View VbwProtector::StackSlot(int k) const noexcept {
 // --- Start-up and switches ----------------------------------------------------------------------
 
 bool VbwProtector::TracingRequested() {
-  if (platform_.host->CommandLine().find(kTraceSwitch) != Utf16String::npos)
+  if (platform().host->CommandLine().find(kTraceSwitch) != Utf16String::npos)
     return true;
-  return platform_.host->GetSetting(kProjectName, kTraceSection, kTraceKey, u"") == kTraceOn;
+  return platform().host->GetSetting(kProjectName, kTraceSection, kTraceKey, u"") == kTraceOn;
 }
 
 void VbwProtector::vbwInitializeProtector() {
@@ -213,8 +213,7 @@ std::int32_t VbwProtector::vbwErrorHandler(std::int32_t errNumber, Utf16String E
         TF_STEP(8) if (!mErrorParams) {
           TF_STEP(9) {
             const ComponentCall onComponent;
-            CollaboratorCall counted;
-            mErrorParams = platform_.objects->CreateObject(kErrorComponentProgId);
+            mErrorParams = platform().objects->CreateObject(kErrorComponentProgId);
             handlerOutcome = flight::Answer::kNoAnswer;
           }
           TF_STEP(10)
@@ -402,8 +401,8 @@ Ref<Object> VbwProtector::RuntimeObject(Utf16View name) {
                                currentFailure_->line);
   }
   if (name == u"Screen")
-    return MakeScreenObject(*platform_.system);
-  return MakePrinterObject(*platform_.system);
+    return MakeScreenObject(*platform().system);
+  return MakePrinterObject(*platform().system);
 }
 
 // --- Tail bookkeeping ---------------------------------------------------------------------------

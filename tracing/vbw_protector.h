@@ -7,13 +7,14 @@
 #include <cstdint>
 #include <vector>
 
-#include "platform/call_budget.h"
 #include "platform/flight_events.h"
 #include "platform/object.h"
 #include "platform/platform.h"
 #include "platform/utf16.h"
 #include "platform/variant.h"
 #include "platform/variant_bool.h"
+#include "tracing/call_budget.h"
+#include "tracing/counted_platform.h"
 #include "tracing/procedure.h"
 
 namespace tabforge {
@@ -52,7 +53,7 @@ enum HandlerResult : std::int32_t {
 
 // Bounds that keep a misbehaving error component or host from hanging or overflowing the host.
 // Whatever the failure path does is bounded by the budget of the outside call
-// (platform/call_budget.h); this is the one bound of its own that tracking keeps.
+// (tracing/call_budget.h); this is the one bound of its own that tracking keeps.
 struct ProtectorLimits {
   // Tracked procedures active at once. A call back into the library that never stops (a macro
   // that presses its own button) would otherwise end in a stack overflow; a procedure entered
@@ -70,7 +71,9 @@ class VbwProtector {
   VbwProtector(const VbwProtector&) = delete;
   VbwProtector& operator=(const VbwProtector&) = delete;
 
-  const Platform& platform() const noexcept { return platform_; }
+  // The apartment's platform as the core is to call it: every call on a collaborator through it
+  // is charged to the running outside call's budget (tracing/counted_platform.h).
+  const Platform& platform() const noexcept { return platform_.View(); }
 
   // --- Start-up and switches -------------------------------------------------------------------
 
@@ -159,7 +162,8 @@ class VbwProtector {
   void SetFaultInjector(tracing::FaultInjector* injector) noexcept { injector_ = injector; }
   tracing::FaultInjector* faultInjector() const noexcept { return injector_; }
   ProtectorLimits limits;
-  // What one outside call may spend; its outermost procedure opens it.
+  // What one outside call may spend; its outermost procedure opens it, and from then on it is the
+  // thread's running budget, which is how the rest of the library reaches it (CallBudget::Active).
   CallBudget budget;
 
   // The failure that the innermost active tail handles; the dump's "Err" object describes it.
@@ -195,7 +199,7 @@ class VbwProtector {
   void InstrumentedProcIn(Utf16View lProc, Utf16View lParameters);
   Ref<Object> RuntimeObject(Utf16View name);
 
-  const Platform platform_;
+  const CountedPlatform platform_;
   std::int16_t mStackCalls = 0;
   std::array<Utf16View, kStackSlots> mStack{};
   bool mStackAllocated = false;

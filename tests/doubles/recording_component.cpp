@@ -2,8 +2,8 @@
 
 #include <map>
 
-#include "platform/call_by_name.h"
 #include "platform/failure.h"
+#include "tracing/call_by_name.h"
 #include "tracing/vbw_protector.h"
 
 namespace tabforge::testing {

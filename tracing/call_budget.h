@@ -9,8 +9,12 @@
 // tail leaves its procedure as with no answer, so the outside call returns success with whatever
 // it had assigned.
 //
-// The budget belongs to an apartment (one thread); the outermost procedure of an outside call opens
-// it and a call back into the library from a collaborator shares it.
+// The budget belongs to an apartment (one thread) and lives in its tracing module, which sets its
+// limits. Only the module and those that open it name it: the runner of each procedure and each
+// entry of the server, from the tracing module they hold (`Scope`). The outermost of them makes it
+// the thread's running budget, and everything else reaches it that way alone (`Active()`): the
+// counted seams, the calls by name and the object bridge, which charge it, and whatever asks what
+// is left. A call back into the library from a collaborator opens it again and shares it.
 #pragma once
 
 #include <chrono>

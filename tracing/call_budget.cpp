@@ -1,4 +1,4 @@
-#include "platform/call_budget.h"
+#include "tracing/call_budget.h"
 
 #include <algorithm>
 #include <utility>

@@ -4,10 +4,10 @@
 #include <array>
 #include <utility>
 
-#include "platform/call_budget.h"
 #include "platform/failure.h"
 #include "platform/object.h"
 #include "platform/variant.h"
+#include "tracing/call_budget.h"
 
 namespace tabforge {
 
