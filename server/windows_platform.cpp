@@ -17,7 +17,6 @@
 #include "server/status.h"
 #include "server/system_library.h"
 #include "server/windows_text.h"
-#include "tracing/call_budget.h"
 
 namespace tabforge::com {
 
