@@ -1,8 +1,8 @@
 #include "tools/replay.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
-#include <cstdlib>
 #include <istream>
 #include <list>
 #include <ostream>
@@ -32,6 +32,13 @@ struct Item {
   int line = 0;
   std::list<Item> nested;
 };
+
+// A recorded whole number; 0 for a text that is none or does not fit.
+std::int32_t WholeNumber(std::string_view text) {
+  std::int32_t value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  return error == std::errc() && end == text.data() + text.size() ? value : 0;
+}
 
 // Where " => " stands outside the quotes of a line.
 std::size_t FindArrow(std::string_view line) {
@@ -189,7 +196,7 @@ class Replay final : public HostEnvironment,
       answer.remove_prefix(8);
       const std::size_t blank = answer.find(' ');
       Failure failure;
-      failure.number = std::atoi(std::string(answer.substr(0, blank)).c_str());
+      failure.number = WholeNumber(answer.substr(0, blank));
       if (blank != std::string_view::npos)
         failure.description = Unquote(answer.substr(blank + 1)).value_or(Utf16String());
       throw failure;
@@ -243,7 +250,7 @@ class Replay final : public HostEnvironment,
       return -1;
     }
     const std::size_t open = answer.find(" [");
-    const std::int32_t status = std::atoi(std::string(answer.substr(0, open)).c_str());
+    const std::int32_t status = WholeNumber(answer.substr(0, open));
     if (open == std::string_view::npos)
       return status;
     answer.remove_prefix(open + 2);
@@ -305,7 +312,7 @@ Variant ReplayObject::Invoke(Utf16View, CallKind, std::span<Variant> arguments) 
     answer.remove_prefix(2);
     const std::size_t assign = answer.find(" := ");
     const std::size_t index =
-        static_cast<std::size_t>(std::atoi(std::string(answer.substr(0, assign)).c_str()));
+        static_cast<std::size_t>(std::max(0, WholeNumber(answer.substr(0, assign))));
     if (assign == std::string_view::npos || index < 1 || index > arguments.size())
       Raise(RunTimeError::kCannotPerformOperation);
     answer.remove_prefix(assign + 4);
