@@ -81,20 +81,22 @@ name=bounds
 before=$failed
 rm -rf "$logs"
 "${run[@]}" "$tool" record on > /dev/null
+small=$work/small.session
+printf 'Initialize Morvelin\nGetLabel MVN0\n' > "$small"
 big=$work/big.session
-{ printf 'Initialize Morvelin\n'; for _ in $(seq 400); do printf 'GetRibbonXML\n'; done; } > "$big"
-for _ in 1 2 3 4 5 6; do
-    session "$big" > /dev/null
+{ printf 'Initialize Morvelin\n'; for _ in $(seq 300); do printf 'GetRibbonXML\n'; done; } > "$big"
+for next in "$small" "$small" "$small" "$small" "$small" "$big"; do
     sleep 1  # the names hold the start's second
+    session "$next" > /dev/null
 done
 mapfile -t made < <(recordings)
 [ "${#made[@]}" = 5 ] || fail "${#made[@]} recordings kept, expected 5"
-for file in "${made[@]}"; do
-    size=$(stat -c %s "$file")
-    [ "$size" -le 1048576 ] || fail "$(basename "$file") holds $size bytes"
-    tail -1 "$file" | tr -d '\r' | grep -q '^# recording ends: it reached 1048576 bytes$' ||
-        fail "$(basename "$file") ends with: $(tail -1 "$file")"
-done
+grep -q '^GetLabel MVN0' "${made[0]}" || fail "the oldest kept is not the second small one"
+newest=${made[${#made[@]}-1]}
+size=$(stat -c %s "$newest")
+[ "$size" -le 1048576 ] || fail "$(basename "$newest") holds $size bytes"
+tail -1 "$newest" | tr -d '\r' | grep -q '^# recording ends: it reached 1048576 bytes$' ||
+    fail "$(basename "$newest") ends with: $(tail -1 "$newest")"
 "${run[@]}" "$tool" record off > /dev/null
 [ "$failed" = "$before" ] && ok
 
