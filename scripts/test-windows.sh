@@ -5,10 +5,10 @@
 # (every binding form, and a host's life: failing calls, apartments on threads, unload and reload, a
 # process that ends with a live instance); the VBScript suite; tabforge.exe's transcripts beside
 # the Linux tool's; unregistration, checked gone; the late-binding benchmark, which writes
-# build/win32/bench-wine.txt and build/win64/bench-wine.txt; and the cold-start benchmark, which
-# writes cold-start-wine.txt beside them. Wine runs in a private prefix under
-# each build folder with its heap checks on, every program under `timeout`, and the prefix's
-# wineserver is stopped on exit (scripts/run-under-wine.sh).
+# build/win32/bench-wine.txt and build/win64/bench-wine.txt; the cold-start benchmark, which
+# writes cold-start-wine.txt beside them; and the failure-path benchmark (failure-path-wine.txt).
+# Wine runs in a private prefix under each build folder with its heap checks on, every program
+# under `timeout`, and the prefix's wineserver is stopped on exit (scripts/run-under-wine.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-windows-deps.sh
@@ -34,8 +34,8 @@ for preset in win32 win64; do
     echo "== late-binding benchmark under Wine ($preset)"
     bits=${preset#win}
     if [ "$bits" = 32 ] && ! /usr/lib/wine/wine --version >/dev/null 2>&1; then
-        echo "SKIPPED: this machine's kernel cannot run 32-bit programs (late-binding and"
-        echo "cold-start benchmarks, 32-bit)"
+        echo "SKIPPED: this machine's kernel cannot run 32-bit programs (late-binding,"
+        echo "cold-start and failure-path benchmarks, 32-bit)"
         continue
     fi
     run_wine=(scripts/run-under-wine.sh --bits "$bits" "build/$preset")
@@ -52,6 +52,15 @@ for preset in win32 win64; do
     set +e
     "${run_wine[@]}" "$PWD/build/$preset/server/cold_start_bench.exe" "$PWD/icons" 15 \
         | tr -d '\r' | tee "build/$preset/cold-start-wine.txt"
+    status=${PIPESTATUS[0]}
+    set -e
+    [ "$status" -eq 0 ] || bench_status=$status
+    # The failing call's time with the error components that keep the failure path busiest; a
+    # call past the budget's calls on the component, or a dump left open, fails the run.
+    echo "== failure-path benchmark under Wine ($preset)"
+    set +e
+    "${run_wine[@]}" "$PWD/build/$preset/server/failure_path_bench.exe" | tr -d '\r' \
+        | tee "build/$preset/failure-path-wine.txt"
     status=${PIPESTATUS[0]}
     set -e
     [ "$status" -eq 0 ] || bench_status=$status

@@ -64,6 +64,17 @@ SystemFacts::ScreenSize WindowsSystemFacts::Screen() const {
 }
 
 std::optional<Utf16String> WindowsSystemFacts::DefaultPrinter() const {
+  // Every dump asks, and a failure deep in nested dumps writes many in one call: the spooler's
+  // answer is kept for a second.
+  const ULONGLONG now = ::GetTickCount64();
+  if (printerAsked_ != 0 && now - printerAsked_ < kPrinterKeptMs)
+    return printer_;
+  printer_ = AskDefaultPrinter();
+  printerAsked_ = now;
+  return printer_;
+}
+
+std::optional<Utf16String> WindowsSystemFacts::AskDefaultPrinter() {
   // Only a failure report asks, so the spooler's DLL loads then and not with ours.
   static const auto getDefaultPrinter =
       SystemFunction<decltype(&::GetDefaultPrinterW)>(L"winspool.drv", "GetDefaultPrinterW");

@@ -45,9 +45,15 @@ class WindowsSystemFacts final : public SystemFacts {
   std::uintptr_t StackFloor() const override;
 
  private:
+  static std::optional<Utf16String> AskDefaultPrinter();
+
   // The last thread asked about and its floor: a call from the host asks once.
   mutable DWORD cachedThread_ = 0;
   mutable std::uintptr_t cachedFloor_ = 0;
+  // The spooler's last answer, and when it was given (GetTickCount64; 0 before the first).
+  static constexpr ULONGLONG kPrinterKeptMs = 1000;
+  mutable std::optional<Utf16String> printer_;
+  mutable ULONGLONG printerAsked_ = 0;
 };
 
 class WindowsMessageQueue final : public MessageQueue {

@@ -31,6 +31,7 @@ void CallBudget::Open(std::uintptr_t stackBase, std::uintptr_t stackFloor) noexc
   treeNext_ = false;
   componentNext_ = false;
   closingNext_ = false;
+  closesKept_ = 0;
   stackBase_ = stackBase;
   stackFloor_ = stackFloor;
   outer_ = activeBudget;
@@ -68,7 +69,7 @@ bool CallBudget::Spent() noexcept {
   frame_.spent = own > limits.maxOwnTime ||
                  interruptedOwnTime_ + nestedOwnTime_ + own > limits.maxOwnTime * 2 ||
                  totalCalls_ >= limits.maxCollaboratorCalls * limits.nestedShare ||
-                 totalComponentCalls_ >= limits.maxCollaboratorCalls;
+                 totalComponentCalls_ + closesKept_ >= limits.maxCollaboratorCalls;
   return frame_.spent;
 }
 
@@ -103,10 +104,12 @@ bool CallBudget::BeginCollaboratorCall() noexcept {
     over = ++frame_.treeCalls > limits.maxTreeCalls;
     over = ++totalTreeCalls_ > limits.maxTreeCalls * limits.nestedShare || over;
   } else {
-    over = ++frame_.calls > limits.maxCollaboratorCalls;
-    over = ++totalCalls_ > limits.maxCollaboratorCalls * limits.nestedShare || over;
+    // The room kept for the closes of open dumps is theirs alone.
+    const int kept = closing ? 0 : closesKept_;
+    over = ++frame_.calls + kept > limits.maxCollaboratorCalls;
+    over = ++totalCalls_ + kept > limits.maxCollaboratorCalls * limits.nestedShare || over;
     if (onComponent)
-      over = ++totalComponentCalls_ > limits.maxCollaboratorCalls || over;
+      over = ++totalComponentCalls_ + kept > limits.maxCollaboratorCalls || over;
   }
   if (over && !closing) {
     frame_.spent = true;
@@ -154,7 +157,8 @@ CallBudget::Scope::~Scope() {
     const bool wholeSpent = budget_->totalCalls_ >= budget_->limits.maxCollaboratorCalls *
                                                         budget_->limits.nestedShare ||
                             budget_->nestedOwnTime_ > budget_->limits.maxOwnTime * 2 ||
-                            budget_->totalComponentCalls_ >= budget_->limits.maxCollaboratorCalls;
+                            budget_->totalComponentCalls_ + budget_->closesKept_ >=
+                                budget_->limits.maxCollaboratorCalls;
     budget_->interruptedOwnTime_ -= interruptedOwn_;
     budget_->frame_ = interrupted_;
     budget_->frame_.spent = budget_->frame_.spent || wholeSpent;

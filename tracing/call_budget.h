@@ -104,6 +104,10 @@ class CallBudget {
   // The next collaborator call, and only that one, is made even when the budget is spent: the
   // close of a dump whose opening reached the component.
   void AllowNextCallWhenSpent(bool allow) noexcept { closingNext_ = allow; }
+  // Room for the close of a dump, kept from before its opening is asked until the close: other
+  // calls may not take it, so that the close too stays within the calls on the component.
+  void KeepRoomForClose() noexcept { ++closesKept_; }
+  void ReleaseRoomForClose() noexcept { closesKept_ -= closesKept_ > 0 ? 1 : 0; }
 
   // The budget of the outside call running on this thread, or none outside any.
   static CallBudget* Active() noexcept;
@@ -157,6 +161,7 @@ class CallBudget {
   bool treeNext_ = false;
   bool componentNext_ = false;
   bool closingNext_ = false;
+  int closesKept_ = 0;
   std::uintptr_t stackBase_ = 0;
   std::uintptr_t stackFloor_ = 0;
   CallBudget* outer_ = nullptr;

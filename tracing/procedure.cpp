@@ -6,10 +6,7 @@
 #include "tracing/vbw_protector.h"
 
 namespace tabforge::tracing {
-namespace {
 
-// The failure in flight, whatever was thrown: the core throws `Failure`, and anything else that
-// reaches the runner becomes a failure too, so that nothing leaves a procedure as an exception.
 Failure CurrentFailure() noexcept {
   try {
     throw;
@@ -22,7 +19,11 @@ Failure CurrentFailure() noexcept {
   }
 }
 
-}  // namespace
+bool Frame::Refuse(Failure& refused) {
+  refused = Failure{static_cast<std::int32_t>(RunTimeError::kOutOfStackSpace),
+                    DescribeRunTimeError(RunTimeError::kOutOfStackSpace)};
+  return false;
+}
 
 void ParameterText::Separate() {
   text_ += any_ ? u", " : u"(";
@@ -48,7 +49,8 @@ Utf16String ParameterText::Finish() && {
 }
 
 void LocalReport::AddVariable(Utf16View name, const Variant& value) {
-  protector_.vbwReportVariable(name, value, 0);
+  if (!protector_.budget.Spent())
+    protector_.vbwReportVariable(name, value, 0);
 }
 
 void LocalReport::AddText(Utf16View text) {
@@ -61,8 +63,7 @@ void Frame::EnterWithParameterText(ParameterList parameters) {
   protector_.vbwProcIn(info_.qualifiedName, std::move(text).Finish());
 }
 
-bool Frame::Recover(LocalList locals) noexcept {
-  const Failure failure = CurrentFailure();
+bool Frame::Recover(const Failure& failure, LocalList locals) noexcept {
   switch (body_.mode_) {
     case FailureMode::kPassOver:
       body_.resume_ = body_.Next();
@@ -145,34 +146,43 @@ Frame::Resolution Frame::Tail(const Failure& failure, LocalList locals) noexcept
 // Each section starts with its banner, written here so that no module's report has to.
 void Frame::DumpStep(LocalList locals) noexcept {
   VbwProtector& protector = protector_;
+  // The close's call is kept before the opening is asked, so that an opening that the budget
+  // allows always leaves room for its close.
+  protector.budget.KeepRoomForClose();
   const bool opened = protector.vbwOpenDumpFile();
+  if (!opened)
+    protector.budget.ReleaseRoomForClose();
   const Ref<Object> opener = opened ? protector.ErrorComponent() : nullptr;
-  protector.vbwReportToFile(Utf16String(kLocalBanner));
   // The reports of a section have no failure handling of their own. A failure in one (a platform
   // object that the machine lacks, say) costs the rest of that section; the dump goes on with the
-  // next section and is always closed, so the component is never left with an open file.
-  try {
+  // next section and is always closed, so the component is never left with an open file. Once the
+  // outside call's budget is spent no report can reach the component and each would fail unheard,
+  // so the sections left are left out, at every level of dumps nested in failures, and only the
+  // close is made.
+  const auto section = [&](Utf16View banner, FunctionRef<void()> reports) {
+    if (protector.budget.Spent())
+      return;
+    protector.vbwReportToFile(Utf16String(banner));
+    try {
+      reports();
+    } catch (...) {
+    }
+  };
+  section(kLocalBanner, [&] {
     LocalReport report(protector);
     locals(report);
-  } catch (...) {
-  }
-  try {
-    protector.vbwReportToFile(Utf16String(kModuleBanner));
-    module_.ReportModuleVariables();
-  } catch (...) {
-  }
-  try {
-    protector.vbwReportToFile(Utf16String(kGlobalBanner));
-    protector.vbwReportGlobalVariables();
-  } catch (...) {
-  }
+  });
+  section(kModuleBanner, [&] { module_.ReportModuleVariables(); });
+  section(kGlobalBanner, [&] { protector.vbwReportGlobalVariables(); });
   // A dump that the component opened is closed even when the budget ran out while it was written:
   // the one call the spent budget still allows.
   // The close goes to the component that opened the dump, also when a failing report's tail has
   // let it go meanwhile.
-  protector.budget.AllowNextCallWhenSpent(opened);
-  if (opened)
+  if (opened) {
+    protector.budget.ReleaseRoomForClose();
     protector.RestoreErrorComponent(opener);
+  }
+  protector.budget.AllowNextCallWhenSpent(opened);
   protector.vbwCloseDumpFile();
   protector.budget.AllowNextCallWhenSpent(false);
 }

@@ -1,6 +1,7 @@
 #include "tracing/vbw_protector.h"
 
 #include <limits>
+#include <utility>
 #include <vector>
 
 #include "tracing/call_by_name.h"
@@ -376,19 +377,28 @@ void VbwProtector::vbwReportModuleVariables() {
   vbwReportVariable(u"vbwSystemInfo", vbwSystemInfo, 0);
   vbwReportVariable(u"vbwScreenshot", vbwScreenshot, 0);
   vbwReportVariable(u"mStackCalls", mStackCalls, 0);
-  vbwReportVariable(
-      u"mStack", Variant(VarType::VT_BSTR, mStackAllocated ? MakeArray(StackNames(), 1) : nullptr),
-      0);
+  if (!budget.Spent()) {
+    vbwReportVariable(
+        u"mStack",
+        Variant(VarType::VT_BSTR, mStackAllocated ? MakeArray(StackNames(), 1) : nullptr), 0);
+  }
   vbwReportVariable(u"mErrorParams", Variant(mErrorParams), 0);
 }
 
 void VbwProtector::vbwReportGlobalVariables() {
   vbwReportVariable(u"vbwProtector.vbwTraceProc", vbwTraceProc, 0);
   vbwReportVariable(u"vbwProtector.vbwTraceParameters", vbwTraceParameters, 0);
-  vbwReportObject(u"VB.App", RuntimeObject(u"App"), 0);
-  vbwReportObject(u"Err", RuntimeObject(u"Err"), 0);
-  vbwReportObject(u"VB.Screen", RuntimeObject(u"Screen"), 0);
-  vbwReportObject(u"VB.Printer", RuntimeObject(u"Printer"), 0);
+  // The run time's objects are made only while their report can still reach the component: the
+  // printer's name is a question to the spooler, and a failure deep in nested dumps may ask it
+  // once for every dump.
+  constexpr std::pair<const char16_t*, const char16_t*> kObjects[] = {{u"VB.App", u"App"},
+                                                                      {u"Err", u"Err"},
+                                                                      {u"VB.Screen", u"Screen"},
+                                                                      {u"VB.Printer", u"Printer"}};
+  for (const auto& [label, name] : kObjects) {
+    if (!budget.Spent())
+      vbwReportObject(label, RuntimeObject(name), 0);
+  }
 }
 
 Ref<Object> VbwProtector::RuntimeObject(Utf16View name) {

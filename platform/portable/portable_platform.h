@@ -47,7 +47,12 @@ class PortableObjectFactory final : public ObjectFactory {
 class PortableSystemFacts final : public SystemFacts {
  public:
   ScreenSize Screen() const override { return screen_; }
-  std::optional<Utf16String> DefaultPrinter() const override { return printer_; }
+  std::optional<Utf16String> DefaultPrinter() const override {
+    ++printerQuestions_;
+    return printer_;
+  }
+  // How often the printer was asked for: a question to the spooler on a real machine.
+  int printerQuestions() const { return printerQuestions_; }
   // The thread's own floor, unless a test has set one to stand for a host that has used most of
   // its stack before it called.
   std::uintptr_t StackFloor() const override;
@@ -56,6 +61,7 @@ class PortableSystemFacts final : public SystemFacts {
  private:
   ScreenSize screen_{1024, 768};
   std::optional<Utf16String> printer_;
+  mutable int printerQuestions_ = 0;
   std::uintptr_t stackFloor_ = 0;
   mutable pthread_t cachedThread_{};
   mutable std::uintptr_t cachedFloor_ = 0;
