@@ -6,7 +6,10 @@
 #include "tracing/vbw_protector.h"
 
 namespace tabforge::tracing {
+namespace {
 
+// The failure in flight, whatever was thrown: the core throws `Failure`, and anything else that
+// reaches the runner becomes a failure too, so that nothing leaves a procedure as an exception.
 Failure CurrentFailure() noexcept {
   try {
     throw;
@@ -19,11 +22,7 @@ Failure CurrentFailure() noexcept {
   }
 }
 
-bool Frame::Refuse(Failure& refused) {
-  refused = Failure{static_cast<std::int32_t>(RunTimeError::kOutOfStackSpace),
-                    DescribeRunTimeError(RunTimeError::kOutOfStackSpace)};
-  return false;
-}
+}  // namespace
 
 void ParameterText::Separate() {
   text_ += any_ ? u", " : u"(";
@@ -63,7 +62,8 @@ void Frame::EnterWithParameterText(ParameterList parameters) {
   protector_.vbwProcIn(info_.qualifiedName, std::move(text).Finish());
 }
 
-bool Frame::Recover(const Failure& failure, LocalList locals) noexcept {
+bool Frame::Recover(LocalList locals) noexcept {
+  const Failure failure = CurrentFailure();
   switch (body_.mode_) {
     case FailureMode::kPassOver:
       body_.resume_ = body_.Next();

@@ -6,10 +6,6 @@
 
 namespace tabforge::tracing {
 
-// The failure in flight, whatever was thrown: the core throws `Failure`, and anything else that
-// reaches the runner becomes a failure too, so that nothing leaves a procedure as an exception.
-Failure CurrentFailure() noexcept;
-
 // Runner state of one run of one procedure.
 class Frame {
  public:
@@ -27,11 +23,8 @@ class Frame {
   Body& body() noexcept { return body_; }
   bool entered() const noexcept { return entered_; }
 
-  // Entry: arms the tail, then tracks the entry behind the trace switches. False, with the
-  // failure in `refused`, when the entry is refused: that is said without an exception, since a
-  // host deep in its stack may have every report of a dump refused, and each throw costs more
-  // than the rest of the refusal together.
-  bool Enter(ParameterList parameters, Failure& refused) {
+  // Entry: arms the tail, then tracks the entry behind the trace switches.
+  void Enter(ParameterList parameters) {
     entered_ = true;
     body_.mode_ = FailureMode::kArmed;
     body_.step_ = 0;
@@ -42,14 +35,14 @@ class Frame {
     const std::size_t slack =
         info_.form == Instrumentation::kTracked ? 0 : protector_.budget.limits.tailStackBytes;
     if (protector_.budget.StackExhausted(TABFORGE_STACK_HERE(), slack)) [[unlikely]] {
-      return Refuse(refused);
+      Raise(RunTimeError::kOutOfStackSpace);
     }
     if (info_.form != Instrumentation::kTracked || !IsTrue(protector_.vbwTraceProc))
-      return true;
+      return;
     // A refused entry counts nothing and has no exit to balance, so a retry of it, however often
     // it is answered, leaves the depth as it was.
     if (protector_.Depth() >= protector_.limits.maxNestedProcedures) [[unlikely]] {
-      return Refuse(refused);
+      Raise(RunTimeError::kOutOfStackSpace);
     }
     if (IsTrue(protector_.vbwTraceParameters)) [[unlikely]] {
       EnterWithParameterText(parameters);
@@ -57,12 +50,11 @@ class Frame {
       protector_.vbwProcIn(info_.qualifiedName, {});
     }
     tracked_ = true;
-    return true;
   }
 
-  // Deals with `failure` by the current mode; true when the body is to run again from
-  // `body().Resume()`, false when the procedure leaves.
-  bool Recover(const Failure& failure, LocalList locals) noexcept;
+  // Deals with the failure in flight by the current mode; true when the body is to run again
+  // from `body().Resume()`, false when the procedure leaves.
+  bool Recover(LocalList locals) noexcept;
 
   // The last exit: exit tracking, for an entry that was tracked.
   void Leave() noexcept {
@@ -73,7 +65,6 @@ class Frame {
  private:
   enum class Resolution { kRetry, kContinue, kLeave };
   void EnterWithParameterText(ParameterList parameters);
-  static bool Refuse(Failure& refused);
   Resolution Tail(const Failure& failure, LocalList locals) noexcept;
   void DumpStep(LocalList locals) noexcept;
 
@@ -93,21 +84,15 @@ void Run(const Module& module, const ProcedureInfo& info, Parameters&& parameter
          Statements&& statements) noexcept {
   Frame frame(module, info);
   for (;;) {
-    // The failure is caught by its type, not read back by throwing it again: a failure costs
-    // one throw.
-    Failure failure;
     try {
-      if (frame.entered() || frame.Enter(parameters, failure)) {
-        statements(frame.body());
-        break;
-      }
-    } catch (Failure& thrown) {
-      failure = std::move(thrown);
-    } catch (...) {
-      failure = CurrentFailure();
-    }
-    if (!frame.Recover(failure, locals))
+      if (!frame.entered())
+        frame.Enter(parameters);
+      statements(frame.body());
       break;
+    } catch (...) {
+      if (!frame.Recover(locals))
+        break;
+    }
   }
   frame.Leave();
 }
