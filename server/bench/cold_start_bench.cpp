@@ -34,6 +34,7 @@
 
 #include "Tabforge_h.h"
 #include "server/bench/bench_check.h"
+#include "server/bench/stand_in_dispatch.h"
 #include "server/com_ptr.h"
 
 namespace {
@@ -89,31 +90,12 @@ std::map<int, std::string> ReadIcons(const std::wstring& folder) {
 
 // The template's signalling object: getToolbarIconBits(number) answers the icon's bytes as a
 // byte array, and writes down which icons it handed out.
-class Signaller final : public IDispatch {
+class Signaller final : public StandInDispatch {
  public:
   explicit Signaller(const std::map<int, std::string>& icons) : icons_(icons) {}
 
   std::vector<int> handedOut;
 
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
-    if (object == nullptr)
-      return E_POINTER;
-    if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IDispatch)) {
-      *object = nullptr;
-      return E_NOINTERFACE;
-    }
-    *object = static_cast<IDispatch*>(this);
-    AddRef();
-    return S_OK;
-  }
-  // Lives on the stack for the whole process: counted for form's sake only.
-  ULONG STDMETHODCALLTYPE AddRef() override { return ++references_; }
-  ULONG STDMETHODCALLTYPE Release() override { return --references_; }
-  HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override {
-    *count = 0;
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
   HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID,
                                           DISPID* ids) override {
     for (UINT i = 0; i < count; ++i)
@@ -147,7 +129,6 @@ class Signaller final : public IDispatch {
 
  private:
   const std::map<int, std::string>& icons_;
-  ULONG references_ = 1;
 };
 
 // What the first paint asks about one element of the document.

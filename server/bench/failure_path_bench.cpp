@@ -15,6 +15,7 @@
 
 #include "Tabforge_h.h"
 #include "server/bench/bench_check.h"
+#include "server/bench/stand_in_dispatch.h"
 #include "server/com_ptr.h"
 #include "server/registry_entries.h"
 
@@ -73,7 +74,7 @@ constexpr Kind kKinds[] = {
 
 // The error component "MorvelinError.Main2": answers at once, counts its calls and its open dumps,
 // and keeps nothing it is handed.
-class InstantComponent final : public IDispatch, public IClassFactory {
+class InstantComponent final : public StandInDispatch, public IClassFactory {
  public:
   InstantComponent() {
     Check(::CoRegisterClassObject(kClsid, static_cast<IClassFactory*>(this), CLSCTX_INPROC_SERVER,
@@ -87,24 +88,14 @@ class InstantComponent final : public IDispatch, public IClassFactory {
     ::RegDeleteTreeW(HKEY_CLASSES_ROOT, L"MorvelinError.Main2");
   }
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
-    if (IsEqualIID(riid, IID_IClassFactory))
-      *out = static_cast<IClassFactory*>(this);
-    else if (IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IDispatch))
-      *out = static_cast<IDispatch*>(this);
-    else
-      *out = nullptr;
-    if (*out == nullptr)
-      return E_NOINTERFACE;
+    if (!IsEqualIID(riid, IID_IClassFactory))
+      return StandInDispatch::QueryInterface(riid, out);
+    *out = static_cast<IClassFactory*>(this);
     AddRef();
     return S_OK;
   }
-  ULONG STDMETHODCALLTYPE AddRef() override { return ++references_; }
-  ULONG STDMETHODCALLTYPE Release() override { return --references_; }
-  HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override {
-    *count = 0;
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
+  ULONG STDMETHODCALLTYPE AddRef() override { return StandInDispatch::AddRef(); }
+  ULONG STDMETHODCALLTYPE Release() override { return StandInDispatch::Release(); }
   HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID,
                                           DISPID* ids) override {
     if (names == nullptr || ids == nullptr || count != 1 || names[0] == nullptr)
@@ -159,7 +150,6 @@ class InstantComponent final : public IDispatch, public IClassFactory {
   // {3E0B6A41-92C7-4D58-A1F3-6C2E8B0D4F17}
   static constexpr CLSID kClsid = {
       0x3e0b6a41, 0x92c7, 0x4d58, {0xa1, 0xf3, 0x6c, 0x2e, 0x8b, 0x0d, 0x4f, 0x17}};
-  ULONG references_ = 1;
   DWORD cookie_ = 0;
   int depth_ = 0;
 };
@@ -197,22 +187,8 @@ HRESULT InstantComponent::Answer(DISPPARAMS* params, VARIANT* result) {
 }
 
 // A host object that fails every call: the signalling object whose macros all fail, and the ribbon.
-class Failing final : public IDispatch {
+class Failing final : public StandInDispatch {
  public:
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** out) override {
-    *out = IsEqualIID(riid, IID_IUnknown) || IsEqualIID(riid, IID_IDispatch) ? this : nullptr;
-    if (*out == nullptr)
-      return E_NOINTERFACE;
-    AddRef();
-    return S_OK;
-  }
-  ULONG STDMETHODCALLTYPE AddRef() override { return ++references_; }
-  ULONG STDMETHODCALLTYPE Release() override { return --references_; }
-  HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override {
-    *count = 0;
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) override { return E_NOTIMPL; }
   HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT count, LCID,
                                           DISPID* ids) override {
     for (UINT i = 0; ids != nullptr && i < count; ++i)
@@ -223,9 +199,6 @@ class Failing final : public IDispatch {
                                    UINT*) override {
     return static_cast<HRESULT>(0x800A01C2);  // run-time error 450, wrong number of arguments
   }
-
- private:
-  ULONG references_ = 1;
 };
 
 // A failing call of the host: a label of no control, a picture past the table, a press of a button
